@@ -1,0 +1,148 @@
+#include "pelmora/common/codepage.h"
+
+#include <iconv.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <mutex>
+#include <shared_mutex>
+
+namespace pelmora {
+namespace {
+
+// Turns "1252" into "CP1252"; names pass through.
+std::string IconvName(std::string_view code_page) {
+  bool digits = !code_page.empty();
+  for (char c : code_page) digits = digits && c >= '0' && c <= '9';
+  if (!digits) return std::string(code_page);
+  if (code_page == "65001") return "UTF-8";
+  return "CP" + std::string(code_page);
+}
+
+bool Supported(const std::string& name) {
+  iconv_t cd = iconv_open("UTF-8", name.c_str());
+  if (cd == reinterpret_cast<iconv_t>(-1)) return false;
+  iconv_close(cd);
+  return true;
+}
+
+struct CodePageSetting {
+  std::shared_mutex mutex;
+  std::string name;
+  CodePageSetting() {
+    const char* env = std::getenv("PELMORA_ANSI_CODEPAGE");
+    std::string from_env = env ? IconvName(env) : std::string();
+    name = !from_env.empty() && Supported(from_env) ? from_env : "CP1252";
+  }
+};
+
+CodePageSetting& Setting() {
+  static CodePageSetting setting;
+  return setting;
+}
+
+// An iconv descriptor owned for one conversion.
+class Converter {
+ public:
+  Converter(const std::string& to, const std::string& from) : cd_(iconv_open(to.c_str(), from.c_str())) {}
+  ~Converter() {
+    if (ok()) iconv_close(cd_);
+  }
+  Converter(const Converter&) = delete;
+  Converter& operator=(const Converter&) = delete;
+  bool ok() const { return cd_ != reinterpret_cast<iconv_t>(-1); }
+  iconv_t get() const { return cd_; }
+
+ private:
+  iconv_t cd_;
+};
+
+// Length of the UTF-8 sequence starting with `lead`, 1 for a stray byte.
+size_t Utf8SequenceLength(unsigned char lead) {
+  if (lead >= 0xF0 && lead <= 0xF4) return 4;
+  if (lead >= 0xE0) return lead <= 0xEF ? 3 : 1;
+  if (lead >= 0xC2) return 2;
+  return 1;
+}
+
+// Converts with iconv, replacing each input unit it cannot convert by `replacement` and skipping
+// `skip(input)` bytes of input for it.
+template <typename Skip>
+std::string Convert(const std::string& to, const std::string& from, std::string_view input,
+                    std::string_view replacement, Skip skip) {
+  Converter conv(to, from);
+  if (!conv.ok()) return std::string(input);
+  std::string out;
+  out.reserve(input.size() * 2 + 8);
+  char* in_ptr = const_cast<char*>(input.data());
+  size_t in_left = input.size();
+  char buffer[4096];
+  while (in_left > 0) {
+    char* out_ptr = buffer;
+    size_t out_left = sizeof(buffer);
+    size_t rc = iconv(conv.get(), &in_ptr, &in_left, &out_ptr, &out_left);
+    int err = errno;
+    out.append(buffer, out_ptr - buffer);
+    if (rc != static_cast<size_t>(-1)) break;
+    if (err == E2BIG) continue;
+    // EILSEQ or EINVAL: an input unit that has no equivalent or is cut short.
+    out.append(replacement);
+    size_t n = std::min(in_left, skip(std::string_view(in_ptr, in_left)));
+    in_ptr += n;
+    in_left -= n;
+  }
+  return out;
+}
+
+}  // namespace
+
+bool SetAnsiCodePage(std::string_view code_page) {
+  std::string name = IconvName(code_page);
+  if (name.empty() || !Supported(name)) return false;
+  std::unique_lock lock(Setting().mutex);
+  Setting().name = name;
+  return true;
+}
+
+std::string AnsiCodePage() {
+  std::shared_lock lock(Setting().mutex);
+  return Setting().name;
+}
+
+std::string AnsiToUtf8(std::string_view ansi) {
+  return Convert("UTF-8", AnsiCodePage(), ansi, "?", [](std::string_view rest) {
+    // A lead byte of a double-byte code page may be cut short; skip one byte either way.
+    return size_t{1};
+  });
+}
+
+std::string Utf8ToAnsi(std::string_view utf8) {
+  return Convert(AnsiCodePage(), "UTF-8", utf8, "?", [](std::string_view rest) {
+    return Utf8SequenceLength(static_cast<unsigned char>(rest[0]));
+  });
+}
+
+std::string Utf8ToUtf16Le(std::string_view utf8) {
+  return Convert("UTF-16LE", "UTF-8", utf8, std::string_view("\xFD\xFF", 2), [](std::string_view) {
+    return size_t{1};
+  });
+}
+
+std::string Utf16LeToUtf8(std::string_view utf16le) {
+  return Convert("UTF-8", "UTF-16LE", utf16le, "\xEF\xBF\xBD", [](std::string_view) {
+    return size_t{2};
+  });
+}
+
+size_t Utf16Length(std::string_view utf8) {
+  size_t units = 0;
+  for (size_t i = 0; i < utf8.size();) {
+    size_t n = Utf8SequenceLength(static_cast<unsigned char>(utf8[i]));
+    units += n == 4 ? 2 : 1;
+    i += n;
+  }
+  return units;
+}
+
+}  // namespace pelmora

@@ -1,0 +1,1 @@
+// Keeps the test fixture library non-empty while it has no fixtures of its own.
