@@ -16,8 +16,8 @@ namespace pelmora::testing {
 struct ScriptedPeer::Step {
   enum Kind { kReceive, kSend, kReply, kReceiveUntilClosed, kStall, kClose } kind;
   size_t count = 0;
-  Bytes bytes;
-  std::function<Bytes(const std::vector<Bytes>&)> reply;
+  Bytes bytes{};
+  std::function<Bytes(const std::vector<Bytes>&)> reply{};
   bool reset = false;
 };
 
