@@ -83,12 +83,14 @@ bool CreateFolder(const std::string& path) {
 bool CreateFolderPath(std::string_view file_path) {
   size_t last = file_path.rfind('/');
   if (last == std::string_view::npos) return true;
+  std::string folder(file_path.substr(0, last == 0 ? 1 : last));
+  if (FolderExists(folder)) return true;  // the usual case: one stat instead of a mkdir per level
   for (size_t pos = file_path.find('/', 1); pos != std::string_view::npos && pos < last;
        pos = file_path.find('/', pos + 1)) {
     // An existing folder (or a ".." step) fails with EEXIST; anything else shows at the end.
     mkdir(std::string(file_path.substr(0, pos)).c_str(), 0755);
   }
-  return CreateFolder(std::string(file_path.substr(0, last == 0 ? 1 : last)));
+  return CreateFolder(folder);
 }
 
 bool AppendToFile(const std::string& path, std::string_view bytes) {
