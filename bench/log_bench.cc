@@ -1,14 +1,13 @@
 // WriteLog and WriteLogFile next to their plain peer: the same line appended with
 // open(O_APPEND) + write + close to a file in the same scratch folder. The ratio of their
 // items_per_second is the cost of the writers' folder tests, formatting and cleaning.
+#include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <string>
-
-#include <benchmark/benchmark.h>
 
 #include "pelmora/common/log.h"
 #include "pelmora/common/system.h"
@@ -21,7 +20,8 @@ constexpr std::string_view kMessage = "** FolderExists /srv/data/reports exists"
 class Scratch {
  public:
   Scratch() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "pelmora-bench-XXXXXX").string();
+    std::string pattern =
+        (std::filesystem::temp_directory_path() / "pelmora-bench-XXXXXX").string();
     if (mkdtemp(pattern.data()) != nullptr) path_ = pattern;
     std::filesystem::create_directory(path_ + "/root");
     setenv("PELMORA_HOME", (path_ + "/lib").c_str(), 1);
@@ -68,8 +68,7 @@ BENCHMARK(BM_WriteLog);
 void BM_WriteLogFile(benchmark::State& state) {
   TheScratch();
   for (auto _ : state) {
-    benchmark::DoNotOptimize(
-        pelmora::WriteLogFile(-1, kMessage, "SocketClient", "RecvMessage", 4));
+    benchmark::DoNotOptimize(pelmora::WriteLogFile(-1, kMessage, "SocketClient", "RecvMessage", 4));
   }
   state.SetItemsProcessed(state.iterations());
 }

@@ -19,10 +19,14 @@ struct EntryKind {
 
 EntryKind KindOf(int32_t entry_type) {
   switch (entry_type) {
-    case kLogEntryError: return {'E', ".err"};
-    case kLogEntryWarning: return {'W', ".err"};
-    case kLogEntryInformation: return {'I', ".log"};
-    default: return {'U', ".err"};
+    case kLogEntryError:
+      return {'E', ".err"};
+    case kLogEntryWarning:
+      return {'W', ".err"};
+    case kLogEntryInformation:
+      return {'I', ".log"};
+    default:
+      return {'U', ".err"};
   }
 }
 
@@ -77,9 +81,9 @@ bool WriteLibraryLine(int32_t error_number, std::string_view message, std::strin
   std::string file = fmt::format("{}/../Log/{}/{}{}{}", library_folder, now.Format("yyyymm"),
                                  file_prefix, now.Format("yyyymmdd"), kind.extension);
   if (!internal::CreateFolderPath(file)) return false;
-  std::string line = fmt::format("{}`{}`{}`[{}:{}]`{}`{}`{}\r\n", stamp, kind.letter,
-                                 LocalComputerName(), module_name, procedure_name, detail_number,
-                                 error_number, CleanMessage(message));
+  std::string line =
+      fmt::format("{}`{}`{}`[{}:{}]`{}`{}`{}\r\n", stamp, kind.letter, LocalComputerName(),
+                  module_name, procedure_name, detail_number, error_number, CleanMessage(message));
   return internal::AppendToFile(file, line);
 }
 

@@ -1,5 +1,7 @@
 #include "pelmora/common/log.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -9,9 +11,6 @@
 #include <thread>
 #include <utility>
 #include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "pelmora/common/internal/log_test_support.h"
 #include "pelmora/common/system.h"
@@ -102,19 +101,21 @@ TEST_F(LogTest, EntryTypesChooseTheLetterAndTheDayFile) {
     char letter;
     std::string_view extension;
   };
-  for (Case c : {Case{4, 'I', ".log"}, Case{1, 'E', ".err"}, Case{2, 'W', ".err"},
-                 Case{3, 'U', ".err"}, Case{0, 'U', ".err"}, Case{99, 'U', ".err"},
-                 Case{-4, 'U', ".err"}}) {
+  for (Case c :
+       {Case{4, 'I', ".log"}, Case{1, 'E', ".err"}, Case{2, 'W', ".err"}, Case{3, 'U', ".err"},
+        Case{0, 'U', ".err"}, Case{99, 'U', ".err"}, Case{-4, 'U', ".err"}}) {
     SCOPED_TRACE(c.entry_type);
     fs::remove_all(root_ + "/200903");
     fs::remove_all(scratch_.Path() + "/home");
     ASSERT_TRUE(WriteLog(1, "m", "Mod", "Proc", c.entry_type));
     ASSERT_TRUE(WriteLogFile(-1, "m", "Mod", "Proc", c.entry_type));
     std::string other = c.extension == ".log" ? ".err" : ".log";
-    EXPECT_EQ(ReadWholeFile(DayFile(c.extension)),
-              "2009-03-14 08:05:09," + std::string(1, c.letter) + "," + host_ + ",[Mod:Proc],m\r\n");
-    EXPECT_EQ(ReadWholeFile(LibraryDayFile("20090314" + std::string(c.extension))),
-              "2009-03-14 08:05:09`" + std::string(1, c.letter) + "`" + host_ + "`[Mod:Proc]`0`-1`m\r\n");
+    EXPECT_EQ(
+        ReadWholeFile(DayFile(c.extension)),
+        "2009-03-14 08:05:09," + std::string(1, c.letter) + "," + host_ + ",[Mod:Proc],m\r\n");
+    EXPECT_EQ(
+        ReadWholeFile(LibraryDayFile("20090314" + std::string(c.extension))),
+        "2009-03-14 08:05:09`" + std::string(1, c.letter) + "`" + host_ + "`[Mod:Proc]`0`-1`m\r\n");
     EXPECT_FALSE(fs::exists(DayFile(other)));
     EXPECT_FALSE(fs::exists(LibraryDayFile("20090314" + other)));
   }
@@ -122,9 +123,9 @@ TEST_F(LogTest, EntryTypesChooseTheLetterAndTheDayFile) {
 
 TEST_F(LogTest, WriteLogLineHasCommaSeparatedFields) {
   ASSERT_TRUE(WriteLog(3, "** FolderExists C:\\Data, yes", "RSFSO", "FolderExists", 4));
-  EXPECT_EQ(ReadWholeFile(DayFile(".log")),
-            "2009-03-14 08:05:09,I," + host_ +
-                ",[RSFSO:FolderExists],** FolderExists C:\\Data, yes\r\n");
+  EXPECT_EQ(
+      ReadWholeFile(DayFile(".log")),
+      "2009-03-14 08:05:09,I," + host_ + ",[RSFSO:FolderExists],** FolderExists C:\\Data, yes\r\n");
 }
 
 TEST_F(LogTest, WriteLogFileLineHasBackQuoteSeparatedFieldsWithBothNumbers) {
@@ -143,10 +144,11 @@ TEST_F(LogTest, MessagesAreCleanedTheSameWayByBothWriters) {
     std::string_view written;
   };
   const Case kCases[] = {
-      {"a`b\r\nc", "a'b c"},      {"a\nb", "a\nb"},           {"a\rb", "a\rb"},
-      {"\n\r", "\n\r"},           {"\r\r\n\n", "\r \n"},      {"\r\n\r\n", "  "},
-      {"``", "''"},               {"", ""},                   {"x\r", "x\r"},
-      {std::string_view("a\0b", 3), std::string_view("a\0b", 3)},
+      {"a`b\r\nc", "a'b c"}, {"a\nb", "a\nb"},
+      {"a\rb", "a\rb"},      {"\n\r", "\n\r"},
+      {"\r\r\n\n", "\r \n"}, {"\r\n\r\n", "  "},
+      {"``", "''"},          {"", ""},
+      {"x\r", "x\r"},        {std::string_view("a\0b", 3), std::string_view("a\0b", 3)},
   };
   for (const Case& c : kCases) {
     SCOPED_TRACE(testing::PrintToString(std::string(c.message)));
@@ -273,7 +275,9 @@ void ExpectEveryLineIntact(const std::optional<std::string>& content, const std:
     int writer = -1;
     int number = -1;
     ASSERT_EQ(sscanf(line.c_str() + std::min(line.size(), head.size()), "writer %d line %d",
-                     &writer, &number), 2) << line;
+                     &writer, &number),
+              2)
+        << line;
     EXPECT_EQ(line, head + ConcurrentMessage(writer, number));
     EXPECT_TRUE(seen.emplace(writer, number).second) << "repeated: " << line;
     start = end + 2;

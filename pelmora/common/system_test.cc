@@ -1,5 +1,7 @@
 #include "pelmora/common/system.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cmath>
@@ -7,9 +9,6 @@
 #include <filesystem>
 #include <optional>
 #include <string>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "pelmora/common/internal/log_test_support.h"
 
