@@ -47,6 +47,22 @@ TEST(Credentials, BytesOutsideThePrintableRangeAreUnchanged) {
   EXPECT_EQ(EncodeCredential("a\nb"), EncodeCredential("a") + "\n" + EncodeCredential("b"));
 }
 
+#include "pelmora/admin/built_in_secrets_expected.inc"
+
+std::string FromHex(std::string_view hex) {
+  std::string text;
+  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
+    text.push_back(static_cast<char>(std::stoi(std::string(hex.substr(i, 2)), nullptr, 16)));
+  }
+  return text;
+}
+
+TEST(BuiltInSecrets, AreTheConfiguredValues) {
+  EXPECT_EQ(internal::BuiltInAccount(), FromHex(kExpectedAccountHex));
+  EXPECT_EQ(internal::BuiltInPassword(), FromHex(kExpectedPasswordHex));
+  EXPECT_EQ(internal::BuiltInAccessCode(), FromHex(kExpectedAccessCodeHex));
+}
+
 TEST(BuiltInSecrets, AreNonEmptyPrintableAndDistinct) {
   for (const std::string& secret :
        {internal::BuiltInAccount(), internal::BuiltInPassword(), internal::BuiltInAccessCode()}) {
