@@ -1,7 +1,7 @@
 // Fuzzes the command reply parser (status and output replies, unknown kinds).
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <algorithm>
 #include <span>
 #include <string>
 #include <vector>

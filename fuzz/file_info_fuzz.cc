@@ -1,7 +1,7 @@
 // Fuzzes the file-information record, listing and transfer size message parsers.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <algorithm>
 #include <span>
 #include <string>
 #include <vector>

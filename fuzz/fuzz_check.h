@@ -6,12 +6,12 @@
 #include <cstdio>
 #include <cstdlib>
 
-#define PELMORA_FUZZ_CHECK(condition)                                              \
-  do {                                                                             \
-    if (!(condition)) {                                                            \
+#define PELMORA_FUZZ_CHECK(condition)                                                    \
+  do {                                                                                   \
+    if (!(condition)) {                                                                  \
       std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition); \
-      std::abort();                                                                \
-    }                                                                              \
+      std::abort();                                                                      \
+    }                                                                                    \
   } while (false)
 
 #endif  // PELMORA_FUZZ_FUZZ_CHECK_H_

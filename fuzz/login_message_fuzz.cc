@@ -1,7 +1,7 @@
 // Fuzzes the login message parser with the credential decoding the service applies after it.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <algorithm>
 #include <span>
 #include <string>
 #include <vector>

@@ -1,8 +1,8 @@
 // Fuzzes the request block parser the service runs on every request: a parsed block must rebuild
 // to bytes that parse to the same block, and its arguments must decode as text.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <algorithm>
 #include <span>
 #include <string>
 #include <vector>

@@ -1,8 +1,8 @@
 // Fuzzes the result reply parser and its builder: a parsed failure reply rebuilds to one that
 // parses to the same code.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <algorithm>
 #include <span>
 #include <string>
 #include <vector>

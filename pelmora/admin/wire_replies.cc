@@ -67,8 +67,7 @@ std::int32_t CommandRequestTotal(std::string_view command_utf8) {
   return static_cast<std::int32_t>(Utf8ToAnsi(command_utf8).size()) + 15;
 }
 
-std::vector<std::uint8_t> BuildCommandRequest(std::string_view command_utf8,
-                                              std::int32_t timeout) {
+std::vector<std::uint8_t> BuildCommandRequest(std::string_view command_utf8, std::int32_t timeout) {
   std::vector<std::vector<std::uint8_t>> args = {CommandArgument(command_utf8), {}};
   AppendInt32(args[1], timeout);
   return BuildRequestBlock(RequestCode::kSyncCreateProcess, args);

@@ -72,18 +72,26 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         CommandReplyCase{"Status9000", {0, 0, 0, 0, 0x28, 0x23, 0, 0}, true, K::kStatus, 9000, ""},
         CommandReplyCase{"UnknownStatus", {0, 0, 0, 0, 7, 0, 0, 0}, true, K::kStatus, 7, ""},
-        CommandReplyCase{"Output", {1, 0, 0, 0, 3, 0, 0, 0, 'a', 0xFC, '\n', 0}, true, K::kOutput,
-                         0, "a\xC3\xBC\n"},
+        CommandReplyCase{"Output",
+                         {1, 0, 0, 0, 3, 0, 0, 0, 'a', 0xFC, '\n', 0},
+                         true,
+                         K::kOutput,
+                         0,
+                         "a\xC3\xBC\n"},
         CommandReplyCase{"EmptyOutput", {1, 0, 0, 0, 0, 0, 0, 0}, true, K::kOutput, 0, ""},
         CommandReplyCase{"UnknownKind", {2, 0, 0, 0}, true, K::kOther, 0, ""},
         CommandReplyCase{"Empty", {}, false, K::kOther, 0, ""},
         CommandReplyCase{"TruncatedKind", {0, 0, 0}, false, K::kOther, 0, ""},
         CommandReplyCase{"TruncatedStatus", {0, 0, 0, 0, 0x28}, false, K::kOther, 0, ""},
-        CommandReplyCase{"NegativeOutputLength", {1, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}, false,
-                         K::kOther, 0, ""},
+        CommandReplyCase{
+            "NegativeOutputLength", {1, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}, false, K::kOther, 0, ""},
         CommandReplyCase{"OutputPastEnd", {1, 0, 0, 0, 4, 0, 0, 0, 'a'}, false, K::kOther, 0, ""},
-        CommandReplyCase{"HugeOutputLength", {1, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0x7F, 'a'}, false,
-                         K::kOther, 0, ""}),
+        CommandReplyCase{"HugeOutputLength",
+                         {1, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0x7F, 'a'},
+                         false,
+                         K::kOther,
+                         0,
+                         ""}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST(CommandReply, BuildsStatusAndOutputReplies) {
@@ -128,7 +136,8 @@ void ExpectSameRecord(const FileInfoRecord& a, const FileInfoRecord& b) {
 TEST(FileInfoRecord, LayoutRoundTripsAndIgnoresPadding) {
   Bytes bytes = BuildFileInfoRecord(SampleRecord());
   ASSERT_EQ(bytes.size(), 44u + 16 + 32 + 14);
-  EXPECT_EQ(Bytes(bytes.begin(), bytes.begin() + 12), (Bytes{0x20, 0, 0, 0, 0, 0xF2, 0x05, 0x2A, 1, 0, 0, 0}));
+  EXPECT_EQ(Bytes(bytes.begin(), bytes.begin() + 12),
+            (Bytes{0x20, 0, 0, 0, 0, 0xF2, 0x05, 0x2A, 1, 0, 0, 0}));
   EXPECT_EQ(Bytes(bytes.begin() + 32, bytes.begin() + 38), (Bytes{16, 0, 0, 0, 's', 0}));
   bytes.resize(1500, 0);
   auto parsed = ParseFileInfoRecord(bytes);
