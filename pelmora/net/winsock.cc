@@ -92,6 +92,12 @@ void WinSock::Raise(int32_t number) {
 
 void WinSock::RaiseSocketError(int error) { Raise(WsaErrorFromErrno(error)); }
 
+bool WinSock::RefusedWithoutSocket() {
+  if (handle_ != -1) return false;
+  last_error_ = sckNotConnected;
+  return true;
+}
+
 void WinSock::SetProtocol(SckProtocolConstants value) {
   if (value != sckTCPProtocol && value != sckUDPProtocol) Raise(sckInvalidPropertyValue);
   protocol_ = value;
@@ -125,10 +131,7 @@ void WinSock::DropReadAhead() {
 
 bool WinSock::GetSocketOption(SckOptionLevelConstants Level, SckOptionNameConstants OptName,
                               int32_t& OptVal) {
-  if (handle_ == -1) {
-    last_error_ = sckNotConnected;
-    return false;
-  }
+  if (RefusedWithoutSocket()) return false;
   SocketResult result = net_internal::ReadSocketOption(*api_, handle_, Level, OptName, OptVal);
   last_error_ = WsaErrorFromErrno(result.error);
   return result.ok();
@@ -136,10 +139,7 @@ bool WinSock::GetSocketOption(SckOptionLevelConstants Level, SckOptionNameConsta
 
 bool WinSock::SetSocketOption(SckOptionLevelConstants Level, SckOptionNameConstants OptName,
                               int32_t OptVal) {
-  if (handle_ == -1) {
-    last_error_ = sckNotConnected;
-    return false;
-  }
+  if (RefusedWithoutSocket()) return false;
   SocketResult result = net_internal::WriteSocketOption(*api_, handle_, Level, OptName, OptVal);
   last_error_ = WsaErrorFromErrno(result.error);
   return result.ok();

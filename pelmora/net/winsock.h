@@ -245,6 +245,8 @@ class WinSock {
  private:
   [[noreturn]] void Raise(int32_t number);
   void RaiseSocketError(int error);
+  // True, with last error 10057, when the object holds no socket.
+  bool RefusedWithoutSocket();
   int OpenSocket();
   int32_t ReceiveInto(uint8_t* out, int32_t size, int32_t& received);
   int32_t WaitReadable();

@@ -32,10 +32,7 @@ int32_t PollFailure(int64_t revents) { return (revents & POLLNVAL) != 0 ? sckNot
 
 int32_t WinSock::GetData(WinSockBuffer& Buffer, int32_t Size, SckDataTypeConstants DataType) {
   if ((DataType != sckString && DataType != sckByteArray) || Size < 1) Raise(sckInvalidArg);
-  if (handle_ == -1) {
-    last_error_ = sckNotConnected;
-    return sckNotConnected;
-  }
+  if (RefusedWithoutSocket()) return sckNotConnected;
   std::vector<uint8_t> bytes;
   try {
     bytes.assign(static_cast<size_t>(Size), 0);
@@ -136,10 +133,7 @@ int32_t WinSock::WaitReadable() {
 }
 
 int32_t WinSock::SendData(std::span<const uint8_t> Buffer) {
-  if (handle_ == -1) {
-    last_error_ = sckNotConnected;
-    return sckNotConnected;
-  }
+  if (RefusedWithoutSocket()) return sckNotConnected;
   last_error_ = Buffer.empty() ? 0 : SendAll(Buffer);
   return last_error_;
 }
