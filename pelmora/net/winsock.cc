@@ -81,7 +81,7 @@ WinSock& WinSock::operator=(WinSock&& other) noexcept {
   receive_timeout_ = other.receive_timeout_;
   read_ahead_ = std::move(other.read_ahead_);
   read_pos_ = std::exchange(other.read_pos_, 0);
-  other.read_ahead_.clear();
+  read_end_ = std::exchange(other.read_end_, 0);
   return *this;
 }
 
@@ -125,8 +125,8 @@ void WinSock::Disconnect() {
 }
 
 void WinSock::DropReadAhead() {
-  read_ahead_.clear();
   read_pos_ = 0;
+  read_end_ = 0;
 }
 
 bool WinSock::GetSocketOption(SckOptionLevelConstants Level, SckOptionNameConstants OptName,
