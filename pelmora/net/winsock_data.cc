@@ -47,8 +47,8 @@ int32_t WinSock::GetData(WinSockBuffer& Buffer, int32_t Size, SckDataTypeConstan
   if (DataType == sckByteArray) {
     Buffer = std::move(bytes);
   } else {
-    Buffer = AnsiToUtf8(
-        std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+    Buffer =
+        AnsiToUtf8(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
   }
   return result;
 }

@@ -1,12 +1,11 @@
 // WinSock's error paths, driven by a socket layer that fails chosen calls.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 
 #include <cerrno>
 #include <memory>
 #include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "pelmora/common/error.h"
 #include "pelmora/net/internal/winsock_test_util.h"
@@ -22,10 +21,10 @@ using net_internal::ConnectTo;
 using net_internal::IsOpen;
 using net_internal::ListenOnFreePort;
 using net_internal::Pattern;
+using ::testing::ElementsAre;
 using testing::FaultSocketApi;
 using testing::ScriptedPeer;
 using testing::SocketCall;
-using ::testing::ElementsAre;
 
 // A WinSock over a fault layer, connected to a scripted peer.
 class FaultyConnection : public ::testing::Test {
@@ -164,10 +163,8 @@ TEST_F(FaultyConnection, FailedReceiveOrWaitReturnsMappedNumber) {
   peer_.Send({1, 2, 3, 4}).Stall();
   Connect();
   const DataFault cases[] = {
-      {SocketCall::kRecv, ECONNRESET, 10054},
-      {SocketCall::kRecv, ECONNABORTED, 10053},
-      {SocketCall::kRecv, ETIMEDOUT, 10060},
-      {SocketCall::kPoll, ENOMEM, 10055},
+      {SocketCall::kRecv, ECONNRESET, 10054}, {SocketCall::kRecv, ECONNABORTED, 10053},
+      {SocketCall::kRecv, ETIMEDOUT, 10060},  {SocketCall::kPoll, ENOMEM, 10055},
       {SocketCall::kPoll, EINVAL, 10022},
   };
   std::vector<uint8_t> buffer = {42};

@@ -1,9 +1,9 @@
 // WinSock as a server, and handing sockets between objects.
-#include <memory>
-#include <vector>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <memory>
+#include <vector>
 
 #include "pelmora/common/error.h"
 #include "pelmora/net/internal/winsock_test_util.h"
@@ -18,8 +18,8 @@ using net_internal::ConnectTo;
 using net_internal::IsCloseOnExec;
 using net_internal::IsOpen;
 using net_internal::ListenOnFreePort;
-using testing::FaultSocketApi;
 using ::testing::ElementsAre;
+using testing::FaultSocketApi;
 
 TEST(WinSockServer, ListenAndAcceptGiveConnectedObject) {
   WinSock server;

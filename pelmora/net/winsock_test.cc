@@ -1,14 +1,13 @@
 #include "pelmora/net/winsock.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "pelmora/common/error.h"
 #include "pelmora/net/internal/winsock_test_util.h"
@@ -23,10 +22,10 @@ using net_internal::ConnectTo;
 using net_internal::IsCloseOnExec;
 using net_internal::ListenOnFreePort;
 using net_internal::Pattern;
+using ::testing::ElementsAre;
 using testing::FaultSocketApi;
 using testing::ScriptedPeer;
 using testing::SocketCall;
-using ::testing::ElementsAre;
 
 constexpr char kInvalidArgText[] =
     "The argument passed to a function wan not in the correct format or in the specified range";
@@ -151,8 +150,8 @@ TEST(WinSock, GetDataArgumentTestRaises40014) {
   WinSock socket;
   WinSockBuffer buffer;
   for (auto [size, type] : {std::pair{0, 1}, std::pair{-3, 0}, std::pair{10, 2}}) {
-    Error e = RaisedBy(
-        [&] { socket.GetData(buffer, size, static_cast<SckDataTypeConstants>(type)); });
+    Error e =
+        RaisedBy([&] { socket.GetData(buffer, size, static_cast<SckDataTypeConstants>(type)); });
     EXPECT_EQ(e.Number(), 40014);
     EXPECT_EQ(e.Description(), kInvalidArgText);
   }
@@ -324,7 +323,9 @@ TEST(WinSock, StringDataIsReadAsAnsiText) {
   ConnectTo(socket, peer.Port());
   WinSockBuffer any;
   EXPECT_EQ(socket.GetData(any, 5), 0);
-  EXPECT_EQ(std::get<std::string>(any), "Gr\xC3\xBC\xC3\x9F" "e");
+  EXPECT_EQ(std::get<std::string>(any),
+            "Gr\xC3\xBC\xC3\x9F"
+            "e");
 }
 
 TEST(WinSock, LargeTransfersArriveWholeBothWays) {
