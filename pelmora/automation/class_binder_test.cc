@@ -1,19 +1,20 @@
 #include "pelmora/automation/class_binder.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "pelmora/automation/registry.h"
 #include "pelmora/common/error.h"
+#include "pelmora/testing/raised_error.h"
 
 namespace pelmora::automation {
 namespace {
 
-using testing::ElementsAre;
+using ::testing::ElementsAre;
 
 enum class Shade { kLight = 1, kDark = 2 };
 
@@ -88,18 +89,13 @@ const ClassRegistrar kCounterClass(
 const ClassRegistrar kPlainClass(ClassBinder<Plain>("Pelmora.TestPlain").Property("Id", &Plain::Id),
                                  nullptr);
 
-// Invokes and returns the raised error (number 0 when none was raised).
+// The error that invoking `name` raises (number 0 when none).
 Error InvokeError(const ObjectRef& object, std::string_view name, CallKind kind,
                   std::vector<Variant> args) {
-  try {
-    object->Invoke(name, kind, args);
-  } catch (const Error& e) {
-    return e;
-  }
-  return Error(0, "");
+  return pelmora::testing::RaisedError([&] { CallByName(object, name, kind, args); });
 }
 
-class ClassBinderTest : public testing::Test {
+class ClassBinderTest : public ::testing::Test {
  protected:
   ObjectRef counter_ = CreateObject("Pelmora.TestCounter");
 };
@@ -177,7 +173,7 @@ struct ErrorCase {
   std::string source = "Pelmora.TestCounter";
 };
 
-class InvokeErrorTest : public ClassBinderTest, public testing::WithParamInterface<ErrorCase> {};
+class InvokeErrorTest : public ClassBinderTest, public ::testing::WithParamInterface<ErrorCase> {};
 
 TEST_P(InvokeErrorTest, RaisesNumberedErrorWithSource) {
   const ErrorCase& c = GetParam();
@@ -192,29 +188,49 @@ const std::string kBadCount = "Wrong number of arguments or invalid property ass
 
 INSTANTIATE_TEST_SUITE_P(
     ClassBinder, InvokeErrorTest,
-    testing::Values(
+    ::testing::Values(
         ErrorCase{"UnknownMember", "Frobnicate", CallKind::kMethod, {}, 438, kNoMember},
         ErrorCase{"TooFewArguments", "Add", CallKind::kMethod, {}, 450, kBadCount},
-        ErrorCase{"TooManyArguments", "Add", CallKind::kMethod,
-                  {Variant(1), Variant(2), Variant(3)}, 450, kBadCount},
-        ErrorCase{"PropertyWithArgument", "Value", CallKind::kPropertyGet, {Variant(1)}, 450,
+        ErrorCase{"TooManyArguments",
+                  "Add",
+                  CallKind::kMethod,
+                  {Variant(1), Variant(2), Variant(3)},
+                  450,
                   kBadCount},
-        ErrorCase{"AssignReadOnly", "Doubled", CallKind::kPropertyLet, {Variant(1)}, 450,
-                  kBadCount},
+        ErrorCase{
+            "PropertyWithArgument", "Value", CallKind::kPropertyGet, {Variant(1)}, 450, kBadCount},
+        ErrorCase{
+            "AssignReadOnly", "Doubled", CallKind::kPropertyLet, {Variant(1)}, 450, kBadCount},
         ErrorCase{"AssignMethod", "Add", CallKind::kPropertyLet, {Variant(1)}, 450, kBadCount},
-        ErrorCase{"TextForLong", "Add", CallKind::kMethod, {Variant("many")}, 13,
-                  "Type mismatch"},
+        ErrorCase{"TextForLong", "Add", CallKind::kMethod, {Variant("many")}, 13, "Type mismatch"},
         ErrorCase{"LongOverflow", "Add", CallKind::kMethod, {Variant(3e9)}, 6, "Overflow"},
-        ErrorCase{"NumberForObject", "SameValue", CallKind::kMethod, {Variant(1)}, 424,
+        ErrorCase{"NumberForObject",
+                  "SameValue",
+                  CallKind::kMethod,
+                  {Variant(1)},
+                  424,
                   "Object required"},
-        ErrorCase{"MemberErrorWithoutSource", "Value", CallKind::kPropertyLet, {Variant(-1)},
-                  380, "Invalid property value"},
-        ErrorCase{"MemberErrorKeepsSource", "Fail", CallKind::kMethod,
-                  {Variant(9001), Variant("Inner")}, 9001, "failed", "Inner"},
-        ErrorCase{"MemberErrorGetsProgId", "Fail", CallKind::kMethod,
-                  {Variant(9002), Variant("")}, 9002, "failed"},
+        ErrorCase{"MemberErrorWithoutSource",
+                  "Value",
+                  CallKind::kPropertyLet,
+                  {Variant(-1)},
+                  380,
+                  "Invalid property value"},
+        ErrorCase{"MemberErrorKeepsSource",
+                  "Fail",
+                  CallKind::kMethod,
+                  {Variant(9001), Variant("Inner")},
+                  9001,
+                  "failed",
+                  "Inner"},
+        ErrorCase{"MemberErrorGetsProgId",
+                  "Fail",
+                  CallKind::kMethod,
+                  {Variant(9002), Variant("")},
+                  9002,
+                  "failed"},
         ErrorCase{"ForeignException", "Crash", CallKind::kMethod, {}, 440, "Automation error"}),
-    [](const testing::TestParamInfo<ErrorCase>& info) { return info.param.name; });
+    [](const ::testing::TestParamInfo<ErrorCase>& info) { return info.param.name; });
 
 TEST_F(ClassBinderTest, ObjectOfAnotherClassIsTypeMismatch) {
   ObjectRef plain = Wrap(std::make_shared<Plain>(3));
@@ -241,13 +257,10 @@ TEST_F(ClassBinderTest, SendsEventsToConnectedSinksWithByReferenceArguments) {
 
 TEST(ClassBinder, ClassWithoutEventsRefusesSinks) {
   ObjectRef plain = Wrap(std::make_shared<Plain>(1));
-  try {
-    plain->ConnectEvents(MakeEventSink([](std::string_view, std::span<Variant>) {}));
-    FAIL() << "no error";
-  } catch (const Error& e) {
-    EXPECT_EQ(e.Number(), 438);
-    EXPECT_EQ(e.Source(), "Pelmora.TestPlain");
-  }
+  Error e = pelmora::testing::RaisedError(
+      [&] { plain->ConnectEvents(MakeEventSink([](std::string_view, std::span<Variant>) {})); });
+  EXPECT_EQ(e.Number(), 438);
+  EXPECT_EQ(e.Source(), "Pelmora.TestPlain");
 }
 
 TEST(ClassBinder, MoreDefaultsThanParametersIsABindingMistake) {

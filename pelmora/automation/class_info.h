@@ -94,7 +94,9 @@ class BoundObject : public Dispatch {
   uint32_t ConnectEvents(std::shared_ptr<EventSink> sink) override {
     return info_->ConnectEvents(object_.get(), std::move(sink));
   }
-  void DisconnectEvents(uint32_t cookie) override { info_->DisconnectEvents(object_.get(), cookie); }
+  void DisconnectEvents(uint32_t cookie) override {
+    info_->DisconnectEvents(object_.get(), cookie);
+  }
   std::vector<std::string> MemberNames() const override { return info_->MemberNames(); }
 
   const std::shared_ptr<T>& Object() const { return object_; }

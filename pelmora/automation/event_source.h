@@ -61,8 +61,7 @@ class EventSource {
  private:
   template <class A>
   static void StoreBack(A&& arg, const Variant& value) {
-    if constexpr (std::is_lvalue_reference_v<A&&> &&
-                  !std::is_const_v<std::remove_reference_t<A>>) {
+    if constexpr (std::is_lvalue_reference_v<A&&> && !std::is_const_v<std::remove_reference_t<A>>) {
       arg = FromVariant<std::remove_cvref_t<A>>(value);
     }
   }

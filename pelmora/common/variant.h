@@ -159,9 +159,9 @@ class Variant {
   friend bool operator==(const Variant& a, const Variant& b) { return a.value_ == b.value_; }
 
  private:
-  using Value = std::variant<std::monostate, Null, int16_t, int32_t, float, double, Currency, Date,
-                             std::string, ObjectRef, bool, uint8_t, std::vector<uint8_t>,
-                             VariantArray>;
+  using Value =
+      std::variant<std::monostate, Null, int16_t, int32_t, float, double, Currency, Date,
+                   std::string, ObjectRef, bool, uint8_t, std::vector<uint8_t>, VariantArray>;
   // The numeric value of a number, Boolean, Date or numeric text; raises as the To* members do.
   double NumericValue() const;
   Value value_;
