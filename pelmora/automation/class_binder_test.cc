@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -172,6 +173,7 @@ struct ErrorCase {
   std::string description;
   std::string source = "Pelmora.TestCounter";
 };
+void PrintTo(const ErrorCase& c, std::ostream* os) { *os << c.name; }
 
 class InvokeErrorTest : public ClassBinderTest, public ::testing::WithParamInterface<ErrorCase> {};
 

@@ -5,6 +5,7 @@
 #include <cfloat>
 #include <cmath>
 #include <limits>
+#include <ostream>
 
 #include "pelmora/common/codepage.h"
 #include "pelmora/common/error.h"
@@ -246,5 +247,26 @@ std::string Variant::TypeName() const {
   if (IsNothing()) return "Nothing";
   return std::string(kNames[value_.index()]);
 }
+
+std::string Variant::DebugString() const {
+  switch (Type()) {
+    case VariantType::kEmpty:
+    case VariantType::kNull:
+      return TypeName();
+    case VariantType::kObject:
+      return IsNothing() ? "Nothing" : "Object";
+    case VariantType::kString:
+      return fmt::format("String \"{}\"", *Get<std::string>());
+    case VariantType::kByteArray:
+      return fmt::format("Byte()[{}]", Get<std::vector<uint8_t>>()->size());
+    case VariantType::kArray:
+      return fmt::format("Variant({} to {})", Get<VariantArray>()->lower_bound,
+                         Get<VariantArray>()->UpperBound());
+    default:
+      return TypeName() + " " + ToString();
+  }
+}
+
+std::ostream& operator<<(std::ostream& os, const Variant& v) { return os << v.DebugString(); }
 
 }  // namespace pelmora

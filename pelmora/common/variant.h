@@ -14,6 +14,7 @@
 #define PELMORA_COMMON_VARIANT_H_
 
 #include <cstdint>
+#include <iosfwd>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -154,6 +155,11 @@ class Variant {
   // "Currency", "Date", "String", "Object" ("Nothing" for a null reference), "Boolean", "Byte",
   // "Byte()", "Variant()".
   std::string TypeName() const;
+
+  // A readable form for logs and test failures, which never raises: the type name and the value
+  // ("Long 5", "String \"abc\"", "Byte()[3]", "Variant(1 to 2)", "Empty", "Nothing").
+  std::string DebugString() const;
+  friend std::ostream& operator<<(std::ostream& os, const Variant& v);
 
   // Same type and same value (objects: same object).
   friend bool operator==(const Variant& a, const Variant& b) { return a.value_ == b.value_; }

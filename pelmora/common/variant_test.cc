@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <ostream>
 #include <string>
 
 #include "pelmora/common/error.h"
@@ -17,8 +18,9 @@ Date MakeDate(int y, int mo, int d, int h = 0, int mi = 0, int s = 0) {
 
 struct LongCase {
   Variant input;
-  int32_t expected;
+  int32_t expected = 0;
 };
+void PrintTo(const LongCase& c, std::ostream* os) { *os << c.input; }
 
 class ToLongTest : public ::testing::TestWithParam<LongCase> {};
 
@@ -44,9 +46,10 @@ INSTANTIATE_TEST_SUITE_P(
 struct FailCase {
   std::string name;
   std::function<void()> convert;
-  int32_t number;
+  int32_t number = 0;
   std::string text;
 };
+void PrintTo(const FailCase& c, std::ostream* os) { *os << c.name; }
 
 class ConversionFailureTest : public ::testing::TestWithParam<FailCase> {};
 
@@ -99,6 +102,7 @@ struct TextCase {
   Variant input;
   std::string expected;
 };
+void PrintTo(const TextCase& c, std::ostream* os) { *os << c.input; }
 
 class ToStringTest : public ::testing::TestWithParam<TextCase> {};
 
@@ -127,6 +131,7 @@ struct DateCase {
   std::string input;
   Date expected;
 };
+void PrintTo(const DateCase& c, std::ostream* os) { *os << c.input; }
 
 class ToDateTest : public ::testing::TestWithParam<DateCase> {};
 
@@ -195,6 +200,15 @@ TEST(Variant, EqualityComparesTypeAndValue) {
   EXPECT_NE(Variant(1), Variant(int16_t{1}));
   EXPECT_NE(Variant(), Variant(Null{}));
   EXPECT_EQ(Variant::Nothing(), Variant(ObjectRef()));
+}
+
+TEST(Variant, DebugStringNamesTypeAndValueWithoutRaising) {
+  EXPECT_EQ(Variant(5).DebugString(), "Long 5");
+  EXPECT_EQ(Variant("a").DebugString(), "String \"a\"");
+  EXPECT_EQ(Variant(Null{}).DebugString(), "Null");
+  EXPECT_EQ(Variant(std::vector<uint8_t>{1, 2, 3}).DebugString(), "Byte()[3]");
+  EXPECT_EQ(Variant(VariantArray{1, {Variant(), Variant()}}).DebugString(), "Variant(1 to 2)");
+  EXPECT_EQ(Variant::Nothing().DebugString(), "Nothing");
 }
 
 TEST(Variant, TypeNamesMatchTheAutomationNames) {
