@@ -13,6 +13,7 @@
 #ifndef PELMORA_COMMON_VARIANT_H_
 #define PELMORA_COMMON_VARIANT_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <iosfwd>
 #include <memory>
@@ -89,13 +90,16 @@ class Variant {
   Variant(Date v) : value_(v) {}
   Variant(std::string v) : value_(std::move(v)) {}
   Variant(std::string_view v) : value_(std::string(v)) {}
-  Variant(const char* v) : value_(std::string(v)) {}
+  // A null pointer gives the empty string.
+  Variant(const char* v) : value_(std::string(v == nullptr ? "" : v)) {}
   Variant(bool v) : value_(v) {}
   Variant(uint8_t v) : value_(v) {}
   Variant(std::vector<uint8_t> v) : value_(std::move(v)) {}
   Variant(VariantArray v) : value_(std::move(v)) {}
   // An object reference; a null pointer gives Nothing.
   Variant(ObjectRef v) : value_(std::move(v)) {}
+  // Nothing.
+  Variant(std::nullptr_t) : value_(ObjectRef()) {}
 
   // Nothing: an object reference to no object.
   static Variant Nothing() { return Variant(ObjectRef()); }

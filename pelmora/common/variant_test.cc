@@ -200,6 +200,8 @@ TEST(Variant, EqualityComparesTypeAndValue) {
   EXPECT_NE(Variant(1), Variant(int16_t{1}));
   EXPECT_NE(Variant(), Variant(Null{}));
   EXPECT_EQ(Variant::Nothing(), Variant(ObjectRef()));
+  EXPECT_EQ(Variant(nullptr), Variant::Nothing());
+  EXPECT_EQ(Variant(static_cast<const char*>(nullptr)), Variant(""));
 }
 
 TEST(Variant, DebugStringNamesTypeAndValueWithoutRaising) {
