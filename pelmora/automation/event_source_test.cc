@@ -22,9 +22,11 @@ TEST(EventSource, WritesSinkChangesBackToLvalueArgumentsOnly) {
   std::string text = "before";
   int32_t number = 1;
   const int32_t fixed = 2;
-  source.Raise("Changed", text, number, fixed, std::string("temporary"));
+  std::string_view view = "view";  // converts one way only: by value
+  source.Raise("Changed", text, number, fixed, std::string("temporary"), view);
   EXPECT_EQ(text, "7");
   EXPECT_EQ(number, 7);  // converted back to the argument's type
+  EXPECT_EQ(view, "view");
 }
 
 TEST(EventSource, SinkLeavingAnUnconvertibleValueRaises13) {
@@ -32,8 +34,7 @@ TEST(EventSource, SinkLeavingAnUnconvertibleValueRaises13) {
   source.Connect(MakeEventSink(
       [](std::string_view, std::span<Variant> args) { args[0] = Variant("not a number"); }));
   int32_t number = 1;
-  EXPECT_EQ(pelmora::testing::RaisedError([&] { source.Raise("Changed", number); }).Number(),
-            13);
+  EXPECT_EQ(pelmora::testing::RaisedError([&] { source.Raise("Changed", number); }).Number(), 13);
 }
 
 TEST(EventSource, CallsSinksInConnectionOrderAndHonoursDisconnect) {
