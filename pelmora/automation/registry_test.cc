@@ -71,6 +71,7 @@ TEST_F(Registry, HelpersPassKindAndArguments) {
   std::vector<Variant> args{Variant(21), Variant("x")};
   EXPECT_EQ(CallByName(object, "Run", CallKind::kMethod, args), Variant("Run/2"));
   EXPECT_EQ(args[0], Variant(42));
+  EXPECT_EQ(CallByName(object, "Run", CallKind::kMethod, {1, "two"}), Variant("Run/2"));
   EXPECT_EQ(GetProperty(object, "Size"), Variant("Size/0"));
   EXPECT_EQ(echo->last_kind, CallKind::kPropertyGet);
   SetProperty(object, "Size", Variant(1));
