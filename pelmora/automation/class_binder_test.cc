@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <ostream>
 #include <stdexcept>
 #include <string>
@@ -155,6 +156,21 @@ TEST_F(ClassBinderTest, ReturnsAndAcceptsObjectsOfBoundClasses) {
   EXPECT_EQ(counter_->Invoke("SameValue", CallKind::kMethod, args), Variant(true));
   std::vector<Variant> nothing{Variant::Nothing()};
   EXPECT_EQ(counter_->Invoke("SameValue", CallKind::kMethod, nothing), Variant(false));
+}
+
+TEST_F(ClassBinderTest, DescribesMembersForTools) {
+  std::vector<MemberInfo> members = counter_->Members();
+  auto find = [&](std::string_view name) {
+    return *std::find_if(members.begin(), members.end(),
+                         [&](const MemberInfo& m) { return m.name == name; });
+  };
+  MemberInfo add = find("Add");
+  EXPECT_TRUE(add.is_method && add.readable && !add.writable);
+  EXPECT_EQ(add.min_args, 1u);
+  EXPECT_EQ(add.max_args, 2u);
+  MemberInfo doubled = find("Doubled");
+  EXPECT_TRUE(!doubled.is_method && doubled.readable && !doubled.writable);
+  EXPECT_TRUE(find("Value").writable);
 }
 
 TEST_F(ClassBinderTest, ListsMembersInDeclarationOrder) {
