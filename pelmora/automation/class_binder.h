@@ -54,7 +54,8 @@ class ClassBinder {
     return *this;
   }
 
-  // A read-only property; `getter` may take index arguments. Assigning raises 450.
+  // A read-only property; `getter` may take index arguments. Assigning raises 450. A data member
+  // pointer instead is a read/write property: Property("FileName", &Info::FileName).
   template <class G>
   ClassBinder& Property(std::string name, G getter) {
     if constexpr (std::is_member_object_pointer_v<G>) {
@@ -68,8 +69,7 @@ class ClassBinder {
   }
 
   // A read/write property. The setter takes the getter's index arguments and then the new value;
-  // it serves both Let and Set assignments. A data member pointer alone is a read/write property
-  // too: Property("FileName", &Info::FileName).
+  // it serves both Let and Set assignments.
   template <class G, class S>
   ClassBinder& Property(std::string name, G getter, S setter) {
     info_->AddMember({name, false, internal::MakeAccessor<T>(name, getter, {}),
