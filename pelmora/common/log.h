@@ -41,8 +41,8 @@ inline constexpr int32_t kLogEntryInformation = 4;
 
 // Writes one comma-separated line to the day file under LogRoot(). Returns false without doing
 // anything when `level` is above LogLevel(), false when LogRoot() is empty or is not an existing
-// folder (the root is never created), and false when the month folder cannot be created or the
-// line cannot be written. The month folder LogRoot()/yyyymm is created when missing. Blocks for
+// folder (the root is never created), and false when the month folder cannot be created, the
+// computer name cannot be read or the line cannot be written. The month folder LogRoot()/yyyymm is created when missing. Blocks for
 // one folder test, at most one mkdir, and one open/write/close. Never throws.
 bool WriteLog(int16_t level, std::string_view message, std::string_view module_name,
               std::string_view procedure_name, int32_t entry_type);

@@ -38,6 +38,7 @@ namespace pelmora {
 
 namespace net_internal {
 class SocketApi;
+struct SocketResult;
 }  // namespace net_internal
 
 // Transport chosen by WinSock::SetProtocol.
@@ -247,7 +248,8 @@ class WinSock {
   int OpenSocket();
   int32_t ReceiveInto(uint8_t* out, int32_t size, int32_t& received);
   int32_t WaitReadable();
-  bool FillReadAhead(size_t wanted, int32_t& result);
+  net_internal::SocketResult FillReadAhead();
+  size_t TakeReadAhead(uint8_t* out, size_t wanted);
   int32_t SendAll(std::span<const uint8_t> bytes);
   void DropReadAhead();
 

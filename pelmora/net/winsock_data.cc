@@ -1,0 +1,164 @@
+// WinSock's data transfer: GetData (event waits through poll, with a read-ahead buffer) and
+// SendData (whole-array sends that continue short sends).
+#include <poll.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <new>
+#include <string_view>
+
+#include "pelmora/common/codepage.h"
+#include "pelmora/net/internal/socket_api.h"
+#include "pelmora/net/internal/wsa_errors.h"
+#include "pelmora/net/winsock.h"
+
+namespace pelmora {
+namespace {
+
+using net_internal::SocketResult;
+using net_internal::WsaErrorFromErrno;
+using Clock = std::chrono::steady_clock;
+
+// How much one receive asks for when filling the read-ahead buffer; requests at least this large
+// are received straight into the caller's buffer.
+constexpr size_t kReadAheadSize = 64 * 1024;
+
+// The Windows Sockets number for a poll that reported the descriptor itself as invalid.
+int32_t PollFailure(int64_t revents) { return (revents & POLLNVAL) != 0 ? sckNotSocket : 0; }
+
+}  // namespace
+
+int32_t WinSock::GetData(WinSockBuffer& Buffer, int32_t Size, SckDataTypeConstants DataType) {
+  if ((DataType != sckString && DataType != sckByteArray) || Size < 1) Raise(sckInvalidArg);
+  if (handle_ == -1) {
+    last_error_ = sckNotConnected;
+    return sckNotConnected;
+  }
+  std::vector<uint8_t> bytes;
+  try {
+    bytes.assign(static_cast<size_t>(Size), 0);
+  } catch (const std::bad_alloc&) {
+    Raise(sckOutOfMemory);
+  }
+  int32_t received = 0;
+  int32_t result = ReceiveInto(bytes.data(), Size, received);
+  // Nothing received keeps all Size zero bytes: the result, not the length, says nothing came.
+  if (received > 0 && received < Size) bytes.resize(static_cast<size_t>(received));
+  if (DataType == sckByteArray) {
+    Buffer = std::move(bytes);
+  } else {
+    Buffer = AnsiToUtf8(
+        std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+  }
+  return result;
+}
+
+int32_t WinSock::GetData(std::vector<uint8_t>& Buffer, int32_t Size) {
+  WinSockBuffer buffer;
+  int32_t result = GetData(buffer, Size, sckByteArray);
+  if (auto* bytes = std::get_if<std::vector<uint8_t>>(&buffer)) Buffer = std::move(*bytes);
+  return result;
+}
+
+int32_t WinSock::GetData(std::string& Buffer, int32_t Size) {
+  WinSockBuffer buffer;
+  int32_t result = GetData(buffer, Size, sckString);
+  if (auto* text = std::get_if<std::string>(&buffer)) Buffer = std::move(*text);
+  return result;
+}
+
+// Receives until `size` bytes are in `out`, the peer closes, the wait times out or an error
+// comes; `received` counts the bytes delivered. Bytes read ahead earlier are delivered first.
+int32_t WinSock::ReceiveInto(uint8_t* out, int32_t size, int32_t& received) {
+  size_t wanted = static_cast<size_t>(size);
+  received = static_cast<int32_t>(TakeReadAhead(out, wanted));
+  while (static_cast<size_t>(received) < wanted) {
+    int32_t waited = WaitReadable();
+    if (waited != 0) {
+      last_error_ = waited;
+      return waited;
+    }
+    size_t missing = wanted - static_cast<size_t>(received);
+    SocketResult got;
+    if (missing >= kReadAheadSize) {
+      got = api_->Recv(handle_, out + received, missing, MSG_DONTWAIT);
+    } else {
+      got = FillReadAhead();
+      if (got.ok()) got.value = TakeReadAhead(out + received, missing);
+    }
+    if (!got.ok()) {
+      last_error_ = WsaErrorFromErrno(got.error);
+      // Readiness without data (a spurious wake) ends the call as a success, as designed.
+      return last_error_ == sckWouldBlock ? 0 : last_error_;
+    }
+    if (got.value == 0) break;  // the peer closed the connection
+    received += static_cast<int32_t>(got.value);
+  }
+  last_error_ = 0;
+  return 0;
+}
+
+SocketResult WinSock::FillReadAhead() {
+  read_ahead_.resize(kReadAheadSize);
+  read_pos_ = 0;
+  SocketResult got = api_->Recv(handle_, read_ahead_.data(), kReadAheadSize, MSG_DONTWAIT);
+  read_ahead_.resize(got.ok() ? static_cast<size_t>(got.value) : 0);
+  return got;
+}
+
+size_t WinSock::TakeReadAhead(uint8_t* out, size_t wanted) {
+  size_t taken = std::min(wanted, read_ahead_.size() - read_pos_);
+  std::memcpy(out, read_ahead_.data() + read_pos_, taken);
+  read_pos_ += taken;
+  return taken;
+}
+
+// Waits until the socket is readable or closed: 0, 10060 after ReceiveTimeout ms (each wait
+// starts afresh), or the socket number of a failed wait.
+int32_t WinSock::WaitReadable() {
+  const bool limited = receive_timeout_ >= 1;
+  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(receive_timeout_);
+  for (;;) {
+    int timeout_ms = -1;
+    if (limited) {
+      auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+      timeout_ms = static_cast<int>(std::max<int64_t>(left.count(), 0));
+    }
+    SocketResult polled = api_->Poll(handle_, POLLIN, timeout_ms);
+    if (polled.error == EINTR) continue;
+    if (!polled.ok()) return WsaErrorFromErrno(polled.error);
+    if (polled.value == 0) return sckTimedout;
+    return PollFailure(polled.value);
+  }
+}
+
+int32_t WinSock::SendData(std::span<const uint8_t> Buffer) {
+  if (handle_ == -1) {
+    last_error_ = sckNotConnected;
+    return sckNotConnected;
+  }
+  last_error_ = Buffer.empty() ? 0 : SendAll(Buffer);
+  return last_error_;
+}
+
+// Sends every byte: a short send, or a socket that would block, waits until the socket can take
+// more (poll for POLLOUT, without limit) and continues where it stopped.
+int32_t WinSock::SendAll(std::span<const uint8_t> bytes) {
+  size_t sent = 0;
+  while (sent < bytes.size()) {
+    SocketResult done = api_->Send(handle_, bytes.data() + sent, bytes.size() - sent, 0);
+    if (done.ok()) sent += static_cast<size_t>(done.value);
+    if (sent == bytes.size()) break;
+    if (!done.ok() && done.error != EAGAIN && done.error != EWOULDBLOCK) {
+      return WsaErrorFromErrno(done.error);
+    }
+    SocketResult polled = api_->Poll(handle_, POLLOUT, -1);
+    if (!polled.ok() && polled.error != EINTR) return WsaErrorFromErrno(polled.error);
+    if (polled.ok() && PollFailure(polled.value) != 0) return sckNotSocket;
+  }
+  return 0;
+}
+
+}  // namespace pelmora
