@@ -120,6 +120,9 @@ bool RCFSO::Connect(std::string_view Host, int32_t lPort, std::string_view sUser
     LogFailure(HandlePrefix() + "** Connected fail", "RFSO", "Connect");
     return false;
   }
+  // A request is a size message followed at once by its block: without TCP_NODELAY the block
+  // would wait for the acknowledgement of the size message (tens of milliseconds per request).
+  (void)socket_.SetSocketOption(sckIPPROTO_TCP, sckTCP_NODELAY, 1);
   Trace(HandlePrefix() + "** Connected ", "RFSO", "Connect");
   connected_ = true;
   Bytes login = BuildLoginMessage(Utf8ToAnsi(user), Utf8ToAnsi(password));
