@@ -81,7 +81,6 @@ ScriptedPeer& ExpectRequest(ScriptedPeer& peer, size_t block_size) {
 }
 
 bool LogIn(admin::RCFSO& fso, ScriptedPeer& peer) {
-  ExpectLogin(peer, true);
   peer.Start();
   return fso.Connect("127.0.0.1", peer.Port(), "u", "p", true);
 }

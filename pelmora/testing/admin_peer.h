@@ -57,8 +57,8 @@ ScriptedPeer& ExpectLogin(ScriptedPeer& peer, bool accept);
 // Script steps: receive the size message (1500 bytes) and a request block of `block_size` bytes.
 ScriptedPeer& ExpectRequest(ScriptedPeer& peer, size_t block_size = 1500);
 
-// Scripts an accepted login on `peer`, starts it and logs `fso` in to it (bEncoded true, user
-// "u", password "p"). Returns Connect's result.
+// Starts `peer`, whose script begins with ExpectLogin(peer, true), and logs `fso` in to it
+// (bEncoded true, user "u", password "p"). Returns Connect's result.
 bool LogIn(admin::RCFSO& fso, ScriptedPeer& peer);
 
 // One parsed WriteLog line.
