@@ -110,6 +110,7 @@ SocketResult WinSock::FillReadAhead() {
 
 size_t WinSock::TakeReadAhead(uint8_t* out, size_t wanted) {
   size_t taken = std::min(wanted, read_ahead_.size() - read_pos_);
+  if (taken == 0) return 0;
   std::memcpy(out, read_ahead_.data() + read_pos_, taken);
   read_pos_ += taken;
   return taken;
