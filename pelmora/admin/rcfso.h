@@ -181,6 +181,7 @@ class RCFSO {
   // Framing (rcfso_framing.cc).
   bool SendPacket(std::span<const uint8_t> Buffer);
   bool SendMessage(int32_t lMsgSize, std::span<const uint8_t> aMsg);
+  bool FrameMessage(int32_t lMsgSize, std::span<const uint8_t> aMsg, Bytes& packet);
   bool RecvMessage(int32_t lPacketSize, Bytes& aMsg, int32_t& lSeqNo);
   bool ReceivePacket(int32_t size, Bytes& packet);
   bool SendRequestAnsi(std::string_view sArg, int16_t iCommand);

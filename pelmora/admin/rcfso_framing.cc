@@ -35,7 +35,7 @@ bool RCFSO::SendPacket(std::span<const uint8_t> Buffer) {
   return false;
 }
 
-bool RCFSO::SendMessage(int32_t lMsgSize, std::span<const uint8_t> aMsg) {
+bool RCFSO::FrameMessage(int32_t lMsgSize, std::span<const uint8_t> aMsg, Bytes& packet) {
   ClearError();
   // Only 1489 data bytes fit behind the header; larger sizes (up to the packet size, which the
   // protocol nominally allows) are refused rather than cut.
@@ -46,7 +46,13 @@ bool RCFSO::SendMessage(int32_t lMsgSize, std::span<const uint8_t> aMsg) {
     return false;
   }
   sequence_ = NextSequenceNumber(sequence_);
-  return SendPacket(BuildFramedPacket(sequence_, aMsg.first(static_cast<size_t>(lMsgSize))));
+  packet = BuildFramedPacket(sequence_, aMsg.first(static_cast<size_t>(lMsgSize)));
+  return true;
+}
+
+bool RCFSO::SendMessage(int32_t lMsgSize, std::span<const uint8_t> aMsg) {
+  Bytes packet;
+  return FrameMessage(lMsgSize, aMsg, packet) && SendPacket(packet);
 }
 
 // Receives one packet of `size` bytes. A read that ends early (or brings nothing at all, which
@@ -101,10 +107,16 @@ bool RCFSO::RecvMessage(int32_t lPacketSize, Bytes& aMsg, int32_t& lSeqNo) {
   }
 }
 
+// The size message and the block it announces go to the socket in one send: the bytes on the
+// wire are the same as with two sends, and the peer wakes once per request instead of twice.
 bool RCFSO::SendAnnouncedBlock(int32_t total, std::span<const uint8_t> block) {
   const Bytes size_message = BuildSizeMessage(total);
-  if (!SendMessage(static_cast<int32_t>(size_message.size()), size_message)) return false;
-  return SendPacket(block);
+  Bytes packets;
+  if (!FrameMessage(static_cast<int32_t>(size_message.size()), size_message, packets)) {
+    return false;
+  }
+  packets.insert(packets.end(), block.begin(), block.end());
+  return SendPacket(packets);
 }
 
 bool RCFSO::SendRequestBlock(int16_t iCommand, std::span<const Bytes> args) {
