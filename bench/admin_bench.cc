@@ -8,6 +8,7 @@
 // TCP_NODELAY; BM_AdminSyncCreateProcess runs a trivial command. Compare items_per_second:
 //   build/h/bench/pelmora_bench --benchmark_filter='Admin|PlainPingPong' --benchmark_repetitions=5
 #include <arpa/inet.h>
+#include <benchmark/benchmark.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -18,8 +19,6 @@
 #include <functional>
 #include <thread>
 #include <vector>
-
-#include <benchmark/benchmark.h>
 
 #include "pelmora/admin/rcfso.h"
 #include "pelmora/admin/wire.h"

@@ -28,8 +28,8 @@ using pelmora::testing::StatusData;
 TEST(AdminClasses, AdminClientRunsARemoteCommandByName) {
   ScriptedPeer peer;
   ExpectLogin(peer, true);
-  ExpectRequest(peer).ReplyWith(
-      Answer({OutputData("Windows IP Configuration\r\n"), OutputData("done\r\n"), StatusData(9000)}));
+  ExpectRequest(peer).ReplyWith(Answer(
+      {OutputData("Windows IP Configuration\r\n"), OutputData("done\r\n"), StatusData(9000)}));
   peer.Start();
   ObjectRef client = CreateObject("pelmora.adminclient");
   SetProperty(client, "ServicePort", Variant(int32_t{peer.Port()}));
@@ -65,8 +65,8 @@ TEST(AdminClasses, RCFSOEventsReachAConnectedSink) {
   peer.Start();
   ObjectRef fso = CreateObject("Pelmora.RCFSO");
   std::vector<std::string> seen;
-  fso->ConnectEvents(automation::MakeEventSink(
-      [&seen](std::string_view name, std::span<Variant> event_args) {
+  fso->ConnectEvents(
+      automation::MakeEventSink([&seen](std::string_view name, std::span<Variant> event_args) {
         seen.push_back(std::string(name) + ":" + event_args[0].ToString());
       }));
   std::vector<Variant> login = {Variant("127.0.0.1"), Variant(int32_t{peer.Port()}), Variant("u"),

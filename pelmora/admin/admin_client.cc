@@ -59,8 +59,7 @@ void AdminClient::ClearError() {
   err_description_.clear();
 }
 
-void AdminClient::SetError(int32_t number, std::string_view description,
-                           std::string_view source) {
+void AdminClient::SetError(int32_t number, std::string_view description, std::string_view source) {
   err_number_ = number;
   err_description_ = "[" + std::string(source) + "] ";
   if (!product_.empty()) err_description_ += product_ + " - ";

@@ -12,8 +12,8 @@
 //   if (client.Connect("server")) {
 //     std::string out;
 //     int32_t exit_code = 0;
-//     if (client.RemoteCommandCall("ipconfig", 5000, access_code, out, exit_code)) std::cout << out;
-//     std::string root = client.RemoteAppRootPath();   // e.g. "C:\\Qel"
+//     if (client.RemoteCommandCall("ipconfig", 5000, access_code, out, exit_code)) std::cout <<
+//     out; std::string root = client.RemoteAppRootPath();   // e.g. "C:\\Qel"
 //   }
 //
 // One object is used by one thread at a time; every call blocks on the caller's thread.

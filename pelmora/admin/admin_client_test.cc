@@ -2,10 +2,10 @@
 // error prefixes, the server clock and the application root folder.
 #include "pelmora/admin/admin_client.h"
 
-#include <limits>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <limits>
 
 #include "pelmora/admin/credentials.h"
 #include "pelmora/admin/internal/built_in_secrets.h"
@@ -150,8 +150,7 @@ TEST(AdminClient, FailedCommandRecordsTheErrorAndRestoresTheTimeOut) {
   c.client.FileSystemClient().set_timeout(2500);
   std::string out = "untouched";
   int32_t exit_code = 0;
-  EXPECT_FALSE(
-      c.client.RemoteCommandCall("x", 10, internal::BuiltInAccessCode(), out, exit_code));
+  EXPECT_FALSE(c.client.RemoteCommandCall("x", 10, internal::BuiltInAccessCode(), out, exit_code));
   EXPECT_EQ(out, "untouched");
   EXPECT_EQ(c.client.ErrNumber(), 9002);
   EXPECT_EQ(c.client.ErrDescription(), "[RemoteCommandCall] qel - Process terminated abnormally");
@@ -164,8 +163,8 @@ TEST(AdminClient, TimeOutsThatCannotBeSetFailWithoutTraffic) {
   std::string out;
   int32_t exit_code = 0;
   const std::string code = internal::BuiltInAccessCode();
-  EXPECT_FALSE(client.RemoteCommandCall("x", std::numeric_limits<int32_t>::max() - 999, code,
-                                        out, exit_code));
+  EXPECT_FALSE(client.RemoteCommandCall("x", std::numeric_limits<int32_t>::max() - 999, code, out,
+                                        exit_code));
   EXPECT_EQ(client.ErrNumber(), 6);
   EXPECT_EQ(client.ErrDescription(), "[RemoteCommandCall] Overflow");
   EXPECT_EQ(client.FileSystemClient().timeout(), 777);
@@ -206,9 +205,7 @@ TEST(AdminClient, RemoteAppRootPathGoesTwoLevelsUpFromTheProductsPath) {
   for (const auto& [product, key] : cases) {
     ConnectedClient c;
     const Bytes path = TextData("D:/Apps/Qel/Program/");
-    ExpectRequest(c.peer)
-        .ReplyWith(Answer(SizeData(static_cast<int32_t>(path.size()))))
-        .Send(path);
+    ExpectRequest(c.peer).ReplyWith(Answer(SizeData(static_cast<int32_t>(path.size())))).Send(path);
     ASSERT_TRUE(c.Start());
     c.client.SetProduct(product);
     EXPECT_EQ(c.client.RemoteAppRootPath(), "D:\\Apps");

@@ -45,12 +45,14 @@ const ClassRegistrar kRCFSOClass(
                   return o.fso.Connect(Host, lPort, sUserName, sPassword, bEncoded);
                 })
         .Method("Disconnect", [](O& o) { o.fso.Disconnect(); })
-        .Property("timeout", [](O& o) { return o.fso.timeout(); },
-                  [](O& o, int32_t value) { o.fso.set_timeout(value); })
+        .Property(
+            "timeout", [](O& o) { return o.fso.timeout(); },
+            [](O& o, int32_t value) { o.fso.set_timeout(value); })
         .Property("ErrCode", [](O& o) { return o.fso.ErrCode(); })
         .Property("ErrDescription", [](O& o) { return o.fso.ErrDescription(); })
-        .Property("LogPath", [](O& o) { return o.fso.LogPath(); },
-                  [](O& o, std::string value) { o.fso.SetLogPath(std::move(value)); })
+        .Property(
+            "LogPath", [](O& o) { return o.fso.LogPath(); },
+            [](O& o, std::string value) { o.fso.SetLogPath(std::move(value)); })
         .Method("GetFileVersion", [](O& o, S sFileName) { return o.fso.GetFileVersion(sFileName); })
         .Method("GetPathWithKey", [](O& o, S sKey) { return o.fso.GetPathWithKey(sKey); })
         .Method("CopyRemoteFolder",
@@ -61,23 +63,31 @@ const ClassRegistrar kRCFSOClass(
                 [](O& o, S sExistingFile, S sNewFile, int16_t OverWriteFile) {
                   return o.fso.CopyRemoteFile(sExistingFile, sNewFile, Flag(OverWriteFile));
                 })
-        .Method("MoveRemoteFile", [](O& o, S sExistingFile,
-                                     S sNewFile) { return o.fso.MoveRemoteFile(sExistingFile, sNewFile); })
+        .Method("MoveRemoteFile",
+                [](O& o, S sExistingFile, S sNewFile) {
+                  return o.fso.MoveRemoteFile(sExistingFile, sNewFile);
+                })
         .Method("CreateRemoteFile",
                 [](O& o, S sRemoteFile, int16_t bOverWrite, int16_t bUnicodeCode) {
                   return o.fso.CreateRemoteFile(sRemoteFile, Flag(bOverWrite), Flag(bUnicodeCode));
                 })
-        .Method("CreateRemoteFolder", [](O& o, S sRemoteFolder) { return o.fso.CreateRemoteFolder(sRemoteFolder); })
-        .Method("DeleteRemoteFile", [](O& o, S sRemoteFile) { return o.fso.DeleteRemoteFile(sRemoteFile); })
-        .Method("DeleteRemoteFolder", [](O& o, S sRemoteFolder) { return o.fso.DeleteRemoteFolder(sRemoteFolder); })
-        .Method("FolderExists", [](O& o, S sRemoteFolder) { return o.fso.FolderExists(sRemoteFolder); })
+        .Method("CreateRemoteFolder",
+                [](O& o, S sRemoteFolder) { return o.fso.CreateRemoteFolder(sRemoteFolder); })
+        .Method("DeleteRemoteFile",
+                [](O& o, S sRemoteFile) { return o.fso.DeleteRemoteFile(sRemoteFile); })
+        .Method("DeleteRemoteFolder",
+                [](O& o, S sRemoteFolder) { return o.fso.DeleteRemoteFolder(sRemoteFolder); })
+        .Method("FolderExists",
+                [](O& o, S sRemoteFolder) { return o.fso.FolderExists(sRemoteFolder); })
         .Method("FileExists", [](O& o, S sRemoteFile) { return o.fso.FileExists(sRemoteFile); })
         .Method("IsSameMachineWithSvr", [](O& o) { return o.fso.IsSameMachineWithSvr(); })
         .Method("GetSystemDirectory", [](O& o) { return o.fso.GetSystemDirectory(); })
         .Method("GetSystemTime", [](O& o) { return o.fso.GetSystemTime(); })
         .Method("GetPrintQ", [](O& o) { return o.fso.GetPrintQ(); })
         .Method("SyncCreateProcess",
-                [](O& o, S command, int32_t lTimeout) { return o.fso.SyncCreateProcess(command, lTimeout); })
+                [](O& o, S command, int32_t lTimeout) {
+                  return o.fso.SyncCreateProcess(command, lTimeout);
+                })
         .Events(&O::events));
 
 }  // namespace

@@ -45,11 +45,10 @@ TEST(RCFSOCommand, SendsTheCommandRequestAnnouncedByItsLength) {
   EXPECT_TRUE(s.fso.SyncCreateProcess("dir C:\\ /b", 5000));  // 10 characters
   ASSERT_TRUE(s.peer.Finish()) << s.peer.Failure();
   const Bytes announce = s.peer.Received(1);
-  EXPECT_EQ(Bytes(announce.begin() + 7, announce.begin() + 15),
-            (Bytes{4, 0, 0, 0, 25, 0, 0, 0}));
+  EXPECT_EQ(Bytes(announce.begin() + 7, announce.begin() + 15), (Bytes{4, 0, 0, 0, 25, 0, 0, 0}));
   Bytes expected(1500, 0);
-  const Bytes head = {20, 2, 11, 0, 0, 0, 'd', 'i', 'r', ' ', 'C', ':', '\\', ' ', '/', 'b', 0,
-                      4, 0, 0, 0, 0x88, 0x13, 0, 0};
+  const Bytes head = {20,  2,   11,  0, 0, 0, 'd', 'i', 'r',  ' ',  'C', ':', '\\',
+                      ' ', '/', 'b', 0, 4, 0, 0,   0,   0x88, 0x13, 0,   0};
   std::copy(head.begin(), head.end(), expected.begin());
   EXPECT_EQ(s.peer.Received(2), expected);
 }

@@ -173,8 +173,8 @@ int32_t RCFSO::ReadRawBytes(int32_t count, Bytes& out) {
   out.clear();
   Bytes piece;
   while (out.size() < static_cast<size_t>(count)) {
-    const auto wanted = static_cast<int32_t>(
-        std::min<size_t>(static_cast<size_t>(count) - out.size(), kRawChunk));
+    const auto wanted =
+        static_cast<int32_t>(std::min<size_t>(static_cast<size_t>(count) - out.size(), kRawChunk));
     int32_t e = socket_.GetData(piece, wanted);
     if (e == sckSuccess && piece.size() < static_cast<size_t>(wanted)) e = sckConnectionReset;
     if (e != sckSuccess) return e;

@@ -1,9 +1,9 @@
 // RCFSO framing tests: framed messages, skipped and fatal reply packets, request blocks and their
 // argument forms, result replies, and the bounds on every receive.
-#include <chrono>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <chrono>
 
 #include "pelmora/admin/internal/rcfso_test_access.h"
 #include "pelmora/admin/rcfso.h"
@@ -173,7 +173,7 @@ TEST(RCFSOFraming, ResultRepliesSetTheCodeInBothOutcomes) {
       {ResultData(false, 2), false, 2, ""},
       {Bytes{'F', 9, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}, false, 9, ""},  // N < 0: no message
       {Bytes{0xE9, 1, 0, 0, 0, 2, 0, 0, 0, 0xE9, 'x'}, false, 1, "\xC3\xA9x"},
-      {Bytes{'T', 1}, false, 8004, "Invalid Data Size"},              // too short
+      {Bytes{'T', 1}, false, 8004, "Invalid Data Size"},  // too short
       {Bytes{'F', 1, 0, 0, 0, 50, 0, 0, 0, 'a'}, false, 8004, "Invalid Data Size"},
   };
   for (const Case& c : cases) {
@@ -205,8 +205,8 @@ TEST(RCFSOFraming, RequestBlocksArePaddedTo1500OrSentAtTheirExactLength) {
   EXPECT_EQ(announce[7], 4);  // the size message carries 4 bytes: the total
   EXPECT_EQ(Bytes(announce.begin() + 11, announce.begin() + 15), (Bytes{24, 0, 0, 0}));
   Bytes expected(1500, 0);
-  const Bytes head = {5, 1, 18, 0, 0, 0, 'C', 0, ':', 0, '\\', 0, 'a', 0, '.', 0, 't', 0, 'x', 0,
-                      't', 0, 0, 0};
+  const Bytes head = {5,   1, 18,  0, 0,   0, 'C', 0, ':', 0, '\\', 0,
+                      'a', 0, '.', 0, 't', 0, 'x', 0, 't', 0, 0,    0};
   std::copy(head.begin(), head.end(), expected.begin());
   EXPECT_EQ(peer.Received(2), expected);
   const Bytes announce_long = peer.Received(3);

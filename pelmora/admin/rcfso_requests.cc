@@ -175,8 +175,8 @@ bool RCFSO::FileExists(std::string_view sRemoteFile) {
 bool RCFSO::FolderExists(std::string_view sRemoteFolder) {
   ClearError();
   if (!CheckArgument(sRemoteFolder, "Empty remote folder name")) return false;
-  return ResultRequest(SendRequestUnicode(sRemoteFolder, Code(RequestCode::kFolderExists)),
-                       "RSFSO", "FolderExists", "** Send request fail", "** FolderExists ");
+  return ResultRequest(SendRequestUnicode(sRemoteFolder, Code(RequestCode::kFolderExists)), "RSFSO",
+                       "FolderExists", "** Send request fail", "** FolderExists ");
 }
 
 bool RCFSO::CreateRemoteFolder(std::string_view sRemoteFolder) {
@@ -244,9 +244,8 @@ bool RCFSO::MoveRemoteFile(std::string_view sExistingFile, std::string_view sNew
       !CheckArgument(sNewFile, "Empty new file name")) {
     return false;
   }
-  return ResultRequest(
-      SendRequestTwo(sExistingFile, sNewFile, Code(RequestCode::kMoveRemoteFile)), "RFSO",
-      "MoveRemoteFile", "** send request fail", "** MoveRemoteFile = ");
+  return ResultRequest(SendRequestTwo(sExistingFile, sNewFile, Code(RequestCode::kMoveRemoteFile)),
+                       "RFSO", "MoveRemoteFile", "** send request fail", "** MoveRemoteFile = ");
 }
 
 }  // namespace pelmora::admin

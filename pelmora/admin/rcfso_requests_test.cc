@@ -1,9 +1,9 @@
 // RCFSO remote request tests: codes, argument forms and flags on the wire, local argument checks,
 // the three reply forms and the log lines of each request.
-#include <functional>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <functional>
 
 #include "pelmora/admin/internal/rcfso_test_access.h"
 #include "pelmora/admin/rcfso.h"
@@ -95,32 +95,78 @@ TEST_P(ResultRequestTest, LogsTheSendFailureWhenNotConnected) {
 
 INSTANTIATE_TEST_SUITE_P(
     Members, ResultRequestTest,
-    ::testing::Values(
-        ResultCase{"FileExists", [](RCFSO& f) { return f.FileExists("C:\\a"); }, 5, {"C:\\a"},
-                   "RSFSO", "FileExists", "** FileExists "},
-        ResultCase{"FolderExists", [](RCFSO& f) { return f.FolderExists("C:\\d"); }, 6,
-                   {"C:\\d"}, "RSFSO", "FolderExists", "** FolderExists "},
-        ResultCase{"CreateRemoteFile",
-                   [](RCFSO& f) { return f.CreateRemoteFile("n", true, false); }, 7,
-                   {"n", "TRUE", "FALSE"}, "RFSO", "CreateRemoteFile", "** CreateRemoteFile = "},
-        ResultCase{"CreateRemoteFolder", [](RCFSO& f) { return f.CreateRemoteFolder("d"); }, 8,
-                   {"d"}, "RFSO", "createremotefolder", "** createremotefolder = "},
-        ResultCase{"DeleteRemoteFile", [](RCFSO& f) { return f.DeleteRemoteFile("x"); }, 9,
-                   {"x"}, "RFSO", "DeleteRemoteFile", "** DeleteRemoteFile = "},
-        ResultCase{"DeleteRemoteFolder", [](RCFSO& f) { return f.DeleteRemoteFolder("y"); }, 10,
-                   {"y"}, "RFSO", "DeleteRemoteFolder", "** DeleteRemoteFolder = "},
-        ResultCase{"CopyRemoteFile",
-                   [](RCFSO& f) {
-                     return f.CopyRemoteFile("a", "b", AutomationBool::FromRaw(1));
-                   },
-                   11, {"a", "b", "FALSE"}, "RFSO", "CopyRemoteFile", "** CopyRemoteFile = "},
-        ResultCase{"CopyRemoteFolder",
-                   [](RCFSO& f) { return f.CopyRemoteFolder("a", "b", true); }, 12,
-                   {"a", "b", "TRUE"}, "RFSO", "Copyremotefolder", "** Copyremotefolder = "},
-        ResultCase{"MoveRemoteFile", [](RCFSO& f) { return f.MoveRemoteFile(" a", "b "); }, 15,
-                   {" a", "b "}, "RFSO", "MoveRemoteFile", "** MoveRemoteFile = "},
-        ResultCase{"IsSameMachineWithSvr", [](RCFSO& f) { return f.IsSameMachineWithSvr(); }, 17,
-                   {}, "RSFSO", "IsSameMachineWithSvr", ""}),
+    ::testing::Values(ResultCase{"FileExists",
+                                 [](RCFSO& f) { return f.FileExists("C:\\a"); },
+                                 5,
+                                 {"C:\\a"},
+                                 "RSFSO",
+                                 "FileExists",
+                                 "** FileExists "},
+                      ResultCase{"FolderExists",
+                                 [](RCFSO& f) { return f.FolderExists("C:\\d"); },
+                                 6,
+                                 {"C:\\d"},
+                                 "RSFSO",
+                                 "FolderExists",
+                                 "** FolderExists "},
+                      ResultCase{"CreateRemoteFile",
+                                 [](RCFSO& f) { return f.CreateRemoteFile("n", true, false); },
+                                 7,
+                                 {"n", "TRUE", "FALSE"},
+                                 "RFSO",
+                                 "CreateRemoteFile",
+                                 "** CreateRemoteFile = "},
+                      ResultCase{"CreateRemoteFolder",
+                                 [](RCFSO& f) { return f.CreateRemoteFolder("d"); },
+                                 8,
+                                 {"d"},
+                                 "RFSO",
+                                 "createremotefolder",
+                                 "** createremotefolder = "},
+                      ResultCase{"DeleteRemoteFile",
+                                 [](RCFSO& f) { return f.DeleteRemoteFile("x"); },
+                                 9,
+                                 {"x"},
+                                 "RFSO",
+                                 "DeleteRemoteFile",
+                                 "** DeleteRemoteFile = "},
+                      ResultCase{"DeleteRemoteFolder",
+                                 [](RCFSO& f) { return f.DeleteRemoteFolder("y"); },
+                                 10,
+                                 {"y"},
+                                 "RFSO",
+                                 "DeleteRemoteFolder",
+                                 "** DeleteRemoteFolder = "},
+                      ResultCase{"CopyRemoteFile",
+                                 [](RCFSO& f) {
+                                   return f.CopyRemoteFile("a", "b", AutomationBool::FromRaw(1));
+                                 },
+                                 11,
+                                 {"a", "b", "FALSE"},
+                                 "RFSO",
+                                 "CopyRemoteFile",
+                                 "** CopyRemoteFile = "},
+                      ResultCase{"CopyRemoteFolder",
+                                 [](RCFSO& f) { return f.CopyRemoteFolder("a", "b", true); },
+                                 12,
+                                 {"a", "b", "TRUE"},
+                                 "RFSO",
+                                 "Copyremotefolder",
+                                 "** Copyremotefolder = "},
+                      ResultCase{"MoveRemoteFile",
+                                 [](RCFSO& f) { return f.MoveRemoteFile(" a", "b "); },
+                                 15,
+                                 {" a", "b "},
+                                 "RFSO",
+                                 "MoveRemoteFile",
+                                 "** MoveRemoteFile = "},
+                      ResultCase{"IsSameMachineWithSvr",
+                                 [](RCFSO& f) { return f.IsSameMachineWithSvr(); },
+                                 17,
+                                 {},
+                                 "RSFSO",
+                                 "IsSameMachineWithSvr",
+                                 ""}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST(RCFSORequests, SendFailureTextsAreEachRequestsOwn) {
@@ -213,10 +259,11 @@ TEST(RCFSORequests, FailedTextReceiveUsesTheSocketDescription) {
   EXPECT_EQ(fso.GetFileVersion("f"), "");
   EXPECT_EQ(fso.ErrCode(), 10060);
   EXPECT_EQ(fso.ErrDescription(), DescribeError(10060));
-  EXPECT_TRUE(log.Has(".err", {"E", "RSFSO", "GetFileVersion", Handle(fso) + "**RecvMessage fail"}));
+  EXPECT_TRUE(
+      log.Has(".err", {"E", "RSFSO", "GetFileVersion", Handle(fso) + "**RecvMessage fail"}));
   EXPECT_EQ(fso.GetSystemDirectory(), "");
-  EXPECT_TRUE(log.Has(".log", {"I", "RSFSO", "GetSystemDirectory",
-                               Handle(fso) + "**Get data size fail"}));
+  EXPECT_TRUE(
+      log.Has(".log", {"I", "RSFSO", "GetSystemDirectory", Handle(fso) + "**Get data size fail"}));
   fso.Disconnect();
 }
 
@@ -267,7 +314,8 @@ TEST(RCFSORequests, RawTextCutShortByTheServerFails) {
   EXPECT_EQ(fso.GetPathWithKey("k"), "");
   EXPECT_EQ(fso.ErrCode(), 10060);
   EXPECT_EQ(fso.ErrDescription(), DescribeError(10060));
-  EXPECT_TRUE(log.Has(".log", {"I", "RSFSO", "GetPathWithKey", Handle(fso) + "**Get Data content fail"}));
+  EXPECT_TRUE(
+      log.Has(".log", {"I", "RSFSO", "GetPathWithKey", Handle(fso) + "**Get Data content fail"}));
   fso.Disconnect();
 }
 
@@ -277,7 +325,8 @@ TEST(RCFSORequests, GetPrintQChecksTheAnnouncedSize) {
   EXPECT_EQ(negative.fso().GetPrintQ(), "");
   EXPECT_EQ(negative.fso().ErrCode(), 8004);
   EXPECT_EQ(negative.fso().ErrDescription(), "Invalid data size");
-  EXPECT_TRUE(log.Has(".log", {"I", "RSFSO", "GetPrintQ", Handle(negative.fso()) + "**Data size =-1"}));
+  EXPECT_TRUE(
+      log.Has(".log", {"I", "RSFSO", "GetPrintQ", Handle(negative.fso()) + "**Data size =-1"}));
   const Bytes block = negative.Block();
   EXPECT_EQ(Bytes(block.begin(), block.begin() + 6), (Bytes{14, 1, 0, 0, 0, 0}));
 

@@ -75,8 +75,8 @@ TEST(RCFSO, SendsTheLoginAsGivenWhenAlreadyEncoded) {
   ASSERT_TRUE(fso.Connect("127.0.0.1", peer.Port(), "ad min", "pw", true)) << fso.ErrDescription();
   ASSERT_TRUE(peer.Finish()) << peer.Failure();
   Bytes expected(1500, 0);
-  const uint8_t head[] = {0xFF, 0xFF, 0xFF, 0xF9, 0xFF, 0xFF, 0x7F, 9, 0, 0, 0,
-                          'a',  'd',  ' ',  'm',  'i',  'n',  10,   'p', 'w'};
+  const uint8_t head[] = {0xFF, 0xFF, 0xFF, 0xF9, 0xFF, 0xFF, 0x7F, 9,  0,   0,
+                          0,    'a',  'd',  ' ',  'm',  'i',  'n',  10, 'p', 'w'};
   std::copy(std::begin(head), std::end(head), expected.begin());
   EXPECT_EQ(peer.Received(0), expected);
   EXPECT_EQ(fso.ErrCode(), 0);
@@ -188,8 +188,8 @@ TEST(RCFSO, ReconnectingStartsAFreshLoginWithTheCounterRunningOn) {
   const std::string handle = std::to_string(RCFSOTestAccess::Socket(fso).SocketHandle());
   fso.Disconnect();
   EXPECT_FALSE(RCFSOTestAccess::Connected(fso));
-  EXPECT_TRUE(log.Has(".log", {"I", "RSFSO", "Disconnect",
-                               "(" + handle + ")Client Disconnected" + handle}));
+  EXPECT_TRUE(log.Has(
+      ".log", {"I", "RSFSO", "Disconnect", "(" + handle + ")Client Disconnected" + handle}));
   EXPECT_EQ(fso.FileExists("f"), false);
   EXPECT_EQ(fso.ErrCode(), 8117);
   EXPECT_EQ(fso.ErrDescription(), "Connection has not established");
@@ -227,8 +227,8 @@ TEST(RCFSO, SendToAResetPeerRaisesFSODisconnect) {
   EXPECT_EQ(fso.ErrDescription(), DescribeError(10054));
   EXPECT_THAT(sink.events, ::testing::ElementsAre("FSODisconnect:" + DescribeError(10054)));
   EXPECT_TRUE(RCFSOTestAccess::Connected(fso));
-  EXPECT_TRUE(log.Has(".log", {"I", "RSFSO", "SendPacket",
-                               Handle(fso) + "**Send Packet fail err = 10054"}));
+  EXPECT_TRUE(log.Has(
+      ".log", {"I", "RSFSO", "SendPacket", Handle(fso) + "**Send Packet fail err = 10054"}));
   EXPECT_TRUE(log.Has(".log", {"I", "RSFSO", "FileExists", Handle(fso) + "** Send request fail"}));
 }
 
@@ -242,8 +242,8 @@ TEST(RCFSO, FailureLinesAreWrittenAtLogLevelOneAndTracesAreNot) {
   fso.set_timeout(100);
   EXPECT_FALSE(fso.Connect("127.0.0.1", peer.Port(), "u", "p", true));
   const std::vector<LogLine> lines = log.Lines(".log");
-  EXPECT_THAT(lines, ::testing::ElementsAre(LogLine{"I", "RCFSO", "RecvMessage",
-                                                    DescribeError(10060)}));
+  EXPECT_THAT(lines,
+              ::testing::ElementsAre(LogLine{"I", "RCFSO", "RecvMessage", DescribeError(10060)}));
 }
 
 }  // namespace

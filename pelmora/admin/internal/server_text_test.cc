@@ -18,22 +18,18 @@ TEST_P(NormaliseServerPathTest, GivesTheServersFullForm) {
 
 INSTANTIATE_TEST_SUITE_P(
     Forms, NormaliseServerPathTest,
-    ::testing::Values(
-        PathCase{"C:\\Qel\\Program\\..\\..", "C:\\"},
-        PathCase{"C:\\Apps\\Qel\\Program\\..\\..", "C:\\Apps"},
-        PathCase{"d:/apps/qel/bin/../..", "d:\\apps"},
-        PathCase{"C:\\a\\\\b\\.\\c\\", "C:\\a\\b\\c\\"},
-        PathCase{"C:\\..\\..\\a", "C:\\a"},
-        PathCase{"C:", "C:\\"},
-        PathCase{"C:rel\\x\\..", "C:\\rel"},
-        PathCase{"\\\\srv\\share\\a\\b\\..\\..", "\\\\srv\\share\\"},
-        PathCase{"//srv/share/a/./b/../c", "\\\\srv\\share\\a\\c"},
-        PathCase{"\\\\srv\\share\\..\\..\\x", "\\\\srv\\share\\x"},
-        PathCase{"\\Program\\Qel\\..\\..", "\\"},
-        PathCase{"/a/b/../c", "\\a\\c"},
-        PathCase{"a\\b\\..\\..\\..\\c", "..\\c"},
-        PathCase{"a\\..", "."},
-        PathCase{"C:\\Program Files\\Qel 2\\bin\\..\\..", "C:\\Program Files"}));
+    ::testing::Values(PathCase{"C:\\Qel\\Program\\..\\..", "C:\\"},
+                      PathCase{"C:\\Apps\\Qel\\Program\\..\\..", "C:\\Apps"},
+                      PathCase{"d:/apps/qel/bin/../..", "d:\\apps"},
+                      PathCase{"C:\\a\\\\b\\.\\c\\", "C:\\a\\b\\c\\"},
+                      PathCase{"C:\\..\\..\\a", "C:\\a"}, PathCase{"C:", "C:\\"},
+                      PathCase{"C:rel\\x\\..", "C:\\rel"},
+                      PathCase{"\\\\srv\\share\\a\\b\\..\\..", "\\\\srv\\share\\"},
+                      PathCase{"//srv/share/a/./b/../c", "\\\\srv\\share\\a\\c"},
+                      PathCase{"\\\\srv\\share\\..\\..\\x", "\\\\srv\\share\\x"},
+                      PathCase{"\\Program\\Qel\\..\\..", "\\"}, PathCase{"/a/b/../c", "\\a\\c"},
+                      PathCase{"a\\b\\..\\..\\..\\c", "..\\c"}, PathCase{"a\\..", "."},
+                      PathCase{"C:\\Program Files\\Qel 2\\bin\\..\\..", "C:\\Program Files"}));
 
 struct DateCase {
   const char* in;
@@ -60,10 +56,10 @@ INSTANTIATE_TEST_SUITE_P(
                       DateCase{"8:05:09 AM", {1899, 12, 30, 8, 5, 9}}));
 
 TEST(ParseServerDate, RefusesTextsThatAreNotDates) {
-  for (const char* text : {"", "   ", "tomorrow", "2009-02-30", "13/1/2009", "3/14/09",
-                           "2009-03-14 25:00:00", "3/14/2009 13:00:00 PM", "3/14/2009 8:00 XM",
-                           "2009-03-14 08:05:09 PM extra", "2009/03/14", "1-2-3",
-                           "2009-03-14 8:5:9:1", "2009-03-14x"}) {
+  for (const char* text :
+       {"", "   ", "tomorrow", "2009-02-30", "13/1/2009", "3/14/09", "2009-03-14 25:00:00",
+        "3/14/2009 13:00:00 PM", "3/14/2009 8:00 XM", "2009-03-14 08:05:09 PM extra", "2009/03/14",
+        "1-2-3", "2009-03-14 8:5:9:1", "2009-03-14x"}) {
     EXPECT_FALSE(ParseServerDate(text).has_value()) << text;
   }
 }
