@@ -53,7 +53,8 @@ class AutomationBool {
 };
 
 // Receives the events of an RCFSO. Each passes one string by reference; a handler may change it,
-// which nothing reads afterwards. Handlers must not call back into the raising RCFSO.
+// which nothing reads afterwards. Handlers must not call back into the raising RCFSO; an
+// exception thrown by a handler propagates out of the call that raised the event.
 class RCFSOEvents {
  public:
   virtual ~RCFSOEvents() = default;

@@ -27,9 +27,7 @@ using pelmora::testing::ScriptedPeer;
 using pelmora::testing::SizeData;
 using pelmora::testing::TextData;
 
-std::string Handle(RCFSO& fso) {
-  return "(" + std::to_string(RCFSOTestAccess::Socket(fso).SocketHandle()) + ")";
-}
+std::string Handle(const RCFSO& fso) { return RCFSOTestAccess::Handle(fso); }
 
 // The request block's content after code and count: each argument decoded from UTF-16LE.
 std::vector<std::string> UnicodeArguments(const Bytes& block) {

@@ -37,9 +37,7 @@ class RecordingSink : public RCFSOEvents {
   std::vector<std::string> events;
 };
 
-std::string Handle(RCFSO& fso) {
-  return "(" + std::to_string(RCFSOTestAccess::Socket(fso).SocketHandle()) + ")";
-}
+std::string Handle(const RCFSO& fso) { return RCFSOTestAccess::Handle(fso); }
 
 TEST(RCFSO, StartsDisconnectedWithItsDefaults) {
   LogLevel() = 0;

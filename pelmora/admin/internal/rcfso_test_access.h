@@ -17,6 +17,8 @@ class RCFSOTestAccess {
   static int32_t Sequence(const RCFSO& fso) { return fso.sequence_; }
   static bool Connected(const RCFSO& fso) { return fso.connected_; }
   static WinSock& Socket(RCFSO& fso) { return fso.socket_; }
+  // "(H)": the socket handle in parentheses, as log lines begin.
+  static std::string Handle(const RCFSO& fso) { return fso.HandlePrefix(); }
   static bool SendPacket(RCFSO& fso, std::span<const uint8_t> buffer) {
     return fso.SendPacket(buffer);
   }
