@@ -7,6 +7,7 @@
 // bytes_per_second within one run:
 //   build/h/bench/pelmora_bench --benchmark_filter='WinSock|PlainRecv' --benchmark_repetitions=5
 #include <arpa/inet.h>
+#include <benchmark/benchmark.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -15,8 +16,6 @@
 #include <cstdint>
 #include <thread>
 #include <vector>
-
-#include <benchmark/benchmark.h>
 
 #include "pelmora/net/winsock.h"
 

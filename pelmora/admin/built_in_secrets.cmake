@@ -73,3 +73,14 @@ constexpr unsigned char kMaskedServiceAccount[] = {@account_bytes@0};
 constexpr unsigned char kMaskedServicePassword[] = {@password_bytes@0};
 constexpr unsigned char kMaskedAccessCode[] = {@access_code_bytes@0};
 " @ONLY)
+
+# For the tests only: the expected values as hexadecimal text, to check the unmasking.
+string(HEX "${PELMORA_SERVICE_ACCOUNT}" account_hex)
+string(HEX "${PELMORA_SERVICE_PASSWORD}" password_hex)
+string(HEX "${PELMORA_ACCESS_CODE}" access_code_hex)
+file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/pelmora/admin/built_in_secrets_expected.inc CONTENT
+"// Generated at configure time for the tests; do not edit, do not commit.
+constexpr std::string_view kExpectedAccountHex = \"@account_hex@\";
+constexpr std::string_view kExpectedPasswordHex = \"@password_hex@\";
+constexpr std::string_view kExpectedAccessCodeHex = \"@access_code_hex@\";
+" @ONLY)

@@ -27,7 +27,8 @@ constexpr std::array<std::uint8_t, kCredentialTableSize> Invert(
 
 constexpr std::array<std::uint8_t, kCredentialTableSize> kDecode = Invert(kEncode);
 
-std::string Map(std::string_view text, const std::array<std::uint8_t, kCredentialTableSize>& table) {
+std::string Map(std::string_view text,
+                const std::array<std::uint8_t, kCredentialTableSize>& table) {
   std::string out(text);
   for (char& c : out) {
     auto byte = static_cast<unsigned char>(c);

@@ -40,6 +40,21 @@ bool ReadRecordText(std::span<const std::uint8_t> data, std::size_t& position, s
   return true;
 }
 
+// The three FILETIMEs (creation, last access, last write) that records and transfer headers share.
+template <typename T>
+void ReadFileTimes(std::span<const std::uint8_t> data, std::size_t offset, T& value) {
+  value.creation_time = GetUint64(data, offset);
+  value.last_access_time = GetUint64(data, offset + 8);
+  value.last_write_time = GetUint64(data, offset + 16);
+}
+
+template <typename T>
+void AppendFileTimes(std::vector<std::uint8_t>& out, const T& value) {
+  AppendUint64(out, value.creation_time);
+  AppendUint64(out, value.last_access_time);
+  AppendUint64(out, value.last_write_time);
+}
+
 void AppendRecordText(std::vector<std::uint8_t>& out, std::string_view utf8) {
   std::string utf16 = Utf8ToUtf16Le(utf8);
   AppendInt32(out, static_cast<std::int32_t>(utf16.size()));
@@ -52,8 +67,7 @@ std::int32_t CommandRequestTotal(std::string_view command_utf8) {
   return static_cast<std::int32_t>(Utf8ToAnsi(command_utf8).size()) + 15;
 }
 
-std::vector<std::uint8_t> BuildCommandRequest(std::string_view command_utf8,
-                                              std::int32_t timeout) {
+std::vector<std::uint8_t> BuildCommandRequest(std::string_view command_utf8, std::int32_t timeout) {
   std::vector<std::vector<std::uint8_t>> args = {CommandArgument(command_utf8), {}};
   AppendInt32(args[1], timeout);
   return BuildRequestBlock(RequestCode::kSyncCreateProcess, args);
@@ -125,9 +139,7 @@ std::optional<FileInfoRecord> ParseFileInfoRecord(std::span<const std::uint8_t> 
   FileInfoRecord record;
   record.attributes = GetInt32(data, 0);
   record.size = GetInt32(data, 4);
-  record.creation_time = GetUint64(data, 8);
-  record.last_access_time = GetUint64(data, 16);
-  record.last_write_time = GetUint64(data, 24);
+  ReadFileTimes(data, 8, record);
   std::size_t position = kRecordFixedPart;
   if (!ReadRecordText(data, position, record.name) ||
       !ReadRecordText(data, position, record.full_path) ||
@@ -141,9 +153,7 @@ std::vector<std::uint8_t> BuildFileInfoRecord(const FileInfoRecord& record) {
   std::vector<std::uint8_t> data;
   AppendInt32(data, record.attributes);
   AppendInt32(data, record.size);
-  AppendUint64(data, record.creation_time);
-  AppendUint64(data, record.last_access_time);
-  AppendUint64(data, record.last_write_time);
+  AppendFileTimes(data, record);
   AppendRecordText(data, record.name);
   AppendRecordText(data, record.full_path);
   AppendRecordText(data, record.parent_path);
@@ -180,9 +190,7 @@ std::vector<std::uint8_t> BuildListing(std::span<const FileInfoRecord> records) 
 std::vector<std::uint8_t> BuildTransferHeader(const TransferHeader& header) {
   std::vector<std::uint8_t> data;
   AppendInt32(data, header.size);
-  AppendUint64(data, header.creation_time);
-  AppendUint64(data, header.last_access_time);
-  AppendUint64(data, header.last_write_time);
+  AppendFileTimes(data, header);
   return data;
 }
 
@@ -190,9 +198,7 @@ std::optional<TransferHeader> ParseTransferHeader(std::span<const std::uint8_t> 
   if (data.size() < kTransferHeaderSize) return std::nullopt;
   TransferHeader header;
   header.size = GetInt32(data, 0);
-  header.creation_time = GetUint64(data, 4);
-  header.last_access_time = GetUint64(data, 12);
-  header.last_write_time = GetUint64(data, 20);
+  ReadFileTimes(data, 4, header);
   return header;
 }
 

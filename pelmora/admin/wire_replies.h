@@ -36,12 +36,11 @@ std::int32_t CommandRequestTotal(std::string_view command_utf8);
 // The command request block: code 20, count 2, the command line in ANSI form (its length + 1,
 // the bytes, a 0; an empty command still gets length 1 and the 0), then length 4 and `timeout`
 // little-endian, unchanged. Sized max(1500, CommandRequestTotal) with a zero tail.
-std::vector<std::uint8_t> BuildCommandRequest(std::string_view command_utf8,
-                                              std::int32_t timeout);
+std::vector<std::uint8_t> BuildCommandRequest(std::string_view command_utf8, std::int32_t timeout);
 
 // A command request as the service reads it.
 struct CommandRequest {
-  std::string command;      // UTF-8, converted from ANSI, terminator removed
+  std::string command;  // UTF-8, converted from ANSI, terminator removed
   std::int32_t timeout = 0;
 };
 

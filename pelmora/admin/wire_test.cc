@@ -23,11 +23,17 @@ Bytes Concat(std::initializer_list<Bytes> parts) {
 Bytes Header(std::int32_t sequence, std::int32_t size) {
   auto s = static_cast<std::uint32_t>(sequence);
   auto n = static_cast<std::uint32_t>(size);
-  return {0xFF, 0xFF, 0xFF,
-          static_cast<std::uint8_t>(s), static_cast<std::uint8_t>(s >> 8),
-          static_cast<std::uint8_t>(s >> 16), static_cast<std::uint8_t>(s >> 24),
-          static_cast<std::uint8_t>(n), static_cast<std::uint8_t>(n >> 8),
-          static_cast<std::uint8_t>(n >> 16), static_cast<std::uint8_t>(n >> 24)};
+  return {0xFF,
+          0xFF,
+          0xFF,
+          static_cast<std::uint8_t>(s),
+          static_cast<std::uint8_t>(s >> 8),
+          static_cast<std::uint8_t>(s >> 16),
+          static_cast<std::uint8_t>(s >> 24),
+          static_cast<std::uint8_t>(n),
+          static_cast<std::uint8_t>(n >> 8),
+          static_cast<std::uint8_t>(n >> 16),
+          static_cast<std::uint8_t>(n >> 24)};
 }
 
 Bytes Padded(Bytes bytes, std::size_t size) {
@@ -110,15 +116,12 @@ INSTANTIATE_TEST_SUITE_P(
                   PacketFault::kBadHeader},
         FaultCase{"BadHeaderBeforeBadSequence", WithByte(BuildFramedPacket(1, {}), 1, 0), 2,
                   PacketFault::kBadHeader},
-        FaultCase{"StaleSequence", BuildFramedPacket(2147483647, {}), 0,
-                  PacketFault::kBadSequence},
+        FaultCase{"StaleSequence", BuildFramedPacket(2147483647, {}), 0, PacketFault::kBadSequence},
         FaultCase{"NegativeSize", Padded(Header(3, -1), 1500), 3, PacketFault::kBadDataSize},
-        FaultCase{"SizeOfWholePacket", Padded(Header(3, 1500), 1500), 3,
-                  PacketFault::kBadDataSize},
+        FaultCase{"SizeOfWholePacket", Padded(Header(3, 1500), 1500), 3, PacketFault::kBadDataSize},
         FaultCase{"SizeOneTooMany", Padded(Header(3, 1490), 1500), 3, PacketFault::kBadDataSize},
         FaultCase{"SizePastShortPacket", Padded(Header(3, 5), 15), 3, PacketFault::kBadDataSize},
-        FaultCase{"HugeSize", Padded(Header(3, 0x7FFFFFFF), 1500), 3,
-                  PacketFault::kBadDataSize}),
+        FaultCase{"HugeSize", Padded(Header(3, 0x7FFFFFFF), 1500), 3, PacketFault::kBadDataSize}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST(Wire, StaleSequenceFaultStillReportsTheSequenceNumber) {
@@ -164,8 +167,9 @@ TEST(Wire, LongRequestBlockIsSentAtItsExactLength) {
   std::vector<Bytes> args = {Bytes(1000, 'a'), Bytes(999, 'b')};
   ASSERT_EQ(RequestBlockTotal(args), 2009);
   Bytes block = BuildRequestBlock(RequestCode::kMoveRemoteFile, args);
-  EXPECT_EQ(block, Concat({{15, 2, 0xE8, 0x03, 0, 0}, Bytes(1000, 'a'), {0xE7, 0x03, 0, 0},
-                           Bytes(999, 'b')}));
+  EXPECT_EQ(
+      block,
+      Concat({{15, 2, 0xE8, 0x03, 0, 0}, Bytes(1000, 'a'), {0xE7, 0x03, 0, 0}, Bytes(999, 'b')}));
 }
 
 TEST(Wire, SizeMessageIsTheLittleEndianTotal) {
@@ -210,7 +214,8 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(Wire, ResultReplyRoundTrips) {
   EXPECT_EQ(BuildResultReply(true, 0, ""), (Bytes{'T', 0, 0, 0, 0, 0, 0, 0, 0}));
-  EXPECT_EQ(BuildResultReply(false, 5, "\xC3\xBC!"), (Bytes{'F', 5, 0, 0, 0, 2, 0, 0, 0, 0xFC, '!'}));
+  EXPECT_EQ(BuildResultReply(false, 5, "\xC3\xBC!"),
+            (Bytes{'F', 5, 0, 0, 0, 2, 0, 0, 0, 0xFC, '!'}));
   std::optional<ResultReply> reply = ParseResultReply(BuildResultReply(false, 53, "No file"));
   ASSERT_TRUE(reply);
   EXPECT_FALSE(reply->success);
@@ -240,12 +245,15 @@ INSTANTIATE_TEST_SUITE_P(
     Replies, ResultReplyTest,
     ::testing::Values(
         ResultCase{"SuccessWithNonzeroCode", {'T', 7, 0, 0, 0}, ResultReply{true, 7, ""}},
-        ResultCase{"SuccessIgnoresMessage", {'T', 0, 0, 0, 0, 3, 0, 0, 0, 'a', 'b', 'c'},
+        ResultCase{"SuccessIgnoresMessage",
+                   {'T', 0, 0, 0, 0, 3, 0, 0, 0, 'a', 'b', 'c'},
                    ResultReply{true, 0, ""}},
         ResultCase{"LowercaseTIsFailure", {'t', 1, 0, 0, 0, 0, 0, 0, 0}, ResultReply{false, 1, ""}},
-        ResultCase{"NegativeLengthGivesNoMessage", {'F', 2, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF},
+        ResultCase{"NegativeLengthGivesNoMessage",
+                   {'F', 2, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF},
                    ResultReply{false, 2, ""}},
-        ResultCase{"MessageWithPadding", {'F', 2, 0, 0, 0, 1, 0, 0, 0, 'x', 0, 0},
+        ResultCase{"MessageWithPadding",
+                   {'F', 2, 0, 0, 0, 1, 0, 0, 0, 'x', 0, 0},
                    ResultReply{false, 2, "x"}},
         ResultCase{"Empty", {}, std::nullopt},
         ResultCase{"TruncatedCode", {'T', 0, 0, 0}, std::nullopt},

@@ -58,8 +58,9 @@ class ClassBinder {
   template <class G>
   ClassBinder& Property(std::string name, G getter) {
     if constexpr (std::is_member_object_pointer_v<G>) {
-      return Property(name, [getter](T& self) { return self.*getter; },
-                      [getter](T& self, const FieldType<G>& value) { self.*getter = value; });
+      return Property(
+          name, [getter](T& self) { return self.*getter; },
+          [getter](T& self, const FieldType<G>& value) { self.*getter = value; });
     } else {
       info_->AddMember({name, false, internal::MakeAccessor<T>(name, getter, {}), {}});
       return *this;

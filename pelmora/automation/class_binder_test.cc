@@ -1,19 +1,22 @@
 #include "pelmora/automation/class_binder.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "pelmora/automation/registry.h"
 #include "pelmora/common/error.h"
+#include "pelmora/testing/raised_error.h"
 
 namespace pelmora::automation {
 namespace {
 
-using testing::ElementsAre;
+using ::testing::ElementsAre;
 
 enum class Shade { kLight = 1, kDark = 2 };
 
@@ -88,18 +91,13 @@ const ClassRegistrar kCounterClass(
 const ClassRegistrar kPlainClass(ClassBinder<Plain>("Pelmora.TestPlain").Property("Id", &Plain::Id),
                                  nullptr);
 
-// Invokes and returns the raised error (number 0 when none was raised).
+// The error that invoking `name` raises (number 0 when none).
 Error InvokeError(const ObjectRef& object, std::string_view name, CallKind kind,
                   std::vector<Variant> args) {
-  try {
-    object->Invoke(name, kind, args);
-  } catch (const Error& e) {
-    return e;
-  }
-  return Error(0, "");
+  return pelmora::testing::RaisedError([&] { CallByName(object, name, kind, args); });
 }
 
-class ClassBinderTest : public testing::Test {
+class ClassBinderTest : public ::testing::Test {
  protected:
   ObjectRef counter_ = CreateObject("Pelmora.TestCounter");
 };
@@ -160,6 +158,21 @@ TEST_F(ClassBinderTest, ReturnsAndAcceptsObjectsOfBoundClasses) {
   EXPECT_EQ(counter_->Invoke("SameValue", CallKind::kMethod, nothing), Variant(false));
 }
 
+TEST_F(ClassBinderTest, DescribesMembersForTools) {
+  std::vector<MemberInfo> members = counter_->Members();
+  auto find = [&](std::string_view name) {
+    return *std::find_if(members.begin(), members.end(),
+                         [&](const MemberInfo& m) { return m.name == name; });
+  };
+  MemberInfo add = find("Add");
+  EXPECT_TRUE(add.is_method && add.readable && !add.writable);
+  EXPECT_EQ(add.min_args, 1u);
+  EXPECT_EQ(add.max_args, 2u);
+  MemberInfo doubled = find("Doubled");
+  EXPECT_TRUE(!doubled.is_method && doubled.readable && !doubled.writable);
+  EXPECT_TRUE(find("Value").writable);
+}
+
 TEST_F(ClassBinderTest, ListsMembersInDeclarationOrder) {
   std::vector<std::string> names = counter_->MemberNames();
   ASSERT_GE(names.size(), 3u);
@@ -176,8 +189,9 @@ struct ErrorCase {
   std::string description;
   std::string source = "Pelmora.TestCounter";
 };
+void PrintTo(const ErrorCase& c, std::ostream* os) { *os << c.name; }
 
-class InvokeErrorTest : public ClassBinderTest, public testing::WithParamInterface<ErrorCase> {};
+class InvokeErrorTest : public ClassBinderTest, public ::testing::WithParamInterface<ErrorCase> {};
 
 TEST_P(InvokeErrorTest, RaisesNumberedErrorWithSource) {
   const ErrorCase& c = GetParam();
@@ -192,29 +206,49 @@ const std::string kBadCount = "Wrong number of arguments or invalid property ass
 
 INSTANTIATE_TEST_SUITE_P(
     ClassBinder, InvokeErrorTest,
-    testing::Values(
+    ::testing::Values(
         ErrorCase{"UnknownMember", "Frobnicate", CallKind::kMethod, {}, 438, kNoMember},
         ErrorCase{"TooFewArguments", "Add", CallKind::kMethod, {}, 450, kBadCount},
-        ErrorCase{"TooManyArguments", "Add", CallKind::kMethod,
-                  {Variant(1), Variant(2), Variant(3)}, 450, kBadCount},
-        ErrorCase{"PropertyWithArgument", "Value", CallKind::kPropertyGet, {Variant(1)}, 450,
+        ErrorCase{"TooManyArguments",
+                  "Add",
+                  CallKind::kMethod,
+                  {Variant(1), Variant(2), Variant(3)},
+                  450,
                   kBadCount},
-        ErrorCase{"AssignReadOnly", "Doubled", CallKind::kPropertyLet, {Variant(1)}, 450,
-                  kBadCount},
+        ErrorCase{
+            "PropertyWithArgument", "Value", CallKind::kPropertyGet, {Variant(1)}, 450, kBadCount},
+        ErrorCase{
+            "AssignReadOnly", "Doubled", CallKind::kPropertyLet, {Variant(1)}, 450, kBadCount},
         ErrorCase{"AssignMethod", "Add", CallKind::kPropertyLet, {Variant(1)}, 450, kBadCount},
-        ErrorCase{"TextForLong", "Add", CallKind::kMethod, {Variant("many")}, 13,
-                  "Type mismatch"},
+        ErrorCase{"TextForLong", "Add", CallKind::kMethod, {Variant("many")}, 13, "Type mismatch"},
         ErrorCase{"LongOverflow", "Add", CallKind::kMethod, {Variant(3e9)}, 6, "Overflow"},
-        ErrorCase{"NumberForObject", "SameValue", CallKind::kMethod, {Variant(1)}, 424,
+        ErrorCase{"NumberForObject",
+                  "SameValue",
+                  CallKind::kMethod,
+                  {Variant(1)},
+                  424,
                   "Object required"},
-        ErrorCase{"MemberErrorWithoutSource", "Value", CallKind::kPropertyLet, {Variant(-1)},
-                  380, "Invalid property value"},
-        ErrorCase{"MemberErrorKeepsSource", "Fail", CallKind::kMethod,
-                  {Variant(9001), Variant("Inner")}, 9001, "failed", "Inner"},
-        ErrorCase{"MemberErrorGetsProgId", "Fail", CallKind::kMethod,
-                  {Variant(9002), Variant("")}, 9002, "failed"},
+        ErrorCase{"MemberErrorWithoutSource",
+                  "Value",
+                  CallKind::kPropertyLet,
+                  {Variant(-1)},
+                  380,
+                  "Invalid property value"},
+        ErrorCase{"MemberErrorKeepsSource",
+                  "Fail",
+                  CallKind::kMethod,
+                  {Variant(9001), Variant("Inner")},
+                  9001,
+                  "failed",
+                  "Inner"},
+        ErrorCase{"MemberErrorGetsProgId",
+                  "Fail",
+                  CallKind::kMethod,
+                  {Variant(9002), Variant("")},
+                  9002,
+                  "failed"},
         ErrorCase{"ForeignException", "Crash", CallKind::kMethod, {}, 440, "Automation error"}),
-    [](const testing::TestParamInfo<ErrorCase>& info) { return info.param.name; });
+    [](const ::testing::TestParamInfo<ErrorCase>& info) { return info.param.name; });
 
 TEST_F(ClassBinderTest, ObjectOfAnotherClassIsTypeMismatch) {
   ObjectRef plain = Wrap(std::make_shared<Plain>(3));
@@ -241,13 +275,10 @@ TEST_F(ClassBinderTest, SendsEventsToConnectedSinksWithByReferenceArguments) {
 
 TEST(ClassBinder, ClassWithoutEventsRefusesSinks) {
   ObjectRef plain = Wrap(std::make_shared<Plain>(1));
-  try {
-    plain->ConnectEvents(MakeEventSink([](std::string_view, std::span<Variant>) {}));
-    FAIL() << "no error";
-  } catch (const Error& e) {
-    EXPECT_EQ(e.Number(), 438);
-    EXPECT_EQ(e.Source(), "Pelmora.TestPlain");
-  }
+  Error e = pelmora::testing::RaisedError(
+      [&] { plain->ConnectEvents(MakeEventSink([](std::string_view, std::span<Variant>) {})); });
+  EXPECT_EQ(e.Number(), 438);
+  EXPECT_EQ(e.Source(), "Pelmora.TestPlain");
 }
 
 TEST(ClassBinder, MoreDefaultsThanParametersIsABindingMistake) {

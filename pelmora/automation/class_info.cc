@@ -64,7 +64,14 @@ void ClassInfo::DisconnectEvents(void* object, uint32_t cookie) const {
   if (events_) events_(object).Disconnect(cookie);
 }
 
-std::vector<std::string> ClassInfo::MemberNames() const { return members_.Keys(); }
+std::vector<MemberInfo> ClassInfo::Members() const {
+  std::vector<MemberInfo> members;
+  for (const auto& [key, m] : members_) {
+    members.push_back(MemberInfo{m.name, m.is_method, static_cast<bool>(m.get.call),
+                                 static_cast<bool>(m.let.call), m.get.min_args, m.get.max_args});
+  }
+  return members;
+}
 
 void RegisterBoundType(std::type_index type, std::shared_ptr<const ClassInfo> info) {
   TypeTable& table = Types();

@@ -64,7 +64,8 @@ class ClassInfo {
   uint32_t ConnectEvents(void* object, std::shared_ptr<EventSink> sink) const;
   void DisconnectEvents(void* object, uint32_t cookie) const;
 
-  std::vector<std::string> MemberNames() const;
+  // The members in declaration order.
+  std::vector<MemberInfo> Members() const;
 
  private:
   Variant Call(void* object, std::string_view name, CallKind kind, std::span<Variant> args) const;
@@ -94,8 +95,10 @@ class BoundObject : public Dispatch {
   uint32_t ConnectEvents(std::shared_ptr<EventSink> sink) override {
     return info_->ConnectEvents(object_.get(), std::move(sink));
   }
-  void DisconnectEvents(uint32_t cookie) override { info_->DisconnectEvents(object_.get(), cookie); }
-  std::vector<std::string> MemberNames() const override { return info_->MemberNames(); }
+  void DisconnectEvents(uint32_t cookie) override {
+    info_->DisconnectEvents(object_.get(), cookie);
+  }
+  std::vector<MemberInfo> Members() const override { return info_->Members(); }
 
   const std::shared_ptr<T>& Object() const { return object_; }
 

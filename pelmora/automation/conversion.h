@@ -29,10 +29,10 @@ struct VariantTraits {
 };
 
 // Types a Variant holds directly: converting in is the matching To* member.
-#define PELMORA_DIRECT_VARIANT_TRAITS(Type, Member)                  \
-  template <>                                                        \
-  struct VariantTraits<Type> {                                       \
-    static Type From(const Variant& v) { return v.Member(); }        \
+#define PELMORA_DIRECT_VARIANT_TRAITS(Type, Member)                 \
+  template <>                                                       \
+  struct VariantTraits<Type> {                                      \
+    static Type From(const Variant& v) { return v.Member(); }       \
     static Variant To(const Type& value) { return Variant(value); } \
   };
 PELMORA_DIRECT_VARIANT_TRAITS(bool, ToBool)

@@ -32,6 +32,12 @@ uint32_t Dispatch::ConnectEvents(std::shared_ptr<EventSink> sink) {
 
 void Dispatch::DisconnectEvents(uint32_t cookie) {}
 
-std::vector<std::string> Dispatch::MemberNames() const { return {}; }
+std::vector<MemberInfo> Dispatch::Members() const { return {}; }
+
+std::vector<std::string> Dispatch::MemberNames() const {
+  std::vector<std::string> names;
+  for (MemberInfo& member : Members()) names.push_back(std::move(member.name));
+  return names;
+}
 
 }  // namespace pelmora::automation

@@ -13,6 +13,7 @@
 #ifndef PELMORA_AUTOMATION_DISPATCH_H_
 #define PELMORA_AUTOMATION_DISPATCH_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -43,6 +44,17 @@ class EventSink {
 std::shared_ptr<EventSink> MakeEventSink(
     std::function<void(std::string_view event_name, std::span<Variant> args)> handler);
 
+// What a member is, for tools and bindings that must know before calling it (a method gives a
+// callable, a property a value). Argument counts are those of a call or a read.
+struct MemberInfo {
+  std::string name;
+  bool is_method = false;
+  bool readable = false;  // a property that can be read, or a method
+  bool writable = false;  // a property that can be assigned
+  size_t min_args = 0;
+  size_t max_args = 0;
+};
+
 // An object whose members are called by name.
 class Dispatch {
  public:
@@ -67,8 +79,11 @@ class Dispatch {
   // Disconnects the sink of `cookie`; an unknown cookie is ignored.
   virtual void DisconnectEvents(uint32_t cookie);
 
-  // The member names in declaration order, as declared; empty when the object does not say.
-  virtual std::vector<std::string> MemberNames() const;
+  // The members in declaration order, names as declared; empty when the object does not say.
+  virtual std::vector<MemberInfo> Members() const;
+
+  // The names of Members().
+  std::vector<std::string> MemberNames() const;
 };
 
 }  // namespace pelmora::automation

@@ -48,7 +48,8 @@ class EventSource {
 
   // Raises `name` with typed arguments converted to Variants. Arguments given as non-const
   // lvalues are by reference: they receive the values the sinks left (converted back; raises
-  // 13 or 6 when a sink left a value that does not convert).
+  // 13 or 6 when a sink left a value that does not convert). Types that only convert one way
+  // (std::string_view, const char*) are passed by value.
   template <class... A>
   void Raise(std::string_view name, A&&... args) {
     std::array<Variant, sizeof...(A)> values{ToVariant(args)...};
@@ -59,11 +60,13 @@ class EventSource {
   }
 
  private:
+  // Writes a sink's value back into a non-const lvalue argument of a type that converts back.
   template <class A>
   static void StoreBack(A&& arg, const Variant& value) {
-    if constexpr (std::is_lvalue_reference_v<A&&> &&
-                  !std::is_const_v<std::remove_reference_t<A>>) {
-      arg = FromVariant<std::remove_cvref_t<A>>(value);
+    using Plain = std::remove_cvref_t<A>;
+    if constexpr (std::is_lvalue_reference_v<A&&> && !std::is_const_v<std::remove_reference_t<A>> &&
+                  requires { VariantTraits<Plain>::From(value); }) {
+      arg = FromVariant<Plain>(value);
     }
   }
 

@@ -65,6 +65,12 @@ Variant CallByName(const ObjectRef& object, std::string_view name, CallKind kind
   return object->Invoke(name, kind, args);
 }
 
+Variant CallByName(const ObjectRef& object, std::string_view name, CallKind kind,
+                   std::initializer_list<Variant> args) {
+  std::vector<Variant> copies(args);
+  return CallByName(object, name, kind, std::span<Variant>(copies));
+}
+
 Variant GetProperty(const ObjectRef& object, std::string_view name) {
   return CallByName(object, name, CallKind::kPropertyGet);
 }

@@ -10,6 +10,7 @@
 #define PELMORA_AUTOMATION_REGISTRY_H_
 
 #include <functional>
+#include <initializer_list>
 #include <span>
 #include <string>
 #include <string_view>
@@ -39,6 +40,11 @@ std::vector<std::string> ListClasses();
 // variable not set" when `object` is Nothing.
 Variant CallByName(const ObjectRef& object, std::string_view name, CallKind kind,
                    std::span<Variant> args = {});
+
+// CallByName with arguments given in place, by value: by-reference changes are dropped.
+//   CallByName(socket, "SetSocketOption", CallKind::kMethod, {65535, 8, 1});
+Variant CallByName(const ObjectRef& object, std::string_view name, CallKind kind,
+                   std::initializer_list<Variant> args);
 
 // Reads property `name` (no arguments). Raises as CallByName.
 Variant GetProperty(const ObjectRef& object, std::string_view name);

@@ -1,19 +1,20 @@
 #include "pelmora/automation/registry.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <string>
 #include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "pelmora/common/dictionary.h"
 #include "pelmora/common/error.h"
+#include "pelmora/testing/raised_error.h"
 
 namespace pelmora::automation {
 namespace {
 
-using testing::Contains;
+using ::testing::Contains;
 
 // A hand-written Dispatch: echoes the member name and the argument count, and doubles a
 // by-reference first argument.
@@ -28,7 +29,7 @@ class Echo : public Dispatch {
   CallKind last_kind = CallKind::kMethod;
 };
 
-class Registry : public testing::Test {
+class Registry : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     RegisterClass("Pelmora.TestEcho", [] { return std::make_shared<Echo>(); });
@@ -45,23 +46,15 @@ TEST_F(Registry, CreatesObjectsByProgIdInAnyCase) {
 }
 
 TEST_F(Registry, UnknownProgIdRaises429) {
-  try {
-    CreateObject("Pelmora.NoSuchThing");
-    FAIL() << "no error";
-  } catch (const Error& e) {
-    EXPECT_EQ(e.Number(), 429);
-    EXPECT_EQ(e.Description(), "Component can't create object or return reference to this object");
-  }
+  Error e = pelmora::testing::RaisedError([&] { CreateObject("Pelmora.NoSuchThing"); });
+  EXPECT_EQ(e.Number(), 429);
+  EXPECT_EQ(e.Description(), "Component can't create object or return reference to this object");
 }
 
 TEST_F(Registry, ConstructionErrorGetsTheProgIdAsSource) {
-  try {
-    CreateObject("Pelmora.TestBroken");
-    FAIL() << "no error";
-  } catch (const Error& e) {
-    EXPECT_EQ(e.Number(), 7);
-    EXPECT_EQ(e.Source(), "Pelmora.TestBroken");
-  }
+  Error e = pelmora::testing::RaisedError([&] { CreateObject("Pelmora.TestBroken"); });
+  EXPECT_EQ(e.Number(), 7);
+  EXPECT_EQ(e.Source(), "Pelmora.TestBroken");
 }
 
 TEST_F(Registry, ListsRegisteredClassesSortedWithoutCase) {
@@ -78,6 +71,7 @@ TEST_F(Registry, HelpersPassKindAndArguments) {
   std::vector<Variant> args{Variant(21), Variant("x")};
   EXPECT_EQ(CallByName(object, "Run", CallKind::kMethod, args), Variant("Run/2"));
   EXPECT_EQ(args[0], Variant(42));
+  EXPECT_EQ(CallByName(object, "Run", CallKind::kMethod, {1, "two"}), Variant("Run/2"));
   EXPECT_EQ(GetProperty(object, "Size"), Variant("Size/0"));
   EXPECT_EQ(echo->last_kind, CallKind::kPropertyGet);
   SetProperty(object, "Size", Variant(1));
@@ -87,24 +81,17 @@ TEST_F(Registry, HelpersPassKindAndArguments) {
 }
 
 TEST_F(Registry, CallOnNothingRaises91) {
-  try {
-    GetProperty(nullptr, "Size");
-    FAIL() << "no error";
-  } catch (const Error& e) {
-    EXPECT_EQ(e.Number(), 91);
-    EXPECT_EQ(e.Description(), "Object variable or With block variable not set");
-  }
+  Error e = pelmora::testing::RaisedError([&] { GetProperty(nullptr, "Size"); });
+  EXPECT_EQ(e.Number(), 91);
+  EXPECT_EQ(e.Description(), "Object variable or With block variable not set");
 }
 
 TEST_F(Registry, ObjectsWithoutEventsRefuseSinksWith438) {
   ObjectRef object = CreateObject("Pelmora.TestEcho");
-  try {
-    object->ConnectEvents(MakeEventSink([](std::string_view, std::span<Variant>) {}));
-    FAIL() << "no error";
-  } catch (const Error& e) {
-    EXPECT_EQ(e.Number(), 438);
-    EXPECT_EQ(e.Source(), "Pelmora.TestEcho");
-  }
+  Error e = pelmora::testing::RaisedError(
+      [&] { object->ConnectEvents(MakeEventSink([](std::string_view, std::span<Variant>) {})); });
+  EXPECT_EQ(e.Number(), 438);
+  EXPECT_EQ(e.Source(), "Pelmora.TestEcho");
 }
 
 }  // namespace

@@ -1,17 +1,18 @@
 #include "pelmora/common/dictionary.h"
 
-#include <string>
-#include <vector>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 #include "pelmora/common/error.h"
+#include "pelmora/testing/raised_error.h"
 
 namespace pelmora {
 namespace {
 
-using testing::ElementsAre;
+using ::testing::ElementsAre;
 
 TEST(Dictionary, KeepsInsertionOrderAndFirstSpelling) {
   Dictionary d;
@@ -40,13 +41,9 @@ TEST(Dictionary, ComparesKeysWithoutAsciiCase) {
 TEST(Dictionary, DuplicateKeyInAnyCaseRaises457) {
   Dictionary d;
   d.Add("Task", Variant(1));
-  try {
-    d.Add("TASK", Variant(2));
-    FAIL() << "no error";
-  } catch (const Error& e) {
-    EXPECT_EQ(e.Number(), 457);
-    EXPECT_EQ(e.Description(), "This key is already associated with an element of this collection");
-  }
+  Error e = pelmora::testing::RaisedError([&] { d.Add("TASK", Variant(2)); });
+  EXPECT_EQ(e.Number(), 457);
+  EXPECT_EQ(e.Description(), "This key is already associated with an element of this collection");
   EXPECT_EQ(d.Count(), 1u);
   EXPECT_EQ(d.Item("task"), Variant(1));
 }
@@ -68,14 +65,10 @@ TEST(Dictionary, RemoveKeepsTheOrderOfTheRest) {
 
 TEST(Dictionary, MissingKeyRaises5ForItemAndRemove) {
   Dictionary d;
-  for (auto call : {+[](Dictionary& x) { x.Item("none"); }, +[](Dictionary& x) { x.Remove("none"); }}) {
-    try {
-      call(d);
-      ADD_FAILURE() << "no error";
-    } catch (const Error& e) {
-      EXPECT_EQ(e.Number(), 5);
-      EXPECT_EQ(e.Description(), "Invalid procedure call");
-    }
+  for (const Error& e : {pelmora::testing::RaisedError([&] { d.Item("none"); }),
+                         pelmora::testing::RaisedError([&] { d.Remove("none"); })}) {
+    EXPECT_EQ(e.Number(), 5);
+    EXPECT_EQ(e.Description(), "Invalid procedure call");
   }
   EXPECT_EQ(d.Find("none"), nullptr);
 }

@@ -1,10 +1,11 @@
 #include "pelmora/common/variant.h"
 
+#include <fmt/format.h>
+
 #include <cfloat>
 #include <cmath>
 #include <limits>
-
-#include <fmt/format.h>
+#include <ostream>
 
 #include "pelmora/common/codepage.h"
 #include "pelmora/common/error.h"
@@ -90,16 +91,26 @@ bool Variant::IsNumeric() const {
 
 double Variant::NumericValue() const {
   switch (Type()) {
-    case VariantType::kEmpty: return 0;
-    case VariantType::kNull: Raise(94);
-    case VariantType::kInteger: return *Get<int16_t>();
-    case VariantType::kLong: return *Get<int32_t>();
-    case VariantType::kSingle: return *Get<float>();
-    case VariantType::kDouble: return *Get<double>();
-    case VariantType::kCurrency: return static_cast<double>(Get<Currency>()->scaled) / 10000;
-    case VariantType::kDate: return Get<Date>()->Serial();
-    case VariantType::kBoolean: return *Get<bool>() ? kVariantTrue : kVariantFalse;
-    case VariantType::kByte: return *Get<uint8_t>();
+    case VariantType::kEmpty:
+      return 0;
+    case VariantType::kNull:
+      Raise(94);
+    case VariantType::kInteger:
+      return *Get<int16_t>();
+    case VariantType::kLong:
+      return *Get<int32_t>();
+    case VariantType::kSingle:
+      return *Get<float>();
+    case VariantType::kDouble:
+      return *Get<double>();
+    case VariantType::kCurrency:
+      return static_cast<double>(Get<Currency>()->scaled) / 10000;
+    case VariantType::kDate:
+      return Get<Date>()->Serial();
+    case VariantType::kBoolean:
+      return *Get<bool>() ? kVariantTrue : kVariantFalse;
+    case VariantType::kByte:
+      return *Get<uint8_t>();
     case VariantType::kString: {
       auto number = internal::ParseNumberText(*Get<std::string>());
       if (number) return *number;
@@ -107,7 +118,8 @@ double Variant::NumericValue() const {
       if (boolean) return *boolean ? kVariantTrue : kVariantFalse;
       Raise(13);
     }
-    default: Raise(13);
+    default:
+      Raise(13);
   }
 }
 
@@ -156,23 +168,36 @@ bool Variant::ToBool() const {
 
 std::string Variant::ToString() const {
   switch (Type()) {
-    case VariantType::kEmpty: return {};
-    case VariantType::kNull: Raise(94);
-    case VariantType::kInteger: return fmt::format("{}", *Get<int16_t>());
-    case VariantType::kLong: return fmt::format("{}", *Get<int32_t>());
-    case VariantType::kSingle: return internal::FormatNumberText(*Get<float>(), 7);
-    case VariantType::kDouble: return internal::FormatNumberText(*Get<double>(), 15);
-    case VariantType::kCurrency: return internal::FormatCurrencyText(Get<Currency>()->scaled);
-    case VariantType::kDate: return internal::FormatDateText(*Get<Date>());
-    case VariantType::kString: return *Get<std::string>();
-    case VariantType::kBoolean: return *Get<bool>() ? "True" : "False";
-    case VariantType::kByte: return fmt::format("{}", *Get<uint8_t>());
+    case VariantType::kEmpty:
+      return {};
+    case VariantType::kNull:
+      Raise(94);
+    case VariantType::kInteger:
+      return fmt::format("{}", *Get<int16_t>());
+    case VariantType::kLong:
+      return fmt::format("{}", *Get<int32_t>());
+    case VariantType::kSingle:
+      return internal::FormatNumberText(*Get<float>(), 7);
+    case VariantType::kDouble:
+      return internal::FormatNumberText(*Get<double>(), 15);
+    case VariantType::kCurrency:
+      return internal::FormatCurrencyText(Get<Currency>()->scaled);
+    case VariantType::kDate:
+      return internal::FormatDateText(*Get<Date>());
+    case VariantType::kString:
+      return *Get<std::string>();
+    case VariantType::kBoolean:
+      return *Get<bool>() ? "True" : "False";
+    case VariantType::kByte:
+      return fmt::format("{}", *Get<uint8_t>());
     case VariantType::kByteArray: {
       const auto& bytes = *Get<std::vector<uint8_t>>();
-      std::string_view units(reinterpret_cast<const char*>(bytes.data()), bytes.size() & ~size_t{1});
+      std::string_view units(reinterpret_cast<const char*>(bytes.data()),
+                             bytes.size() & ~size_t{1});
       return Utf16LeToUtf8(units);
     }
-    default: Raise(13);
+    default:
+      Raise(13);
   }
 }
 
@@ -217,10 +242,31 @@ const VariantArray& Variant::ToArray() const {
 
 std::string Variant::TypeName() const {
   static constexpr std::string_view kNames[] = {
-      "Empty", "Null",   "Integer", "Long",    "Single", "Double",  "Currency",
+      "Empty", "Null",   "Integer", "Long",    "Single", "Double", "Currency",
       "Date",  "String", "Object",  "Boolean", "Byte",   "Byte()", "Variant()"};
   if (IsNothing()) return "Nothing";
   return std::string(kNames[value_.index()]);
 }
+
+std::string Variant::DebugString() const {
+  switch (Type()) {
+    case VariantType::kEmpty:
+    case VariantType::kNull:
+      return TypeName();
+    case VariantType::kObject:
+      return IsNothing() ? "Nothing" : "Object";
+    case VariantType::kString:
+      return fmt::format("String \"{}\"", *Get<std::string>());
+    case VariantType::kByteArray:
+      return fmt::format("Byte()[{}]", Get<std::vector<uint8_t>>()->size());
+    case VariantType::kArray:
+      return fmt::format("Variant({} to {})", Get<VariantArray>()->lower_bound,
+                         Get<VariantArray>()->UpperBound());
+    default:
+      return TypeName() + " " + ToString();
+  }
+}
+
+std::ostream& operator<<(std::ostream& os, const Variant& v) { return os << v.DebugString(); }
 
 }  // namespace pelmora

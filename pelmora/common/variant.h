@@ -13,7 +13,9 @@
 #ifndef PELMORA_COMMON_VARIANT_H_
 #define PELMORA_COMMON_VARIANT_H_
 
+#include <cstddef>
 #include <cstdint>
+#include <iosfwd>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -88,13 +90,16 @@ class Variant {
   Variant(Date v) : value_(v) {}
   Variant(std::string v) : value_(std::move(v)) {}
   Variant(std::string_view v) : value_(std::string(v)) {}
-  Variant(const char* v) : value_(std::string(v)) {}
+  // A null pointer gives the empty string.
+  Variant(const char* v) : value_(std::string(v == nullptr ? "" : v)) {}
   Variant(bool v) : value_(v) {}
   Variant(uint8_t v) : value_(v) {}
   Variant(std::vector<uint8_t> v) : value_(std::move(v)) {}
   Variant(VariantArray v) : value_(std::move(v)) {}
   // An object reference; a null pointer gives Nothing.
   Variant(ObjectRef v) : value_(std::move(v)) {}
+  // Nothing.
+  Variant(std::nullptr_t) : value_(ObjectRef()) {}
 
   // Nothing: an object reference to no object.
   static Variant Nothing() { return Variant(ObjectRef()); }
@@ -155,13 +160,18 @@ class Variant {
   // "Byte()", "Variant()".
   std::string TypeName() const;
 
+  // A readable form for logs and test failures, which never raises: the type name and the value
+  // ("Long 5", "String \"abc\"", "Byte()[3]", "Variant(1 to 2)", "Empty", "Nothing").
+  std::string DebugString() const;
+  friend std::ostream& operator<<(std::ostream& os, const Variant& v);
+
   // Same type and same value (objects: same object).
   friend bool operator==(const Variant& a, const Variant& b) { return a.value_ == b.value_; }
 
  private:
-  using Value = std::variant<std::monostate, Null, int16_t, int32_t, float, double, Currency, Date,
-                             std::string, ObjectRef, bool, uint8_t, std::vector<uint8_t>,
-                             VariantArray>;
+  using Value =
+      std::variant<std::monostate, Null, int16_t, int32_t, float, double, Currency, Date,
+                   std::string, ObjectRef, bool, uint8_t, std::vector<uint8_t>, VariantArray>;
   // The numeric value of a number, Boolean, Date or numeric text; raises as the To* members do.
   double NumericValue() const;
   Value value_;

@@ -1,24 +1,16 @@
 #include "pelmora/common/variant.h"
 
-#include <functional>
-#include <string>
-
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <ostream>
+#include <string>
+
 #include "pelmora/common/error.h"
+#include "pelmora/testing/raised_error.h"
 
 namespace pelmora {
 namespace {
-
-// Runs `fn` and returns the number and description of the Error it raises (0 when none).
-std::pair<int32_t, std::string> ErrorOf(const std::function<void()>& fn) {
-  try {
-    fn();
-  } catch (const Error& e) {
-    return {e.Number(), e.Description()};
-  }
-  return {0, ""};
-}
 
 Date MakeDate(int y, int mo, int d, int h = 0, int mi = 0, int s = 0) {
   return *Date::FromCivil({y, mo, d, h, mi, s});
@@ -26,10 +18,11 @@ Date MakeDate(int y, int mo, int d, int h = 0, int mi = 0, int s = 0) {
 
 struct LongCase {
   Variant input;
-  int32_t expected;
+  int32_t expected = 0;
 };
+void PrintTo(const LongCase& c, std::ostream* os) { *os << c.input; }
 
-class ToLongTest : public testing::TestWithParam<LongCase> {};
+class ToLongTest : public ::testing::TestWithParam<LongCase> {};
 
 TEST_P(ToLongTest, ConvertsWithHalfToEvenRounding) {
   EXPECT_EQ(GetParam().input.ToLong(), GetParam().expected) << GetParam().input.TypeName();
@@ -37,30 +30,33 @@ TEST_P(ToLongTest, ConvertsWithHalfToEvenRounding) {
 
 INSTANTIATE_TEST_SUITE_P(
     Variant, ToLongTest,
-    testing::Values(LongCase{Variant(), 0}, LongCase{Variant(2.5), 2}, LongCase{Variant(3.5), 4},
-                    LongCase{Variant(-2.5), -2}, LongCase{Variant(2.51), 3},
-                    LongCase{Variant(1.5f), 2}, LongCase{Variant(true), -1},
-                    LongCase{Variant(false), 0}, LongCase{Variant(uint8_t{255}), 255},
-                    LongCase{Variant(int16_t{-7}), -7}, LongCase{Variant(Currency{25000}), 2},
-                    LongCase{Variant(Currency{35000}), 4}, LongCase{Variant(Currency{-15001}), -2},
-                    LongCase{Variant(" 12.5 "), 12}, LongCase{Variant("1,234"), 1234},
-                    LongCase{Variant("-1e3"), -1000}, LongCase{Variant("&HFF"), 255},
-                    LongCase{Variant("&HFFFF"), -1}, LongCase{Variant("&H10000"), 65536},
-                    LongCase{Variant("&O17"), 15}, LongCase{Variant("True"), -1},
-                    LongCase{Variant(2147483647.4), 2147483647},
-                    LongCase{Variant(MakeDate(1900, 1, 1, 12)), 2}));
+    ::testing::Values(LongCase{Variant(), 0}, LongCase{Variant(2.5), 2}, LongCase{Variant(3.5), 4},
+                      LongCase{Variant(-2.5), -2}, LongCase{Variant(2.51), 3},
+                      LongCase{Variant(1.5f), 2}, LongCase{Variant(true), -1},
+                      LongCase{Variant(false), 0}, LongCase{Variant(uint8_t{255}), 255},
+                      LongCase{Variant(int16_t{-7}), -7}, LongCase{Variant(Currency{25000}), 2},
+                      LongCase{Variant(Currency{35000}), 4},
+                      LongCase{Variant(Currency{-15001}), -2}, LongCase{Variant(" 12.5 "), 12},
+                      LongCase{Variant("1,234"), 1234}, LongCase{Variant("-1e3"), -1000},
+                      LongCase{Variant("&HFF"), 255}, LongCase{Variant("&HFFFF"), -1},
+                      LongCase{Variant("&H10000"), 65536}, LongCase{Variant("&O17"), 15},
+                      LongCase{Variant("True"), -1}, LongCase{Variant(2147483647.4), 2147483647},
+                      LongCase{Variant(MakeDate(1900, 1, 1, 12)), 2}));
 
 struct FailCase {
   std::string name;
   std::function<void()> convert;
-  int32_t number;
+  int32_t number = 0;
   std::string text;
 };
+void PrintTo(const FailCase& c, std::ostream* os) { *os << c.name; }
 
-class ConversionFailureTest : public testing::TestWithParam<FailCase> {};
+class ConversionFailureTest : public ::testing::TestWithParam<FailCase> {};
 
 TEST_P(ConversionFailureTest, RaisesNumberedError) {
-  EXPECT_EQ(ErrorOf(GetParam().convert), std::make_pair(GetParam().number, GetParam().text));
+  Error e = pelmora::testing::RaisedError(GetParam().convert);
+  EXPECT_EQ(e.Number(), GetParam().number);
+  EXPECT_EQ(e.Description(), GetParam().text);
 }
 
 const std::string kMismatch = "Type mismatch";
@@ -69,14 +65,14 @@ const std::string kNullUse = "Invalid use of Null";
 
 INSTANTIATE_TEST_SUITE_P(
     Variant, ConversionFailureTest,
-    testing::Values(
+    ::testing::Values(
         FailCase{"LongAboveRange", [] { Variant(2147483647.5).ToLong(); }, 6, kOverflow},
         FailCase{"IntegerAboveRange", [] { Variant(32767.5).ToInteger(); }, 6, kOverflow},
         FailCase{"IntegerBelowRange", [] { Variant(-32769).ToInteger(); }, 6, kOverflow},
         FailCase{"ByteNegative", [] { Variant(-1).ToByte(); }, 6, kOverflow},
         FailCase{"ByteFromBigInteger", [] { Variant(int16_t{300}).ToByte(); }, 6, kOverflow},
-        FailCase{"LongFromHugeCurrency",
-                 [] { Variant(Currency{int64_t{1} << 50}).ToLong(); }, 6, kOverflow},
+        FailCase{"LongFromHugeCurrency", [] { Variant(Currency{int64_t{1} << 50}).ToLong(); }, 6,
+                 kOverflow},
         FailCase{"SingleFromHugeDouble", [] { Variant(1e300).ToSingle(); }, 6, kOverflow},
         FailCase{"CurrencyFromHugeDouble", [] { Variant(1e16).ToCurrency(); }, 6, kOverflow},
         FailCase{"DoubleFromHugeText", [] { Variant("1e999").ToDouble(); }, 6, kOverflow},
@@ -88,24 +84,27 @@ INSTANTIATE_TEST_SUITE_P(
         FailCase{"DateFromWords", [] { Variant("soon").ToDate(); }, 13, kMismatch},
         FailCase{"DateFromBadDay", [] { Variant("2009-02-30").ToDate(); }, 13, kMismatch},
         FailCase{"LongFromArray", [] { Variant(VariantArray{}).ToLong(); }, 13, kMismatch},
-        FailCase{"LongFromBytes", [] { Variant(std::vector<uint8_t>{1}).ToLong(); }, 13,
-                 kMismatch},
+        FailCase{"LongFromBytes", [] { Variant(std::vector<uint8_t>{1}).ToLong(); }, 13, kMismatch},
         FailCase{"StringFromNothing", [] { Variant::Nothing().ToString(); }, 13, kMismatch},
         FailCase{"BytesFromNumber", [] { Variant(5).ToBytes(); }, 13, kMismatch},
         FailCase{"ArrayFromText", [] { Variant("a").ToArray(); }, 13, kMismatch},
         FailCase{"ObjectFromNumber", [] { Variant(5).ToObject(); }, 424, "Object required"},
         FailCase{"LongFromNull", [] { Variant(Null{}).ToLong(); }, 94, kNullUse},
         FailCase{"StringFromNull", [] { Variant(Null{}).ToString(); }, 94, kNullUse},
-        FailCase{"SubscriptBelowLowerBound", [] { VariantArray{1, {Variant(1)}}.At(0); }, 9,
-                 "Subscript out of range"}),
-    [](const testing::TestParamInfo<FailCase>& info) { return info.param.name; });
+        FailCase{"SubscriptBelowLowerBound",
+                 [] {
+                   VariantArray{1, {Variant(1)}}.At(0);
+                 },
+                 9, "Subscript out of range"}),
+    [](const ::testing::TestParamInfo<FailCase>& info) { return info.param.name; });
 
 struct TextCase {
   Variant input;
   std::string expected;
 };
+void PrintTo(const TextCase& c, std::ostream* os) { *os << c.input; }
 
-class ToStringTest : public testing::TestWithParam<TextCase> {};
+class ToStringTest : public ::testing::TestWithParam<TextCase> {};
 
 TEST_P(ToStringTest, FormatsAsTheAutomationLanguageDoes) {
   EXPECT_EQ(GetParam().input.ToString(), GetParam().expected);
@@ -113,26 +112,28 @@ TEST_P(ToStringTest, FormatsAsTheAutomationLanguageDoes) {
 
 INSTANTIATE_TEST_SUITE_P(
     Variant, ToStringTest,
-    testing::Values(TextCase{Variant(), ""}, TextCase{Variant(true), "True"},
-                    TextCase{Variant(false), "False"}, TextCase{Variant(-42), "-42"},
-                    TextCase{Variant(0.1), "0.1"}, TextCase{Variant(1.0 / 3), "0.333333333333333"},
-                    TextCase{Variant(1e20), "1E+20"}, TextCase{Variant(1.5e-5), "1.5E-05"},
-                    TextCase{Variant(-0.0), "0"}, TextCase{Variant(100.0), "100"},
-                    TextCase{Variant(1.1f), "1.1"}, TextCase{Variant(Currency{15000}), "1.5"},
-                    TextCase{Variant(Currency{-12345}), "-1.2345"},
-                    TextCase{Variant(Currency{20000}), "2"},
-                    TextCase{Variant(MakeDate(2009, 3, 14, 8, 5, 9)), "3/14/2009 8:05:09 AM"},
-                    TextCase{Variant(MakeDate(2009, 3, 14, 20, 5, 9)), "3/14/2009 8:05:09 PM"},
-                    TextCase{Variant(MakeDate(2009, 3, 14)), "3/14/2009"},
-                    TextCase{Variant(MakeDate(1899, 12, 30, 0, 30)), "12:30:00 AM"},
-                    TextCase{Variant(std::vector<uint8_t>{'H', 0, 'i', 0}), "Hi"}));
+    ::testing::Values(TextCase{Variant(), ""}, TextCase{Variant(true), "True"},
+                      TextCase{Variant(false), "False"}, TextCase{Variant(-42), "-42"},
+                      TextCase{Variant(0.1), "0.1"},
+                      TextCase{Variant(1.0 / 3), "0.333333333333333"},
+                      TextCase{Variant(1e20), "1E+20"}, TextCase{Variant(1.5e-5), "1.5E-05"},
+                      TextCase{Variant(-0.0), "0"}, TextCase{Variant(100.0), "100"},
+                      TextCase{Variant(1.1f), "1.1"}, TextCase{Variant(Currency{15000}), "1.5"},
+                      TextCase{Variant(Currency{-12345}), "-1.2345"},
+                      TextCase{Variant(Currency{20000}), "2"},
+                      TextCase{Variant(MakeDate(2009, 3, 14, 8, 5, 9)), "3/14/2009 8:05:09 AM"},
+                      TextCase{Variant(MakeDate(2009, 3, 14, 20, 5, 9)), "3/14/2009 8:05:09 PM"},
+                      TextCase{Variant(MakeDate(2009, 3, 14)), "3/14/2009"},
+                      TextCase{Variant(MakeDate(1899, 12, 30, 0, 30)), "12:30:00 AM"},
+                      TextCase{Variant(std::vector<uint8_t>{'H', 0, 'i', 0}), "Hi"}));
 
 struct DateCase {
   std::string input;
   Date expected;
 };
+void PrintTo(const DateCase& c, std::ostream* os) { *os << c.input; }
 
-class ToDateTest : public testing::TestWithParam<DateCase> {};
+class ToDateTest : public ::testing::TestWithParam<DateCase> {};
 
 TEST_P(ToDateTest, ReadsCommonDateTexts) {
   EXPECT_EQ(Variant(GetParam().input).ToDate(), GetParam().expected) << GetParam().input;
@@ -140,15 +141,15 @@ TEST_P(ToDateTest, ReadsCommonDateTexts) {
 
 INSTANTIATE_TEST_SUITE_P(
     Variant, ToDateTest,
-    testing::Values(DateCase{"2009-03-14", MakeDate(2009, 3, 14)},
-                    DateCase{"2009-03-14 08:05:09", MakeDate(2009, 3, 14, 8, 5, 9)},
-                    DateCase{"2009-03-14T08:05", MakeDate(2009, 3, 14, 8, 5)},
-                    DateCase{"3/14/2009 8:05:09 PM", MakeDate(2009, 3, 14, 20, 5, 9)},
-                    DateCase{"3/14/09", MakeDate(2009, 3, 14)},
-                    DateCase{"1/2/45", MakeDate(1945, 1, 2)},
-                    DateCase{"12:00:00 AM", MakeDate(1899, 12, 30)},
-                    DateCase{"14 Mar 2009", MakeDate(2009, 3, 14)},
-                    DateCase{"March 14, 2009 12:15 pm", MakeDate(2009, 3, 14, 12, 15)}));
+    ::testing::Values(DateCase{"2009-03-14", MakeDate(2009, 3, 14)},
+                      DateCase{"2009-03-14 08:05:09", MakeDate(2009, 3, 14, 8, 5, 9)},
+                      DateCase{"2009-03-14T08:05", MakeDate(2009, 3, 14, 8, 5)},
+                      DateCase{"3/14/2009 8:05:09 PM", MakeDate(2009, 3, 14, 20, 5, 9)},
+                      DateCase{"3/14/09", MakeDate(2009, 3, 14)},
+                      DateCase{"1/2/45", MakeDate(1945, 1, 2)},
+                      DateCase{"12:00:00 AM", MakeDate(1899, 12, 30)},
+                      DateCase{"14 Mar 2009", MakeDate(2009, 3, 14)},
+                      DateCase{"March 14, 2009 12:15 pm", MakeDate(2009, 3, 14, 12, 15)}));
 
 TEST(Variant, DateTextRoundTripsThroughToString) {
   Date date = MakeDate(2021, 11, 5, 23, 59, 58);
@@ -199,6 +200,17 @@ TEST(Variant, EqualityComparesTypeAndValue) {
   EXPECT_NE(Variant(1), Variant(int16_t{1}));
   EXPECT_NE(Variant(), Variant(Null{}));
   EXPECT_EQ(Variant::Nothing(), Variant(ObjectRef()));
+  EXPECT_EQ(Variant(nullptr), Variant::Nothing());
+  EXPECT_EQ(Variant(static_cast<const char*>(nullptr)), Variant(""));
+}
+
+TEST(Variant, DebugStringNamesTypeAndValueWithoutRaising) {
+  EXPECT_EQ(Variant(5).DebugString(), "Long 5");
+  EXPECT_EQ(Variant("a").DebugString(), "String \"a\"");
+  EXPECT_EQ(Variant(Null{}).DebugString(), "Null");
+  EXPECT_EQ(Variant(std::vector<uint8_t>{1, 2, 3}).DebugString(), "Byte()[3]");
+  EXPECT_EQ(Variant(VariantArray{1, {Variant(), Variant()}}).DebugString(), "Variant(1 to 2)");
+  EXPECT_EQ(Variant::Nothing().DebugString(), "Nothing");
 }
 
 TEST(Variant, TypeNamesMatchTheAutomationNames) {

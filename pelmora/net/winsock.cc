@@ -81,7 +81,7 @@ WinSock& WinSock::operator=(WinSock&& other) noexcept {
   receive_timeout_ = other.receive_timeout_;
   read_ahead_ = std::move(other.read_ahead_);
   read_pos_ = std::exchange(other.read_pos_, 0);
-  other.read_ahead_.clear();
+  read_end_ = std::exchange(other.read_end_, 0);
   return *this;
 }
 
@@ -91,6 +91,12 @@ void WinSock::Raise(int32_t number) {
 }
 
 void WinSock::RaiseSocketError(int error) { Raise(WsaErrorFromErrno(error)); }
+
+bool WinSock::RefusedWithoutSocket() {
+  if (handle_ != -1) return false;
+  last_error_ = sckNotConnected;
+  return true;
+}
 
 void WinSock::SetProtocol(SckProtocolConstants value) {
   if (value != sckTCPProtocol && value != sckUDPProtocol) Raise(sckInvalidPropertyValue);
@@ -119,16 +125,13 @@ void WinSock::Disconnect() {
 }
 
 void WinSock::DropReadAhead() {
-  read_ahead_.clear();
   read_pos_ = 0;
+  read_end_ = 0;
 }
 
 bool WinSock::GetSocketOption(SckOptionLevelConstants Level, SckOptionNameConstants OptName,
                               int32_t& OptVal) {
-  if (handle_ == -1) {
-    last_error_ = sckNotConnected;
-    return false;
-  }
+  if (RefusedWithoutSocket()) return false;
   SocketResult result = net_internal::ReadSocketOption(*api_, handle_, Level, OptName, OptVal);
   last_error_ = WsaErrorFromErrno(result.error);
   return result.ok();
@@ -136,10 +139,7 @@ bool WinSock::GetSocketOption(SckOptionLevelConstants Level, SckOptionNameConsta
 
 bool WinSock::SetSocketOption(SckOptionLevelConstants Level, SckOptionNameConstants OptName,
                               int32_t OptVal) {
-  if (handle_ == -1) {
-    last_error_ = sckNotConnected;
-    return false;
-  }
+  if (RefusedWithoutSocket()) return false;
   SocketResult result = net_internal::WriteSocketOption(*api_, handle_, Level, OptName, OptVal);
   last_error_ = WsaErrorFromErrno(result.error);
   return result.ok();

@@ -31,6 +31,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -218,7 +219,8 @@ class WinSock {
   // number (10054 reset...). Bytes that came before a time-out or error are still delivered. The
   // buffer holds the bytes received, or `Size` zero bytes when none came. DataType sckByteArray
   // stores a byte array, sckString (default) the bytes read as ANSI text converted to UTF-8.
-  // Raises 40014 when Size < 1 or DataType is neither 0 nor 1.
+  // Raises 40014 when Size < 1 or DataType is neither 0 nor 1, and 7 when a buffer of Size bytes
+  // cannot be allocated.
   int32_t GetData(WinSockBuffer& Buffer, int32_t Size, SckDataTypeConstants DataType = sckString);
   // GetData with DataType sckByteArray into a byte vector.
   int32_t GetData(std::vector<uint8_t>& Buffer, int32_t Size);
@@ -245,6 +247,8 @@ class WinSock {
  private:
   [[noreturn]] void Raise(int32_t number);
   void RaiseSocketError(int error);
+  // True, with last error 10057, when the object holds no socket.
+  bool RefusedWithoutSocket();
   int OpenSocket();
   int32_t ReceiveInto(uint8_t* out, int32_t size, int32_t& received);
   int32_t WaitReadable();
@@ -265,9 +269,11 @@ class WinSock {
   SckProtocolConstants protocol_ = sckTCPProtocol;
   int32_t last_error_ = 0;
   int32_t receive_timeout_ = 0;
-  // Bytes received from the socket but not yet handed out: [read_pos_, read_ahead_.size()).
-  std::vector<uint8_t> read_ahead_;
+  // Bytes received from the socket but not yet handed out: read_ahead_[read_pos_, read_end_).
+  // Allocated at the first small GetData.
+  std::unique_ptr<uint8_t[]> read_ahead_;
   size_t read_pos_ = 0;
+  size_t read_end_ = 0;
 };
 
 }  // namespace pelmora

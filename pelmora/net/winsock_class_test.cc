@@ -1,16 +1,16 @@
 #include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <string>
 #include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "pelmora/automation/registry.h"
 #include "pelmora/common/error.h"
 #include "pelmora/common/variant.h"
+#include "pelmora/testing/raised_error.h"
 #include "pelmora/testing/scripted_peer.h"
 
 namespace pelmora {
@@ -29,12 +29,7 @@ Variant Call(const ObjectRef& object, std::string_view name, std::vector<Variant
 
 Error CallError(const ObjectRef& object, std::string_view name, CallKind kind,
                 std::vector<Variant> args) {
-  try {
-    object->Invoke(name, kind, args);
-  } catch (const Error& e) {
-    return e;
-  }
-  return Error(0, "");
+  return pelmora::testing::RaisedError([&] { object->Invoke(name, kind, args); });
 }
 
 ObjectRef ConnectedTo(uint16_t port) {

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <string_view>
 
@@ -32,10 +33,7 @@ int32_t PollFailure(int64_t revents) { return (revents & POLLNVAL) != 0 ? sckNot
 
 int32_t WinSock::GetData(WinSockBuffer& Buffer, int32_t Size, SckDataTypeConstants DataType) {
   if ((DataType != sckString && DataType != sckByteArray) || Size < 1) Raise(sckInvalidArg);
-  if (handle_ == -1) {
-    last_error_ = sckNotConnected;
-    return sckNotConnected;
-  }
+  if (RefusedWithoutSocket()) return sckNotConnected;
   std::vector<uint8_t> bytes;
   try {
     bytes.assign(static_cast<size_t>(Size), 0);
@@ -49,8 +47,8 @@ int32_t WinSock::GetData(WinSockBuffer& Buffer, int32_t Size, SckDataTypeConstan
   if (DataType == sckByteArray) {
     Buffer = std::move(bytes);
   } else {
-    Buffer = AnsiToUtf8(
-        std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+    Buffer =
+        AnsiToUtf8(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
   }
   return result;
 }
@@ -101,17 +99,17 @@ int32_t WinSock::ReceiveInto(uint8_t* out, int32_t size, int32_t& received) {
 }
 
 SocketResult WinSock::FillReadAhead() {
-  read_ahead_.resize(kReadAheadSize);
+  if (!read_ahead_) read_ahead_ = std::make_unique_for_overwrite<uint8_t[]>(kReadAheadSize);
+  SocketResult got = api_->Recv(handle_, read_ahead_.get(), kReadAheadSize, MSG_DONTWAIT);
   read_pos_ = 0;
-  SocketResult got = api_->Recv(handle_, read_ahead_.data(), kReadAheadSize, MSG_DONTWAIT);
-  read_ahead_.resize(got.ok() ? static_cast<size_t>(got.value) : 0);
+  read_end_ = got.ok() ? static_cast<size_t>(got.value) : 0;
   return got;
 }
 
 size_t WinSock::TakeReadAhead(uint8_t* out, size_t wanted) {
-  size_t taken = std::min(wanted, read_ahead_.size() - read_pos_);
+  size_t taken = std::min(wanted, read_end_ - read_pos_);
   if (taken == 0) return 0;
-  std::memcpy(out, read_ahead_.data() + read_pos_, taken);
+  std::memcpy(out, read_ahead_.get() + read_pos_, taken);
   read_pos_ += taken;
   return taken;
 }
@@ -136,10 +134,7 @@ int32_t WinSock::WaitReadable() {
 }
 
 int32_t WinSock::SendData(std::span<const uint8_t> Buffer) {
-  if (handle_ == -1) {
-    last_error_ = sckNotConnected;
-    return sckNotConnected;
-  }
+  if (RefusedWithoutSocket()) return sckNotConnected;
   last_error_ = Buffer.empty() ? 0 : SendAll(Buffer);
   return last_error_;
 }

@@ -38,18 +38,12 @@ struct RoundTrip {
 
 TEST_F(WinSockOptions, WrittenValuesReadBackInPublishedForm) {
   const RoundTrip cases[] = {
-      {sckSOL_SOCKET, sckSO_KEEPALIVE, -1, 1},
-      {sckSOL_SOCKET, sckSO_KEEPALIVE, 0, 0},
-      {sckIPPROTO_TCP, sckTCP_NODELAY, 1, 1},
-      {sckSOL_SOCKET, sckSO_REUSEADDR, 1, 1},
-      {sckSOL_SOCKET, sckSO_OOBINLINE, 1, 1},
-      {sckSOL_SOCKET, sckSO_RCVBUF, 65536, 65536},
-      {sckSOL_SOCKET, sckSO_SNDBUF, 32768, 32768},
-      {sckSOL_SOCKET, sckSO_RCVTIMEO, 1500, 1500},
-      {sckSOL_SOCKET, sckSO_SNDTIMEO, 2000, 2000},
-      {sckSOL_SOCKET, sckSO_LINGER, 1, 1},
-      {sckSOL_SOCKET, sckSO_LINGER, 0, 0},
-      {sckSOL_SOCKET, sckSO_DONTLINGER, 0, 0},
+      {sckSOL_SOCKET, sckSO_KEEPALIVE, -1, 1},     {sckSOL_SOCKET, sckSO_KEEPALIVE, 0, 0},
+      {sckIPPROTO_TCP, sckTCP_NODELAY, 1, 1},      {sckSOL_SOCKET, sckSO_REUSEADDR, 1, 1},
+      {sckSOL_SOCKET, sckSO_OOBINLINE, 1, 1},      {sckSOL_SOCKET, sckSO_RCVBUF, 65536, 65536},
+      {sckSOL_SOCKET, sckSO_SNDBUF, 32768, 32768}, {sckSOL_SOCKET, sckSO_RCVTIMEO, 1500, 1500},
+      {sckSOL_SOCKET, sckSO_SNDTIMEO, 2000, 2000}, {sckSOL_SOCKET, sckSO_LINGER, 1, 1},
+      {sckSOL_SOCKET, sckSO_LINGER, 0, 0},         {sckSOL_SOCKET, sckSO_DONTLINGER, 0, 0},
       {sckSOL_SOCKET, sckSO_DONTLINGER, 1, 1},
   };
   for (const RoundTrip& c : cases) {
@@ -75,9 +69,11 @@ TEST_F(WinSockOptions, ReadOnlyOptionsDescribeTheSocket) {
 }
 
 TEST_F(WinSockOptions, UnknownOptionsAreRefusedWith10042) {
-  const std::pair<int32_t, int32_t> cases[] = {
-      {sckSOL_SOCKET, sckSO_USELOOPBACK}, {sckSOL_SOCKET, sckSO_EXCLUSIVEADDRUSE},
-      {sckSOL_SOCKET, 12345}, {0, sckSO_KEEPALIVE}, {sckIPPROTO_TCP, 2}};
+  const std::pair<int32_t, int32_t> cases[] = {{sckSOL_SOCKET, sckSO_USELOOPBACK},
+                                               {sckSOL_SOCKET, sckSO_EXCLUSIVEADDRUSE},
+                                               {sckSOL_SOCKET, 12345},
+                                               {0, sckSO_KEEPALIVE},
+                                               {sckIPPROTO_TCP, 2}};
   for (auto [level, name] : cases) {
     int32_t value = 77;
     auto l = static_cast<SckOptionLevelConstants>(level);

@@ -1,14 +1,13 @@
 #include "pelmora/net/winsock.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "pelmora/common/error.h"
 #include "pelmora/net/internal/winsock_test_util.h"
@@ -19,16 +18,14 @@ namespace pelmora {
 namespace {
 
 using net_internal::Bytes;
-using net_internal::BoundPort;
 using net_internal::ConnectTo;
 using net_internal::IsCloseOnExec;
-using net_internal::IsOpen;
 using net_internal::ListenOnFreePort;
 using net_internal::Pattern;
+using ::testing::ElementsAre;
 using testing::FaultSocketApi;
 using testing::ScriptedPeer;
 using testing::SocketCall;
-using ::testing::ElementsAre;
 
 constexpr char kInvalidArgText[] =
     "The argument passed to a function wan not in the correct format or in the specified range";
@@ -153,8 +150,8 @@ TEST(WinSock, GetDataArgumentTestRaises40014) {
   WinSock socket;
   WinSockBuffer buffer;
   for (auto [size, type] : {std::pair{0, 1}, std::pair{-3, 0}, std::pair{10, 2}}) {
-    Error e = RaisedBy(
-        [&] { socket.GetData(buffer, size, static_cast<SckDataTypeConstants>(type)); });
+    Error e =
+        RaisedBy([&] { socket.GetData(buffer, size, static_cast<SckDataTypeConstants>(type)); });
     EXPECT_EQ(e.Number(), 40014);
     EXPECT_EQ(e.Description(), kInvalidArgText);
   }
@@ -326,7 +323,9 @@ TEST(WinSock, StringDataIsReadAsAnsiText) {
   ConnectTo(socket, peer.Port());
   WinSockBuffer any;
   EXPECT_EQ(socket.GetData(any, 5), 0);
-  EXPECT_EQ(std::get<std::string>(any), "Gr\xC3\xBC\xC3\x9F" "e");
+  EXPECT_EQ(std::get<std::string>(any),
+            "Gr\xC3\xBC\xC3\x9F"
+            "e");
 }
 
 TEST(WinSock, LargeTransfersArriveWholeBothWays) {
@@ -355,85 +354,6 @@ TEST(WinSock, LargeTransfersArriveWholeBothWays) {
   socket.Disconnect();
   ASSERT_TRUE(peer.Finish()) << peer.Failure();
   EXPECT_TRUE(peer.Received(0) == outgoing);
-}
-
-TEST(WinSock, ListenAndAcceptGiveConnectedObject) {
-  WinSock server;
-  uint16_t port = ListenOnFreePort(server);
-  ASSERT_NE(port, 0);
-  EXPECT_TRUE(IsCloseOnExec(server.SocketHandle()));
-  WinSock client;
-  ConnectTo(client, port);
-  std::unique_ptr<WinSock> accepted = server.Accept();
-  ASSERT_NE(accepted, nullptr);
-  EXPECT_NE(accepted->SocketHandle(), -1);
-  EXPECT_TRUE(IsCloseOnExec(accepted->SocketHandle()));
-  EXPECT_EQ(accepted->Version(), "2.2");
-  EXPECT_EQ(server.LastError(), 0);
-  EXPECT_EQ(client.SendData(Bytes{1, 2}), 0);
-  std::vector<uint8_t> got;
-  EXPECT_EQ(accepted->GetData(got, 2), 0);
-  EXPECT_THAT(got, ElementsAre(1, 2));
-  EXPECT_EQ(accepted->SendData(Bytes{3}), 0);
-  EXPECT_EQ(client.GetData(got, 1), 0);
-  EXPECT_THAT(got, ElementsAre(3));
-}
-
-TEST(WinSock, ListenOnBusyPortRaises10048) {
-  WinSock first;
-  uint16_t port = ListenOnFreePort(first);
-  WinSock second;
-  second.SetLocalPort(port);
-  Error e = RaisedBy([&] { second.Listen(); });
-  EXPECT_EQ(e.Number(), 10048);
-  EXPECT_EQ(e.Description(),
-            "Only one usage of each socket address (protocol/network address/port) is normally "
-            "permitted.");
-  EXPECT_EQ(second.SocketHandle(), -1);
-}
-
-TEST(WinSock, AcceptWithoutListeningSocketReturnsNull) {
-  WinSock socket;
-  EXPECT_EQ(socket.Accept(), nullptr);
-  EXPECT_EQ(socket.LastError(), sckNotSocket);
-}
-
-TEST(WinSock, DetachLeavesSocketOpenAfterObjectIsGone) {
-  int fd = -1;
-  {
-    WinSock socket;
-    ListenOnFreePort(socket);
-    fd = socket.Detach();
-    EXPECT_EQ(socket.SocketHandle(), -1);
-  }
-  EXPECT_TRUE(IsOpen(fd));
-  WinSock adopter;
-  adopter.Attach(fd);
-  EXPECT_EQ(adopter.SocketHandle(), fd);
-  adopter.Disconnect();
-  EXPECT_FALSE(IsOpen(fd));
-}
-
-TEST(WinSock, AttachClosesHeldSocketFirst) {
-  auto api = std::make_shared<FaultSocketApi>();
-  WinSock socket(api);
-  ListenOnFreePort(socket);
-  int held = socket.SocketHandle();
-  int closes = api->Closes();
-  socket.Attach(-1);
-  EXPECT_EQ(api->Closes(), closes + 1);
-  EXPECT_FALSE(IsOpen(held));
-  EXPECT_EQ(socket.SocketHandle(), -1);
-}
-
-TEST(WinSock, MovingHandsTheSocketOver) {
-  WinSock socket;
-  ListenOnFreePort(socket);
-  int fd = socket.SocketHandle();
-  WinSock moved(std::move(socket));
-  EXPECT_EQ(moved.SocketHandle(), fd);
-  EXPECT_EQ(socket.SocketHandle(), -1);  // NOLINT(bugprone-use-after-move)
-  EXPECT_TRUE(IsOpen(fd));
 }
 
 }  // namespace

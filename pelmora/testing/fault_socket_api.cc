@@ -53,7 +53,7 @@ size_t FaultSocketApi::SendLimit(size_t size) {
 }
 
 // Each call: counted, failed when armed, otherwise passed on.
-#define PELMORA_FAULT_OR_PASS(kind, call)                       \
+#define PELMORA_FAULT_OR_PASS(kind, call)                                      \
   if (std::optional<int> error = Count(kind)) return SocketResult{-1, *error}; \
   return inner_->call
 
@@ -81,8 +81,7 @@ SocketResult FaultSocketApi::Recv(int fd, void* data, size_t size, int flags) {
 SocketResult FaultSocketApi::Poll(int fd, short events, int timeout_ms) {
   PELMORA_FAULT_OR_PASS(SocketCall::kPoll, Poll(fd, events, timeout_ms));
 }
-SocketResult FaultSocketApi::GetSockOpt(int fd, int level, int name, void* data,
-                                        socklen_t* size) {
+SocketResult FaultSocketApi::GetSockOpt(int fd, int level, int name, void* data, socklen_t* size) {
   PELMORA_FAULT_OR_PASS(SocketCall::kGetSockOpt, GetSockOpt(fd, level, name, data, size));
 }
 SocketResult FaultSocketApi::SetSockOpt(int fd, int level, int name, const void* data,
@@ -92,9 +91,7 @@ SocketResult FaultSocketApi::SetSockOpt(int fd, int level, int name, const void*
 SocketResult FaultSocketApi::LocalEndpoint(int fd, Ipv4Endpoint& at) {
   PELMORA_FAULT_OR_PASS(SocketCall::kLocalEndpoint, LocalEndpoint(fd, at));
 }
-SocketResult FaultSocketApi::Close(int fd) {
-  PELMORA_FAULT_OR_PASS(SocketCall::kClose, Close(fd));
-}
+SocketResult FaultSocketApi::Close(int fd) { PELMORA_FAULT_OR_PASS(SocketCall::kClose, Close(fd)); }
 SocketResult FaultSocketApi::ResolveIPv4(const std::string& name) {
   PELMORA_FAULT_OR_PASS(SocketCall::kResolve, ResolveIPv4(name));
 }

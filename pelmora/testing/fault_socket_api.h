@@ -25,8 +25,20 @@ namespace pelmora::testing {
 
 // The kinds of socket layer calls, one per SocketApi member.
 enum class SocketCall {
-  kSocket, kConnect, kBind, kListen, kAccept, kSend, kRecv, kPoll,
-  kGetSockOpt, kSetSockOpt, kLocalEndpoint, kClose, kResolve, kHostName,
+  kSocket,
+  kConnect,
+  kBind,
+  kListen,
+  kAccept,
+  kSend,
+  kRecv,
+  kPoll,
+  kGetSockOpt,
+  kSetSockOpt,
+  kLocalEndpoint,
+  kClose,
+  kResolve,
+  kHostName,
 };
 
 class FaultSocketApi final : public net_internal::SocketApi {

@@ -32,7 +32,8 @@ inline std::uint64_t GetUint64(std::span<const std::uint8_t> bytes, std::size_t 
 // Writes `value` as `width` little-endian bytes at `offset` (offset + width <= bytes.size()).
 inline void PutLittleEndian(std::span<std::uint8_t> bytes, std::size_t offset, std::uint64_t value,
                             std::size_t width) {
-  for (std::size_t i = 0; i < width; ++i) bytes[offset + i] = static_cast<std::uint8_t>(value >> (8 * i));
+  for (std::size_t i = 0; i < width; ++i)
+    bytes[offset + i] = static_cast<std::uint8_t>(value >> (8 * i));
 }
 
 inline void PutInt32(std::span<std::uint8_t> bytes, std::size_t offset, std::int32_t value) {
@@ -41,7 +42,8 @@ inline void PutInt32(std::span<std::uint8_t> bytes, std::size_t offset, std::int
 
 // Appends `value` as 4 / 8 little-endian bytes.
 inline void AppendInt32(std::vector<std::uint8_t>& out, std::int32_t value) {
-  for (int i = 0; i < 4; ++i) out.push_back(static_cast<std::uint8_t>(static_cast<std::uint32_t>(value) >> (8 * i)));
+  for (int i = 0; i < 4; ++i)
+    out.push_back(static_cast<std::uint8_t>(static_cast<std::uint32_t>(value) >> (8 * i)));
 }
 inline void AppendUint64(std::vector<std::uint8_t>& out, std::uint64_t value) {
   for (int i = 0; i < 8; ++i) out.push_back(static_cast<std::uint8_t>(value >> (8 * i)));

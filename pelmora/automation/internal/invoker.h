@@ -60,8 +60,8 @@ struct WithoutSelf<Signature<R, Self, P...>> {
 template <class F, class Enable = void>
 struct SignatureOf;
 template <class F>
-struct SignatureOf<F, std::enable_if_t<std::is_member_function_pointer_v<F>>>
-    : MemberSignature<F> {};
+struct SignatureOf<F, std::enable_if_t<std::is_member_function_pointer_v<F>>> : MemberSignature<F> {
+};
 template <class F>
 struct SignatureOf<F, std::enable_if_t<std::is_class_v<F>>>
     : WithoutSelf<typename MemberSignature<decltype(&F::operator())>::type> {};
@@ -138,8 +138,7 @@ struct Arguments<std::tuple<P...>> {
 
   template <size_t... I>
   static void StoreBack(Storage& held, std::span<Variant> args, std::index_sequence<I...>) {
-    ((kByReference<P> && I < args.size() ? void(args[I] = ToVariant(std::get<I>(held)))
-                                         : void()),
+    ((kByReference<P> && I < args.size() ? void(args[I] = ToVariant(std::get<I>(held))) : void()),
      ...);
   }
 };
@@ -158,8 +157,7 @@ Accessor MakeAccessor(std::string_view member, F fn, std::vector<Variant> defaul
   accessor.max_args = Args::kCount;
   accessor.call = [fn = std::move(fn), defaults = std::move(defaults)](
                       void* object, std::span<Variant> args) -> Variant {
-    return Args::template Call<typename Sig::Return>(fn, *static_cast<T*>(object), args,
-                                                     defaults);
+    return Args::template Call<typename Sig::Return>(fn, *static_cast<T*>(object), args, defaults);
   };
   return accessor;
 }

@@ -1,11 +1,11 @@
 #include "pelmora/common/internal/variant_text.h"
 
+#include <fmt/format.h>
+
 #include <array>
 #include <cmath>
 #include <cstdlib>
 #include <vector>
-
-#include <fmt/format.h>
 
 #include "pelmora/common/error.h"
 
@@ -150,7 +150,8 @@ int MonthFromName(std::string_view word) {
       "july",    "august",   "september", "october", "november", "december"};
   if (word.size() < 3) return 0;
   for (size_t m = 0; m < kMonths.size(); ++m) {
-    if (word.size() <= kMonths[m].size() && EqualsIgnoreCase(word, kMonths[m].substr(0, word.size())))
+    if (word.size() <= kMonths[m].size() &&
+        EqualsIgnoreCase(word, kMonths[m].substr(0, word.size())))
       return static_cast<int>(m) + 1;
   }
   return 0;

@@ -59,9 +59,8 @@ class PosixSocketApi final : public SocketApi {
   SocketResult Accept(int fd, Ipv4Endpoint* peer) override {
     sockaddr_in address{};
     socklen_t size = sizeof(address);
-    SocketResult result = Retrying([&] {
-      return ::accept4(fd, reinterpret_cast<sockaddr*>(&address), &size, SOCK_CLOEXEC);
-    });
+    SocketResult result = Retrying(
+        [&] { return ::accept4(fd, reinterpret_cast<sockaddr*>(&address), &size, SOCK_CLOEXEC); });
     if (result.ok() && peer != nullptr) {
       *peer = Ipv4Endpoint{address.sin_addr.s_addr, address.sin_port};
     }
@@ -88,16 +87,14 @@ class PosixSocketApi final : public SocketApi {
     return FromCall(::getsockopt(fd, level, name, data, size));
   }
 
-  SocketResult SetSockOpt(int fd, int level, int name, const void* data,
-                          socklen_t size) override {
+  SocketResult SetSockOpt(int fd, int level, int name, const void* data, socklen_t size) override {
     return FromCall(::setsockopt(fd, level, name, data, size));
   }
 
   SocketResult LocalEndpoint(int fd, Ipv4Endpoint& at) override {
     sockaddr_in address{};
     socklen_t size = sizeof(address);
-    SocketResult result =
-        FromCall(::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size));
+    SocketResult result = FromCall(::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size));
     if (result.ok()) at = Ipv4Endpoint{address.sin_addr.s_addr, address.sin_port};
     return result;
   }

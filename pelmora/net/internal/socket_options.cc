@@ -25,13 +25,20 @@ struct PlatformOption {
 // Published SOL_SOCKET options and their platform names. SO_USELOOPBACK and
 // SO_EXCLUSIVEADDRUSE have no counterpart and are refused.
 constexpr PlatformOption kSocketLevelOptions[] = {
-    {1, SO_DEBUG, Kind::kInteger},         {2, SO_ACCEPTCONN, Kind::kInteger},
-    {4, SO_REUSEADDR, Kind::kInteger},     {8, SO_KEEPALIVE, Kind::kInteger},
-    {16, SO_DONTROUTE, Kind::kInteger},    {32, SO_BROADCAST, Kind::kInteger},
-    {128, SO_LINGER, Kind::kLinger},       {256, SO_OOBINLINE, Kind::kInteger},
-    {-129, SO_LINGER, Kind::kDontLinger},  {4097, SO_SNDBUF, Kind::kBufferSize},
-    {4098, SO_RCVBUF, Kind::kBufferSize},  {4103, SO_ERROR, Kind::kErrorCode},
-    {4104, SO_TYPE, Kind::kInteger},       {4101, SO_SNDTIMEO, Kind::kMilliseconds},
+    {1, SO_DEBUG, Kind::kInteger},
+    {2, SO_ACCEPTCONN, Kind::kInteger},
+    {4, SO_REUSEADDR, Kind::kInteger},
+    {8, SO_KEEPALIVE, Kind::kInteger},
+    {16, SO_DONTROUTE, Kind::kInteger},
+    {32, SO_BROADCAST, Kind::kInteger},
+    {128, SO_LINGER, Kind::kLinger},
+    {256, SO_OOBINLINE, Kind::kInteger},
+    {-129, SO_LINGER, Kind::kDontLinger},
+    {4097, SO_SNDBUF, Kind::kBufferSize},
+    {4098, SO_RCVBUF, Kind::kBufferSize},
+    {4103, SO_ERROR, Kind::kErrorCode},
+    {4104, SO_TYPE, Kind::kInteger},
+    {4101, SO_SNDTIMEO, Kind::kMilliseconds},
     {4102, SO_RCVTIMEO, Kind::kMilliseconds},
 };
 
@@ -109,15 +116,13 @@ SocketResult WriteLinger(SocketApi& api, int fd, const Resolved& r, int32_t valu
 
 }  // namespace
 
-SocketResult ReadSocketOption(SocketApi& api, int fd, int32_t level, int32_t name,
-                              int32_t& value) {
+SocketResult ReadSocketOption(SocketApi& api, int fd, int32_t level, int32_t name, int32_t& value) {
   std::optional<Resolved> resolved = Translate(level, name);
   if (!resolved) return SocketResult{-1, ENOPROTOOPT};
   return ReadAs(api, fd, *resolved, value);
 }
 
-SocketResult WriteSocketOption(SocketApi& api, int fd, int32_t level, int32_t name,
-                               int32_t value) {
+SocketResult WriteSocketOption(SocketApi& api, int fd, int32_t level, int32_t name, int32_t value) {
   std::optional<Resolved> resolved = Translate(level, name);
   if (!resolved) return SocketResult{-1, ENOPROTOOPT};
   switch (resolved->option.kind) {

@@ -18,13 +18,11 @@ namespace pelmora::net_internal {
 
 // Reads the published option (`level`, `name`) of `fd` into `value`; on failure `value` is
 // untouched and the result carries the errno.
-SocketResult ReadSocketOption(SocketApi& api, int fd, int32_t level, int32_t name,
-                              int32_t& value);
+SocketResult ReadSocketOption(SocketApi& api, int fd, int32_t level, int32_t name, int32_t& value);
 
 // Writes `value` to the published option (`level`, `name`) of `fd`. For SO_LINGER and
 // SO_DONTLINGER only the low 16 bits of `value` are used and the linger seconds are kept.
-SocketResult WriteSocketOption(SocketApi& api, int fd, int32_t level, int32_t name,
-                               int32_t value);
+SocketResult WriteSocketOption(SocketApi& api, int fd, int32_t level, int32_t name, int32_t value);
 
 }  // namespace pelmora::net_internal
 
