@@ -4,6 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
+#include <iterator>
+#include <random>
 
 #include "pelmora/admin/internal/rcfso_test_access.h"
 #include "pelmora/admin/rcfso.h"
@@ -251,6 +254,40 @@ TEST(RCFSOFraming, AnsiArgumentsUseTheAnsiCodePageWithATerminator) {
   const Bytes block = peer.Received(2);
   EXPECT_EQ(Bytes(block.begin(), block.begin() + 10), (Bytes{19, 1, 3, 0, 0, 0, 'd', 0xE9, 0, 0}));
   EXPECT_EQ(LastSequence(peer.ReceivedChunks()), kFirstRequest);
+}
+
+// Hostile replies: packets with the right sequence number but random sizes and data, then a
+// close. Whatever the request, the call must end (no hang, no crash) once the peer has closed.
+TEST(RCFSOFraming, RandomRepliesEndEveryRequestCleanly) {
+  std::mt19937 random(20090314);
+  const std::function<void(RCFSO&)> requests[] = {
+      [](RCFSO& f) { f.FileExists("f"); },           [](RCFSO& f) { f.GetSystemTime(); },
+      [](RCFSO& f) { f.GetPathWithKey("k"); },       [](RCFSO& f) { f.GetPrintQ(); },
+      [](RCFSO& f) { f.SyncCreateProcess("c", 1); }, [](RCFSO& f) { f.GetFileVersion("v"); },
+  };
+  for (int round = 0; round < 60; ++round) {
+    Bytes replies;
+    for (int k = std::uniform_int_distribution<int>(0, 4)(random); k > 0; --k) {
+      Bytes data(std::uniform_int_distribution<size_t>(0, 1489)(random));
+      for (uint8_t& b : data) b = static_cast<uint8_t>(random() % 4 == 0 ? random() : random() % 3);
+      const int32_t declared = random() % 3 == 0
+                                   ? std::uniform_int_distribution<int32_t>(-8, 1600)(random)
+                                   : static_cast<int32_t>(data.size());
+      Bytes packet = RawPacket(kFirstRequest, declared, data);
+      replies.insert(replies.end(), packet.begin(), packet.end());
+    }
+    replies.resize(replies.size() + std::uniform_int_distribution<size_t>(0, 40)(random), 0x41);
+    ScriptedPeer peer;
+    RCFSO fso;
+    ExpectLogin(peer, true);
+    ExpectRequest(peer, 1500).Send(replies).Close();
+    ASSERT_TRUE(LogIn(fso, peer));
+    fso.set_timeout(2000);
+    const auto start = std::chrono::steady_clock::now();
+    requests[round % std::size(requests)](fso);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1)) << round;
+    EXPECT_TRUE(peer.Finish()) << peer.Failure();
+  }
 }
 
 TEST(RCFSOFraming, RequestsNeedAConnection) {
