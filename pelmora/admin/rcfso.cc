@@ -1,0 +1,153 @@
+// RCFSO's life cycle, session (Connect, Disconnect), properties, events and logging helpers.
+#include "pelmora/admin/rcfso.h"
+
+#include <algorithm>
+#include <exception>
+#include <string>
+
+#include "pelmora/admin/credentials.h"
+#include "pelmora/admin/wire.h"
+#include "pelmora/common/codepage.h"
+#include "pelmora/common/error.h"
+#include "pelmora/common/log.h"
+#include "pelmora/common/system.h"
+
+namespace pelmora::admin {
+namespace {
+
+// The receive time-out a new client starts with, in milliseconds.
+constexpr int32_t kDefaultTimeout = 10000;
+// Log levels: progress lines are written from level 3, failure lines always.
+constexpr int16_t kTraceLevel = 3;
+constexpr int16_t kFailureLevel = 1;
+// The cache folder below the temporary folder.
+constexpr std::string_view kCacheSubfolder = "Corvanta/Qelmark/Admin/2.0/RSOCache/";
+
+}  // namespace
+
+RCFSO::RCFSO() {
+  ClearError();
+  // Keep-alive is asked for before any socket exists; the socket object refuses it (no socket)
+  // and that refusal is of no consequence, as it always was.
+  (void)socket_.SetSocketOption(sckSOL_SOCKET, sckSO_KEEPALIVE, -1);
+  socket_.SetReceiveTimeout(kDefaultTimeout);
+  connected_ = false;
+  std::fill(std::begin(header_template_), std::end(header_template_), uint8_t{0xFF});
+  LogLevel() = 3;
+  sequence_ = kFirstSequenceNumber;
+  cache_folder_ = GetTempFolder() + std::string(kCacheSubfolder);
+}
+
+RCFSO::~RCFSO() {
+  try {
+    socket_.Disconnect();
+  } catch (...) {
+  }
+}
+
+void RCFSO::ClearError() {
+  err_description_.clear();
+  err_code_ = 0;
+}
+
+void RCFSO::SetError(int32_t code, std::string description) {
+  err_code_ = code;
+  err_description_ = std::move(description);
+}
+
+void RCFSO::SetSocketError(int32_t code) { SetError(code, socket_.GetErrorDescription(code)); }
+
+std::string RCFSO::HandlePrefix() const {
+  return "(" + std::to_string(socket_.SocketHandle()) + ")";
+}
+
+void RCFSO::Trace(std::string_view text, std::string_view module, std::string_view routine,
+                  int32_t entry_type) const {
+  WriteLog(kTraceLevel, text, module, routine, entry_type);
+}
+
+void RCFSO::LogFailure(std::string_view text, std::string_view module, std::string_view routine,
+                       int32_t entry_type) const {
+  WriteLog(kFailureLevel, text, module, routine, entry_type);
+}
+
+void RCFSO::RaiseEvent(void (RCFSOEvents::*event)(std::string&), std::string text) {
+  // A sink may remove itself while handling the event: walk a copy.
+  std::vector<RCFSOEvents*> sinks = sinks_;
+  for (RCFSOEvents* sink : sinks) {
+    std::string argument = text;
+    (sink->*event)(argument);
+  }
+}
+
+void RCFSO::AddEventSink(RCFSOEvents* sink) {
+  if (sink != nullptr && std::find(sinks_.begin(), sinks_.end(), sink) == sinks_.end()) {
+    sinks_.push_back(sink);
+  }
+}
+
+void RCFSO::RemoveEventSink(RCFSOEvents* sink) {
+  sinks_.erase(std::remove(sinks_.begin(), sinks_.end(), sink), sinks_.end());
+}
+
+int32_t RCFSO::timeout() const { return socket_.ReceiveTimeout(); }
+
+void RCFSO::set_timeout(int32_t value) { socket_.SetReceiveTimeout(value); }
+
+std::string RCFSO::LogPath() const { return LogRoot(); }
+
+void RCFSO::SetLogPath(std::string value) { LogRoot() = std::move(value); }
+
+bool RCFSO::Connect(std::string_view Host, int32_t lPort, std::string_view sUserName,
+                    std::string_view sPassword, bool bEncoded) {
+  ClearError();
+  if (sUserName.empty()) {
+    SetError(8116, "Empty user name");
+    return false;
+  }
+  if (sPassword.empty()) {
+    SetError(8116, "Empty password ");
+    return false;
+  }
+  std::string user = bEncoded ? std::string(sUserName) : EncodeCredential(sUserName);
+  std::string password = bEncoded ? std::string(sPassword) : EncodeCredential(sPassword);
+  try {
+    socket_.SetRemoteHost(std::string(Host));
+    socket_.SetRemotePort(lPort);
+    socket_.Connect();
+  } catch (const Error& e) {
+    SetError(e.Number(), e.Description());
+    LogFailure(HandlePrefix() + "** Connected fail", "RFSO", "Connect");
+    return false;
+  }
+  // A request is a size message followed at once by its block: without TCP_NODELAY the block
+  // would wait for the acknowledgement of the size message (tens of milliseconds per request).
+  (void)socket_.SetSocketOption(sckIPPROTO_TCP, sckTCP_NODELAY, 1);
+  Trace(HandlePrefix() + "** Connected ", "RFSO", "Connect");
+  connected_ = true;
+  Bytes login = BuildLoginMessage(Utf8ToAnsi(user), Utf8ToAnsi(password));
+  if (!SendMessage(static_cast<int32_t>(login.size()), login)) {
+    LogFailure(HandlePrefix() + "** Send login fail ", "RFSO", "Connect");
+    return false;
+  }
+  bool result = RecvResult();
+  Trace(HandlePrefix() + "** login " + (result ? "True" : "False"), "RFSO", "Connect");
+  return result;
+}
+
+void RCFSO::Disconnect() {
+  ClearError();
+  std::string handle = std::to_string(socket_.SocketHandle());
+  Trace("(" + handle + ")Client Disconnected" + handle, "RSFSO", "Disconnect");
+  socket_.Disconnect();
+  connected_ = false;
+}
+
+void RCFSO::NotifyDisconnect(std::string message) {
+  ClearError();
+  std::string handle = std::to_string(socket_.SocketHandle());
+  Trace("(" + handle + ")Client Disconnected" + handle, "RSFSO", "FSODIsconnect");
+  RaiseEvent(&RCFSOEvents::FSODisconnect, std::move(message));
+}
+
+}  // namespace pelmora::admin

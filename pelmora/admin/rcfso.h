@@ -1,0 +1,221 @@
+// RCFSO: the remote file-system client of the administration service.
+//
+// One RCFSO holds one TCP session (a WinSock) with the administration service: it logs in with a
+// user name and a password, then carries one request at a time (remote file and folder requests,
+// remote command lines) and reports every failure through ErrCode/ErrDescription instead of
+// raising. Every member clears the error first. Replies are bytes from the network and are
+// bounds-checked; a reply waits at most `timeout` milliseconds per receive.
+//
+//   pelmora::admin::RCFSO fso;
+//   fso.SetLogPath("/var/log/pelmora");
+//   if (!fso.Connect("server", 8002, "user", "secret", false)) {
+//     std::cerr << fso.ErrCode() << " " << fso.ErrDescription() << '\n';
+//   }
+//   bool there = fso.FileExists("C:\\Data\\a.txt");
+//
+// Events (FSOError, FSODisconnect, CommandOutput, in that order) go to every sink added with
+// AddEventSink, synchronously, on the caller's thread, from inside the call that causes them.
+// One object is used by one thread at a time; the log folder and level are per thread.
+#ifndef PELMORA_ADMIN_RCFSO_H_
+#define PELMORA_ADMIN_RCFSO_H_
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "pelmora/common/date.h"
+#include "pelmora/net/winsock.h"
+
+namespace pelmora::admin {
+
+namespace internal {
+class RCFSOTestAccess;
+}  // namespace internal
+
+// A Boolean argument as automation passes it: True is -1, False 0. Where a flag travels as
+// "TRUE"/"FALSE", only a value of exactly -1 is sent as "TRUE". C++ callers pass true or false;
+// late-bound callers hand the raw 16-bit value over with FromRaw.
+class AutomationBool {
+ public:
+  constexpr AutomationBool(bool value) : raw_(value ? -1 : 0) {}  // NOLINT: implicit on purpose
+  static constexpr AutomationBool FromRaw(int16_t raw) {
+    AutomationBool flag(false);
+    flag.raw_ = raw;
+    return flag;
+  }
+  constexpr int16_t Raw() const { return raw_; }
+
+ private:
+  int16_t raw_;
+};
+
+// Receives the events of an RCFSO. Each passes one string by reference; a handler may change it,
+// which nothing reads afterwards. Handlers must not call back into the raising RCFSO; an
+// exception thrown by a handler propagates out of the call that raised the event.
+class RCFSOEvents {
+ public:
+  virtual ~RCFSOEvents() = default;
+  // An upload reported an error.
+  virtual void FSOError(std::string& message) {}
+  // A send failed with 10054 (connection reset by the peer), or the disconnect notification ran.
+  virtual void FSODisconnect(std::string& message) {}
+  // A remote command produced output (UTF-8, converted from the server's ANSI bytes).
+  virtual void CommandOutput(std::string& text) {}
+};
+
+class RCFSO {
+ public:
+  // A new client, not connected: receive time-out 10000 ms, sequence counter 2147483640, the
+  // thread's log level set to 3, the cache folder under the temporary folder. Never fails.
+  RCFSO();
+  // Closes the connection, ignoring any error.
+  ~RCFSO();
+  RCFSO(const RCFSO&) = delete;
+  RCFSO& operator=(const RCFSO&) = delete;
+
+  // --- Session ---
+
+  // Opens a TCP connection to Host:lPort and logs in. Credentials are encoded with the
+  // credential table first unless `bEncoded` (then sent as given). Returns the login's outcome.
+  // Fails with 8116 "Empty user name" / "Empty password " (nothing sent), the socket's number and
+  // text when the connection cannot be opened, the result reply's code and message when the
+  // login is refused, or a socket error (10060 on time-out). Once the TCP connection stands the
+  // object counts as connected, whatever the login yields. Blocks for the connect and for at
+  // most `timeout` ms per receive.
+  bool Connect(std::string_view Host, int32_t lPort, std::string_view sUserName,
+               std::string_view sPassword, bool bEncoded);
+  // Closes the connection (nothing is sent to the server); the sequence counter runs on.
+  void Disconnect();
+  // The disconnect notification: logs and raises FSODisconnect with `message`; the connected
+  // state is unchanged.
+  void NotifyDisconnect(std::string message);
+
+  // --- Properties ---
+
+  // The receive time-out in milliseconds (0: no limit), passed straight to the socket. The
+  // setter raises pelmora::Error 380 "Invalid property value" for a negative value.
+  int32_t timeout() const;
+  void set_timeout(int32_t value);
+  // Code and text of the last error; 0 and "" when the last member succeeded.
+  int32_t ErrCode() const { return err_code_; }
+  const std::string& ErrDescription() const { return err_description_; }
+  // The thread's log folder (shared with every RCFSO on the thread).
+  std::string LogPath() const;
+  void SetLogPath(std::string value);
+  // C++ only: the local folder for files fetched from the server, ending in '/'.
+  const std::string& CacheFolder() const { return cache_folder_; }
+
+  // --- Events ---
+
+  // Adds / removes an event sink (not owned; it must outlive its registration).
+  void AddEventSink(RCFSOEvents* sink);
+  void RemoveEventSink(RCFSOEvents* sink);
+
+  // --- Remote file and folder requests ---
+  // Each sends one request and reads its reply. Text arguments that must not be empty are refused
+  // with 8116 when blank (nothing sent); a session that is not connected gives 8117
+  // "Connection has not established"; socket, header, sequence and size errors are those of the
+  // framing; a refusal by the server leaves its code and message. Each blocks for at most
+  // `timeout` ms per receive and returns false / "" / the empty date on failure.
+
+  // The version of a file on the server (request 18). 8116 "Empty Filename".
+  std::string GetFileVersion(std::string_view sFileName);
+  // The server path registered under `sKey` (request 13). 8116 "Empty key".
+  std::string GetPathWithKey(std::string_view sKey);
+  // Copies a folder on the server (12). 8116 "Empty existign folder name"/"Empty new folder name".
+  bool CopyRemoteFolder(std::string_view sExistingFolder, std::string_view sNewFolder,
+                        AutomationBool bOverWrite);
+  // Copies a file on the server (11). 8116 "Empty existign file name" / "Empty new file name".
+  bool CopyRemoteFile(std::string_view sExistingFile, std::string_view sNewFile,
+                      AutomationBool OverWriteFile);
+  // Moves a file on the server (15). 8116 as CopyRemoteFile.
+  bool MoveRemoteFile(std::string_view sExistingFile, std::string_view sNewFile);
+  // Creates a file on the server (7). 8116 "Empty remote file name".
+  bool CreateRemoteFile(std::string_view sRemoteFile, AutomationBool bOverWrite,
+                        AutomationBool bUnicodeCode);
+  // Creates a folder on the server (8). 8116 "Empty remote folder name".
+  bool CreateRemoteFolder(std::string_view sRemoteFolder);
+  // Deletes a file on the server (9). 8116 "Empty remote file name".
+  bool DeleteRemoteFile(std::string_view sRemoteFile);
+  // Deletes a folder on the server (10). 8116 "Empty remote folder name".
+  bool DeleteRemoteFolder(std::string_view sRemoteFolder);
+  // Whether a folder exists on the server (6). 8116 "Empty remote folder name".
+  bool FolderExists(std::string_view sRemoteFolder);
+  // Whether a file exists on the server (5). 8116 "Empty remote file name".
+  bool FileExists(std::string_view sRemoteFile);
+  // Whether the server runs on this machine (17).
+  bool IsSameMachineWithSvr();
+  // The server's system folder (19).
+  std::string GetSystemDirectory();
+  // The server's local clock (21); a text that is not a date gives 13 "Type mismatch".
+  Date GetSystemTime();
+  // The server's print queues (14); a negative size gives 8004 "Invalid data size".
+  std::string GetPrintQ();
+
+  // --- Remote command ---
+
+  // Runs `command` on the server (request 20, `lTimeout` forwarded unchanged) and waits until the
+  // server reports its end, raising CommandOutput for each output reply as it arrives. True only
+  // for a normal end. Fails with 8116 "Empty command", 8117, the receive's error, 9001
+  // "Create process fail", 9002 "Process terminated abnormally" or 9003 "Request time out".
+  // Blocks until the status reply; each receive waits at most `timeout` ms.
+  bool SyncCreateProcess(std::string_view command, int32_t lTimeout);
+
+ private:
+  friend class internal::RCFSOTestAccess;
+  using Bytes = std::vector<uint8_t>;
+
+  // Error state and logging.
+  void ClearError();
+  void SetError(int32_t code, std::string description);
+  void SetSocketError(int32_t code);
+  std::string HandlePrefix() const;
+  void Trace(std::string_view text, std::string_view module, std::string_view routine,
+             int32_t entry_type = 4) const;
+  void LogFailure(std::string_view text, std::string_view module, std::string_view routine,
+                  int32_t entry_type = 4) const;
+  void RaiseEvent(void (RCFSOEvents::*event)(std::string&), std::string text);
+
+  // Framing (rcfso_framing.cc).
+  bool SendPacket(std::span<const uint8_t> Buffer);
+  bool SendMessage(int32_t lMsgSize, std::span<const uint8_t> aMsg);
+  bool FrameMessage(int32_t lMsgSize, std::span<const uint8_t> aMsg, Bytes& packet);
+  bool RecvMessage(int32_t lPacketSize, Bytes& aMsg, int32_t& lSeqNo);
+  bool ReceivePacket(int32_t size, Bytes& packet);
+  bool SendRequestAnsi(std::string_view sArg, int16_t iCommand);
+  bool SendRequestUnicode(std::string_view sArg, int16_t iCommand);
+  bool SendRequestList(std::span<const std::string> aArgs, int16_t iCommand);
+  bool SendRequestTwo(std::string_view sArg1, std::string_view sArg2, int16_t iCommand);
+  bool SendRequestBlock(int16_t iCommand, std::span<const Bytes> args);
+  bool SendAnnouncedBlock(int32_t total, std::span<const uint8_t> block);
+  bool RecvResult();
+  int32_t ReadRawBytes(int32_t count, Bytes& out);
+
+  // Request helpers (rcfso_requests.cc).
+  bool CheckArgument(std::string_view value, std::string_view description);
+  bool ResultRequest(bool sent, std::string_view module, std::string_view routine,
+                     std::string_view send_fail, std::string_view outcome);
+  std::optional<std::string> ReceiveText(std::string_view routine, int32_t entry_type);
+  std::optional<int32_t> ReceiveSize();
+  std::optional<std::string> ReceiveRawText(int32_t count, std::string_view routine,
+                                            std::string_view content_fail);
+
+  // Remote command helper (rcfso_command.cc).
+  bool AwaitCommandEnd();
+
+  bool connected_ = false;
+  WinSock socket_;
+  std::string err_description_;
+  int32_t err_code_ = 0;
+  int32_t sequence_ = 0;
+  uint8_t header_template_[3] = {0, 0, 0};
+  std::string cache_folder_;
+  std::vector<RCFSOEvents*> sinks_;
+};
+
+}  // namespace pelmora::admin
+
+#endif  // PELMORA_ADMIN_RCFSO_H_

@@ -1,0 +1,94 @@
+// The late-bound face of RCFSO: creatable as "Pelmora.RCFSO", with its events FSOError,
+// FSODisconnect and CommandOutput (each one String by reference) delivered to connected sinks.
+//
+// Flags that travel as "TRUE"/"FALSE" take the caller's value as a 16-bit integer: a Boolean
+// True is -1 and is sent as "TRUE"; any other value, also 1, is sent as "FALSE".
+#include <cstdint>
+#include <string>
+
+#include "pelmora/admin/rcfso.h"
+#include "pelmora/automation/class_binder.h"
+#include "pelmora/automation/event_source.h"
+
+namespace pelmora::admin {
+namespace {
+
+using automation::ClassBinder;
+using automation::ClassRegistrar;
+
+// An RCFSO with the event source that late-bound sinks connect to.
+class RCFSOObject : private RCFSOEvents {
+ public:
+  RCFSOObject() { fso.AddEventSink(this); }
+  ~RCFSOObject() override { fso.RemoveEventSink(this); }
+  RCFSOObject(const RCFSOObject&) = delete;
+  RCFSOObject& operator=(const RCFSOObject&) = delete;
+
+  RCFSO fso;
+  automation::EventSource events;
+
+ private:
+  void FSOError(std::string& message) override { events.Raise("FSOError", message); }
+  void FSODisconnect(std::string& message) override { events.Raise("FSODisconnect", message); }
+  void CommandOutput(std::string& text) override { events.Raise("CommandOutput", text); }
+};
+
+using O = RCFSOObject;
+using S = const std::string&;
+
+AutomationBool Flag(int16_t raw) { return AutomationBool::FromRaw(raw); }
+
+const ClassRegistrar kRCFSOClass(
+    ClassBinder<O>("Pelmora.RCFSO")
+        .Method("Connect",
+                [](O& o, S Host, int32_t lPort, S sUserName, S sPassword, bool bEncoded) {
+                  return o.fso.Connect(Host, lPort, sUserName, sPassword, bEncoded);
+                })
+        .Method("Disconnect", [](O& o) { o.fso.Disconnect(); })
+        .Property(
+            "timeout", [](O& o) { return o.fso.timeout(); },
+            [](O& o, int32_t value) { o.fso.set_timeout(value); })
+        .Property("ErrCode", [](O& o) { return o.fso.ErrCode(); })
+        .Property("ErrDescription", [](O& o) { return o.fso.ErrDescription(); })
+        .Property(
+            "LogPath", [](O& o) { return o.fso.LogPath(); },
+            [](O& o, std::string value) { o.fso.SetLogPath(std::move(value)); })
+        .Method("GetFileVersion", [](O& o, S sFileName) { return o.fso.GetFileVersion(sFileName); })
+        .Method("GetPathWithKey", [](O& o, S sKey) { return o.fso.GetPathWithKey(sKey); })
+        .Method("CopyRemoteFolder",
+                [](O& o, S sExistingFolder, S sNewFolder, int16_t bOverWrite) {
+                  return o.fso.CopyRemoteFolder(sExistingFolder, sNewFolder, Flag(bOverWrite));
+                })
+        .Method("CopyRemoteFile",
+                [](O& o, S sExistingFile, S sNewFile, int16_t OverWriteFile) {
+                  return o.fso.CopyRemoteFile(sExistingFile, sNewFile, Flag(OverWriteFile));
+                })
+        .Method("MoveRemoteFile",
+                [](O& o, S sExistingFile, S sNewFile) {
+                  return o.fso.MoveRemoteFile(sExistingFile, sNewFile);
+                })
+        .Method("CreateRemoteFile",
+                [](O& o, S sRemoteFile, int16_t bOverWrite, int16_t bUnicodeCode) {
+                  return o.fso.CreateRemoteFile(sRemoteFile, Flag(bOverWrite), Flag(bUnicodeCode));
+                })
+        .Method("CreateRemoteFolder",
+                [](O& o, S sRemoteFolder) { return o.fso.CreateRemoteFolder(sRemoteFolder); })
+        .Method("DeleteRemoteFile",
+                [](O& o, S sRemoteFile) { return o.fso.DeleteRemoteFile(sRemoteFile); })
+        .Method("DeleteRemoteFolder",
+                [](O& o, S sRemoteFolder) { return o.fso.DeleteRemoteFolder(sRemoteFolder); })
+        .Method("FolderExists",
+                [](O& o, S sRemoteFolder) { return o.fso.FolderExists(sRemoteFolder); })
+        .Method("FileExists", [](O& o, S sRemoteFile) { return o.fso.FileExists(sRemoteFile); })
+        .Method("IsSameMachineWithSvr", [](O& o) { return o.fso.IsSameMachineWithSvr(); })
+        .Method("GetSystemDirectory", [](O& o) { return o.fso.GetSystemDirectory(); })
+        .Method("GetSystemTime", [](O& o) { return o.fso.GetSystemTime(); })
+        .Method("GetPrintQ", [](O& o) { return o.fso.GetPrintQ(); })
+        .Method("SyncCreateProcess",
+                [](O& o, S command, int32_t lTimeout) {
+                  return o.fso.SyncCreateProcess(command, lTimeout);
+                })
+        .Events(&O::events));
+
+}  // namespace
+}  // namespace pelmora::admin
