@@ -124,8 +124,8 @@ bool Crypto::SignHash(const Bytes& Key, const Bytes& Src, Bytes& Output, const B
     if (status == kOk) status = crypto_internal::ImportKeyBlob(*provider_, Key, &password_key, key);
     if (status == kOk && !key.has_private) status = crypto_internal::kNteNoKey;
     if (status == kOk) status = provider_->Md5(Src, digest);
-    if (status == kOk) status = crypto_internal::SignDigest(*provider_, key.key.get(), digest,
-                                                            signature);
+    if (status == kOk)
+      status = crypto_internal::SignDigest(*provider_, key.key.get(), digest, signature);
     if (status == kOk) Output = std::move(signature);
     return status;
   }));
@@ -140,8 +140,8 @@ bool Crypto::VerifySignature(const Bytes& Key, const Bytes& Src, const Bytes& Ha
     crypto_internal::Md5Digest digest;
     CryptoStatus status = provider_->Md5(Src, digest);
     if (status == kOk) status = crypto_internal::ImportKeyBlob(*provider_, Key, nullptr, key);
-    if (status == kOk) status = crypto_internal::VerifyDigest(*provider_, key.key.get(), digest,
-                                                              Hash);
+    if (status == kOk)
+      status = crypto_internal::VerifyDigest(*provider_, key.key.get(), digest, Hash);
     return status;
   }));
 }
@@ -168,8 +168,6 @@ bool Crypto::GenRandom(int32_t Length, Bytes& Output) {
 
 std::string Crypto::Byte2Hex(const Bytes& aByte) { return crypto_internal::BytesToHex(aByte); }
 
-Crypto::Bytes Crypto::Hex2Byte(std::string_view sHex) {
-  return crypto_internal::HexToBytes(sHex);
-}
+Crypto::Bytes Crypto::Hex2Byte(std::string_view sHex) { return crypto_internal::HexToBytes(sHex); }
 
 }  // namespace pelmora

@@ -10,21 +10,13 @@
 #include "pelmora/common/error_texts.h"
 #include "pelmora/crypto/crypto.h"
 #include "pelmora/crypto/internal/crypto_errors.h"
+#include "pelmora/crypto/internal/test_values.h"
 
 namespace pelmora {
 namespace {
 
 using Bytes = Crypto::Bytes;
-
-constexpr int32_t kNteBadLen = -2146893820;
-constexpr int32_t kNteBadData = -2146893819;
-constexpr int32_t kNteBadSignature = -2146893818;
-constexpr int32_t kNteBadVer = -2146893817;
-constexpr int32_t kNteBadType = -2146893814;
-constexpr int32_t kNteBadKey = -2146893821;
-constexpr int32_t kNteNoKey = -2146893811;
-
-Bytes FromText(std::string_view text) { return Bytes(text.begin(), text.end()); }
+using namespace crypto_testing;  // NOLINT: error numbers and byte shorthands
 
 struct KeyPair {
   Bytes public_blob;
@@ -59,9 +51,26 @@ TEST_P(CryptoKeyLevel, GenKeyPairsExportsPlatformBlobsOfTheLevelSize) {
   ASSERT_EQ(pair.public_blob.size(), GetParam().public_size);
   ASSERT_EQ(pair.private_blob.size(), GetParam().private_size);
   uint32_t bits = GetParam().bits;
-  Bytes header = {0x06, 0x02, 0x00, 0x00, 0x00, 0x24, 0x00, 0x00, 'R', 'S', 'A', '1',
-                  static_cast<uint8_t>(bits), static_cast<uint8_t>(bits >> 8), 0, 0,
-                  0x01, 0x00, 0x01, 0x00};
+  Bytes header = {0x06,
+                  0x02,
+                  0x00,
+                  0x00,
+                  0x00,
+                  0x24,
+                  0x00,
+                  0x00,
+                  'R',
+                  'S',
+                  'A',
+                  '1',
+                  static_cast<uint8_t>(bits),
+                  static_cast<uint8_t>(bits >> 8),
+                  0,
+                  0,
+                  0x01,
+                  0x00,
+                  0x01,
+                  0x00};
   EXPECT_EQ(Bytes(pair.public_blob.begin(), pair.public_blob.begin() + 20), header);
   // The private blob's clear header, then a body that one fresh RC4 stream of the password opens.
   EXPECT_EQ(Bytes(pair.private_blob.begin(), pair.private_blob.begin() + 8),
@@ -69,9 +78,8 @@ TEST_P(CryptoKeyLevel, GenKeyPairsExportsPlatformBlobsOfTheLevelSize) {
   Crypto crypto;
   crypto.EncryptionLevel(GetParam().level);
   Bytes body;
-  ASSERT_TRUE(crypto.DecryptByte(FromText("secret"),
-                                 Bytes(pair.private_blob.begin() + 8, pair.private_blob.end()),
-                                 body));
+  ASSERT_TRUE(crypto.DecryptByte(
+      FromText("secret"), Bytes(pair.private_blob.begin() + 8, pair.private_blob.end()), body));
   header[8 + 3] = '2';
   EXPECT_EQ(Bytes(body.begin(), body.begin() + 12), Bytes(header.begin() + 8, header.end()));
   EXPECT_EQ(Bytes(body.begin() + 12, body.begin() + 12 + bits / 8),
@@ -84,8 +92,8 @@ TEST_P(CryptoKeyLevel, SignatureVerifiesWithThePublicBlobAndClearsLastError) {
   crypto.EncryptionLevel(GetParam().level);
   crypto.RejectArgument();
   Bytes signature;
-  ASSERT_TRUE(crypto.SignHash(pair.private_blob, FromText("payload"), signature,
-                              FromText("secret")));
+  ASSERT_TRUE(
+      crypto.SignHash(pair.private_blob, FromText("payload"), signature, FromText("secret")));
   EXPECT_EQ(crypto.LastError(), 0);
   EXPECT_EQ(signature.size(), GetParam().bits / 8);
   EXPECT_TRUE(crypto.VerifySignature(pair.public_blob, FromText("payload"), signature));
@@ -115,16 +123,16 @@ INSTANTIATE_TEST_SUITE_P(Levels, CryptoKeyLevel,
 TEST(CryptoKeys, SignHashWithAPublicBlobFailsWithNoKey) {
   Crypto crypto;
   Bytes signature;
-  EXPECT_FALSE(crypto.SignHash(PairAt(CryptoStrongEncryption).public_blob, FromText("m"),
-                               signature, FromText("secret")));
+  EXPECT_FALSE(crypto.SignHash(PairAt(CryptoStrongEncryption).public_blob, FromText("m"), signature,
+                               FromText("secret")));
   EXPECT_EQ(crypto.LastError(), kNteNoKey);
 }
 
 TEST(CryptoKeys, SignatureOfAnotherKeyDoesNotVerify) {
   Crypto crypto;
   Bytes signature;
-  ASSERT_TRUE(crypto.SignHash(PairAt(CryptoStrongEncryption).private_blob, FromText("m"),
-                              signature, FromText("secret")));
+  ASSERT_TRUE(crypto.SignHash(PairAt(CryptoStrongEncryption).private_blob, FromText("m"), signature,
+                              FromText("secret")));
   Crypto other;
   Bytes pub, priv;
   ASSERT_TRUE(other.GenKeyPairs(pub, priv, FromText("secret")));
@@ -173,30 +181,31 @@ TEST_P(CryptoPublicBlobDamage, VerifyFailsWithTheBlobError) {
   EXPECT_EQ(crypto.LastError(), damage.error) << damage.what;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Damages, CryptoPublicBlobDamage,
-    ::testing::Values(BlobDamage{"one-byte", kCut, 1, kNteBadLen},
-                      BlobDamage{"header-only", kCut, 8, kNteBadLen},
-                      BlobDamage{"fixed-part-only", kCut, 20, kNteBadLen},
-                      BlobDamage{"one-byte-short", kCut, 147, kNteBadLen},
-                      BlobDamage{"one-byte-long", kGrow, 0, kNteBadLen},
-                      BlobDamage{"session-key-type", 0, 1, kNteBadType},
-                      BlobDamage{"version-3", 1, 3, kNteBadVer},
-                      BlobDamage{"reserved", 2, 1, kNteBadData},
-                      BlobDamage{"RC4-algorithm", 5, 0x68, kNteBadKey},
-                      BlobDamage{"private-magic", 11, '2', kNteBadData},
-                      BlobDamage{"256-bit-modulus", 13, 1, kNteBadKey},
-                      BlobDamage{"bitlen-not-whole-bytes", 12, 4, kNteBadKey},
-                      BlobDamage{"even-exponent", 16, 0, kNteBadData},
-                      BlobDamage{"modulus-top-byte-0", 147, 0, kNteBadData}));
+INSTANTIATE_TEST_SUITE_P(Damages, CryptoPublicBlobDamage,
+                         ::testing::Values(BlobDamage{"one-byte", kCut, 1, kNteBadLen},
+                                           BlobDamage{"header-only", kCut, 8, kNteBadLen},
+                                           BlobDamage{"fixed-part-only", kCut, 20, kNteBadLen},
+                                           BlobDamage{"one-byte-short", kCut, 147, kNteBadLen},
+                                           BlobDamage{"one-byte-long", kGrow, 0, kNteBadLen},
+                                           BlobDamage{"session-key-type", 0, 1, kNteBadType},
+                                           BlobDamage{"version-3", 1, 3, kNteBadVer},
+                                           BlobDamage{"reserved", 2, 1, kNteBadData},
+                                           BlobDamage{"RC4-algorithm", 5, 0x68, kNteBadKey},
+                                           BlobDamage{"private-magic", 11, '2', kNteBadData},
+                                           BlobDamage{"256-bit-modulus", 13, 1, kNteBadKey},
+                                           BlobDamage{"bitlen-not-whole-bytes", 12, 4, kNteBadKey},
+                                           BlobDamage{"even-exponent", 16, 0, kNteBadData},
+                                           BlobDamage{"modulus-top-byte-0", 147, 0, kNteBadData}));
 
 TEST(CryptoKeys, DamagedPrivateBlobsFailToSign) {
   const KeyPair& pair = PairAt(CryptoStrongEncryption);
   struct Case {
     size_t offset;
     int32_t error;
-  } cases[] = {{0, kNteBadData} /* read as public: magic garbled */, {200, kNteBadData},
-               {400, kNteBadData}, {595, kNteBadData}};
+  } cases[] = {{0, kNteBadData} /* read as public: magic garbled */,
+               {200, kNteBadData},
+               {400, kNteBadData},
+               {595, kNteBadData}};
   for (const Case& c : cases) {
     Bytes blob = pair.private_blob;
     blob[c.offset] ^= c.offset == 0 ? 0x01 : 0x40;
@@ -237,7 +246,7 @@ TEST(CryptoProviders, CreationWithoutTheLegacyModuleRaisesKeysetNotDefined) {
     Crypto crypto;
     FAIL() << "no error raised";
   } catch (const Error& e) {
-    EXPECT_EQ(e.Number(), -2146893799);
+    EXPECT_EQ(e.Number(), kNteKeysetNotDef);
     EXPECT_EQ(e.Description(),
               "\"Microsoft Enhanced Cryptographic Provider v1.0\" does not installed");
     EXPECT_EQ(e.Source(), "Crypto Class");
@@ -252,8 +261,9 @@ TEST(CryptoProviders, FailedLevelChangeKeepsTheOldLevelWorking) {
       crypto.EncryptionLevel(CryptoBaseEncryption);
       FAIL() << "no error raised";
     } catch (const Error& e) {
-      EXPECT_EQ(e.Number(), -2146893799);
-      EXPECT_EQ(e.Description(), "\"Microsoft Base Cryptographic Provider v1.0\" does not installed");
+      EXPECT_EQ(e.Number(), kNteKeysetNotDef);
+      EXPECT_EQ(e.Description(),
+                "\"Microsoft Base Cryptographic Provider v1.0\" does not installed");
     }
   }
   EXPECT_EQ(crypto.EncryptionLevel(), CryptoStrongEncryption);
@@ -265,12 +275,15 @@ TEST(CryptoErrors, NumbersCarryThePlatformTexts) {
   struct Case {
     int32_t code;
     const char* text;
-  } cases[] = {{kNteBadKey, "Bad Key."},         {kNteBadLen, "Bad Length."},
-               {kNteBadData, "Bad Data."},       {kNteBadSignature, "Invalid Signature."},
+  } cases[] = {{kNteBadKey, "Bad Key."},
+               {kNteBadLen, "Bad Length."},
+               {kNteBadData, "Bad Data."},
+               {kNteBadSignature, "Invalid Signature."},
                {kNteBadVer, "Bad Version of provider."},
                {kNteBadType, "Invalid type specified."},
-               {kNteNoKey, "Key does not exist."}, {87, "The parameter is incorrect."},
-               {-2146893799, "The keyset is not defined."},
+               {kNteNoKey, "Key does not exist."},
+               {87, "The parameter is incorrect."},
+               {kNteKeysetNotDef, "The keyset is not defined."},
                {-2146893792, "An internal error occurred."},
                {-2146893810, "Insufficient memory available for the operation."}};
   for (const Case& c : cases) {

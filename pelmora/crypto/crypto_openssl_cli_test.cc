@@ -15,14 +15,14 @@
 
 #include "gtest/gtest.h"
 #include "pelmora/crypto/crypto.h"
+#include "pelmora/crypto/internal/test_values.h"
 
 namespace pelmora {
 namespace {
 
 using Bytes = Crypto::Bytes;
+using namespace crypto_testing;  // NOLINT: error numbers and byte shorthands
 namespace fs = std::filesystem;
-
-Bytes FromText(std::string_view text) { return Bytes(text.begin(), text.end()); }
 
 struct CommandResult {
   int status = -1;
@@ -45,7 +45,8 @@ CommandResult RunCommand(const std::string& command) {
 
 void WriteFile(const fs::path& path, const Bytes& bytes) {
   std::ofstream(path, std::ios::binary)
-      .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+      .write(reinterpret_cast<const char*>(bytes.data()),
+             static_cast<std::streamsize>(bytes.size()));
 }
 
 Bytes ReadFile(const fs::path& path) {
@@ -103,8 +104,8 @@ class CryptoOpensslCommand : public ::testing::TestWithParam<CryptoEncryptionLev
 };
 
 TEST_P(CryptoOpensslCommand, PublicBlobReadsAsMsblobWithTheSameModulus) {
-  CommandResult res = RunCommand("openssl rsa -pubin -inform MSBLOB -noout -modulus -in " +
-                          Path("pub.blob"));
+  CommandResult res =
+      RunCommand("openssl rsa -pubin -inform MSBLOB -noout -modulus -in " + Path("pub.blob"));
   ASSERT_EQ(res.status, 0) << res.output;
   Bytes modulus(public_blob_.rbegin(), public_blob_.rend() - 20);
   EXPECT_EQ(res.output, "Modulus=" + crypto_.Byte2Hex(modulus) + "\n");
@@ -112,12 +113,14 @@ TEST_P(CryptoOpensslCommand, PublicBlobReadsAsMsblobWithTheSameModulus) {
 
 TEST_P(CryptoOpensslCommand, PrivateBlobOpensWithRc4AndPassesTheKeyCheck) {
   WriteClearPrivateBlob();
-  CommandResult check = RunCommand("openssl rsa -inform MSBLOB -check -noout -in " + Path("priv.blob"));
+  CommandResult check =
+      RunCommand("openssl rsa -inform MSBLOB -check -noout -in " + Path("priv.blob"));
   EXPECT_EQ(check.status, 0) << check.output;
   EXPECT_NE(check.output.find("RSA key ok"), std::string::npos) << check.output;
-  CommandResult priv = RunCommand("openssl rsa -inform MSBLOB -noout -modulus -in " + Path("priv.blob"));
-  CommandResult pub = RunCommand("openssl rsa -pubin -inform MSBLOB -noout -modulus -in " +
-                          Path("pub.blob"));
+  CommandResult priv =
+      RunCommand("openssl rsa -inform MSBLOB -noout -modulus -in " + Path("priv.blob"));
+  CommandResult pub =
+      RunCommand("openssl rsa -pubin -inform MSBLOB -noout -modulus -in " + Path("pub.blob"));
   EXPECT_EQ(priv.output, pub.output);
 }
 
@@ -137,12 +140,12 @@ TEST_P(CryptoOpensslCommand, ReversedSignatureVerifiesWithDgstMd5) {
   ASSERT_TRUE(crypto_.SignHash(private_blob_, message, signature, password_));
   WriteFile(dir_ / "msg", message);
   WriteFile(dir_ / "sig", Bytes(signature.rbegin(), signature.rend()));
-  ASSERT_EQ(RunCommand("openssl rsa -pubin -inform MSBLOB -pubout -in " + Path("pub.blob") + " -out " +
-                Path("pub.pem"))
+  ASSERT_EQ(RunCommand("openssl rsa -pubin -inform MSBLOB -pubout -in " + Path("pub.blob") +
+                       " -out " + Path("pub.pem"))
                 .status,
             0);
-  CommandResult verify = RunCommand("openssl dgst -md5 -verify " + Path("pub.pem") + " -signature " +
-                             Path("sig") + " " + Path("msg"));
+  CommandResult verify = RunCommand("openssl dgst -md5 -verify " + Path("pub.pem") +
+                                    " -signature " + Path("sig") + " " + Path("msg"));
   EXPECT_EQ(verify.status, 0) << verify.output;
   EXPECT_EQ(verify.output, "Verified OK\n");
 }
@@ -153,14 +156,14 @@ TEST_P(CryptoOpensslCommand, OpensslSignaturesVerifyWithAndWithoutDigestInfo) {
   ASSERT_TRUE(crypto_.HashByte(message, digest));
   WriteFile(dir_ / "msg", message);
   WriteFile(dir_ / "digest", digest);
-  CommandResult pem = RunCommand("openssl rsa -inform MSBLOB -in " + Path("priv.blob") +
-                                 " -out " + Path("priv.pem"));
+  CommandResult pem = RunCommand("openssl rsa -inform MSBLOB -in " + Path("priv.blob") + " -out " +
+                                 Path("priv.pem"));
   ASSERT_EQ(pem.status, 0) << pem.output;
   // Without a digest option pkeyutl pads the bare digest; with one it adds the DigestInfo.
   for (const char* option : {"", " -pkeyopt digest:md5"}) {
-    CommandResult sign = RunCommand("openssl pkeyutl -sign -inkey " + Path("priv.pem") + option +
-                                    " -in " + Path("digest") + " -out " +
-                                    Path(*option ? "info.sig" : "bare.sig"));
+    CommandResult sign =
+        RunCommand("openssl pkeyutl -sign -inkey " + Path("priv.pem") + option + " -in " +
+                   Path("digest") + " -out " + Path(*option ? "info.sig" : "bare.sig"));
     ASSERT_EQ(sign.status, 0) << sign.output;
   }
   for (const char* name : {"bare.sig", "info.sig"}) {

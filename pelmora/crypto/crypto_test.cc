@@ -8,19 +8,13 @@
 
 #include "gtest/gtest.h"
 #include "pelmora/common/error.h"
-#include "pelmora/crypto/internal/hex.h"
+#include "pelmora/crypto/internal/test_values.h"
 
 namespace pelmora {
 namespace {
 
 using Bytes = Crypto::Bytes;
-
-constexpr int32_t kNteBadData = -2146893819;
-constexpr int32_t kNteBadSignature = -2146893818;
-constexpr int32_t kNteNoKey = -2146893811;
-
-Bytes FromHex(std::string_view hex) { return crypto_internal::HexToBytes(hex); }
-Bytes FromText(std::string_view text) { return Bytes(text.begin(), text.end()); }
+using namespace crypto_testing;  // NOLINT: error numbers and byte shorthands
 
 // The reference key: a strong-level signature key exported by the platform.
 constexpr std::string_view kReferencePublicBlob =
@@ -186,7 +180,8 @@ TEST_P(CryptoHex2Byte, ReadsDigitPairsOrGivesNothing) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, CryptoHex2Byte,
-                         ::testing::Values(HexCase{"0aFF", {10, 255}}, HexCase{"000aFF", {0, 10, 255}}, HexCase{"ABC", {}},
+                         ::testing::Values(HexCase{"0aFF", {10, 255}},
+                                           HexCase{"000aFF", {0, 10, 255}}, HexCase{"ABC", {}},
                                            HexCase{"zz", {}}, HexCase{"0", {}}, HexCase{"", {}},
                                            HexCase{"00g0", {}}, HexCase{"7f80", {0x7F, 0x80}},
                                            HexCase{" 1", {}}));

@@ -23,13 +23,11 @@ struct BlobNumber {
 
 // The big numbers after the fixed part, in blob order; the first is the only public one.
 constexpr BlobNumber kBlobNumbers[] = {
-    {&RsaNumbers::n, 2},    {&RsaNumbers::p, 1},    {&RsaNumbers::q, 1},
-    {&RsaNumbers::dmp1, 1}, {&RsaNumbers::dmq1, 1}, {&RsaNumbers::iqmp, 1},
-    {&RsaNumbers::d, 2},
+    {&RsaNumbers::n, 2},    {&RsaNumbers::p, 1},    {&RsaNumbers::q, 1}, {&RsaNumbers::dmp1, 1},
+    {&RsaNumbers::dmq1, 1}, {&RsaNumbers::iqmp, 1}, {&RsaNumbers::d, 2},
 };
 
-void WriteFixedPart(uint8_t type, uint32_t magic, uint32_t bits, uint32_t exponent,
-                    uint8_t* at) {
+void WriteFixedPart(uint8_t type, uint32_t magic, uint32_t bits, uint32_t exponent, uint8_t* at) {
   at[0] = type;
   at[1] = kBlobVersion;
   at[2] = at[3] = 0;

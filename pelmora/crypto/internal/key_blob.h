@@ -27,9 +27,9 @@ namespace pelmora::crypto_internal {
 inline constexpr uint8_t kPublicKeyBlob = 6;   // PUBLICKEYBLOB
 inline constexpr uint8_t kPrivateKeyBlob = 7;  // PRIVATEKEYBLOB
 inline constexpr uint8_t kBlobVersion = 2;
-inline constexpr uint32_t kSignatureKeyAlg = 0x2400;  // CALG_RSA_SIGN
-inline constexpr uint32_t kExchangeKeyAlg = 0xA400;   // CALG_RSA_KEYX
-inline constexpr uint32_t kPublicMagic = 0x31415352;  // "RSA1"
+inline constexpr uint32_t kSignatureKeyAlg = 0x2400;   // CALG_RSA_SIGN
+inline constexpr uint32_t kExchangeKeyAlg = 0xA400;    // CALG_RSA_KEYX
+inline constexpr uint32_t kPublicMagic = 0x31415352;   // "RSA1"
 inline constexpr uint32_t kPrivateMagic = 0x32415352;  // "RSA2"
 inline constexpr std::size_t kBlobHeaderSize = 8;      // the part that is never encrypted
 inline constexpr std::size_t kBlobFixedSize = 20;      // header, magic, bitlen, exponent

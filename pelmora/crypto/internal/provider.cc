@@ -62,8 +62,7 @@ CryptoStatus CryptoProvider::Md5(std::span<const uint8_t> data, Md5Digest& diges
   return kOk;
 }
 
-CryptoStatus CryptoProvider::DeriveKey(std::span<const uint8_t> password,
-                                       PasswordKey& key) const {
+CryptoStatus CryptoProvider::DeriveKey(std::span<const uint8_t> password, PasswordKey& key) const {
   Md5Digest digest;
   CryptoStatus status = Md5(password, digest);
   if (status == kOk) {

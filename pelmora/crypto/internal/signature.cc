@@ -10,9 +10,9 @@ namespace pelmora::crypto_internal {
 namespace {
 
 // DER of DigestInfo { AlgorithmIdentifier { md5, NULL }, OCTET STRING (16) }, before the digest.
-constexpr std::array<uint8_t, 18> kMd5DigestInfoPrefix = {
-    0x30, 0x20, 0x30, 0x0c, 0x06, 0x08, 0x2a, 0x86, 0x48,
-    0x86, 0xf7, 0x0d, 0x02, 0x05, 0x05, 0x00, 0x04, 0x10};
+constexpr std::array<uint8_t, 18> kMd5DigestInfoPrefix = {0x30, 0x20, 0x30, 0x0c, 0x06, 0x08,
+                                                          0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d,
+                                                          0x02, 0x05, 0x05, 0x00, 0x04, 0x10};
 
 // True when the recovered payload is the DigestInfo of `digest` or the bare digest. The lengths
 // are public; the bytes are compared without early exits.
@@ -21,10 +21,10 @@ bool PayloadMatches(std::span<const uint8_t> payload, const Md5Digest& digest) {
     return CRYPTO_memcmp(payload.data(), digest.data(), digest.size()) == 0;
   }
   if (payload.size() != kMd5DigestInfoPrefix.size() + digest.size()) return false;
-  int prefix = CRYPTO_memcmp(payload.data(), kMd5DigestInfoPrefix.data(),
-                             kMd5DigestInfoPrefix.size());
-  int rest = CRYPTO_memcmp(payload.data() + kMd5DigestInfoPrefix.size(), digest.data(),
-                           digest.size());
+  int prefix =
+      CRYPTO_memcmp(payload.data(), kMd5DigestInfoPrefix.data(), kMd5DigestInfoPrefix.size());
+  int rest =
+      CRYPTO_memcmp(payload.data() + kMd5DigestInfoPrefix.size(), digest.data(), digest.size());
   return (prefix | rest) == 0;
 }
 
