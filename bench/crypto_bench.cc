@@ -88,6 +88,15 @@ const SigningKey& Key1024() {
   return *key;
 }
 
+// Creating an object builds its own library context and loads both providers into it.
+void BM_CryptoCreate(benchmark::State& state) {
+  for (auto _ : state) {
+    pelmora::Crypto crypto;
+    benchmark::DoNotOptimize(crypto.LastError());
+  }
+}
+BENCHMARK(BM_CryptoCreate);
+
 void BM_CryptoHashByte1MiB(benchmark::State& state) {
   pelmora::Crypto crypto;
   Bytes data(kMiB, 0xA5), digest;

@@ -73,12 +73,18 @@ class Crypto {
 
   // Signs the MD5 of Src with the private key in Key (a blob from GenKeyPairs, opened with
   // Password). Output receives the signature, least significant byte first; LastError becomes 0.
-  // Errors: NTE_BAD_DATA (wrong password or damaged blob), NTE_NO_KEY (Key is a public blob),
-  // the blob errors of ImportKeyBlob, 87 for an empty argument.
+  // Errors: NTE_BAD_DATA (wrong password, blob of the other level, damaged blob), NTE_NO_KEY
+  // (Key is a public blob), the blob errors below, 87 for an empty argument.
   bool SignHash(const Bytes& Key, const Bytes& Src, Bytes& Output, const Bytes& Password);
 
   // Checks that Hash is a signature of the MD5 of Src by the key in Key (a PUBLICKEYBLOB, or a
-  // clear PRIVATEKEYBLOB). Errors: NTE_BAD_SIGNATURE, the blob errors, 87 for an empty argument.
+  // clear PRIVATEKEYBLOB). Errors: NTE_BAD_SIGNATURE (no match, or not the modulus length), the
+  // blob errors below, 87 for an empty argument.
+  //
+  // Blob errors: NTE_BAD_LEN (shorter than its header, or a length that does not fit its
+  // bitlen), NTE_BAD_TYPE (bType not 6 or 7), NTE_BAD_VER (bVersion not 2), NTE_BAD_KEY (not an
+  // RSA key, or a modulus outside 384..16384 bits), NTE_BAD_DATA (anything else that does not
+  // form a key).
   bool VerifySignature(const Bytes& Key, const Bytes& Src, const Bytes& Hash);
 
   // Output receives the 16-byte MD5 of Src. An empty Src fails with 87.
