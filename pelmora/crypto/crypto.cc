@@ -124,8 +124,9 @@ bool Crypto::SignHash(const Bytes& Key, const Bytes& Src, Bytes& Output, const B
     if (status == kOk) status = crypto_internal::ImportKeyBlob(*provider_, Key, &password_key, key);
     if (status == kOk && !key.has_private) status = crypto_internal::kNteNoKey;
     if (status == kOk) status = provider_->Md5(Src, digest);
-    if (status == kOk)
+    if (status == kOk) {
       status = crypto_internal::SignDigest(*provider_, key.key.get(), digest, signature);
+    }
     if (status == kOk) Output = std::move(signature);
     return status;
   }));
