@@ -141,8 +141,9 @@ bool Crypto::VerifySignature(const Bytes& Key, const Bytes& Src, const Bytes& Ha
     crypto_internal::Md5Digest digest;
     CryptoStatus status = provider_->Md5(Src, digest);
     if (status == kOk) status = crypto_internal::ImportKeyBlob(*provider_, Key, nullptr, key);
-    if (status == kOk)
+    if (status == kOk) {
       status = crypto_internal::VerifyDigest(*provider_, key.key.get(), digest, Hash);
+    }
     return status;
   }));
 }
