@@ -49,6 +49,10 @@ I NarrowInteger(int64_t value) {
 
 }  // namespace
 
+int32_t VariantArray::UpperBound() const {
+  return lower_bound + static_cast<int32_t>(items.size()) - 1;
+}
+
 Variant& VariantArray::At(int32_t index) {
   int64_t offset = static_cast<int64_t>(index) - lower_bound;
   if (offset < 0 || offset >= static_cast<int64_t>(items.size())) Raise(9);

@@ -67,7 +67,7 @@ struct VariantArray {
   std::vector<Variant> items;
 
   // Highest valid index (lower_bound - 1 when empty).
-  int32_t UpperBound() const { return lower_bound + static_cast<int32_t>(items.size()) - 1; }
+  int32_t UpperBound() const;
   // The element at `index`. Raises 9 "Subscript out of range" outside the bounds.
   Variant& At(int32_t index);
   const Variant& At(int32_t index) const;
