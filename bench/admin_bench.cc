@@ -88,7 +88,9 @@ int32_t Int32At(const Bytes& bytes, size_t offset) {
   return static_cast<int32_t>(value);
 }
 
-// The minimal service: answers the login, then each request until the client closes.
+// The minimal service: answers the login, then each request until the client closes. Like the
+// plain peer, it does no per-request building for FileExists: its one reply is made once and only
+// the sequence number (bytes 3..6, copied from the request) changes.
 void ServeAdmin(int fd) {
   Bytes packet(admin::kPacketSize);
   auto reply = [&](const std::vector<Bytes>& datas) {
@@ -101,20 +103,25 @@ void ServeAdmin(int fd) {
   };
   if (!ReadExactly(fd, packet.data(), packet.size())) return;
   if (!reply({admin::BuildResultReply(true, 0, "")})) return;
+  Bytes result = admin::BuildFramedPacket(0, admin::BuildResultReply(true, 0, ""));
   // A request is a size message and a block of at least 1500 bytes: both are read at once.
   Bytes request(2 * admin::kPacketSize);
   while (ReadExactly(fd, request.data(), request.size())) {
-    std::copy(request.begin(), request.begin() + admin::kPacketSize, packet.begin());
     const int32_t total = Int32At(request, admin::kHeaderSize);
     if (total < 2 || total > (1 << 20)) return;
     if (static_cast<size_t>(total) > admin::kPacketSize) {
       Bytes rest(static_cast<size_t>(total) - admin::kPacketSize);
       if (!ReadExactly(fd, rest.data(), rest.size())) return;
     }
-    const bool sent = request[admin::kPacketSize] == 20
-                          ? reply({admin::BuildCommandOutputReply("ok\r\n"),
-                                   admin::BuildCommandStatusReply(9000)})
-                          : reply({admin::BuildResultReply(true, 0, "")});
+    bool sent = false;
+    if (request[admin::kPacketSize] == 20) {
+      std::copy(request.begin(), request.begin() + admin::kPacketSize, packet.begin());
+      sent = reply(
+          {admin::BuildCommandOutputReply("ok\r\n"), admin::BuildCommandStatusReply(9000)});
+    } else {
+      std::copy(request.begin() + 3, request.begin() + 7, result.begin() + 3);
+      sent = WriteAll(fd, result);
+    }
     if (!sent) return;
   }
 }

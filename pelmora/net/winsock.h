@@ -252,6 +252,7 @@ class WinSock {
   int OpenSocket();
   int32_t ReceiveInto(uint8_t* out, int32_t size, int32_t& received);
   int32_t WaitReadable();
+  net_internal::SocketResult ReceiveSome(uint8_t* out, size_t missing, bool& drained);
   net_internal::SocketResult FillReadAhead();
   size_t TakeReadAhead(uint8_t* out, size_t wanted);
   int32_t SendAll(std::span<const uint8_t> bytes);

@@ -69,33 +69,47 @@ int32_t WinSock::GetData(std::string& Buffer, int32_t Size) {
 
 // Receives until `size` bytes are in `out`, the peer closes, the wait times out or an error
 // comes; `received` counts the bytes delivered. Bytes read ahead earlier are delivered first.
+// Bytes the system already holds are taken without a wait; the socket is waited on only when a
+// receive would block, or after a receive that drained the system's buffer.
 int32_t WinSock::ReceiveInto(uint8_t* out, int32_t size, int32_t& received) {
   size_t wanted = static_cast<size_t>(size);
   received = static_cast<int32_t>(TakeReadAhead(out, wanted));
+  bool drained = false;  // whether the last receive left the system's buffer empty
   while (static_cast<size_t>(received) < wanted) {
-    int32_t waited = WaitReadable();
-    if (waited != 0) {
-      last_error_ = waited;
-      return waited;
+    const bool waited = drained;
+    if (waited) {
+      if (int32_t failed = WaitReadable(); failed != 0) return last_error_ = failed;
     }
-    size_t missing = wanted - static_cast<size_t>(received);
-    SocketResult got;
-    if (missing >= kReadAheadSize) {
-      got = api_->Recv(handle_, out + received, missing, MSG_DONTWAIT);
-    } else {
-      got = FillReadAhead();
-      if (got.ok()) got.value = TakeReadAhead(out + received, missing);
-    }
+    const size_t missing = wanted - static_cast<size_t>(received);
+    SocketResult got = ReceiveSome(out + received, missing, drained);
     if (!got.ok()) {
       last_error_ = WsaErrorFromErrno(got.error);
+      if (last_error_ != sckWouldBlock) return last_error_;
       // Readiness without data (a spurious wake) ends the call as a success, as designed.
-      return last_error_ == sckWouldBlock ? 0 : last_error_;
+      if (waited) return 0;
+      drained = true;
+      continue;
     }
     if (got.value == 0) break;  // the peer closed the connection
     received += static_cast<int32_t>(got.value);
   }
   last_error_ = 0;
   return 0;
+}
+
+// One receive without waiting, straight into `out` for large requests, otherwise through the
+// read-ahead buffer; the result counts the bytes delivered to `out`. `drained` tells whether the
+// receive took less than it asked for, so that the system holds nothing more for now.
+SocketResult WinSock::ReceiveSome(uint8_t* out, size_t missing, bool& drained) {
+  if (missing >= kReadAheadSize) {
+    SocketResult got = api_->Recv(handle_, out, missing, MSG_DONTWAIT);
+    drained = got.ok() && static_cast<size_t>(got.value) < missing;
+    return got;
+  }
+  SocketResult got = FillReadAhead();
+  drained = got.ok() && read_end_ < kReadAheadSize;
+  if (got.ok()) got.value = static_cast<int64_t>(TakeReadAhead(out, missing));
+  return got;
 }
 
 SocketResult WinSock::FillReadAhead() {

@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <memory>
@@ -169,6 +171,8 @@ TEST_F(FaultyConnection, FailedReceiveOrWaitReturnsMappedNumber) {
   };
   std::vector<uint8_t> buffer = {42};
   for (const DataFault& c : cases) {
+    // The socket is waited on only when a receive would block first.
+    if (c.call == SocketCall::kPoll) api_->FailNext(SocketCall::kRecv, EWOULDBLOCK);
     api_->FailNext(c.call, c.error);
     EXPECT_EQ(socket_.GetData(buffer, 2), c.result);
     EXPECT_EQ(buffer, Bytes(2, 0));
@@ -180,18 +184,25 @@ TEST_F(FaultyConnection, FailedReceiveOrWaitReturnsMappedNumber) {
 TEST_F(FaultyConnection, InterruptedWaitIsResumed) {
   peer_.Send({5, 6}).Stall();
   Connect();
+  const int polls = api_->Calls(SocketCall::kPoll);
+  api_->FailNext(SocketCall::kRecv, EWOULDBLOCK);
   api_->FailNext(SocketCall::kPoll, EINTR);
   std::vector<uint8_t> buffer;
   EXPECT_EQ(socket_.GetData(buffer, 2), 0);
   EXPECT_THAT(buffer, ElementsAre(5, 6));
+  EXPECT_EQ(api_->Calls(SocketCall::kPoll), polls + 2);
 }
 
 TEST_F(FaultyConnection, ReceiveThatWouldBlockEndsAsSuccessWithWhatCame) {
   peer_.Send({7, 8}).Stall();
   Connect();
-  api_->FailNext(SocketCall::kRecv, EWOULDBLOCK);
+  // A receive that would block, a wait that reports readiness, and again no data.
+  const int recvs = api_->Calls(SocketCall::kRecv);
+  api_->FailCall(SocketCall::kRecv, recvs + 1, EWOULDBLOCK);
+  api_->FailCall(SocketCall::kRecv, recvs + 2, EWOULDBLOCK);
   std::vector<uint8_t> buffer;
   EXPECT_EQ(socket_.GetData(buffer, 2), 0);
+  EXPECT_EQ(api_->Calls(SocketCall::kRecv), recvs + 2);
   EXPECT_EQ(socket_.LastError(), sckWouldBlock);
   EXPECT_EQ(buffer, Bytes(2, 0));
   EXPECT_EQ(socket_.GetData(buffer, 2), 0);
@@ -214,6 +225,41 @@ TEST_F(FaultyConnection, SmallReadsAreServedFromReadAheadAndLargeOnesContinueIt)
   ASSERT_EQ(socket_.GetData(piece, static_cast<int32_t>(data.size() - got.size())), 0);
   got.insert(got.end(), piece.begin(), piece.end());
   EXPECT_TRUE(got == data);
+}
+
+// Which calls one GetData makes: a receive first, a wait only when the receive would block or
+// left the system's buffer empty before the request was complete.
+TEST(WinSockReceiveOrder, HeldBytesAreTakenWithoutWaitingAndMissingOnesAreWaitedFor) {
+  struct Case {
+    Bytes held;
+    int32_t size;
+    int32_t result;
+    int recvs;
+    int polls;
+  };
+  const Case cases[] = {
+      {{1, 2, 3}, 3, 0, 1, 0},
+      {{}, 1, sckTimedout, 1, 1},
+      {{1}, 2, sckTimedout, 1, 1},
+  };
+  for (const Case& c : cases) {
+    int fds[2] = {-1, -1};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+    auto api = std::make_shared<FaultSocketApi>();
+    WinSock socket(api);
+    socket.Attach(fds[0]);
+    socket.SetReceiveTimeout(20);
+    ASSERT_EQ(::send(fds[1], c.held.data(), c.held.size(), 0),
+              static_cast<ssize_t>(c.held.size()));
+    std::vector<uint8_t> buffer;
+    EXPECT_EQ(socket.GetData(buffer, c.size), c.result);
+    if (c.result == 0) {
+      EXPECT_EQ(buffer, c.held);
+    }
+    EXPECT_EQ(api->Calls(SocketCall::kRecv), c.recvs);
+    EXPECT_EQ(api->Calls(SocketCall::kPoll), c.polls);
+    ::close(fds[1]);
+  }
 }
 
 TEST_F(FaultyConnection, DetachDiscardsReadAhead) {
