@@ -55,7 +55,7 @@ check "random" 40 "$("$tool" crypto random 20 --hex | tr -d '\n' | wc -c)"
 check "random 0" "1 pelmora crypto random: error 87: The parameter is incorrect." "$? $(cat err)"
 
 # Passwords: never without a terminal or a file.
-setsid "$tool" crypto encrypt plain </dev/null >/dev/null 2>err
+setsid -w "$tool" crypto encrypt plain </dev/null >/dev/null 2>err
 check "no terminal, no password file" \
   "2 pelmora crypto encrypt: no password: give --password-file FILE, or run on a terminal to type it" "$? $(cat err)"
 : > empty
