@@ -74,8 +74,8 @@ const ClassRegistrar kCryptoClass(
         .Method("EncryptByte", &CryptByName<&Crypto::EncryptByte>)
         .Method("DecryptByte", &CryptByName<&Crypto::DecryptByte>)
         .Method("SignHash", &SignHashByName)
-        .Method("VerifySignature",
-                [](Crypto& c, In Key, In Src, In Hash) { return c.VerifySignature(Key, Src, Hash); })
+        .Method("VerifySignature", [](Crypto& c, In Key, In Src,
+                                      In Hash) { return c.VerifySignature(Key, Src, Hash); })
         .Method("HashByte", &HashByteByName)
         .Method("GenRandom", &GenRandomByName)
         .Method("Byte2Hex", [](Crypto& c, In aByte) { return c.Byte2Hex(aByte); })

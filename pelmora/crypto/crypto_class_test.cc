@@ -11,6 +11,7 @@
 #include "pelmora/common/error.h"
 #include "pelmora/common/variant.h"
 #include "pelmora/crypto/internal/test_values.h"
+#include "pelmora/testing/raised_error.h"
 
 namespace pelmora {
 namespace {
@@ -20,21 +21,11 @@ using automation::CallKind;
 using automation::CreateObject;
 using automation::GetProperty;
 using automation::SetProperty;
+using pelmora::testing::RaisedError;
 using namespace crypto_testing;  // NOLINT: error numbers and byte shorthands
 
 Variant Call(const ObjectRef& object, std::string_view name, std::vector<Variant>& args) {
   return CallByName(object, name, CallKind::kMethod, args);
-}
-
-// The number, description and source of what `call` raises (0 when it raises nothing).
-template <class F>
-Error Raised(F call) {
-  try {
-    call();
-  } catch (const Error& e) {
-    return e;
-  }
-  return Error(0, "", "");
 }
 
 TEST(CryptoClass, EncryptsAndDecryptsByName) {
@@ -118,16 +109,16 @@ TEST(CryptoClass, FailedCallsKeepTheCallersOutput) {
 
 TEST(CryptoClass, RaisesTheBindingAndLevelErrors) {
   ObjectRef crypto = CreateObject("Pelmora.Crypto");
-  Error unknown = Raised([&] { GetProperty(crypto, "KeyLength"); });
+  Error unknown = RaisedError([&] { GetProperty(crypto, "KeyLength"); });
   EXPECT_EQ(unknown.Number(), 438);
   EXPECT_EQ(unknown.Description(), "Object doesn't support this property or method");
   EXPECT_EQ(unknown.Source(), "Pelmora.Crypto");
-  Error read_only = Raised([&] { SetProperty(crypto, "LastError", Variant(int32_t{1})); });
+  Error read_only = RaisedError([&] { SetProperty(crypto, "LastError", Variant(int32_t{1})); });
   EXPECT_EQ(read_only.Number(), 450);
   EXPECT_EQ(read_only.Description(), "Wrong number of arguments or invalid property assignment");
   std::vector<Variant> short_args = {Variant(FromText("abc"))};
-  EXPECT_EQ(Raised([&] { Call(crypto, "HashByte", short_args); }).Number(), 450);
-  Error level = Raised([&] { SetProperty(crypto, "EncryptionLevel", Variant(int32_t{2})); });
+  EXPECT_EQ(RaisedError([&] { Call(crypto, "HashByte", short_args); }).Number(), 450);
+  Error level = RaisedError([&] { SetProperty(crypto, "EncryptionLevel", Variant(int32_t{2})); });
   EXPECT_EQ(level.Number(), 380);
   EXPECT_EQ(level.Description(), "Invalid Propery Value");
   EXPECT_EQ(level.Source(), "Crypto Class");

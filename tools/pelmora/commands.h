@@ -5,7 +5,6 @@
 #define TOOLS_PELMORA_COMMANDS_H_
 
 #include <CLI/CLI.hpp>
-
 #include <functional>
 
 namespace pelmora_tool {

@@ -87,29 +87,34 @@ int Keygen(Crypto& crypto, const CryptoOptions& o) {
   return 0;
 }
 
-// encrypt and decrypt: `encrypt` selects the direction.
-int Crypt(Crypto& crypto, const CryptoOptions& o, bool encrypt) {
-  Bytes data = ReadSource(o.input);
-  Bytes password = ReadPassword(o.password_file, "Password: ");
+// Runs `op` with the password, wipes it, and writes what `op` made to the output.
+int WithPassword(Crypto& crypto, const CryptoOptions& o, const char* prompt,
+                 const std::function<bool(const Bytes& password, Bytes& output)>& op) {
+  Bytes password = ReadPassword(o.password_file, prompt);
   Bytes output;
-  bool ok = encrypt ? crypto.EncryptByte(password, data, output)
-                    : crypto.DecryptByte(password, data, output);
+  bool ok = op(password, output);
   Wipe(password);
   if (!ok) return Failed(crypto, o);
   WriteSink(o.output, output, o.hex);
   return 0;
 }
 
+// encrypt and decrypt: `encrypt` selects the direction.
+int Crypt(Crypto& crypto, const CryptoOptions& o, bool encrypt) {
+  Bytes data = ReadSource(o.input);
+  return WithPassword(crypto, o, "Password: ", [&](const Bytes& password, Bytes& output) {
+    return encrypt ? crypto.EncryptByte(password, data, output)
+                   : crypto.DecryptByte(password, data, output);
+  });
+}
+
 int Sign(Crypto& crypto, const CryptoOptions& o) {
   Bytes key = ReadSource(o.key);
   Bytes data = ReadSource(o.input);
-  Bytes password = ReadPassword(o.password_file, "Password for the private key: ");
-  Bytes signature;
-  bool ok = crypto.SignHash(key, data, signature, password);
-  Wipe(password);
-  if (!ok) return Failed(crypto, o);
-  WriteSink(o.output, signature, o.hex);
-  return 0;
+  return WithPassword(
+      crypto, o, "Password for the private key: ", [&](const Bytes& password, Bytes& signature) {
+        return crypto.SignHash(key, data, signature, password);
+      });
 }
 
 int Verify(Crypto& crypto, const CryptoOptions& o) {
@@ -148,7 +153,8 @@ int Unhex(Crypto& crypto, const CryptoOptions& o) {
     if (!std::isspace(c)) text.push_back(static_cast<char>(c));
   }
   Bytes bytes = crypto.Hex2Byte(text);
-  if (bytes.empty() && !text.empty()) throw CommandError("the input is not hexadecimal digit pairs");
+  if (bytes.empty() && !text.empty())
+    throw CommandError("the input is not hexadecimal digit pairs");
   WriteSink(o.output, bytes, false);
   return 0;
 }
@@ -172,7 +178,8 @@ void AddOptions(CLI::App& sub, CryptoOptions& o, unsigned takes) {
                    "File holding the password (default: typed at the terminal)");
   }
   if (takes & kInput) sub.add_option("FILE", o.input, "Input file, - for standard input");
-  if (takes & kOutput) sub.add_option("-o,--output", o.output, "Output file, - for standard output");
+  if (takes & kOutput)
+    sub.add_option("-o,--output", o.output, "Output file, - for standard output");
   if (takes & kHexOutput) sub.add_flag("--hex", o.hex, "Write hexadecimal text, not raw bytes");
 }
 
@@ -199,12 +206,14 @@ void AddCryptoCommand(CLI::App& app, CommandAction& action) {
   sub->add_option("--public", keygen->public_file, "File for the public key blob")->required();
   sub->add_option("--private", keygen->private_file, "File for the encrypted private key blob")
       ->required();
-  AddLeaf(*crypto, action, "encrypt", "Encrypt data with a password", kLevel | kPassword | kData,
-          [](Crypto& c, const CryptoOptions& o) { return Crypt(c, o, true); },
-          std::make_shared<CryptoOptions>());
-  AddLeaf(*crypto, action, "decrypt", "Decrypt data with a password", kLevel | kPassword | kData,
-          [](Crypto& c, const CryptoOptions& o) { return Crypt(c, o, false); },
-          std::make_shared<CryptoOptions>());
+  AddLeaf(
+      *crypto, action, "encrypt", "Encrypt data with a password", kLevel | kPassword | kData,
+      [](Crypto& c, const CryptoOptions& o) { return Crypt(c, o, true); },
+      std::make_shared<CryptoOptions>());
+  AddLeaf(
+      *crypto, action, "decrypt", "Decrypt data with a password", kLevel | kPassword | kData,
+      [](Crypto& c, const CryptoOptions& o) { return Crypt(c, o, false); },
+      std::make_shared<CryptoOptions>());
   auto sign = std::make_shared<CryptoOptions>();
   sub = AddLeaf(*crypto, action, "sign", "Sign data with a private key blob",
                 kLevel | kPassword | kData, Sign, sign);
