@@ -1,0 +1,28 @@
+// The subcommand families of the pelmora command-line tool. Each Add*Command function registers
+// its subcommands on the application; the one the command line selects stores its work in
+// `action`, which main runs after parsing (its result is the process exit status).
+#ifndef TOOLS_PELMORA_COMMANDS_H_
+#define TOOLS_PELMORA_COMMANDS_H_
+
+#include <CLI/CLI.hpp>
+#include <functional>
+
+namespace pelmora_tool {
+
+// The work of the selected subcommand; returns the exit status.
+using CommandAction = std::function<int()>;
+
+// `pelmora demo [--log-root DIR]`: writes the day's logs under a log root and runs a WinSock
+// exchange with a loopback peer in the same process.
+void AddDemoCommand(CLI::App& app, CommandAction& action);
+
+// The demo with its default log root (what `pelmora` with no command runs).
+int RunDefaultDemo();
+
+// `pelmora crypto keygen|encrypt|decrypt|sign|verify|hash|random|hex|unhex`: the Crypto object
+// on files and standard streams.
+void AddCryptoCommand(CLI::App& app, CommandAction& action);
+
+}  // namespace pelmora_tool
+
+#endif  // TOOLS_PELMORA_COMMANDS_H_

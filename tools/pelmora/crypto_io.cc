@@ -1,0 +1,95 @@
+#include "tools/pelmora/crypto_io.h"
+
+#include <fcntl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <string>
+
+#include "pelmora/crypto/internal/hex.h"
+
+namespace pelmora_tool {
+namespace {
+
+bool IsStandardStream(const std::string& path) { return path.empty() || path == "-"; }
+
+// Removes one trailing "\n" or "\r\n".
+void DropLineEnd(Bytes& line) {
+  if (!line.empty() && line.back() == '\n') line.pop_back();
+  if (!line.empty() && line.back() == '\r') line.pop_back();
+}
+
+// Reads one line from the terminal `fd` with echo off, restoring the terminal afterwards.
+Bytes ReadHiddenLine(int fd, const std::string& prompt) {
+  termios saved{};
+  bool restore = tcgetattr(fd, &saved) == 0;
+  if (restore) {
+    termios quiet = saved;
+    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    tcsetattr(fd, TCSAFLUSH, &quiet);
+  }
+  (void)!write(fd, prompt.data(), prompt.size());
+  Bytes line;
+  char c = 0;
+  while (line.size() < 4096 && read(fd, &c, 1) == 1 && c != '\n') line.push_back(c);
+  if (restore) tcsetattr(fd, TCSAFLUSH, &saved);
+  (void)!write(fd, "\n", 1);
+  return line;
+}
+
+}  // namespace
+
+Bytes ReadSource(const std::string& path) {
+  if (IsStandardStream(path)) {
+    std::cin.unsetf(std::ios::skipws);
+    return Bytes(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+  }
+  std::ifstream file(path, std::ios::binary);
+  if (!file) throw CommandError("cannot read " + path + ": " + std::strerror(errno));
+  return Bytes(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
+
+void WriteSink(const std::string& path, const Bytes& data, bool hex) {
+  std::string text = hex ? pelmora::crypto_internal::BytesToHex(data) + "\n"
+                         : std::string(data.begin(), data.end());
+  if (IsStandardStream(path)) {
+    std::cout.write(text.data(), static_cast<std::streamsize>(text.size()));
+    std::cout.flush();
+    if (!std::cout) throw CommandError("cannot write to standard output");
+    return;
+  }
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file.write(text.data(), static_cast<std::streamsize>(text.size()));
+  file.close();
+  if (!file) throw CommandError("cannot write " + path);
+}
+
+Bytes ReadPassword(const std::string& password_file, const std::string& prompt) {
+  Bytes password;
+  if (!password_file.empty()) {
+    password = ReadSource(password_file);
+    DropLineEnd(password);
+  } else {
+    int fd = open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) {
+      throw CommandError("no password: give --password-file FILE, or run on a terminal to type it");
+    }
+    password = ReadHiddenLine(fd, prompt);
+    close(fd);
+  }
+  if (password.empty()) throw CommandError("the password is empty");
+  return password;
+}
+
+void Wipe(Bytes& secret) {
+  explicit_bzero(secret.data(), secret.size());
+  secret.clear();
+}
+
+}  // namespace pelmora_tool
