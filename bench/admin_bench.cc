@@ -20,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/loopback_listener.h"
 #include "pelmora/admin/rcfso.h"
 #include "pelmora/admin/wire.h"
 #include "pelmora/admin/wire_replies.h"
@@ -56,14 +57,8 @@ void NoDelay(int fd) {
 class LoopingPeer {
  public:
   explicit LoopingPeer(std::function<void(int fd)> serve) {
-    int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof(address);
-    ::bind(listener, reinterpret_cast<sockaddr*>(&address), size);
-    ::listen(listener, 1);
-    ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
+    sockaddr_in address;
+    int listener = pelmora::bench::ListenOnLoopback(address);
     port_ = ntohs(address.sin_port);
     thread_ = std::thread([listener, serve = std::move(serve)] {
       int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);

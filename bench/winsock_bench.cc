@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/loopback_listener.h"
 #include "pelmora/net/winsock.h"
 
 namespace {
@@ -28,14 +29,8 @@ constexpr size_t kPiece = 1500;
 class SendingPeer {
  public:
   SendingPeer() {
-    int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof(address);
-    ::bind(listener, reinterpret_cast<sockaddr*>(&address), size);
-    ::listen(listener, 1);
-    ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
+    sockaddr_in address;
+    int listener = pelmora::bench::ListenOnLoopback(address);
     sender_ = std::thread([address] { Send(address); });
     receiving_fd_ = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     ::close(listener);
