@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 
 #include "pelmora/common/error.h"
+#include "pelmorad/win_error.h"
 
 namespace pelmorad {
 namespace {
@@ -40,7 +41,7 @@ UniqueFd::~UniqueFd() {
 
 bool BeneathResolutionAvailable() {
   static const bool available = [] {
-    int fd = OpenAt2(AT_FDCWD, "/", O_PATH | O_DIRECTORY, 0);
+    int fd = OpenAt2(AT_FDCWD, ".", O_PATH | O_DIRECTORY, 0);
     if (fd < 0) return false;
     ::close(fd);
     return true;
@@ -89,6 +90,11 @@ Opened DriveTable::OpenBeneath(const DrivePath& path, int flags, mode_t mode) co
 
 Opened DriveTable::OpenParent(const DrivePath& path) const {
   return OpenBeneath(path.Parent(), O_PATH | O_DIRECTORY);
+}
+
+int32_t DriveTable::ResolveError(const DrivePath& path, int error) const {
+  if (error != ENOENT) return FromErrno(error, Missing::kFile);
+  return OpenParent(path).fd ? kFileNotFound : kPathNotFound;
 }
 
 }  // namespace pelmorad

@@ -10,6 +10,8 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
+
 #include <map>
 #include <memory>
 #include <string>
@@ -63,6 +65,10 @@ class DriveTable {
 
   // The folder that holds `path`, opened O_PATH | O_DIRECTORY beneath the drive.
   Opened OpenParent(const DrivePath& path) const;
+
+  // The reply number for `error` from resolving `path`: ENOENT gives 2 when the folder that
+  // would hold `path` exists and 3 when it does not; other values as FromErrno. Blocks.
+  int32_t ResolveError(const DrivePath& path, int error) const;
 
  private:
   std::map<char, std::pair<std::string, UniqueFd>> roots_;

@@ -87,7 +87,7 @@ InfoResult ReadFileInfo(const DriveTable& drives, const DrivePath& path) {
   InfoResult result;
   Opened opened = drives.OpenBeneath(path, O_PATH);
   if (!opened.fd) {
-    result.error = FromErrno(opened.error, Missing::kFile);
+    result.error = drives.ResolveError(path, opened.error);
     return result;
   }
   struct statx info {};

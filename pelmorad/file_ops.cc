@@ -26,7 +26,7 @@ struct DirCloser {
 // fstat of `path` beneath its drive (links inside the drive followed).
 int32_t StatBeneath(const DriveTable& drives, const DrivePath& path, struct stat& info) {
   Opened opened = drives.OpenBeneath(path, O_PATH);
-  if (!opened.fd) return FromErrno(opened.error, Missing::kFile);
+  if (!opened.fd) return drives.ResolveError(path, opened.error);
   if (::fstat(opened.fd.get(), &info) != 0) return FromErrno(errno, Missing::kFile);
   return kSuccess;
 }
@@ -163,7 +163,7 @@ int32_t DeleteFolder(const DriveTable& drives, const DrivePath& path) {
 int32_t CopyFile(const DriveTable& drives, const DrivePath& from, const DrivePath& to,
                  bool overwrite) {
   Opened source = drives.OpenBeneath(from, O_RDONLY);
-  if (!source.fd) return FromErrno(source.error, Missing::kFile);
+  if (!source.fd) return drives.ResolveError(from, source.error);
   struct stat info {};
   if (::fstat(source.fd.get(), &info) != 0) return FromErrno(errno, Missing::kFile);
   if (S_ISDIR(info.st_mode)) return kAccessDenied;

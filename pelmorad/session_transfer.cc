@@ -38,7 +38,7 @@ Source OpenSource(const DriveTable& drives, const DrivePath& path) {
   Opened opened = drives.OpenBeneath(path, O_RDONLY);
   struct stat info {};
   if (!opened.fd) {
-    source.error = FromErrno(opened.error, Missing::kFile);
+    source.error = drives.ResolveError(path, opened.error);
   } else if (::fstat(opened.fd.get(), &info) != 0) {
     source.error = FromErrno(errno, Missing::kFile);
   } else if (!S_ISREG(info.st_mode) || info.st_size > INT32_MAX) {
