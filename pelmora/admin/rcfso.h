@@ -20,12 +20,14 @@
 #define PELMORA_ADMIN_RCFSO_H_
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "pelmora/admin/rc_file_info.h"
 #include "pelmora/common/date.h"
 #include "pelmora/net/winsock.h"
 
@@ -155,6 +157,21 @@ class RCFSO {
   // The server's print queues (14); a negative size gives 8004 "Invalid data size".
   std::string GetPrintQ();
 
+  // --- Listings and file information ---
+
+  // The entries of a remote folder (request 4), in the server's order; empty on any failure.
+  // Fails with 8116 "Empty remote folder name" (nothing sent), 8117, 8118 "Cannot open remote
+  // folder" when the server cannot open it, the socket's number while the listing is read, or
+  // 8004 "Invalid Data Size" for a listing whose entries or records overrun their lengths (the
+  // listing is still read to its announced end). Memory follows the entries received, not the
+  // announced size. Blocks for at most `timeout` ms per receive.
+  RCFileInfoCollection GetFolderFiles(std::string_view sRemoteFolder);
+  // Information on one remote file or folder (request 3); a trailing "\" or "/" is dropped except
+  // after ":". On true `oFileInfo` holds the new information, on false it is untouched. Fails with
+  // 8116 "Empty file name", 8117, 8118 "Cannot open remote file", the socket's number, or 8004
+  // "Invalid Data Size" for a malformed record. Blocks for at most `timeout` ms per receive.
+  bool GetFileInfo(std::string_view sFileName, RCFileInfo& oFileInfo);
+
   // --- Remote command ---
 
   // Runs `command` on the server (request 20, `lTimeout` forwarded unchanged) and waits until the
@@ -202,6 +219,12 @@ class RCFSO {
   std::optional<int32_t> ReceiveSize();
   std::optional<std::string> ReceiveRawText(int32_t count, std::string_view routine,
                                             std::string_view content_fail);
+
+  // Raw data helpers (rcfso_listing.cc).
+  using RawConsumer = std::function<void(std::span<const uint8_t>)>;
+  int32_t StreamRawBytes(int64_t count, int32_t piece, const RawConsumer& consumer);
+  bool ClosedBeforeAnyByte(std::span<const uint8_t> data) const;
+  void RefuseMalformed(std::string_view routine);
 
   // Remote command helper (rcfso_command.cc).
   bool AwaitCommandEnd();
