@@ -34,6 +34,7 @@
 namespace pelmora::admin {
 
 namespace internal {
+class LocalFile;
 class RCFSOTestAccess;
 }  // namespace internal
 
@@ -172,6 +173,27 @@ class RCFSO {
   // "Invalid Data Size" for a malformed record. Blocks for at most `timeout` ms per receive.
   bool GetFileInfo(std::string_view sFileName, RCFileInfo& oFileInfo);
 
+  // --- File transfer ---
+
+  // Copies the local file `sLocalFile` to `sRemoteFile` on the server (request 0): the size
+  // message with the file's size (low 32 bits) and times, the server's go reply, the content in
+  // raw 1500-byte pieces, then the server's result reply, which is the result. Fails with 8116
+  // "Empty remote file name" (nothing sent), 8118 "File <name> does not exist !" (also raised as
+  // FSOError), 8118 "Cannot open file <name>", 8117, 8118 "server create file fail" when the
+  // server refuses, a socket error, or the server's code and message. After a failure while the
+  // content is sent the session should be treated as broken. Reads the file in constant memory;
+  // blocks for the sends and at most `timeout` ms per receive.
+  bool Upload(std::string_view sLocalFile, std::string_view sRemoteFile);
+  // Copies `sRemoteFile` from the server into the local file `sLocalFile` (request 1), replacing
+  // it, and sets its last-access time and its last-write time (cut to milliseconds) to the
+  // server's; Linux keeps no settable creation time, so the file's own birth time stays. Fails
+  // with 8116 "Empty local file name" / "Empty remote file name" (nothing sent), 8117, the
+  // receive's error, 8004 "Cannot open remote file" when the server reports size -1, 8118
+  // "Cannot create file <name>" (the server is told "F"), or the socket's number while the
+  // content comes (10060 on time-out, 10054 when the server closes): the part received stays
+  // on disk. Constant memory; each piece waits at most `timeout` ms.
+  bool Download(std::string_view sLocalFile, std::string_view sRemoteFile);
+
   // --- Remote command ---
 
   // Runs `command` on the server (request 20, `lTimeout` forwarded unchanged) and waits until the
@@ -225,6 +247,15 @@ class RCFSO {
   int32_t StreamRawBytes(int64_t count, int32_t piece, const RawConsumer& consumer);
   bool ClosedBeforeAnyByte(std::span<const uint8_t> data) const;
   void RefuseMalformed(std::string_view routine);
+
+  // Transfer helpers (rcfso_transfer.cc).
+  void TransferLog(std::string_view routine, std::string_view text, bool failure = false) const;
+  bool UploadAnnounced(internal::LocalFile& file);
+  bool UploadContent(internal::LocalFile& file, int32_t size);
+  std::optional<TransferHeader> ReceiveTransferHeader();
+  bool SendGoReply(bool ready);
+  bool DownloadContent(const std::string& local, const TransferHeader& header);
+  bool ReceiveContent(internal::LocalFile& file, int32_t size);
 
   // Remote command helper (rcfso_command.cc).
   bool AwaitCommandEnd();
