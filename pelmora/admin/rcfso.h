@@ -194,6 +194,23 @@ class RCFSO {
   // on disk. Constant memory; each piece waits at most `timeout` ms.
   bool Download(std::string_view sLocalFile, std::string_view sRemoteFile);
 
+  // --- Server-file cache and addresses ---
+
+  // The dotted address of this machine, as the session's socket found it.
+  std::string getLocalIP() const;
+  // The host text given to Connect (a name or an address, as the caller gave it, not resolved).
+  std::string getRemoteIP() const;
+  // Makes sure the cache holds a current copy of the server's file `sRemoteFile` (drive-letter
+  // form) and returns its local path in `sLocalFile`: CacheFolder() + getRemoteIP() + "/" + the
+  // drive letter + "$" + the rest of the path with "\" turned into "/". The file is downloaded
+  // when missing, then its last-write time is compared with the server's (whole seconds) and it
+  // is downloaded again when they differ. False when a download or the file information fails
+  // (their ErrCode/ErrDescription stand, a line goes to the .err log); a partial file may stay.
+  // A host text or path that would leave the cache folder ("..", "/", empty host) is refused
+  // with 75 "Path/File access error: <host> <path>", "" in `sLocalFile` and nothing written.
+  // Blocks as GetFileInfo and Download do.
+  bool getUpdatedServerFileToTempFolder(std::string_view sRemoteFile, std::string& sLocalFile);
+
   // --- Remote command ---
 
   // Runs `command` on the server (request 20, `lTimeout` forwarded unchanged) and waits until the
@@ -256,6 +273,9 @@ class RCFSO {
   bool SendGoReply(bool ready);
   bool DownloadContent(const std::string& local, const TransferHeader& header);
   bool ReceiveContent(internal::LocalFile& file, int32_t size);
+
+  // Cache helper (rcfso_cache.cc): the cache path of a remote file, nullopt when refused.
+  std::optional<std::string> CachePathOf(std::string_view remote_path) const;
 
   // Remote command helper (rcfso_command.cc).
   bool AwaitCommandEnd();
