@@ -98,7 +98,7 @@ bool PostgresServer::Start() {
 
 std::string PostgresServer::ConnectionString() const {
   return "Driver=PostgreSQL Unicode;Server=127.0.0.1;Port=" + std::to_string(port_) +
-         ";Database=postgres;UID=postgres;PWD=";
+         ";Database=postgres;UID=postgres;PWD=;BoolsAsChar=0";
 }
 
 void PostgresServer::Stop() {

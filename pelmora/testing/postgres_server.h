@@ -41,7 +41,7 @@ class PostgresServer {
   bool Running() const { return running_; }
   // Why the server is not running (the failing command and its output).
   const std::string& Failure() const { return failure_; }
-  // "Driver=PostgreSQL Unicode;Server=127.0.0.1;Port=N;Database=postgres;UID=postgres;..."
+  // "Driver=PostgreSQL Unicode;Server=127.0.0.1;Port=N;...;BoolsAsChar=0" (Booleans as BIT)
   std::string ConnectionString() const;
   int Port() const { return port_; }
 

@@ -76,16 +76,7 @@ std::string CallEscape(std::string_view name, size_t count, bool with_return) {
 
 std::string NormalizeConnectionString(std::string_view text) {
   if (text.find('=') != std::string_view::npos) return std::string(text);
-  std::string path(text);
-  if (path.find(';') != std::string::npos) {
-    std::string braced = "{";
-    for (char c : path) {
-      braced += c;
-      if (c == '}') braced += c;
-    }
-    path = braced + "}";
-  }
-  return "Driver=SQLite3;Database=" + path;
+  return "Driver=SQLite3;Database=" + std::string(text);
 }
 
 }  // namespace pelmora::db::internal

@@ -47,8 +47,8 @@ Execution Execute(const OdbcConnection& connection, const std::string& sql,
 std::string CallEscape(std::string_view name, size_t count, bool with_return);
 
 // The connection string for what a caller passed: a text without "=" is a SQLite database path
-// ("Driver=SQLite3;Database=<path>", the path in braces when it holds ";"), anything else is
-// returned unchanged.
+// ("Driver=SQLite3;Database=<path>"; the driver reads the path up to a ";", so such paths cannot
+// be named), anything else is returned unchanged.
 std::string NormalizeConnectionString(std::string_view text);
 
 }  // namespace pelmora::db::internal
