@@ -76,7 +76,7 @@ class SQLDB {
                                             const Variant& vParams = Variant());
 
   // Stored procedures, called through "{call name(?,...)}". `sSPName` may hold letters, digits,
-  // "_", "." and "$" only, else 5 "Invalid procedure call or argument".
+  // "_", "." and "$" only, else 5 "Invalid procedure call".
   // The recordset of the procedure's result, or null on failure.
   std::shared_ptr<Recordset> RunSPReturnRS(const std::string& sSPName,
                                            const Variant& vParams = Variant());

@@ -22,7 +22,7 @@ struct CallParameter {
 
 // The parameters of a parameter array: Empty gives none, a value that is not an array one input,
 // an array one parameter per element (an element that is itself an array is (name, direction,
-// value) with direction 1, 2 or 3). Raises 5 "Invalid procedure call or argument" for another
+// value) with direction 1, 2 or 3). Raises 5 "Invalid procedure call" for another
 // direction or an element array of fewer than two items.
 std::vector<CallParameter> ReadParameters(const Variant& params);
 
