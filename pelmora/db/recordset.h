@@ -87,21 +87,6 @@ class Recordset : public std::enable_shared_from_this<Recordset> {
   std::vector<std::optional<Variant>> edits_;
 };
 
-// One field of a recordset's current row, as late-bound callers reach it.
-class Field {
- public:
-  Field(std::shared_ptr<Recordset> recordset, int32_t index)
-      : recordset_(std::move(recordset)), index_(index) {}
-  // The field's name and value; raise as Recordset::FieldName and FieldValue.
-  std::string Name() const { return recordset_->FieldName(index_); }
-  Variant Value() const { return recordset_->FieldValue(Variant(index_)); }
-  void SetValue(const Variant& value) { recordset_->SetFieldValue(Variant(index_), value); }
-
- private:
-  std::shared_ptr<Recordset> recordset_;
-  int32_t index_;
-};
-
 }  // namespace pelmora::db
 
 #endif  // PELMORA_DB_RECORDSET_H_
