@@ -182,6 +182,11 @@ void Task::Run() {
   }
   if (store_->RunnerWatching()) return WriteRequest(sched::kRunRequestFlag);
   Check(sched::RunTaskHere(store_->Folder(), file_name_));
+  std::string bytes;
+  if (store_->Read(file_name_, bytes) == sched::kFileNotFound) {
+    stored_ = false;  // deleted when done
+    return;
+  }
   JobFile disk = ReadStored();
   job_.exit_code = disk.exit_code;
   job_.status = disk.status;
