@@ -146,7 +146,8 @@ void Task::Save() {
   job_.exit_code = disk.exit_code;
   job_.last_run = disk.last_run;
   job_.instance_count = disk.instance_count;
-  job_.status = disk.status;
+  // NOT_SCHEDULED in memory marks triggers removed here; otherwise the runner's status holds.
+  if (job_.status != sched::kSchedTaskNotScheduled) job_.status = disk.status;
   job_.flags = (disk.flags & ~0xFFFFu) | (job_.flags & 0xFFFFu);
   job_.reserved_data = disk.reserved_data;
   Check(Write(false));
@@ -213,7 +214,7 @@ void Task::SetTriggers(std::vector<JobTrigger> triggers) {
   bool none = triggers.empty();
   sched::PutTriggers(job_, std::move(triggers), CurrentLocalTime());
   // A placeholder is recognised by NOT_SCHEDULED; real triggers must not look like one.
-  if (none && job_.last_run.IsZero()) job_.status = sched::kSchedTaskNotScheduled;
+  if (none) job_.status = sched::kSchedTaskNotScheduled;
   if (!none && job_.status == sched::kSchedTaskNotScheduled) {
     job_.status = sched::kSchedTaskHasNotRun;
   }

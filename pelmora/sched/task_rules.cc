@@ -22,7 +22,8 @@ void PutTriggers(JobFile& job, std::vector<JobTrigger> triggers, const Date& now
 
 uint32_t SavedStatus(const JobFile& job, const Date& now) {
   std::vector<JobTrigger> triggers = UserTriggers(job);
-  if (job.last_run.IsZero()) return triggers.empty() ? kSchedTaskNotScheduled : kSchedTaskHasNotRun;
+  if (triggers.empty()) return kSchedTaskNotScheduled;
+  if (job.last_run.IsZero()) return kSchedTaskHasNotRun;
   switch (job.status) {
     case kSchedTaskReady:
     case kSchedTaskNoMoreRuns:

@@ -18,8 +18,8 @@ std::vector<JobTrigger> UserTriggers(const JobFile& job);
 // Sets the triggers of `job`; with none, writes the disabled placeholder created at `now`.
 void PutTriggers(JobFile& job, std::vector<JobTrigger> triggers, const Date& now);
 
-// The status a file is saved with: never ran gives HAS_NOT_RUN with triggers or NOT_SCHEDULED
-// without; after runs, READY while a run is ahead of `now` and NO_MORE_RUNS when none is; other
+// The status a file is saved with: NOT_SCHEDULED without triggers; HAS_NOT_RUN when it never
+// ran; after runs, READY while a run is ahead of `now` and NO_MORE_RUNS when none is; other
 // statuses (TERMINATED) are kept.
 uint32_t SavedStatus(const JobFile& job, const Date& now);
 

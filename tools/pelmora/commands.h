@@ -23,6 +23,9 @@ int RunDefaultDemo();
 // on files and standard streams.
 void AddCryptoCommand(CLI::App& app, CommandAction& action);
 
+// `pelmora tasks list|show|create|set|run|stop|rm [--computer \\host]`: the scheduled tasks.
+void AddTasksCommand(CLI::App& app, CommandAction& action);
+
 }  // namespace pelmora_tool
 
 #endif  // TOOLS_PELMORA_COMMANDS_H_
