@@ -27,6 +27,9 @@ void AddCryptoCommand(CLI::App& app, CommandAction& action);
 // prints its rows as an aligned table, CSV or JSON.
 void AddSqlCommand(CLI::App& app, CommandAction& action);
 
+// `pelmora tasks list|show|create|set|run|stop|rm [--computer \\host]`: the scheduled tasks.
+void AddTasksCommand(CLI::App& app, CommandAction& action);
+
 }  // namespace pelmora_tool
 
 #endif  // TOOLS_PELMORA_COMMANDS_H_
