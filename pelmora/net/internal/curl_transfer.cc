@@ -181,7 +181,8 @@ int32_t CurlTransfer::Start() {
 
 int32_t CurlTransfer::Read(uint8_t* out, size_t size, size_t& got) {
   got = TakeStaged(out, size);
-  if (got < size && !finished_) {
+  if (got == 0 && pending_error_ != 0) return std::exchange(pending_error_, 0);
+  if (got < size && !finished_ && pending_error_ == 0) {
     sink_ = out + got;
     sink_room_ = size - got;
     int32_t error = Pump([this] { return sink_room_ == 0; });
@@ -192,7 +193,6 @@ int32_t CurlTransfer::Read(uint8_t* out, size_t size, size_t& got) {
     if (error != 0) pending_error_ = error;
   }
   if (got > 0 || size == 0) return 0;
-  if (pending_error_ != 0) return std::exchange(pending_error_, 0);
   return finished_ && result_ != CURLE_OK ? FailureNumber() : 0;
 }
 
