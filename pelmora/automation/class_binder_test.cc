@@ -171,6 +171,8 @@ TEST_F(ClassBinderTest, DescribesMembersForTools) {
   MemberInfo doubled = find("Doubled");
   EXPECT_TRUE(!doubled.is_method && doubled.readable && !doubled.writable);
   EXPECT_TRUE(find("Value").writable);
+  EXPECT_EQ(add.by_reference, 0u);
+  EXPECT_EQ(find("Fill").by_reference, 0b01u);  // Fill(Variant& buffer, int32_t size)
 }
 
 TEST_F(ClassBinderTest, ListsMembersInDeclarationOrder) {

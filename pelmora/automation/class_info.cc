@@ -68,7 +68,8 @@ std::vector<MemberInfo> ClassInfo::Members() const {
   std::vector<MemberInfo> members;
   for (const auto& [key, m] : members_) {
     members.push_back(MemberInfo{m.name, m.is_method, static_cast<bool>(m.get.call),
-                                 static_cast<bool>(m.let.call), m.get.min_args, m.get.max_args});
+                                 static_cast<bool>(m.let.call), m.get.min_args, m.get.max_args,
+                                 m.get.by_reference});
   }
   return members;
 }

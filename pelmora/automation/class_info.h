@@ -9,6 +9,7 @@
 #define PELMORA_AUTOMATION_CLASS_INFO_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <span>
@@ -32,6 +33,7 @@ struct Accessor {
   std::function<Variant(void* object, std::span<Variant> args)> call;
   size_t min_args = 0;
   size_t max_args = 0;
+  uint64_t by_reference = 0;  // bit i set: argument i is passed by reference
 };
 
 // A member: a method (get only) or a property (get and/or let).

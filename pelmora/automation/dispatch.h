@@ -53,6 +53,7 @@ struct MemberInfo {
   bool writable = false;  // a property that can be assigned
   size_t min_args = 0;
   size_t max_args = 0;
+  uint64_t by_reference = 0;  // bit i set: the member writes argument i back (by reference)
 };
 
 // An object whose members are called by name.

@@ -95,6 +95,15 @@ struct Arguments;
 template <class... P>
 struct Arguments<std::tuple<P...>> {
   static constexpr size_t kCount = sizeof...(P);
+  static_assert(kCount <= 64, "members take at most 64 arguments");
+
+  // Bit i set: parameter i is by reference.
+  static constexpr uint64_t ByReferenceMask() {
+    uint64_t mask = 0;
+    size_t i = 0;
+    ((mask |= (kByReference<P> ? uint64_t{1} << i : 0), ++i), ...);
+    return mask;
+  }
   using Storage = std::tuple<Held<P>...>;
 
   // Converts the given arguments, then the defaults of the missing trailing ones.
@@ -155,6 +164,7 @@ Accessor MakeAccessor(std::string_view member, F fn, std::vector<Variant> defaul
   Accessor accessor;
   accessor.min_args = Args::kCount - defaults.size();
   accessor.max_args = Args::kCount;
+  accessor.by_reference = Args::ByReferenceMask();
   accessor.call = [fn = std::move(fn), defaults = std::move(defaults)](
                       void* object, std::span<Variant> args) -> Variant {
     return Args::template Call<typename Sig::Return>(fn, *static_cast<T*>(object), args, defaults);

@@ -1,0 +1,180 @@
+# Ansible connection plugin over the Pelmora administration service.
+from __future__ import annotations
+
+DOCUMENTATION = r"""
+name: pelmora
+short_description: Run tasks through the Pelmora administration service (pelmorad)
+description:
+  - Runs commands and moves files through a pelmorad service with the pelmora Python module.
+  - Standard output and standard error arrive merged; the exit status is recovered from a marker
+    line the plugin appends to each command and removes from the output.
+author: Pelmora developers
+options:
+  remote_addr:
+    description: Host name or address of the service.
+    default: inventory_hostname
+    vars:
+      - name: inventory_hostname
+      - name: ansible_host
+  port:
+    description: TCP port of the service.
+    type: int
+    default: 8002
+    vars:
+      - name: ansible_port
+  remote_user:
+    description: Service account.
+    vars:
+      - name: ansible_user
+  password:
+    description: Password of the service account.
+    vars:
+      - name: ansible_password
+      - name: ansible_pelmora_pass
+  timeout:
+    description: Seconds to wait for the connection and for each reply.
+    type: int
+    default: 10
+    ini:
+      - section: defaults
+        key: timeout
+    env:
+      - name: ANSIBLE_TIMEOUT
+    vars:
+      - name: ansible_timeout
+  command_timeout:
+    description: Milliseconds a command may run before the service kills it (0 is no limit).
+    type: int
+    default: 3600000
+    vars:
+      - name: ansible_pelmora_command_timeout
+  drive:
+    description: Drive letter under which the service shows drive_root.
+    default: C
+    vars:
+      - name: pelmora_drive
+  drive_root:
+    description: Folder on the host that the drive letter stands for.
+    default: /
+    vars:
+      - name: pelmora_drive_root
+"""
+
+import os
+import posixpath
+import secrets
+
+from ansible.errors import AnsibleConnectionFailure, AnsibleError, AnsibleFileNotFound
+from ansible.plugins.connection import ConnectionBase
+from ansible.utils.display import Display
+
+display = Display()
+
+try:
+    import pelmora
+except ImportError as error:  # reported when the plugin is used, not when Ansible lists plugins
+    pelmora = None
+    _import_error = error
+
+
+def wrap_command(cmd, marker):
+    """The command with a last line that carries its exit status after `marker`."""
+    return f"{cmd}; printf '\\n{marker}%d\\n' \"$?\""
+
+
+def split_status(output, marker):
+    """(status, output without the marker line), or (None, output) when the marker is missing."""
+    at = output.rfind("\n" + marker)
+    if at < 0:
+        return None, output
+    tail = output[at + 1 + len(marker):].strip()
+    try:
+        return int(tail.splitlines()[0]), output[:at]
+    except (ValueError, IndexError):
+        return None, output
+
+
+def drive_path(path, drive, root):
+    """The service's drive path of an absolute host path beneath `root`."""
+    normal = posixpath.normpath(path)
+    base = posixpath.normpath(root)
+    if base == "/":
+        relative = normal.lstrip("/")
+    elif normal == base or normal.startswith(base + "/"):
+        relative = normal[len(base):].lstrip("/")
+    else:
+        raise AnsibleError(f"{path} is not beneath {root}, the folder of drive {drive}:")
+    return f"{drive}:\\" + relative.replace("/", "\\")
+
+
+class Connection(ConnectionBase):
+    transport = "pelmora.admin.pelmora"
+    has_pipelining = False
+
+    def __init__(self, *args, **kwargs):
+        super().__init__(*args, **kwargs)
+        self._fso = None
+
+    def _failure(self, what):
+        return f"{what} on {self.get_option('remote_addr')}: {self._fso.ErrCode} {self._fso.ErrDescription}"
+
+    def _connect(self):
+        if pelmora is None:
+            raise AnsibleError(f"the pelmora Python module is not installed: {_import_error}")
+        if self._connected:
+            return self
+        host = self.get_option("remote_addr")
+        fso = pelmora.CreateObject("Pelmora.RCFSO")
+        fso.timeout = int(self.get_option("timeout")) * 1000
+        user = self.get_option("remote_user") or ""
+        password = self.get_option("password") or ""
+        display.vvv(f"PELMORA CONNECT {user}@{host}:{self.get_option('port')}", host=host)
+        if not fso.Connect(host, int(self.get_option("port")), user, password, False):
+            raise AnsibleConnectionFailure(
+                f"pelmora: {host}: {fso.ErrCode} {fso.ErrDescription}")
+        self._fso = fso
+        self._connected = True
+        return self
+
+    def exec_command(self, cmd, in_data=None, sudoable=True):
+        super().exec_command(cmd, in_data=in_data, sudoable=sudoable)
+        if in_data is not None:
+            raise AnsibleError("the pelmora connection does not support pipelining")
+        marker = "__pelmora_status_" + secrets.token_hex(8) + "="
+        pieces = []
+        cookie = self._fso.on("CommandOutput", pieces.append)
+        try:
+            display.vvv(f"PELMORA EXEC {cmd}", host=self.get_option("remote_addr"))
+            ended = self._fso.SyncCreateProcess(wrap_command(cmd, marker),
+                                                int(self.get_option("command_timeout")))
+        finally:
+            self._fso.off(cookie)
+        status, output = split_status("".join(pieces), marker)
+        if status is None:
+            if not ended and self._fso.ErrCode not in (9001, 9002, 9003):
+                raise AnsibleConnectionFailure(self._failure("command failed"))
+            status = 127 if self._fso.ErrCode == 9001 else 255
+        return status, output.encode(), b""
+
+    def _drive_path(self, path):
+        return drive_path(path, self.get_option("drive"), self.get_option("drive_root"))
+
+    def put_file(self, in_path, out_path):
+        super().put_file(in_path, out_path)
+        if not os.path.exists(in_path):
+            raise AnsibleFileNotFound(f"file or module does not exist: {in_path}")
+        display.vvv(f"PELMORA PUT {in_path} TO {out_path}", host=self.get_option("remote_addr"))
+        if not self._fso.Upload(in_path, self._drive_path(out_path)):
+            raise AnsibleError(self._failure(f"upload of {in_path} to {out_path} failed"))
+
+    def fetch_file(self, in_path, out_path):
+        super().fetch_file(in_path, out_path)
+        display.vvv(f"PELMORA FETCH {in_path} TO {out_path}", host=self.get_option("remote_addr"))
+        if not self._fso.Download(out_path, self._drive_path(in_path)):
+            raise AnsibleError(self._failure(f"download of {in_path} to {out_path} failed"))
+
+    def close(self):
+        if self._fso is not None:
+            self._fso.Disconnect()
+            self._fso = None
+        self._connected = False

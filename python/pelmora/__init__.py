@@ -1,0 +1,102 @@
+"""The Pelmora library from Python: every late-bound class, reached by member name.
+
+    import pelmora
+    with pelmora.CreateObject("Pelmora.AdminClient") as admin:
+        admin.ServicePort = 8002
+        if admin.Connect("server"):
+            admin.on("CommandOutput", lambda text: print(text, end=""))
+            admin.RemoteCommandCall("uname -a", 10000)
+
+Members are found without regard to ASCII case. Reading an attribute reads a property (or gives
+a callable for a method or an indexed property such as Item); assigning one sets a property.
+
+By-reference arguments: a method that takes arguments by reference returns a tuple of its
+result followed by the new values of those arguments, in order:
+
+    ok, data = socket.GetData(None, 100)      # GetData(ByRef Data, MaxLen) As Boolean
+
+Values: Empty is None, Null is pelmora.Null, dates are naive datetime.datetime in local time,
+currency is decimal.Decimal, byte arrays are bytes, arrays are lists and objects are
+pelmora.Object (Nothing is None). Raised errors become pelmora.Error with the error's number,
+description and source. Calls release the GIL while the member runs; event callbacks run on the
+thread that raised the event, with the GIL held.
+"""
+
+from . import _pelmora
+from ._pelmora import ListClasses, Object
+
+__all__ = ["CreateObject", "Error", "ListClasses", "Null", "Object"]
+
+
+class Error(Exception):
+    """An error raised by a Pelmora object: number, description and source."""
+
+    def __init__(self, number, description, source=""):
+        super().__init__(number, description, source)
+        self.number = number
+        self.description = description
+        self.source = source
+
+    def __str__(self):
+        where = f"{self.source}: " if self.source else ""
+        return f"{where}{self.number} {self.description}"
+
+
+class _NullType:
+    """The database Null (a value that is known to be unknown), distinct from None (Empty)."""
+
+    _instance = None
+
+    def __new__(cls):
+        if cls._instance is None:
+            cls._instance = super().__new__(cls)
+        return cls._instance
+
+    def __repr__(self):
+        return "pelmora.Null"
+
+    def __bool__(self):
+        return False
+
+
+Null = _NullType()
+_pelmora._set_error_class(Error)
+_pelmora._set_null(Null)
+
+
+def CreateObject(prog_id):
+    """A new object of the class registered as prog_id, for example "Pelmora.WinSock"."""
+    return _pelmora.CreateObject(prog_id)
+
+
+def _enter(self):
+    return self
+
+
+def _exit(self, *exc_info):
+    """Leaving a with block disconnects (or closes) the object when it can."""
+    for name in ("Disconnect", "Close"):
+        if self._has_member(name):
+            self._call(name)
+            break
+    return False
+
+
+def _len(self):
+    if not self._has_member("Count"):
+        raise TypeError(f"{self._prog_id} object has no Count")
+    return int(self.Count)
+
+
+def _iter(self):
+    """Walks a collection through Count and Item(i), 1-based as collections are."""
+    count = _len(self)
+    item = self.Item
+    for index in range(1, count + 1):
+        yield item(index)
+
+
+Object.__enter__ = _enter
+Object.__exit__ = _exit
+Object.__len__ = _len
+Object.__iter__ = _iter

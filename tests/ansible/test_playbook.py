@@ -1,0 +1,84 @@
+"""Ansible over the connection plugin against several real pelmorad instances on loopback."""
+
+import json
+import os
+import pathlib
+import subprocess
+import sys
+
+import pytest
+
+SOURCE = pathlib.Path(os.environ["PELMORA_SOURCE_DIR"])
+sys.path.insert(0, str(SOURCE / "python" / "tests"))
+from service import ACCOUNT, PASSWORD, Service  # noqa: E402
+
+
+@pytest.fixture(scope="module")
+def fleet(tmp_path_factory):
+    folder = tmp_path_factory.mktemp("ansible")
+    services = [Service(drive_root="/") for _ in range(3)]
+    lines = ["[fleet]"]
+    for index, service in enumerate(services):
+        password = PASSWORD if index < 2 else "not the password"
+        lines.append(f"host{index} ansible_host=127.0.0.1 ansible_port={service.port} "
+                     f"ansible_password='{password}'")
+    lines += ["[fleet:vars]", "ansible_connection=pelmora.admin.pelmora",
+              f"ansible_user={ACCOUNT}", "ansible_python_interpreter=/usr/bin/python3"]
+    inventory = folder / "inventory.ini"
+    inventory.write_text("\n".join(lines) + "\n")
+    yield folder, inventory
+    for service in services:
+        service.stop()
+
+
+def ansible(program, folder, *args):
+    env = dict(os.environ,
+               ANSIBLE_COLLECTIONS_PATH=str(SOURCE / "ansible"),
+               ANSIBLE_LOCAL_TEMP=str(folder / "local-tmp"),
+               ANSIBLE_REMOTE_TMP=str(folder / "remote-tmp"),
+               ANSIBLE_HOME=str(folder / "home"),
+               ANSIBLE_STDOUT_CALLBACK="json" if program == "ansible-playbook" else "default",
+               ANSIBLE_LOAD_CALLBACK_PLUGINS="1",
+               ANSIBLE_NOCOLOR="1",
+               ANSIBLE_TIMEOUT="10")
+    return subprocess.run([program, *args], env=env, capture_output=True, text=True,
+                          timeout=300)
+
+
+def test_ad_hoc_command_runs_on_every_reachable_host(fleet):
+    folder, inventory = fleet
+    done = ansible("ansible", folder, "fleet", "-i", str(inventory), "-m", "command",
+                   "-a", "echo hello from $PPID")
+    assert done.returncode != 0  # host2 has the wrong password
+    assert done.stdout.count("CHANGED | rc=0") == 2, done.stdout + done.stderr
+    assert "host2 | UNREACHABLE" in done.stdout
+    assert "1326" in done.stdout
+
+
+def test_playbook_copies_runs_and_fetches(fleet, tmp_path):
+    folder, inventory = fleet
+    source = tmp_path / "payload.txt"
+    source.write_text("payload for the fleet\n")
+    target = folder / "copied"
+    playbook = tmp_path / "play.yml"
+    playbook.write_text(f"""
+- hosts: host0,host1
+  gather_facts: false
+  tasks:
+    - name: copy a file
+      copy: {{src: "{source}", dest: "{target}-{{{{ inventory_hostname }}}}.txt"}}
+    - name: run a command
+      command: cat {target}-{{{{ inventory_hostname }}}}.txt
+      register: shown
+    - name: check what it printed
+      assert: {{that: ["shown.stdout == 'payload for the fleet'"]}}
+    - name: fetch it back
+      fetch: {{src: "{target}-{{{{ inventory_hostname }}}}.txt", dest: "{tmp_path}/fetched/"}}
+""")
+    done = ansible("ansible-playbook", folder, "-i", str(inventory), str(playbook))
+    assert done.returncode == 0, done.stdout[-4000:] + done.stderr[-4000:]
+    stats = json.loads(done.stdout)["stats"]
+    assert {host: stats[host]["failures"] for host in stats} == {"host0": 0, "host1": 0}
+    for host in ("host0", "host1"):
+        fetched = tmp_path / "fetched" / host / f"{target}-{host}.txt".lstrip("/")
+        assert fetched.read_text() == "payload for the fleet\n"
