@@ -23,6 +23,10 @@ int RunDefaultDemo();
 // on files and standard streams.
 void AddCryptoCommand(CLI::App& app, CommandAction& action);
 
+// `pelmora zip ...` and `pelmora unzip ...`: the archive engines with the Info-ZIP programs'
+// usual flags; the exit status is the engine's return code.
+void AddZipCommand(CLI::App& app, CommandAction& action);
+
 }  // namespace pelmora_tool
 
 #endif  // TOOLS_PELMORA_COMMANDS_H_
