@@ -30,6 +30,10 @@ void AddSqlCommand(CLI::App& app, CommandAction& action);
 // `pelmora tasks list|show|create|set|run|stop|rm [--computer \\host]`: the scheduled tasks.
 void AddTasksCommand(CLI::App& app, CommandAction& action);
 
+// `pelmora zip ...` and `pelmora unzip ...`: the archive engines with the Info-ZIP programs'
+// usual flags; the exit status is the engine's return code.
+void AddZipCommand(CLI::App& app, CommandAction& action);
+
 }  // namespace pelmora_tool
 
 #endif  // TOOLS_PELMORA_COMMANDS_H_

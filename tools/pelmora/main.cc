@@ -3,6 +3,7 @@
 //   pelmora [demo [--log-root DIR]]     the demonstration (also with no command at all)
 //   pelmora crypto SUBCOMMAND ...       keys, encryption, signatures, hashes (see --help)
 //   pelmora tasks SUBCOMMAND ...        scheduled tasks: list, show, create, set, run, stop, rm
+//   pelmora zip|unzip ...               zip archives (exit status: the archive return code)
 //
 // Exit status: 0 on success, 2 for a usage error; each command documents its other values.
 #include <CLI/CLI.hpp>
@@ -17,6 +18,7 @@ int main(int argc, char** argv) {
   pelmora_tool::AddCryptoCommand(app, action);
   pelmora_tool::AddSqlCommand(app, action);
   pelmora_tool::AddTasksCommand(app, action);
+  pelmora_tool::AddZipCommand(app, action);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
