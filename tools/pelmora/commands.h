@@ -23,6 +23,10 @@ int RunDefaultDemo();
 // on files and standard streams.
 void AddCryptoCommand(CLI::App& app, CommandAction& action);
 
+// `pelmora http get|head|post|put URL [-o FILE] [-H LINE]... [-d DATA|@FILE]`: requests
+// through the WinINet object.
+void AddHttpCommand(CLI::App& app, CommandAction& action);
+
 }  // namespace pelmora_tool
 
 #endif  // TOOLS_PELMORA_COMMANDS_H_
