@@ -34,6 +34,10 @@ void AddTasksCommand(CLI::App& app, CommandAction& action);
 // usual flags; the exit status is the engine's return code.
 void AddZipCommand(CLI::App& app, CommandAction& action);
 
+// `pelmora http get|head|post|put URL [-o FILE] [-H LINE]... [-d DATA|@FILE]`: requests
+// through the WinINet object.
+void AddHttpCommand(CLI::App& app, CommandAction& action);
+
 }  // namespace pelmora_tool
 
 #endif  // TOOLS_PELMORA_COMMANDS_H_

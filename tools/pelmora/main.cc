@@ -4,6 +4,7 @@
 //   pelmora crypto SUBCOMMAND ...       keys, encryption, signatures, hashes (see --help)
 //   pelmora tasks SUBCOMMAND ...        scheduled tasks: list, show, create, set, run, stop, rm
 //   pelmora zip|unzip ...               zip archives (exit status: the archive return code)
+//   pelmora http get|head|post|put URL  HTTP and HTTPS requests (see --help)
 //
 // Exit status: 0 on success, 2 for a usage error; each command documents its other values.
 #include <CLI/CLI.hpp>
@@ -19,6 +20,7 @@ int main(int argc, char** argv) {
   pelmora_tool::AddSqlCommand(app, action);
   pelmora_tool::AddTasksCommand(app, action);
   pelmora_tool::AddZipCommand(app, action);
+  pelmora_tool::AddHttpCommand(app, action);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
