@@ -30,6 +30,12 @@ void AppendQuoted(std::string& out, std::string_view text, char open, char close
 
 void AppendName(std::string& out, std::string_view name) { AppendQuoted(out, name, '[', ']', ']'); }
 
+// Appends the quoted text of a name element: a String as it is, anything else converted.
+void AppendNameElement(std::string& out, const Variant& name) {
+  if (const std::string* text = name.Get<std::string>()) return AppendName(out, *text);
+  AppendName(out, name.ToString());
+}
+
 // A Double as the 15-significant-digit text Variant gives it, without the general formatter
 // when the shortest exact form is short and needs no exponent (the common case, and the same
 // digits: a form of at most 15 digits is what rounding to 15 digits gives).
@@ -75,6 +81,10 @@ void AppendLiteral(std::string& out, const Variant& value, bool unicode) {
       return;
     case VariantType::kBoolean:
       out += *value.Get<bool>() ? "1" : "0";
+      return;
+    case VariantType::kString:
+      if (unicode) out += 'N';
+      AppendQuoted(out, *value.Get<std::string>(), '\'', '\'', '\'');
       return;
     default:
       if (unicode) out += 'N';
@@ -137,7 +147,7 @@ std::string BuildUpdateStatement(std::string_view table_name, const VariantArray
   for (int64_t i = values.lower_bound; i <= values.UpperBound(); i += 2) {
     auto index = static_cast<int32_t>(i);
     set_list += ',';
-    AppendName(set_list, values.At(index).ToString());
+    AppendNameElement(set_list, values.At(index));
     set_list += '=';
     AppendLiteral(set_list, values.At(index + 1), unicode);
   }
@@ -145,7 +155,7 @@ std::string BuildUpdateStatement(std::string_view table_name, const VariantArray
   for (int64_t i = wheres.lower_bound; i <= wheres.UpperBound(); i += 2) {
     auto index = static_cast<int32_t>(i);
     conditions += " AND ";
-    AppendName(conditions, wheres.At(index).ToString());
+    AppendNameElement(conditions, wheres.At(index));
     conditions += '=';
     AppendLiteral(conditions, wheres.At(index + 1), unicode);
   }
@@ -161,20 +171,24 @@ std::string BuildUpdateStatement(std::string_view table_name, const VariantArray
 
 std::string BuildInsertStatement(std::string_view table_name, const VariantArray& field_list,
                                  const VariantArray& values, bool unicode) {
-  std::string statement = "INSERT INTO ";
+  std::string statement;
+  std::string literals;
+  statement.reserve(128);
+  literals.reserve(64);
+  statement += "INSERT INTO ";
   AppendName(statement, table_name);
   statement += '(';
-  std::string literals;
   for (int64_t i = field_list.lower_bound; i <= field_list.UpperBound(); ++i) {
     auto index = static_cast<int32_t>(i);
     if (i != field_list.lower_bound) statement += ',';
-    AppendName(statement, field_list.At(index).ToString());
+    AppendNameElement(statement, field_list.At(index));
     literals += ',';
     AppendLiteral(literals, values.At(index), unicode);
   }
   statement += ") values (";
   if (!literals.empty()) statement.append(literals, 1);
-  return statement + ")";
+  statement += ')';
+  return statement;
 }
 
 }  // namespace pelmora::db
