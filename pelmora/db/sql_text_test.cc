@@ -66,6 +66,11 @@ TEST(SqlText, WritesEachValueTypeAsItsLiteral) {
       {Variant(0.1), false, "0.1"},
       {Variant(-1234.5678), false, "-1234.5678"},
       {Variant(1e20), false, "1E+20"},
+      {Variant(0.1 + 0.2), false, "0.3"},
+      {Variant(1e-5), false, "1E-05"},
+      {Variant(0.0001), false, "0.0001"},
+      {Variant(123456789012345.6), false, "123456789012346"},
+      {Variant(-100.0), false, "-100"},
       {Variant(Currency{123456}), false, "12.3456"},
       {Variant(Currency{-50000}), false, "-5"},
       {Variant(true), false, "1"},
@@ -103,6 +108,16 @@ TEST(SqlText, WritesNumbersWithAPointUnderACommaLocale) {
   EXPECT_EQ(ValueLiteral(Variant(int32_t{1000000}), false), "1000000");
   std::setlocale(LC_ALL, saved_c.c_str());
   std::locale::global(saved);
+}
+
+TEST(SqlText, DoublesKeepTheFifteenDigitTextOfVariant) {
+  double value = 1.0;
+  for (int i = 1; i < 2000; ++i) {
+    for (double d : {i * 1.5, i / 7.0, -i / 3.0, value, 1.0 / value, i * 1e10 + 0.25}) {
+      ASSERT_EQ(ValueLiteral(Variant(d), false), Variant(d).ToString()) << d;
+    }
+    value *= 1.37;
+  }
 }
 
 TEST(SqlText, RefusesValuesWithoutText) {

@@ -69,7 +69,7 @@ bool SQLDB::IsConnected() const { return connection_ && connection_->IsOpen(); }
 
 bool SQLDB::RunSQLNoReturn(const std::string& sSQL, const Variant& vParams) {
   return Guarded("RunSQLNoReturn", false, [&] {
-    internal::Execute(RequireConnection(), sSQL, internal::ReadParameters(vParams));
+    internal::ExecuteDroppingResults(RequireConnection(), sSQL, internal::ReadParameters(vParams));
     return true;
   });
 }

@@ -46,20 +46,47 @@ VariantArray Execution::Outputs() const {
   return outputs;
 }
 
+namespace {
+
+void BindAndExecute(const OdbcHandle& statement, const std::string& sql,
+                    const std::vector<CallParameter>& parameters,
+                    std::deque<BoundParameter>& bound) {
+  for (const CallParameter& parameter : parameters) {
+    bound.emplace_back(parameter.value, parameter.io_type);
+    bound.back().Bind(statement, static_cast<SQLUSMALLINT>(bound.size()));
+  }
+  // The driver only reads the text; the interface predates const.
+  auto* text = reinterpret_cast<SQLCHAR*>(const_cast<char*>(sql.data()));
+  Check(SQLExecDirect(statement.Get(), text, static_cast<SQLINTEGER>(sql.size())), statement,
+        true);
+}
+
+// Closes the cursor and unbinds the parameters of a reusable statement however the use ended.
+struct StatementReset {
+  const OdbcHandle& statement;
+  bool has_parameters;
+  ~StatementReset() {
+    SQLFreeStmt(statement.Get(), SQL_CLOSE);
+    if (has_parameters) SQLFreeStmt(statement.Get(), SQL_RESET_PARAMS);
+  }
+};
+
+}  // namespace
+
 Execution Execute(const OdbcConnection& connection, const std::string& sql,
                   const std::vector<CallParameter>& parameters) {
   Execution execution{connection.NewStatement(), {}, {}};
-  for (const CallParameter& parameter : parameters) {
-    execution.parameters.emplace_back(parameter.value, parameter.io_type);
-    execution.io_types.push_back(parameter.io_type);
-    execution.parameters.back().Bind(execution.statement,
-                                     static_cast<SQLUSMALLINT>(execution.parameters.size()));
-  }
-  std::string text = sql;
-  Check(SQLExecDirect(execution.statement.Get(), reinterpret_cast<SQLCHAR*>(text.data()),
-                      static_cast<SQLINTEGER>(text.size())),
-        execution.statement, true);
+  for (const CallParameter& parameter : parameters) execution.io_types.push_back(parameter.io_type);
+  BindAndExecute(execution.statement, sql, parameters, execution.parameters);
   return execution;
+}
+
+void ExecuteDroppingResults(OdbcConnection& connection, const std::string& sql,
+                            const std::vector<CallParameter>& parameters) {
+  const OdbcHandle& statement = connection.ReusableStatement();
+  StatementReset reset{statement, !parameters.empty()};
+  std::deque<BoundParameter> bound;
+  BindAndExecute(statement, sql, parameters, bound);
 }
 
 std::string CallEscape(std::string_view name, size_t count, bool with_return) {

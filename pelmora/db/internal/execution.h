@@ -41,6 +41,11 @@ struct Execution {
 Execution Execute(const OdbcConnection& connection, const std::string& sql,
                   const std::vector<CallParameter>& parameters);
 
+// Executes `sql` with input `parameters` on the connection's reusable statement and drops any
+// result. Raises the driver's diagnostics.
+void ExecuteDroppingResults(OdbcConnection& connection, const std::string& sql,
+                            const std::vector<CallParameter>& parameters);
+
 // "{call name(?,?)}" for `count` parameters, "{? = call name(?)}" with a return value (the
 // return value's marker not counted). Raises 5 when `name` holds anything but letters, digits,
 // "_", "." and "$", or is empty.

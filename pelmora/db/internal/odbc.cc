@@ -169,6 +169,11 @@ OdbcHandle OdbcConnection::NewStatement() const {
   return AllocateHandle(SQL_HANDLE_STMT, &dbc_);
 }
 
+const OdbcHandle& OdbcConnection::ReusableStatement() {
+  if (!reusable_) reusable_ = NewStatement();
+  return reusable_;
+}
+
 void OdbcConnection::SetAutoCommit(bool on) {
   if (!dbc_) throw ObjectError(kErrorObjectClosed);
   SQLULEN value = on ? SQL_AUTOCOMMIT_ON : SQL_AUTOCOMMIT_OFF;
@@ -182,6 +187,7 @@ void OdbcConnection::EndTransaction(bool commit) {
 }
 
 void OdbcConnection::Close() {
+  reusable_.Reset();
   if (connected_) {
     // A connection that is gone already cannot refuse to be forgotten.
     SQLDisconnect(dbc_.Get());

@@ -90,6 +90,10 @@ class OdbcConnection {
   // A new statement handle on this connection. Raises 3704 once closed.
   OdbcHandle NewStatement() const;
 
+  // The connection's one reusable statement handle, for statements whose results are dropped;
+  // callers close its cursor and unbind its parameters after each use. Raises 3704 once closed.
+  const OdbcHandle& ReusableStatement();
+
   // The character the driver quotes identifiers with ('"' when it names none).
   char IdentifierQuote() const { return quote_; }
 
@@ -106,6 +110,7 @@ class OdbcConnection {
   OdbcConnection() = default;
   OdbcHandle env_;
   OdbcHandle dbc_;
+  OdbcHandle reusable_;
   bool connected_ = false;
   char quote_ = '"';
 };
