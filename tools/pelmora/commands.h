@@ -23,6 +23,10 @@ int RunDefaultDemo();
 // on files and standard streams.
 void AddCryptoCommand(CLI::App& app, CommandAction& action);
 
+// `pelmora admin [global options] COMMAND ...`: the administration service of one host
+// (--host) or of a fleet (--hosts, --hosts-file); see `pelmora admin --help`.
+void AddAdminCommand(CLI::App& app, CommandAction& action);
+
 }  // namespace pelmora_tool
 
 #endif  // TOOLS_PELMORA_COMMANDS_H_

@@ -2,6 +2,7 @@
 //
 //   pelmora [demo [--log-root DIR]]     the demonstration (also with no command at all)
 //   pelmora crypto SUBCOMMAND ...       keys, encryption, signatures, hashes (see --help)
+//   pelmora admin [OPTIONS] COMMAND ... the administration service of a host or a fleet
 //
 // Exit status: 0 on success, 2 for a usage error; each command documents its other values.
 #include <CLI/CLI.hpp>
@@ -14,6 +15,7 @@ int main(int argc, char** argv) {
   pelmora_tool::CommandAction action;
   pelmora_tool::AddDemoCommand(app, action);
   pelmora_tool::AddCryptoCommand(app, action);
+  pelmora_tool::AddAdminCommand(app, action);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
