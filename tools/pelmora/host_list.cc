@@ -129,7 +129,8 @@ NumberedName SplitLastNumber(const std::string& name) {
   return {name.substr(0, start), name.substr(start, end + 1 - start), name.substr(end + 1)};
 }
 
-// "a-b" spans of consecutive numbers of equal width, comma-separated.
+// "a-b" spans of consecutive numbers, comma-separated. A span keeps the width of its first
+// number, so it may grow past it ("9-10", "98-100") but never take in a wider padded number.
 std::string FoldNumbers(std::vector<std::string> numbers) {
   std::sort(numbers.begin(), numbers.end(), [](const std::string& a, const std::string& b) {
     return std::make_pair(std::stol(a), a.size()) < std::make_pair(std::stol(b), b.size());
@@ -139,7 +140,7 @@ std::string FoldNumbers(std::vector<std::string> numbers) {
   for (size_t i = 0; i < numbers.size();) {
     size_t j = i;
     while (j + 1 < numbers.size() && std::stol(numbers[j + 1]) == std::stol(numbers[j]) + 1 &&
-           numbers[j + 1].size() == numbers[j].size()) {
+           (numbers[j + 1].size() == numbers[j].size() || numbers[j + 1][0] != '0')) {
       ++j;
     }
     if (!out.empty()) out += ',';
