@@ -1,0 +1,372 @@
+// ChildProcess: fork, then only async-signal-safe calls in the child until execve. Everything the
+// child needs (argument and environment arrays, the identity, the group list) is prepared in the
+// parent, because the parent may have other threads holding locks the child would inherit.
+#include "pelmora/common/child_process.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <utility>
+
+#include "pelmora/common/error.h"
+#include "pelmora/common/error_texts.h"
+
+#ifndef P_PIDFD
+#define P_PIDFD 3
+#endif
+
+namespace pelmora {
+namespace {
+
+constexpr char kSource[] = "ChildProcess";
+constexpr char kPath[] = "PATH=/usr/local/bin:/usr/bin:/bin";
+constexpr int kStatusFd = 3;  // where the child keeps the exec status pipe
+
+// What went wrong in the child, sent through the close-on-exec status pipe.
+enum class Stage : int { kFolder = 1, kIdentity, kExec };
+struct ChildFailure {
+  Stage stage = Stage::kExec;
+  int error = 0;
+};
+
+// Win32 numbers for the errno values a start can fail with.
+int ErrnoToSystemError(int error) {
+  switch (error) {
+    case ENOENT:
+      return 2;
+    case ENOTDIR:
+    case ENAMETOOLONG:
+    case ELOOP:
+      return 3;
+    case EACCES:
+    case EPERM:
+      return 5;
+    case ENOMEM:
+    case EAGAIN:
+      return 8;
+    case EMFILE:
+    case ENFILE:
+      return 4;
+    default:
+      return 87;
+  }
+}
+
+Error StartError(int number) { return Error(number, DescribeError(number), kSource); }
+
+Error FailureError(const ChildFailure& failure) {
+  if (failure.stage == Stage::kFolder) return StartError(267);
+  return StartError(ErrnoToSystemError(failure.error));
+}
+
+// An owned file descriptor.
+class UniqueFd {
+ public:
+  explicit UniqueFd(int fd = -1) : fd_(fd) {}
+  UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  UniqueFd& operator=(UniqueFd&&) = delete;
+  ~UniqueFd() { Reset(); }
+  int Get() const { return fd_; }
+  int Release() { return std::exchange(fd_, -1); }
+  void Reset() {
+    if (fd_ >= 0) close(std::exchange(fd_, -1));
+  }
+
+ private:
+  int fd_;
+};
+
+struct Pipe {
+  UniqueFd read;
+  UniqueFd write;
+};
+
+Pipe MakePipe() {
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC) != 0) throw StartError(ErrnoToSystemError(errno));
+  return {UniqueFd(fds[0]), UniqueFd(fds[1])};
+}
+
+// The user the child runs as, from the password database.
+struct Identity {
+  bool change = false;  // setgroups/setgid/setuid in the child
+  uid_t uid = 0;
+  gid_t gid = 0;
+  std::vector<gid_t> groups;
+  std::string name;
+  std::string home;
+  std::string shell;
+};
+
+std::optional<Identity> LookUpUser(const char* name, uid_t uid) {
+  struct passwd entry {};
+  struct passwd* found = nullptr;
+  std::vector<char> buffer(16384);
+  int rc = name != nullptr ? getpwnam_r(name, &entry, buffer.data(), buffer.size(), &found)
+                           : getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found);
+  if (rc != 0 || found == nullptr) return std::nullopt;
+  Identity identity;
+  identity.uid = entry.pw_uid;
+  identity.gid = entry.pw_gid;
+  identity.name = entry.pw_name;
+  identity.home = entry.pw_dir;
+  identity.shell = entry.pw_shell;
+  return identity;
+}
+
+std::vector<gid_t> GroupsOf(const Identity& identity) {
+  int count = 64;
+  std::vector<gid_t> groups(count);
+  while (getgrouplist(identity.name.c_str(), identity.gid, groups.data(), &count) < 0) {
+    if (count <= static_cast<int>(groups.size())) count = static_cast<int>(groups.size()) * 2;
+    groups.resize(count);
+  }
+  groups.resize(count);
+  return groups;
+}
+
+// The identity for `run_as`: that user when the caller is root, otherwise the current user (with
+// what the password database knows of it, or only its uid).
+Identity ResolveIdentity(const std::string& run_as) {
+  uid_t self = geteuid();
+  if (self == 0 && !run_as.empty()) {
+    std::optional<Identity> user = LookUpUser(run_as.c_str(), 0);
+    if (!user) throw StartError(1326);
+    user->change = true;
+    user->groups = GroupsOf(*user);
+    return *user;
+  }
+  std::optional<Identity> current = LookUpUser(nullptr, self);
+  if (current) return *current;
+  Identity unknown;
+  unknown.uid = self;
+  unknown.name = std::to_string(self);
+  return unknown;
+}
+
+std::vector<std::string> BuildEnvironment(const Identity& identity,
+                                          const std::vector<std::string>& extra) {
+  std::vector<std::string> env = {
+      "HOME=" + (identity.home.empty() ? std::string("/") : identity.home), "USER=" + identity.name,
+      "LOGNAME=" + identity.name,
+      "SHELL=" + (identity.shell.empty() ? std::string("/bin/sh") : identity.shell), kPath};
+  for (const std::string& entry : extra) {
+    std::string_view name = std::string_view(entry).substr(0, entry.find('='));
+    std::erase_if(env, [&](const std::string& e) {
+      return e.size() > name.size() && e[name.size()] == '=' && e.starts_with(name);
+    });
+    env.push_back(entry);
+  }
+  return env;
+}
+
+// Everything the child needs, prepared before the fork.
+struct LaunchPlan {
+  Identity identity;
+  std::string folder;
+  bool folder_given = false;  // otherwise a home folder that cannot be entered falls back to "/"
+  std::vector<std::string> strings;  // shell, "-c", command line, then the environment
+  std::vector<char*> argv;
+  std::vector<char*> envp;
+};
+
+LaunchPlan MakePlan(const ChildSpec& spec) {
+  LaunchPlan plan;
+  plan.identity = ResolveIdentity(spec.run_as);
+  plan.folder_given = !spec.working_folder.empty();
+  plan.folder = plan.folder_given ? spec.working_folder : plan.identity.home;
+  if (plan.folder.empty()) plan.folder = "/";
+  plan.strings = {spec.shell, "-c", spec.command_line};
+  for (std::string& entry : BuildEnvironment(plan.identity, spec.environment)) {
+    plan.strings.push_back(std::move(entry));
+  }
+  for (size_t i = 0; i < plan.strings.size(); ++i) {
+    (i < 3 ? plan.argv : plan.envp).push_back(plan.strings[i].data());
+  }
+  plan.argv.push_back(nullptr);
+  plan.envp.push_back(nullptr);
+  return plan;
+}
+
+// --- In the child: async-signal-safe calls only. ---
+
+[[noreturn]] void FailChild(Stage stage, int status_fd = kStatusFd) {
+  ChildFailure failure{stage, errno};
+  ssize_t ignored = write(status_fd, &failure, sizeof(failure));
+  (void)ignored;
+  _exit(127);
+}
+
+// Keeps `fd` clear of 0..3 so the dup2 calls below cannot overwrite one another's sources.
+int LiftFd(int fd) { return fd > kStatusFd ? fd : fcntl(fd, F_DUPFD_CLOEXEC, kStatusFd + 1); }
+
+void ArrangeFds(int output_fd, int null_fd, int status_fd) {
+  int lifted_status_fd = LiftFd(status_fd);
+  if (lifted_status_fd < 0) FailChild(Stage::kExec, status_fd);
+  status_fd = lifted_status_fd;
+  output_fd = LiftFd(output_fd);
+  null_fd = LiftFd(null_fd);
+  if (output_fd < 0 || null_fd < 0 || dup2(null_fd, 0) < 0 || dup2(output_fd, 1) < 0 ||
+      dup2(output_fd, 2) < 0 || dup3(status_fd, kStatusFd, O_CLOEXEC) < 0) {
+    FailChild(Stage::kExec, status_fd);
+  }
+  if (syscall(SYS_close_range, kStatusFd + 1, ~0U, 0) != 0) {
+    for (int fd = kStatusFd + 1; fd < 65536; ++fd) close(fd);
+  }
+}
+
+void ResetSignals() {
+  struct sigaction action;
+  memset(&action, 0, sizeof(action));
+  action.sa_handler = SIG_DFL;
+  for (int signal = 1; signal < NSIG; ++signal) sigaction(signal, &action, nullptr);
+}
+
+void BecomeUser(const Identity& identity) {
+  if (!identity.change) return;
+  if (setgroups(identity.groups.size(), identity.groups.data()) != 0 || setgid(identity.gid) != 0 ||
+      setuid(identity.uid) != 0) {
+    FailChild(Stage::kIdentity);
+  }
+}
+
+[[noreturn]] void RunChild(const LaunchPlan& plan, int output_fd, int null_fd, int status_fd) {
+  ArrangeFds(output_fd, null_fd, status_fd);
+  ResetSignals();
+  setpgid(0, 0);
+  BecomeUser(plan.identity);
+  if (chdir(plan.folder.c_str()) != 0 && (plan.folder_given || chdir("/") != 0)) {
+    FailChild(Stage::kFolder);
+  }
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  execve(plan.argv[0], plan.argv.data(), plan.envp.data());
+  FailChild(Stage::kExec);
+}
+
+// --- In the parent. ---
+
+// Forks with every signal blocked, so no handler of the parent runs in the child before the
+// child has restored the default dispositions.
+pid_t ForkChild(const LaunchPlan& plan, int output_fd, int null_fd, int status_fd) {
+  sigset_t all, previous;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &previous);
+  pid_t pid = fork();
+  if (pid == 0) RunChild(plan, output_fd, null_fd, status_fd);
+  int fork_error = errno;
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  if (pid < 0) throw StartError(ErrnoToSystemError(fork_error));
+  return pid;
+}
+
+// The child's report from the status pipe: nothing (end of file) once execve succeeded.
+std::optional<ChildFailure> ReadFailure(int status_fd) {
+  ChildFailure failure;
+  ssize_t n;
+  do {
+    n = read(status_fd, &failure, sizeof(failure));
+  } while (n < 0 && errno == EINTR);
+  if (n == static_cast<ssize_t>(sizeof(failure))) return failure;
+  return std::nullopt;
+}
+
+void ReapQuietly(pid_t pid) {
+  while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+  }
+}
+
+}  // namespace
+
+ChildProcess ChildProcess::Start(const ChildSpec& spec) {
+  LaunchPlan plan = MakePlan(spec);
+  UniqueFd null_fd(open("/dev/null", O_RDONLY | O_CLOEXEC));
+  if (null_fd.Get() < 0) throw StartError(ErrnoToSystemError(errno));
+  Pipe output = MakePipe();
+  Pipe status = MakePipe();
+  pid_t pid = ForkChild(plan, output.write.Get(), null_fd.Get(), status.write.Get());
+  status.write.Reset();
+  output.write.Reset();
+  if (std::optional<ChildFailure> failure = ReadFailure(status.read.Get())) {
+    ReapQuietly(pid);
+    throw FailureError(*failure);
+  }
+  UniqueFd exit_fd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+  if (exit_fd.Get() < 0 || fcntl(output.read.Get(), F_SETFL, O_NONBLOCK) != 0) {
+    int error = errno;
+    kill(-pid, SIGKILL);
+    ReapQuietly(pid);
+    throw StartError(ErrnoToSystemError(error));
+  }
+  return ChildProcess(pid, output.read.Release(), exit_fd.Release());
+}
+
+ChildProcess::ChildProcess(pid_t pid, int output_fd, int exit_fd)
+    : pid_(pid), output_fd_(output_fd), exit_fd_(exit_fd) {}
+
+ChildProcess::ChildProcess(ChildProcess&& other) noexcept
+    : pid_(std::exchange(other.pid_, 0)),
+      output_fd_(std::exchange(other.output_fd_, -1)),
+      exit_fd_(std::exchange(other.exit_fd_, -1)),
+      exit_(std::exchange(other.exit_, std::nullopt)) {}
+
+ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept {
+  if (this != &other) {
+    Release();
+    pid_ = std::exchange(other.pid_, 0);
+    output_fd_ = std::exchange(other.output_fd_, -1);
+    exit_fd_ = std::exchange(other.exit_fd_, -1);
+    exit_ = std::exchange(other.exit_, std::nullopt);
+  }
+  return *this;
+}
+
+ChildProcess::~ChildProcess() { Release(); }
+
+void ChildProcess::Release() noexcept {
+  if (pid_ > 0 && !exit_) {
+    KillGroup();
+    Reap(true);
+  }
+  if (output_fd_ >= 0) close(std::exchange(output_fd_, -1));
+  if (exit_fd_ >= 0) close(std::exchange(exit_fd_, -1));
+  pid_ = 0;
+}
+
+void ChildProcess::KillGroup() {
+  // After the leader is reaped its id stays reserved while any member of the group lives, so
+  // this still reaches the grandchildren it left behind.
+  if (pid_ > 0) kill(-pid_, SIGKILL);
+}
+
+std::optional<ChildExit> ChildProcess::TryReap() { return Reap(false); }
+
+ChildExit ChildProcess::Wait() { return Reap(true).value_or(ChildExit{false, -1}); }
+
+std::optional<ChildExit> ChildProcess::Reap(bool block) {
+  if (exit_ || exit_fd_ < 0) return exit_;
+  siginfo_t info;
+  memset(&info, 0, sizeof(info));
+  int rc;
+  do {
+    rc = waitid(static_cast<idtype_t>(P_PIDFD), exit_fd_, &info, WEXITED | (block ? 0 : WNOHANG));
+  } while (rc < 0 && errno == EINTR);
+  if (rc < 0) {
+    exit_ = ChildExit{false, -1};  // reaped elsewhere (ECHILD): the status is lost
+  } else if (info.si_pid != 0) {
+    exit_ = ChildExit{info.si_code != CLD_EXITED, info.si_status};
+  }
+  return exit_;
+}
+
+}  // namespace pelmora
