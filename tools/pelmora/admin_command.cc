@@ -44,10 +44,12 @@ class ConsoleOutput : public HostOutput {
   void Fail(const HostFailure& failure) override {
     console_.Err(ErrorLine(host_, failure) + "\n");
   }
+  bool ShowsProgress() const override { return console_.StatusEnabled(); }
   void TransferBytes(uint64_t done, uint64_t total) override {
     if (!progress_) progress_ = std::make_unique<TransferProgress>(console_, total);
     progress_->Update(done);
   }
+  void TransferEnded() override { progress_.reset(); }
 
  private:
   Console& console_;
@@ -149,6 +151,7 @@ int RunAdmin(const AdminCli& cli, HostRequest request, bool needs_access_code) {
     if (cli.IsFleet()) hosts = FleetHosts(cli);
     auto run = std::make_shared<SharedRun>();
     run->options = cli.options;
+    run->options.fleet = cli.IsFleet();
     run->credentials = ResolveCredentials(cli.options, needs_access_code);
     run->request = std::move(request);
     if (cli.IsFleet()) return RunFleetCommand(cli, std::move(hosts), run, console);

@@ -4,6 +4,7 @@
 
 #include "tools/pelmora/admin_cli.h"
 #include "tools/pelmora/admin_requests.h"
+#include "tools/pelmora/admin_transfers.h"
 
 namespace pelmora_tool {
 namespace {
@@ -104,6 +105,39 @@ void AddAppRoot(CLI::App& admin, CommandAction& action, const std::shared_ptr<Ad
       ->check(CLI::IsMember({"qel", "vorin"}, CLI::ignore_case));
 }
 
+void AddList(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli) {
+  auto args = std::make_shared<LeafArgs>();
+  CLI::App* leaf = AddAdminLeaf(
+      admin, action, cli, "ls", "List a folder on the server",
+      [](const LeafArgs& a) {
+        return [a](HostSession& s) { return ListFolder(s, a.first, a.long_form); };
+      },
+      args);
+  leaf->add_flag("-l", args->long_form, "Attributes, size and last-write time too");
+  leaf->add_option("FOLDER", args->first, "Folder on the server")->required();
+}
+
+void AddGet(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli) {
+  auto args = std::make_shared<LeafArgs>();
+  CLI::App* leaf = AddAdminLeaf(
+      admin, action, cli, "get", "Download a file (fleet: into LOCAL/<host>/)",
+      [](const LeafArgs& a) { return [a](HostSession& s) { return Get(s, a.first, a.second); }; },
+      args);
+  leaf->add_option("REMOTE", args->first, "File on the server")->required();
+  leaf->add_option("LOCAL", args->second, "Local file or folder (default: the remote name here)");
+}
+
+void AddPut(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli) {
+  auto args = std::make_shared<LeafArgs>();
+  CLI::App* leaf = AddAdminLeaf(
+      admin, action, cli, "put", "Upload a file",
+      [](const LeafArgs& a) { return [a](HostSession& s) { return Put(s, a.first, a.second); }; },
+      args);
+  leaf->add_option("LOCAL", args->first, "Local file")->required()->check(CLI::ExistingFile);
+  leaf->add_option("REMOTE", args->second, "File on the server (ending in \\: that folder)")
+      ->required();
+}
+
 }  // namespace
 
 void AddAdminLeaves(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli) {
@@ -125,6 +159,12 @@ void AddAdminLeaves(CLI::App& admin, CommandAction& action, const std::shared_pt
   AddOne(admin, action, cli, "rmdir", "FOLDER", "Delete a folder on the server", RemoveFolder);
   AddOne(admin, action, cli, "mkdir", "FOLDER", "Create a folder on the server", MakeFolder);
   AddTouch(admin, action, cli);
+  AddList(admin, action, cli);
+  AddOne(admin, action, cli, "stat", "PATH", "Information on a file or folder", Stat);
+  AddGet(admin, action, cli);
+  AddPut(admin, action, cli);
+  AddOne(admin, action, cli, "fetch", "REMOTE",
+         "Bring the server file into the local cache if changed; print its local path", Fetch);
 }
 
 }  // namespace pelmora_tool

@@ -43,6 +43,7 @@ struct AdminOptions {
   int32_t timeout_ms = 10000;    // the session's receive time-out
   int32_t connect_timeout_ms = 0;  // 0: the system's own connect time-out
   bool quiet = false;
+  bool fleet = false;  // several hosts at once: `get` puts each host's file in its own folder
 };
 
 // The secrets of one run, read once before any host is contacted.
@@ -77,8 +78,12 @@ class HostOutput {
   virtual void Write(std::string_view text) = 0;
   // The host's failure; called at most once per command.
   virtual void Fail(const HostFailure& failure) = 0;
-  // Bytes of a transfer so far of `total` (0: unknown). Default: ignored.
+  // Whether transfer progress is shown (TransferBytes is then called from a watcher thread).
+  virtual bool ShowsProgress() const { return false; }
+  // Bytes of a transfer so far of `total` (0: unknown); may come from another thread.
   virtual void TransferBytes(uint64_t done, uint64_t total) {}
+  // The transfer has ended: its progress disappears.
+  virtual void TransferEnded() {}
 };
 
 // The one-line error: "pelmora: <host>: <number> <description>".
