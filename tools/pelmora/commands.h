@@ -38,6 +38,10 @@ void AddZipCommand(CLI::App& app, CommandAction& action);
 // through the WinINet object.
 void AddHttpCommand(CLI::App& app, CommandAction& action);
 
+// `pelmora admin [global options] COMMAND ...`: the administration service of one host
+// (--host) or of a fleet (--hosts, --hosts-file); see `pelmora admin --help`.
+void AddAdminCommand(CLI::App& app, CommandAction& action);
+
 }  // namespace pelmora_tool
 
 #endif  // TOOLS_PELMORA_COMMANDS_H_

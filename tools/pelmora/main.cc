@@ -5,6 +5,7 @@
 //   pelmora tasks SUBCOMMAND ...        scheduled tasks: list, show, create, set, run, stop, rm
 //   pelmora zip|unzip ...               zip archives (exit status: the archive return code)
 //   pelmora http get|head|post|put URL  HTTP and HTTPS requests (see --help)
+//   pelmora admin [OPTIONS] COMMAND ... the administration service of a host or a fleet
 //
 // Exit status: 0 on success, 2 for a usage error; each command documents its other values.
 #include <CLI/CLI.hpp>
@@ -21,6 +22,7 @@ int main(int argc, char** argv) {
   pelmora_tool::AddTasksCommand(app, action);
   pelmora_tool::AddZipCommand(app, action);
   pelmora_tool::AddHttpCommand(app, action);
+  pelmora_tool::AddAdminCommand(app, action);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

@@ -1,0 +1,190 @@
+// `pelmora admin`: the administration service of one host, or of a fleet of hosts at once.
+//
+//   pelmora admin [--host H] [--port 8002] [--account NAME] [--password-file F] [--timeout MS]
+//                 COMMAND ...
+//   pelmora admin --hosts 'web[01-40],db1:8003' | --hosts-file F [--parallel N] [--group |
+//                 --gather | --json | --output-dir DIR] [--failed-file F] COMMAND ...
+//
+// Exit status (also each host's in the summary table): 0 success; 1 the request failed or the
+// answer is "no"; 2 usage, credentials or local files; 3 the connection or the login failed;
+// exec: 4 the command could not start, 5 it ended abnormally, 6 it timed out. A fleet run exits
+// with 0 only when every host succeeded, otherwise 1. Failures print one line:
+// "pelmora: <host>: <number> <description>".
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tools/pelmora/admin_cli.h"
+#include "tools/pelmora/crypto_io.h"
+#include "tools/pelmora/fleet.h"
+#include "tools/pelmora/progress.h"
+
+namespace pelmora_tool {
+namespace {
+
+constexpr const char* kAdminExamples = R"(Examples:
+  pelmora admin --host server time
+  PELMORA_ACCESS_CODE=... pelmora admin --host server exec "uname -a"
+  pelmora admin --host server --account operator --password-file pw exec -- df -h
+  pelmora admin --host server cp -r 'C:\data' 'C:\backup\data'
+  pelmora admin --hosts 'web[01-40]' --account operator exec uptime
+  pelmora admin --hosts-file fleet.txt --gather --failed-file failed.txt version 'C:\qel\bin\qel.exe'
+Passwords are never taken from the command line: --password-file, PELMORA_PASSWORD or the prompt.
+Exit status: 0 success, 1 request failed or "no", 2 usage or credentials, 3 connection or login
+failed; exec: 4 could not start, 5 ended abnormally, 6 timed out. Fleet runs: 0 only when every
+host succeeded, otherwise 1.)";
+
+// One host's results straight to the console.
+class ConsoleOutput : public HostOutput {
+ public:
+  ConsoleOutput(Console& console, std::string host) : console_(console), host_(std::move(host)) {}
+  void Write(std::string_view text) override { console_.Out(text); }
+  void Fail(const HostFailure& failure) override {
+    console_.Err(ErrorLine(host_, failure) + "\n");
+  }
+  bool ShowsProgress() const override { return console_.StatusEnabled(); }
+  void TransferBytes(uint64_t done, uint64_t total) override {
+    if (!progress_) progress_ = std::make_unique<TransferProgress>(console_, total);
+    progress_->Update(done);
+  }
+  void TransferEnded() override { progress_.reset(); }
+
+ private:
+  Console& console_;
+  std::string host_;
+  std::unique_ptr<TransferProgress> progress_;
+};
+
+std::vector<HostTarget> FleetHosts(const AdminCli& cli) {
+  std::vector<HostTarget> hosts = ParseHostList(cli.hosts);
+  if (!cli.hosts_file.empty()) MergeHosts(hosts, ReadHostsFile(cli.hosts_file));
+  if (hosts.empty()) throw CommandError("the host list is empty");
+  return hosts;
+}
+
+// Everything a host thread needs, shared so that threads left behind by the overall time-out
+// never hold a reference into a finished call.
+struct SharedRun {
+  AdminOptions options;
+  Credentials credentials;
+  HostRequest request;
+};
+
+int RunFleetCommand(const AdminCli& cli, std::vector<HostTarget> hosts,
+                    std::shared_ptr<const SharedRun> run, Console& console) {
+  FleetOptions fleet = cli.fleet;
+  fleet.hosts = std::move(hosts);
+  fleet.default_port = cli.options.port;
+  FleetOutcome outcome = RunFleet(
+      fleet,
+      [run](const HostTarget& target, HostOutput& output) {
+        return RunOnHost(target, run->options, run->credentials, output, run->request);
+      },
+      console);
+  if (outcome.abandoned > 0) {
+    // Hosts still at work would only delay the exit; their connections close with the process.
+    std::fflush(nullptr);
+    std::_Exit(outcome.status);
+  }
+  return outcome.status;
+}
+
+void AddGlobalOptions(CLI::App& admin, AdminCli& cli) {
+  AdminOptions& o = cli.options;
+  admin.add_option("--host", o.host, "Host of the administration service")->capture_default_str();
+  admin.add_option("--port", o.port, "Port of the service")->capture_default_str()
+      ->check(CLI::Range(1, 65535));
+  admin.add_option("--account", o.account,
+                   "Account to log in with (default: the library's built-in account)");
+  admin.add_option("--password-file", o.password_file,
+                   "File holding the account's password (else PELMORA_PASSWORD, else a prompt)");
+  admin.add_option("--access-code-file", o.access_code_file,
+                   "File holding the command access code (else PELMORA_ACCESS_CODE)");
+  admin.add_option("--timeout", o.timeout_ms, "Longest wait for each reply, in ms")
+      ->capture_default_str()->check(CLI::NonNegativeNumber);
+  admin.add_option("--connect-timeout", o.connect_timeout_ms,
+                   "Longest wait for each host's connection, in ms (0: the system's)")
+      ->check(CLI::NonNegativeNumber);
+  admin.add_flag("-q,--quiet", o.quiet, "No progress bar");
+  // Refused outright, with the reason, rather than as an unknown option.
+  admin.add_option("--password", cli.password_trap)->group("")->each([](const std::string&) {
+    std::fputs(
+        "pelmora: passwords are never taken from the command line: use --password-file, "
+        "PELMORA_PASSWORD or the prompt\n",
+        stderr);
+    throw CLI::RuntimeError(kExitUsage);
+  });
+}
+
+void AddFleetOptions(CLI::App& admin, AdminCli& cli) {
+  FleetOptions& f = cli.fleet;
+  const char* group = "Fleet";
+  admin.add_option("--hosts", cli.hosts, "Hosts to run on: h1,h2:8003,web[01-40],db[1-3,7]")
+      ->group(group);
+  admin.add_option("--hosts-file", cli.hosts_file, "File of hosts, one a line, # comments")
+      ->group(group);
+  admin.add_option("--parallel", f.parallel, "Hosts at a time")->capture_default_str()
+      ->check(CLI::Range(1, 4096))->group(group);
+  admin.add_flag("--group", f.group, "Print each host's output as one block")->group(group);
+  admin.add_flag("--gather", f.gather, "Print identical outputs once, under their hosts")
+      ->group(group);
+  admin.add_flag("--json", f.json, "One JSON object per host, no summary table")->group(group);
+  admin.add_option("--output-dir", f.output_dir, "Write each host's output to DIR/<host>")
+      ->group(group);
+  admin.add_option("--failed-file", f.failed_file, "Write the hosts that failed, one a line")
+      ->group(group);
+  admin.add_option("--overall-timeout", f.overall_timeout_ms,
+                   "Longest time for the whole run, in ms (0: none)")
+      ->check(CLI::NonNegativeNumber)->group(group);
+  admin.get_option("--host")->excludes(admin.get_option("--hosts"));
+  admin.get_option("--host")->excludes(admin.get_option("--hosts-file"));
+}
+
+}  // namespace
+
+int RunAdmin(const AdminCli& cli, HostRequest request, bool needs_access_code) {
+  Console console(Console::StatusWanted(cli.options.quiet));
+  try {
+    std::vector<HostTarget> hosts;
+    if (cli.IsFleet()) hosts = FleetHosts(cli);
+    auto run = std::make_shared<SharedRun>();
+    run->options = cli.options;
+    run->options.fleet = cli.IsFleet();
+    run->credentials = ResolveCredentials(cli.options, needs_access_code);
+    run->request = std::move(request);
+    if (cli.IsFleet()) return RunFleetCommand(cli, std::move(hosts), run, console);
+    ConsoleOutput output(console, cli.options.host);
+    return RunOnHost({cli.options.host, 0}, run->options, run->credentials, output, run->request);
+  } catch (const CommandError& e) {
+    console.Err(std::string("pelmora: ") + e.what() + "\n");
+    return kExitUsage;
+  }
+}
+
+CLI::App* AddAdminLeaf(CLI::App& admin, CommandAction& action,
+                       const std::shared_ptr<AdminCli>& cli, const std::string& name,
+                       const std::string& help, RequestMaker make,
+                       const std::shared_ptr<LeafArgs>& args, bool needs_access_code) {
+  CLI::App* leaf = admin.add_subcommand(name, help);
+  leaf->fallthrough();
+  leaf->callback([&action, cli, make, args, needs_access_code] {
+    action = [cli, make, args, needs_access_code] {
+      return RunAdmin(*cli, make(*args), needs_access_code);
+    };
+  });
+  return leaf;
+}
+
+void AddAdminCommand(CLI::App& app, CommandAction& action) {
+  CLI::App* admin = app.add_subcommand("admin", "The administration service of a host or a fleet");
+  admin->require_subcommand(1);
+  admin->footer(kAdminExamples);
+  auto cli = std::make_shared<AdminCli>();
+  AddGlobalOptions(*admin, *cli);
+  AddFleetOptions(*admin, *cli);
+  AddAdminLeaves(*admin, action, cli);
+}
+
+}  // namespace pelmora_tool

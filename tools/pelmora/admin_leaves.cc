@@ -1,0 +1,170 @@
+// The commands of `pelmora admin`: each binds its arguments to one request of admin_requests.h.
+#include <memory>
+#include <string>
+
+#include "tools/pelmora/admin_cli.h"
+#include "tools/pelmora/admin_requests.h"
+#include "tools/pelmora/admin_transfers.h"
+
+namespace pelmora_tool {
+namespace {
+
+using OneArgument = int (*)(HostSession&, const std::string&);
+using TwoArguments = int (*)(HostSession&, const std::string&, const std::string&);
+
+// A command without arguments.
+void AddPlain(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli,
+              const std::string& name, const std::string& help, int (*run)(HostSession&)) {
+  AddAdminLeaf(
+      admin, action, cli, name, help, [run](const LeafArgs&) { return HostRequest(run); },
+      std::make_shared<LeafArgs>());
+}
+
+// A command with one required argument; returns it for its own options.
+CLI::App* AddOne(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli,
+                 const std::string& name, const std::string& argument, const std::string& help,
+                 OneArgument run, std::shared_ptr<LeafArgs> args = std::make_shared<LeafArgs>()) {
+  CLI::App* leaf = AddAdminLeaf(
+      admin, action, cli, name, help,
+      [run](const LeafArgs& a) {
+        return [run, first = a.first](HostSession& s) { return run(s, first); };
+      },
+      args);
+  leaf->add_option(argument, args->first, argument + " on the server")->required();
+  return leaf;
+}
+
+// A command with a source and a target.
+void AddTwo(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli,
+            const std::string& name, const std::string& help, TwoArguments run) {
+  auto args = std::make_shared<LeafArgs>();
+  CLI::App* leaf = AddAdminLeaf(
+      admin, action, cli, name, help,
+      [run](const LeafArgs& a) {
+        return [run, a](HostSession& s) { return run(s, a.first, a.second); };
+      },
+      args);
+  leaf->add_option("SRC", args->first, "Existing path on the server")->required();
+  leaf->add_option("DST", args->second, "New path on the server")->required();
+}
+
+void AddExec(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli) {
+  auto args = std::make_shared<LeafArgs>();
+  CLI::App* leaf = AddAdminLeaf(
+      admin, action, cli, "exec", "Run a command line on the host; its output streams as it comes",
+      [](const LeafArgs& a) {
+        std::string line;
+        for (const std::string& word : a.words) line += (line.empty() ? "" : " ") + word;
+        return [line, timeout = a.timeout_ms](HostSession& s) { return Exec(s, line, timeout); };
+      },
+      args, true);
+  leaf->add_option("--timeout", args->timeout_ms, "The command's time-out, in ms")
+      ->capture_default_str()
+      ->check(CLI::Range(0, 2147482647));
+  leaf->add_option("COMMANDLINE", args->words, "The command line (quote it, or put -- first)")
+      ->required();
+}
+
+void AddCopy(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli) {
+  auto args = std::make_shared<LeafArgs>();
+  CLI::App* leaf = AddAdminLeaf(
+      admin, action, cli, "cp", "Copy a file, or with -r a folder, on the server",
+      [](const LeafArgs& a) {
+        return [a](HostSession& s) { return Copy(s, a.first, a.second, a.recursive, a.overwrite); };
+      },
+      args);
+  leaf->add_flag("-r,--recursive", args->recursive, "Copy a folder with its contents");
+  leaf->add_flag("-f,--force", args->overwrite, "Replace an existing target");
+  leaf->add_option("SRC", args->first, "Existing file or folder on the server")->required();
+  leaf->add_option("DST", args->second, "New file or folder on the server")->required();
+}
+
+void AddTouch(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli) {
+  auto args = std::make_shared<LeafArgs>();
+  CLI::App* leaf = AddAdminLeaf(
+      admin, action, cli, "touch", "Create an empty file on the server",
+      [](const LeafArgs& a) {
+        return [a](HostSession& s) { return Touch(s, a.first, a.unicode, a.overwrite); };
+      },
+      args);
+  leaf->add_flag("--unicode", args->unicode, "Create a UTF-16 text file");
+  leaf->add_flag("-f,--force", args->overwrite, "Empty an existing file");
+  leaf->add_option("PATH", args->first, "File on the server")->required();
+}
+
+void AddAppRoot(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli) {
+  auto args = std::make_shared<LeafArgs>();
+  CLI::App* leaf = AddAdminLeaf(
+      admin, action, cli, "approot", "The application's root folder on the server",
+      [](const LeafArgs& a) {
+        return [product = a.first](HostSession& s) { return AppRoot(s, product); };
+      },
+      args);
+  leaf->add_option("--product", args->first, "qel or vorin")
+      ->required()
+      ->check(CLI::IsMember({"qel", "vorin"}, CLI::ignore_case));
+}
+
+void AddList(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli) {
+  auto args = std::make_shared<LeafArgs>();
+  CLI::App* leaf = AddAdminLeaf(
+      admin, action, cli, "ls", "List a folder on the server",
+      [](const LeafArgs& a) {
+        return [a](HostSession& s) { return ListFolder(s, a.first, a.long_form); };
+      },
+      args);
+  leaf->add_flag("-l", args->long_form, "Attributes, size and last-write time too");
+  leaf->add_option("FOLDER", args->first, "Folder on the server")->required();
+}
+
+void AddGet(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli) {
+  auto args = std::make_shared<LeafArgs>();
+  CLI::App* leaf = AddAdminLeaf(
+      admin, action, cli, "get", "Download a file (fleet: into LOCAL/<host>/)",
+      [](const LeafArgs& a) { return [a](HostSession& s) { return Get(s, a.first, a.second); }; },
+      args);
+  leaf->add_option("REMOTE", args->first, "File on the server")->required();
+  leaf->add_option("LOCAL", args->second, "Local file or folder (default: the remote name here)");
+}
+
+void AddPut(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli) {
+  auto args = std::make_shared<LeafArgs>();
+  CLI::App* leaf = AddAdminLeaf(
+      admin, action, cli, "put", "Upload a file",
+      [](const LeafArgs& a) { return [a](HostSession& s) { return Put(s, a.first, a.second); }; },
+      args);
+  leaf->add_option("LOCAL", args->first, "Local file")->required()->check(CLI::ExistingFile);
+  leaf->add_option("REMOTE", args->second, "File on the server (ending in \\: that folder)")
+      ->required();
+}
+
+}  // namespace
+
+void AddAdminLeaves(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli) {
+  AddExec(admin, action, cli);
+  AddPlain(admin, action, cli, "time", "The server's clock", Time);
+  AddAppRoot(admin, action, cli);
+  AddOne(admin, action, cli, "path", "KEY", "The server path registered under KEY", PathWithKey);
+  AddPlain(admin, action, cli, "sysdir", "The server's system folder", SystemDirectory);
+  AddPlain(admin, action, cli, "printq", "The server's print queues", PrintQueue);
+  AddOne(admin, action, cli, "version", "FILE", "The version of a file on the server",
+         FileVersion);
+  AddPlain(admin, action, cli, "same-machine",
+           "Whether the service runs on this machine (exit 0: yes)", SameMachine);
+  AddOne(admin, action, cli, "exists", "PATH", "Whether a file or folder exists (exit 0: yes)",
+         Exists);
+  AddCopy(admin, action, cli);
+  AddTwo(admin, action, cli, "mv", "Move (rename) a file on the server", Move);
+  AddOne(admin, action, cli, "rm", "PATH", "Delete a file on the server", RemoveFile);
+  AddOne(admin, action, cli, "rmdir", "FOLDER", "Delete a folder on the server", RemoveFolder);
+  AddOne(admin, action, cli, "mkdir", "FOLDER", "Create a folder on the server", MakeFolder);
+  AddTouch(admin, action, cli);
+  AddList(admin, action, cli);
+  AddOne(admin, action, cli, "stat", "PATH", "Information on a file or folder", Stat);
+  AddGet(admin, action, cli);
+  AddPut(admin, action, cli);
+  AddOne(admin, action, cli, "fetch", "REMOTE",
+         "Bring the server file into the local cache if changed; print its local path", Fetch);
+}
+
+}  // namespace pelmora_tool

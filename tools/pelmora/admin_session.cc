@@ -1,0 +1,144 @@
+#include "tools/pelmora/admin_session.h"
+
+#include <fcntl.h>
+#include <netdb.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "pelmora/common/error.h"
+#include "pelmora/common/error_texts.h"
+#include "tools/pelmora/crypto_io.h"
+
+namespace pelmora_tool {
+namespace {
+
+constexpr int32_t kTimedOut = 10060;  // WSAETIMEDOUT
+
+std::string FromBytes(Bytes bytes) {
+  std::string text(bytes.begin(), bytes.end());
+  Wipe(bytes);
+  return text;
+}
+
+// A secret from `file` (without its line end), else from the environment variable `variable`;
+// "" when neither is given.
+std::string FileOrEnvironment(const std::string& file, const char* variable) {
+  if (!file.empty()) return FromBytes(ReadPassword(file, ""));
+  const char* value = std::getenv(variable);
+  return value == nullptr ? "" : value;
+}
+
+// Whether a TCP connection to host:port is still not made after `timeout_ms`. Resolution
+// failures and refusals are not a time-out: the library's own connect reports them.
+bool ConnectTimesOut(const std::string& host, int32_t port, int32_t timeout_ms) {
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) return false;
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  bool timed_out = false;
+  if (fd >= 0 && connect(fd, found->ai_addr, found->ai_addrlen) != 0 && errno == EINPROGRESS) {
+    pollfd waiting{fd, POLLOUT, 0};
+    int ready = 0;
+    do {
+      ready = poll(&waiting, 1, timeout_ms);
+    } while (ready < 0 && errno == EINTR);
+    timed_out = ready == 0;
+  }
+  if (fd >= 0) close(fd);
+  freeaddrinfo(found);
+  return timed_out;
+}
+
+}  // namespace
+
+Credentials ResolveCredentials(const AdminOptions& options, bool needs_access_code) {
+  Credentials credentials;
+  credentials.account = options.account;
+  if (!options.account.empty()) {
+    credentials.password = FileOrEnvironment(options.password_file, "PELMORA_PASSWORD");
+    if (credentials.password.empty()) {
+      credentials.password =
+          FromBytes(ReadPassword("", "Password for " + options.account + ": "));
+    }
+    return credentials;
+  }
+  if (!needs_access_code) return credentials;
+  credentials.access_code = FileOrEnvironment(options.access_code_file, "PELMORA_ACCESS_CODE");
+  if (credentials.access_code.empty()) {
+    throw CommandError(
+        "exec with the built-in account needs the command access code: give "
+        "--access-code-file FILE or set PELMORA_ACCESS_CODE");
+  }
+  return credentials;
+}
+
+std::string HostFailure::Text() const {
+  return number == 0 ? description : std::to_string(number) + " " + description;
+}
+
+std::string ErrorLine(std::string_view host, const HostFailure& failure) {
+  return "pelmora: " + std::string(host) + ": " + failure.Text();
+}
+
+HostSession::HostSession(HostTarget target, const AdminOptions& options,
+                         const Credentials& credentials, HostOutput& output)
+    : target_(std::move(target)),
+      options_(options),
+      credentials_(credentials),
+      output_(output),
+      client_(std::make_unique<pelmora::admin::AdminClient>()) {
+  if (target_.port == 0) target_.port = options.port;
+}
+
+HostSession::~HostSession() = default;
+
+bool HostSession::Connect() {
+  const int32_t connect_limit = options_.connect_timeout_ms;
+  if (connect_limit > 0 && ConnectTimesOut(target_.name, target_.port, connect_limit)) {
+    Fail(kExitConnect, {kTimedOut, pelmora::DescribeError(kTimedOut)});
+    return false;
+  }
+  Fso().set_timeout(connect_limit > 0 ? connect_limit : options_.timeout_ms);
+  Client().SetServicePort(target_.port);
+  bool logged_in = credentials_.account.empty()
+                       ? Client().Connect(target_.name)
+                       : Fso().Connect(target_.name, target_.port, credentials_.account,
+                                       credentials_.password, false);
+  if (!logged_in) {
+    FailFromClient(kExitConnect);
+    return false;
+  }
+  Fso().set_timeout(options_.timeout_ms);
+  return true;
+}
+
+int HostSession::FailFromClient(int status) {
+  if (Fso().ErrCode() == 0 && Fso().ErrDescription().empty()) {
+    return Fail(status, {0, "the service refused the request"});
+  }
+  return Fail(status, {Fso().ErrCode(), Fso().ErrDescription()});
+}
+
+int HostSession::Fail(int status, HostFailure failure) {
+  output_.Fail(failure);
+  return status;
+}
+
+int RunOnHost(const HostTarget& target, const AdminOptions& options,
+              const Credentials& credentials, HostOutput& output, const HostRequest& request) {
+  HostSession session(target, options, credentials, output);
+  try {
+    if (!session.Connect()) return kExitConnect;
+    return request(session);
+  } catch (const pelmora::Error& e) {
+    return session.Fail(kExitFailed, {e.Number(), e.Description()});
+  }
+}
+
+}  // namespace pelmora_tool

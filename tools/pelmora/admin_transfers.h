@@ -1,0 +1,43 @@
+// The `pelmora admin` commands over listings, file information, transfers and the server-file
+// cache, on one connected host. Like admin_requests.h, each writes its result to the session's
+// output, reports a failure as the library's number and text, and returns the host's exit status.
+// Transfers show their progress (bytes, rate, time left) when the output does.
+//
+//   if (session.Connect()) status = Get(session, "C:\\logs\\app.log", "");  // ./app.log
+#ifndef TOOLS_PELMORA_ADMIN_TRANSFERS_H_
+#define TOOLS_PELMORA_ADMIN_TRANSFERS_H_
+
+#include <string>
+
+#include "tools/pelmora/admin_session.h"
+
+namespace pelmora_tool {
+
+// The entries of a remote folder, one name a line, or with `long_form` their attributes
+// ("drhsa" letters), size, last-write time and name.
+int ListFolder(HostSession& session, const std::string& folder, bool long_form);
+
+// One remote file's or folder's information, one field a line.
+int Stat(HostSession& session, const std::string& path);
+
+// Downloads `remote` to `local`: "" means the remote file's name in the current folder, an
+// existing folder (or a name ending in "/") receives the file under its remote name. In a fleet
+// run each host's file goes to <local or .>/<host>/<name>. Local files that cannot be made give 2.
+int Get(HostSession& session, const std::string& remote, const std::string& local);
+
+// Uploads `local` to `remote`; a remote name ending in "\" or "/" receives the local file's name.
+int Put(HostSession& session, const std::string& local, const std::string& remote);
+
+// Makes sure the local server-file cache holds the current `remote` and prints its local path.
+int Fetch(HostSession& session, const std::string& remote);
+
+// The "drhsa" letters of attribute bits (directory, read-only, hidden, system, archive).
+std::string AttributeLetters(int32_t attributes);
+
+// The local path a download lands at (see Get); `host` is "" outside fleet runs.
+std::string DownloadTarget(const std::string& remote, const std::string& local,
+                           const std::string& host);
+
+}  // namespace pelmora_tool
+
+#endif  // TOOLS_PELMORA_ADMIN_TRANSFERS_H_

@@ -1,0 +1,170 @@
+// Listings, file information and transfers of `pelmora admin` against a scripted peer, and the
+// helpers that name local targets and read a transfer's progress from its descriptor.
+#include "tools/pelmora/admin_transfers.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "pelmora/admin/rc_file_info.h"
+#include "pelmora/admin/wire.h"
+#include "pelmora/admin/wire_replies.h"
+#include "pelmora/testing/admin_peer.h"
+#include "tools/pelmora/transfer_watch.h"
+
+namespace pelmora_tool {
+namespace {
+
+using pelmora::admin::FileInfoRecord;
+using pelmora::testing::Answer;
+using pelmora::testing::Bytes;
+using pelmora::testing::ExpectLogin;
+using pelmora::testing::ExpectRequest;
+using pelmora::testing::ResultData;
+using pelmora::testing::ScriptedPeer;
+using pelmora::testing::SizeData;
+namespace fs = std::filesystem;
+
+constexpr uint64_t kWriteTime = 128930000000000000;  // a FILETIME in 2009
+
+class TextOutput : public HostOutput {
+ public:
+  void Write(std::string_view piece) override { text.append(piece); }
+  void Fail(const HostFailure& failure) override { errors.push_back(ErrorLine("srv", failure)); }
+  std::string text;
+  std::vector<std::string> errors;
+};
+
+class AdminTransferTest : public ::testing::Test {
+ protected:
+  AdminTransferTest() : dir_(fs::path(::testing::TempDir()) / "pelmora-transfer-test") {
+    fs::remove_all(dir_);
+    fs::create_directories(dir_);
+    options_.host = "127.0.0.1";
+    options_.port = peer_.Port();
+    ExpectLogin(peer_, true);
+  }
+  ~AdminTransferTest() override { fs::remove_all(dir_); }
+
+  int Run(const HostRequest& request) {
+    peer_.Start();
+    int status = RunOnHost({"127.0.0.1", 0}, options_, secrets_, output_, request);
+    EXPECT_TRUE(peer_.Finish()) << peer_.Failure();
+    return status;
+  }
+  std::string RequestArgument(size_t chunk) {
+    auto block = pelmora::admin::ParseRequestBlock(peer_.Received(chunk));
+    return block ? pelmora::admin::DecodeUnicodeArgument(block->args.at(0)) : "";
+  }
+
+  fs::path dir_;
+  ScriptedPeer peer_;
+  AdminOptions options_;
+  Credentials secrets_;
+  TextOutput output_;
+};
+
+FileInfoRecord Entry(std::string name, int32_t attributes, int32_t size) {
+  return {.attributes = attributes,
+          .size = size,
+          .last_write_time = kWriteTime,
+          .name = name,
+          .full_path = "C:\\data\\" + name,
+          .parent_path = "C:\\data"};
+}
+
+TEST_F(AdminTransferTest, LongListingShowsAttributesSizeTimeAndName) {
+  std::vector<FileInfoRecord> entries = {Entry("logs", 0x10, 0), Entry("app.ini", 0x21, 1234)};
+  Bytes listing = pelmora::admin::BuildListing(entries);
+  ExpectRequest(peer_)
+      .ReplyWith(Answer(SizeData(static_cast<int32_t>(listing.size()))))
+      .Send(listing);
+  EXPECT_EQ(Run([](HostSession& s) { return ListFolder(s, "C:\\data", true); }), kExitOk);
+  std::string when = pelmora::admin::FileTimeToDate(kWriteTime).Format("yyyy-mm-dd hh:nn:ss");
+  EXPECT_EQ(output_.text, "d----           0 " + when + " logs\n-r--a        1234 " + when +
+                              " app.ini\n");
+  EXPECT_EQ(RequestArgument(2), "C:\\data");
+}
+
+TEST_F(AdminTransferTest, ListingAFolderTheServerCannotOpenFails) {
+  ExpectRequest(peer_).ReplyWith(Answer(SizeData(-1)));
+  EXPECT_EQ(Run([](HostSession& s) { return ListFolder(s, "C:\\none", false); }), kExitFailed);
+  EXPECT_THAT(output_.errors, ::testing::ElementsAre("pelmora: srv: 8118 Cannot open remote folder"));
+}
+
+TEST_F(AdminTransferTest, GetWritesTheServerBytesUnderTheRemoteName) {
+  const std::string content = "hello, file";
+  pelmora::admin::TransferHeader header{.size = static_cast<int32_t>(content.size()),
+                                        .last_write_time = kWriteTime};
+  ExpectRequest(peer_).ReplyWith(Answer(pelmora::admin::BuildTransferHeader(header)));
+  peer_.Receive(pelmora::admin::kPacketSize).Send(Bytes(content.begin(), content.end()));
+  std::string folder = dir_.string() + "/";
+  EXPECT_EQ(Run([&](HostSession& s) { return Get(s, "C:\\data\\app.ini", folder); }), kExitOk);
+  std::ifstream file(dir_ / "app.ini");
+  std::stringstream got;
+  got << file.rdbuf();
+  EXPECT_EQ(got.str(), content);
+  EXPECT_EQ(RequestArgument(2), "C:\\data\\app.ini");
+}
+
+TEST_F(AdminTransferTest, PutIntoAFolderKeepsTheLocalName) {
+  fs::path local = dir_ / "report.txt";
+  std::ofstream(local) << "twelve bytes";
+  ExpectRequest(peer_);
+  peer_.Receive(pelmora::admin::kPacketSize)  // the size message
+      .ReplyWith(Answer(pelmora::admin::BuildGoReply(true)))
+      .Receive(1500)
+      .ReplyWith(Answer(ResultData(true)));
+  EXPECT_EQ(Run([&](HostSession& s) { return Put(s, local.string(), "C:\\in\\"); }), kExitOk);
+  EXPECT_EQ(RequestArgument(2), "C:\\in\\report.txt");
+  Bytes piece = peer_.Received(4);
+  EXPECT_EQ(std::string(piece.begin(), piece.begin() + 12), "twelve bytes");
+}
+
+TEST_F(AdminTransferTest, PutRefusedByTheServerReportsIt) {
+  fs::path local = dir_ / "x.txt";
+  std::ofstream(local) << "x";
+  ExpectRequest(peer_);
+  peer_.Receive(pelmora::admin::kPacketSize).ReplyWith(Answer(pelmora::admin::BuildGoReply(false)));
+  EXPECT_EQ(Run([&](HostSession& s) { return Put(s, local.string(), "C:\\x.txt"); }), kExitFailed);
+  EXPECT_THAT(output_.errors, ::testing::ElementsAre("pelmora: srv: 8118 server create file fail"));
+}
+
+TEST(AdminTransfers, AttributeLettersFollowTheBits) {
+  EXPECT_EQ(AttributeLetters(0), "-----");
+  EXPECT_EQ(AttributeLetters(0x10), "d----");
+  EXPECT_EQ(AttributeLetters(0x37), "drhsa");
+  EXPECT_EQ(AttributeLetters(0x22), "--h-a");
+}
+
+TEST(AdminTransfers, DownloadTargets) {
+  std::string here = ::testing::TempDir();
+  EXPECT_EQ(DownloadTarget("C:\\logs\\app.log", "", ""), "app.log");
+  EXPECT_EQ(DownloadTarget("C:/logs/app.log", "copy.log", ""), "copy.log");
+  EXPECT_EQ(DownloadTarget("C:\\logs\\app.log", "out/", ""), "out/app.log");
+  EXPECT_EQ(DownloadTarget("C:\\logs\\app.log", here, ""), (fs::path(here) / "app.log").string());
+  EXPECT_EQ(DownloadTarget("C:\\logs\\app.log", "", "web01"), "./web01/app.log");
+  EXPECT_EQ(DownloadTarget("C:\\logs\\app.log", "all", "db1:8003"), "all/db1:8003/app.log");
+}
+
+TEST(AdminTransfers, OpenFileOffsetReadsTheDescriptorPosition) {
+  fs::path path = fs::path(::testing::TempDir()) / "pelmora-offset-test";
+  int fd = open(path.c_str(), O_CREAT | O_TRUNC | O_RDWR | O_CLOEXEC, 0600);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(write(fd, "0123456789", 10), 10);
+  EXPECT_EQ(OpenFileOffset(path.string()), std::optional<uint64_t>(10));
+  lseek(fd, 3, SEEK_SET);
+  EXPECT_EQ(OpenFileOffset(path.string()), std::optional<uint64_t>(3));
+  close(fd);
+  EXPECT_EQ(OpenFileOffset(path.string()), std::nullopt);
+  fs::remove(path);
+}
+
+}  // namespace
+}  // namespace pelmora_tool

@@ -1,0 +1,172 @@
+// The fleet runner with hosts simulated in the process: live prefixed lines, --parallel, the
+// reports, exit status and the overall time-out.
+#include "tools/pelmora/fleet.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdio>
+#include <future>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+
+namespace pelmora_tool {
+namespace {
+
+using ::testing::HasSubstr;
+
+// A console over two temporary files, read back after the run.
+class CapturedConsole {
+ public:
+  CapturedConsole() : out_(std::tmpfile()), err_(std::tmpfile()), console_(false, out_, err_) {}
+  ~CapturedConsole() {
+    std::fclose(out_);
+    std::fclose(err_);
+  }
+  Console& Get() { return console_; }
+  std::string Out() { return Read(out_); }
+  std::string Err() { return Read(err_); }
+
+ private:
+  static std::string Read(std::FILE* file) {
+    std::rewind(file);
+    std::string text;
+    char buffer[4096];
+    for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, file)) > 0;) text.append(buffer, n);
+    return text;
+  }
+  std::FILE* out_;
+  std::FILE* err_;
+  Console console_;
+};
+
+FleetOptions Hosts(const std::string& list) {
+  FleetOptions options;
+  options.hosts = ParseHostList(list);
+  return options;
+}
+
+// Hosts named "bad*" fail to connect; the others write two lines in three pieces.
+int Simulated(const HostTarget& target, HostOutput& output) {
+  if (target.name.rfind("bad", 0) == 0) {
+    output.Fail({10061, "refused"});
+    return kExitConnect;
+  }
+  output.Write("hello from ");
+  output.Write(target.name + "\nsecond");
+  output.Write(" line\n");
+  return kExitOk;
+}
+
+TEST(Fleet, LiveOutputPrefixesEachLineWithItsHost) {
+  CapturedConsole console;
+  FleetOutcome outcome = RunFleet(Hosts("web[1-3],bad1"), Simulated, console.Get());
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.abandoned, 0u);
+  std::string out = console.Out();
+  for (const char* host : {"web1", "web2", "web3"}) {
+    EXPECT_THAT(out, HasSubstr(std::string(host) + ": hello from " + host + "\n" + host +
+                               ": second line\n"));
+  }
+  EXPECT_THAT(out, HasSubstr("4 hosts: 3 ok, 1 failed"));
+  EXPECT_THAT(out, HasSubstr("bad1  failed        3    "));
+  EXPECT_EQ(console.Err(), "pelmora: bad1: 10061 refused\n");
+}
+
+TEST(Fleet, EveryHostSucceedingGivesStatusZeroAndRecordsInListOrder) {
+  CapturedConsole console;
+  FleetOutcome outcome = RunFleet(Hosts("a,b:9000,c"), Simulated, console.Get());
+  EXPECT_EQ(outcome.status, 0);
+  ASSERT_EQ(outcome.records.size(), 3u);
+  EXPECT_EQ(outcome.records[1].target.Display(), "b:9000");
+  EXPECT_EQ(outcome.records[1].port, 9000);
+  EXPECT_EQ(outcome.records[2].port, 8002);
+}
+
+TEST(Fleet, NeverRunsMoreHostsAtOnceThanParallel) {
+  std::atomic<int> running{0};
+  std::atomic<int> most{0};
+  auto runner = [&](const HostTarget&, HostOutput&) {
+    int now = ++running;
+    for (int seen = most; now > seen && !most.compare_exchange_weak(seen, now);) {
+    }
+    std::this_thread::yield();
+    --running;
+    return kExitOk;
+  };
+  CapturedConsole console;
+  FleetOptions options = Hosts("h[1-40]");
+  options.parallel = 3;
+  EXPECT_EQ(RunFleet(options, runner, console.Get()).status, 0);
+  EXPECT_LE(most.load(), 3);
+  EXPECT_GE(most.load(), 1);
+}
+
+TEST(Fleet, JsonPrintsOneObjectPerHostAndNoTable) {
+  CapturedConsole console;
+  FleetOptions options = Hosts("web1,bad1");
+  options.json = true;
+  RunFleet(options, Simulated, console.Get());
+  std::istringstream lines(console.Out());
+  std::set<std::string> hosts;
+  for (std::string line; std::getline(lines, line);) {
+    nlohmann::json object = nlohmann::json::parse(line);
+    hosts.insert(object["host"].get<std::string>());
+    if (object["host"] == "web1") {
+      EXPECT_EQ(object["output"], "hello from web1\nsecond line\n");
+      EXPECT_TRUE(object["error"].is_null());
+    } else {
+      EXPECT_EQ(object["error"]["number"], 10061);
+      EXPECT_EQ(object["status"], 3);
+    }
+  }
+  EXPECT_EQ(hosts, (std::set<std::string>{"web1", "bad1"}));
+  EXPECT_EQ(console.Err(), "");
+}
+
+TEST(Fleet, GroupPrintsEachHostAsOneBlock) {
+  CapturedConsole console;
+  FleetOptions options = Hosts("web1,web2");
+  options.group = true;
+  RunFleet(options, Simulated, console.Get());
+  std::string out = console.Out();
+  EXPECT_THAT(out, HasSubstr("=== web1 ===\nhello from web1\nsecond line\n"));
+  EXPECT_THAT(out, HasSubstr("=== web2 ===\nhello from web2\nsecond line\n"));
+}
+
+TEST(Fleet, OverallTimeOutLeavesSlowHostsBehindAsTimedOut) {
+  auto release = std::make_shared<std::promise<void>>();
+  std::shared_future<void> released = release->get_future().share();
+  auto runner = [released](const HostTarget& target, HostOutput& output) {
+    if (target.name == "slow") {
+      released.wait();
+      output.Write("too late\n");  // the run is closed: dropped
+    }
+    return kExitOk;
+  };
+  CapturedConsole console;
+  FleetOptions options = Hosts("fast,slow");
+  options.overall_timeout_ms = 200;
+  FleetOutcome outcome = RunFleet(options, runner, console.Get());
+  EXPECT_EQ(outcome.abandoned, 1u);
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.records[1].Result(), "timed out");
+  EXPECT_EQ(outcome.records[1].status, kExitTimedOut);
+  release->set_value();
+  EXPECT_THAT(console.Out(), HasSubstr("slow  timed out     6"));
+}
+
+TEST(Fleet, ARunnerThatThrowsCountsAsFailed) {
+  CapturedConsole console;
+  FleetOutcome outcome = RunFleet(
+      Hosts("x"),
+      [](const HostTarget&, HostOutput&) -> int { throw std::runtime_error("broken"); },
+      console.Get());
+  EXPECT_EQ(outcome.records[0].status, kExitFailed);
+  EXPECT_EQ(console.Err(), "pelmora: x: broken\n");
+}
+
+}  // namespace
+}  // namespace pelmora_tool
