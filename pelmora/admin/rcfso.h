@@ -273,6 +273,7 @@ class RCFSO {
   bool SendGoReply(bool ready);
   bool DownloadContent(const std::string& local, const TransferHeader& header);
   bool ReceiveContent(internal::LocalFile& file, int32_t size);
+  bool FailContent(internal::LocalFile& file, int32_t error, int64_t remaining);
 
   // Cache helper (rcfso_cache.cc): the cache path of a remote file, nullopt when refused.
   std::optional<std::string> CachePathOf(std::string_view remote_path) const;

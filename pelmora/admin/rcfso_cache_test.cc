@@ -28,17 +28,13 @@ using pelmora::testing::ExpectLogin;
 using pelmora::testing::ExpectRequest;
 using pelmora::testing::LogCapture;
 using pelmora::testing::LogIn;
+using pelmora::testing::ReadWholeFile;
 using pelmora::testing::ScriptedPeer;
 using pelmora::testing::SizeData;
 
 constexpr uint64_t kTicksPerSecond = 10000000;
 constexpr uint64_t kServerWrite = 123456789000000000;  // a whole second
 constexpr const char* kRemote = "D:\\Data\\shop.ini";
-
-Bytes ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), {});
-}
 
 void PlaceFile(const std::string& path, const Bytes& bytes, uint64_t last_write) {
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
@@ -124,7 +120,7 @@ TEST_F(RCFSOCache, FetchesAMissingFileOnceAndFindsItCurrent) {
   std::string local;
   EXPECT_TRUE(fso_.getUpdatedServerFileToTempFolder(kRemote, local)) << fso_.ErrDescription();
   EXPECT_EQ(local, Cached());
-  EXPECT_EQ(ReadFile(local), content);
+  EXPECT_EQ(ReadWholeFile(local), content);
   EXPECT_TRUE(peer_.Finish()) << peer_.Failure();
 }
 
@@ -151,7 +147,7 @@ TEST_F(RCFSOCache, RefetchesOnlyWhenTheSecondsDiffer) {
     ASSERT_TRUE(LogIn(fso, peer));
     std::string local;
     EXPECT_TRUE(fso.getUpdatedServerFileToTempFolder(kRemote, local));
-    EXPECT_EQ(ReadFile(local), c.fetched ? new_content : old_content);
+    EXPECT_EQ(ReadWholeFile(local), c.fetched ? new_content : old_content);
     EXPECT_TRUE(peer.Finish()) << peer.Failure();
   }
 }

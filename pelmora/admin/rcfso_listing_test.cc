@@ -24,6 +24,7 @@ using pelmora::testing::ExpectRequest;
 using pelmora::testing::LogCapture;
 using pelmora::testing::LogIn;
 using pelmora::testing::ScriptedPeer;
+using pelmora::testing::UnicodeRequestBlock;
 using pelmora::testing::SizeData;
 
 std::string Handle(const RCFSO& fso) { return RCFSOTestAccess::Handle(fso); }
@@ -36,11 +37,6 @@ FileInfoRecord Record(std::string name) {
   record.full_path = "C:\\Data\\" + name;
   record.parent_path = "C:\\Data";
   return record;
-}
-
-Bytes RequestBlockFor(RequestCode code, std::string_view path) {
-  const std::vector<Bytes> args = {EncodeUnicodeArgument(path)};
-  return BuildRequestBlock(code, args);
 }
 
 // A logged-in client whose one request is answered with a size message carrying `announced`
@@ -80,7 +76,7 @@ TEST(RCFSOListing, GetFolderFilesReadsEntriesInTheServersOrder) {
   EXPECT_EQ(files.Item(1)->FileName(), "a.txt");
   EXPECT_EQ(files.Item(2)->FullPathName(), "C:\\Data\\b.txt");
   EXPECT_EQ(exchange.fso().ErrCode(), 0);
-  EXPECT_EQ(exchange.Block(), RequestBlockFor(RequestCode::kGetFolderFiles, "C:\\Data"));
+  EXPECT_EQ(exchange.Block(), UnicodeRequestBlock(RequestCode::kGetFolderFiles, "C:\\Data"));
   EXPECT_TRUE(log.Has(".log", {"I", "RSFSO", "GetFolderFiles",
                                Handle(exchange.fso()) + "** GetFolderFile C:\\Data"}));
 }
@@ -182,7 +178,7 @@ TEST(RCFSOListing, GetFileInfoDropsATrailingSeparatorExceptAtADriveRoot) {
     EXPECT_FALSE(exchange.fso().GetFileInfo(c.given, info));
     EXPECT_EQ(exchange.fso().ErrCode(), 8118);
     EXPECT_EQ(exchange.fso().ErrDescription(), "Cannot open remote file");
-    EXPECT_EQ(exchange.Block(), RequestBlockFor(RequestCode::kGetFileInfo, c.sent)) << c.given;
+    EXPECT_EQ(exchange.Block(), UnicodeRequestBlock(RequestCode::kGetFileInfo, c.sent)) << c.given;
   }
 }
 

@@ -22,8 +22,9 @@ using internal::LocalFile;
 
 // Upload sends this many pieces per socket send.
 constexpr size_t kPiecesPerSend = 44;
-// Download writes the file in blocks of this many bytes.
-constexpr size_t kWriteBlock = 1024 * 1024;
+// Download asks the socket for this many bytes at a time (whole pieces; at least the socket's
+// read-ahead size, so that they are received straight into the block).
+constexpr int64_t kReceiveBlock = kPiecesPerSend * kPacketSize;
 // FILETIME ticks per millisecond: the last-write time a download sets is cut to milliseconds.
 constexpr uint64_t kTicksPerMillisecond = 10000;
 
@@ -199,23 +200,33 @@ bool RCFSO::DownloadContent(const std::string& local, const TransferHeader& head
   return true;
 }
 
+// The content is asked of the socket in blocks of whole pieces and each block goes straight to
+// the file. What reaches the file, and the count left when the socket fails, are those of
+// piece-by-piece receiving: a failing receive keeps only the whole pieces that came before it.
 bool RCFSO::ReceiveContent(internal::LocalFile& file, int32_t size) {
   ClearError();
   Bytes block;
-  block.reserve(kWriteBlock);
   int64_t remaining = size;
-  const int32_t e = StreamRawBytes(size, static_cast<int32_t>(kPacketSize),
-                                   [&](std::span<const uint8_t> piece) {
-                                     block.insert(block.end(), piece.begin(), piece.end());
-                                     remaining -= static_cast<int64_t>(piece.size());
-                                     if (block.size() + kPacketSize > kWriteBlock) {
-                                       file.WriteAll(block);
-                                       block.clear();
-                                     }
-                                   });
-  file.WriteAll(block);
-  if (e == sckSuccess) return true;
-  SetSocketError(e);
+  while (remaining > 0) {
+    const auto wanted = static_cast<int32_t>(std::min<int64_t>(remaining, kReceiveBlock));
+    int32_t e = socket_.GetData(block, wanted);
+    if (e == sckSuccess && (block.size() < static_cast<size_t>(wanted) || ClosedBeforeAnyByte(block))) {
+      e = sckConnectionReset;
+    }
+    size_t usable = block.size();
+    if (e != sckSuccess) {
+      // A receive that brought nothing leaves `wanted` zero bytes behind.
+      usable = block.size() < static_cast<size_t>(wanted) ? block.size() - block.size() % kPacketSize : 0;
+    }
+    file.WriteAll(std::span(block).first(usable));
+    remaining -= static_cast<int64_t>(usable);
+    if (e != sckSuccess) return FailContent(file, e, remaining);
+  }
+  return true;
+}
+
+bool RCFSO::FailContent(internal::LocalFile& file, int32_t error, int64_t remaining) {
+  SetSocketError(error);
   file.Close();
   TransferLog("Download",
               HandlePrefix() + "Get file content fail ,remain = " + std::to_string(remaining),

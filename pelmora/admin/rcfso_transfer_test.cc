@@ -31,7 +31,9 @@ using pelmora::testing::LogCapture;
 using pelmora::testing::LogIn;
 using pelmora::testing::LogLine;
 using pelmora::testing::ResultData;
+using pelmora::testing::ReadWholeFile;
 using pelmora::testing::ScriptedPeer;
+using pelmora::testing::UnicodeRequestBlock;
 
 constexpr uint64_t kCreation = 128000000001234567;
 constexpr uint64_t kAccess = 129000000007654321;
@@ -50,19 +52,9 @@ void WriteFile(const std::string& path, const Bytes& bytes) {
                                               static_cast<std::streamsize>(bytes.size()));
 }
 
-Bytes ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), {});
-}
-
 // The data of a framed packet the client sent.
 Bytes DataOf(const Bytes& packet, size_t size) {
   return Bytes(packet.begin() + kHeaderSize, packet.begin() + kHeaderSize + size);
-}
-
-Bytes RequestBlockFor(RequestCode code, std::string_view path) {
-  const std::vector<Bytes> args = {EncodeUnicodeArgument(path)};
-  return BuildRequestBlock(code, args);
 }
 
 // What a reused 1500-byte send buffer puts on the wire for `content`.
@@ -104,7 +96,7 @@ TEST_P(UploadSizes, SendsTheSizeMessageAndWholePieces) {
   ASSERT_TRUE(fso_.Upload(local, "D:\\in\\up.bin")) << fso_.ErrDescription();
   ASSERT_TRUE(peer_.Finish()) << peer_.Failure();
 
-  EXPECT_EQ(peer_.Received(2), RequestBlockFor(RequestCode::kUpload, "D:\\in\\up.bin"));
+  EXPECT_EQ(peer_.Received(2), UnicodeRequestBlock(RequestCode::kUpload, "D:\\in\\up.bin"));
   TransferHeader header;
   header.size = static_cast<int32_t>(content.size());
   header.creation_time = times->creation;
@@ -213,13 +205,13 @@ TEST_P(DownloadSizes, WritesTheContentAndSetsTheTimes) {
   ASSERT_TRUE(LogIn(fso_, peer_));
   ASSERT_TRUE(fso_.Download(local, "D:\\out\\f.bin")) << fso_.ErrDescription();
   ASSERT_TRUE(peer_.Finish()) << peer_.Failure();
-  EXPECT_EQ(peer_.Received(2), RequestBlockFor(RequestCode::kDownload, "D:\\out\\f.bin"));
+  EXPECT_EQ(peer_.Received(2), UnicodeRequestBlock(RequestCode::kDownload, "D:\\out\\f.bin"));
   EXPECT_EQ(DataOf(peer_.Received(3), 4), BuildGoReply(true));
   const auto times = LocalFile::OpenForReading(local).Times();  // before a read moves them
   ASSERT_TRUE(times);
   EXPECT_EQ(times->last_access, kAccess);
   EXPECT_EQ(times->last_write, kWrite - kWrite % 10000);
-  EXPECT_EQ(ReadFile(local), content);
+  EXPECT_EQ(ReadWholeFile(local), content);
   EXPECT_TRUE(log_.Has(".log", {"I", "RFSO", "Download",
                                 Handle(fso_) + "Download file size = " +
                                     std::to_string(content.size())}));
@@ -275,7 +267,7 @@ TEST_F(RCFSOTransfer, DownloadCutShortKeepsThePiecesReceived) {
     EXPECT_FALSE(fso.Download(local, "D:\\f"));
     EXPECT_EQ(fso.ErrCode(), close ? 10054 : 10060);
     EXPECT_EQ(fso.ErrDescription(), DescribeError(fso.ErrCode()));
-    EXPECT_EQ(ReadFile(local), Bytes(content.begin(), content.begin() + 1500));
+    EXPECT_EQ(ReadWholeFile(local), Bytes(content.begin(), content.begin() + 1500));
     EXPECT_TRUE(log_.Has(".log", {"I", "RFSO", "Download",
                                   Handle(fso) + "Get file content fail ,remain = 1500"}));
     fso.Disconnect();

@@ -1,6 +1,8 @@
 #include "pelmora/testing/admin_peer.h"
 
 #include <algorithm>
+#include <fstream>
+#include <iterator>
 
 #include "pelmora/admin/wire.h"
 #include "pelmora/admin/wire_replies.h"
@@ -54,6 +56,16 @@ Reply Answer(Bytes data) { return Answer(std::vector<Bytes>{std::move(data)}); }
 
 Bytes ResultData(bool success, int32_t code, std::string_view message) {
   return admin::BuildResultReply(success, code, message);
+}
+
+Bytes UnicodeRequestBlock(admin::RequestCode code, std::string_view argument) {
+  const std::vector<Bytes> args = {admin::EncodeUnicodeArgument(argument)};
+  return admin::BuildRequestBlock(code, args);
+}
+
+Bytes ReadWholeFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return Bytes(std::istreambuf_iterator<char>(in), {});
 }
 
 Bytes SizeData(int32_t n) { return admin::BuildSizeMessage(n); }

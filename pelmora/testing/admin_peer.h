@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "pelmora/admin/rcfso.h"
+#include "pelmora/admin/wire.h"
 #include "pelmora/common/internal/log_test_support.h"
 #include "pelmora/testing/scripted_peer.h"
 
@@ -51,6 +52,12 @@ Bytes TextData(std::string_view utf8);
 Bytes OutputData(std::string_view utf8);
 Bytes StatusData(int32_t status);
 Bytes KindData(int32_t kind, int32_t value);
+
+// A request block with one argument in Unicode form, as the client sends it for `code`.
+Bytes UnicodeRequestBlock(admin::RequestCode code, std::string_view argument);
+
+// The whole content of the file at `path` (empty when it cannot be read).
+Bytes ReadWholeFile(const std::string& path);
 
 // Script steps: receive the login packet and answer it with a result reply.
 ScriptedPeer& ExpectLogin(ScriptedPeer& peer, bool accept);

@@ -1,0 +1,254 @@
+// File transfers of the administration client next to a plain TCP pump of the same bytes.
+//
+// A peer thread plays the service's side over loopback. BM_AdminDownload: the peer announces
+// the file with a size message, waits for the go reply and streams the content; the client
+// writes it to a local file. BM_PlainDownload: the peer streams the same bytes on a plain socket
+// and the client writes them to the same kind of file with recv/write. BM_AdminUpload and
+// BM_PlainUpload do the reverse from a local file. Each run reports bytes_per_second and the
+// process's peak resident size (peak_rss_mib), which must stay far below the file's size.
+//   build/h/bench/pelmora_bench --benchmark_filter='Download|Upload'
+// Files are kept in /dev/shm when it exists. The file size is 1 GiB;
+// PELMORA_BENCH_TRANSFER_BYTES overrides it (e.g. 2040109465, 1.9 GiB).
+#include <arpa/inet.h>
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bench/loopback_listener.h"
+#include "pelmora/admin/rcfso.h"
+#include "pelmora/admin/wire.h"
+#include "pelmora/admin/wire_replies.h"
+#include "pelmora/common/system.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+namespace admin = pelmora::admin;
+
+constexpr size_t kBlock = 1 << 20;  // the plain pumps' buffer, and the peers' sending block
+
+int64_t TransferBytes() {
+  const char* text = std::getenv("PELMORA_BENCH_TRANSFER_BYTES");
+  const int64_t value = text != nullptr ? std::atoll(text) : 0;
+  return value > 0 && value <= 0x7FFFFFFF ? value : int64_t{1} << 30;
+}
+
+// Files live in memory (/dev/shm) where it exists, so that both sides of a comparison measure
+// the transfer, not the disk.
+std::string BenchFile(const char* name) {
+  const bool shm = ::access("/dev/shm", W_OK) == 0;
+  return (shm ? std::string("/dev/shm/") : pelmora::GetTempFolder()) + name;
+}
+
+bool Exactly(int fd, uint8_t* out, size_t n) {
+  for (size_t got = 0; got < n;) {
+    const ssize_t r = ::recv(fd, out + got, n - got, 0);
+    if (r <= 0) return false;
+    got += static_cast<size_t>(r);
+  }
+  return true;
+}
+
+bool SendAll(int fd, const uint8_t* data, size_t n) {
+  for (size_t sent = 0; sent < n;) {
+    const ssize_t r = ::send(fd, data + sent, n - sent, MSG_NOSIGNAL);
+    if (r <= 0) return false;
+    sent += static_cast<size_t>(r);
+  }
+  return true;
+}
+
+// Sends `count` bytes of a fixed pattern.
+bool Pump(int fd, int64_t count) {
+  const Bytes block(kBlock, 0x5A);
+  for (int64_t left = count; left > 0;) {
+    const auto n = static_cast<size_t>(std::min<int64_t>(left, kBlock));
+    if (!SendAll(fd, block.data(), n)) return false;
+    left -= static_cast<int64_t>(n);
+  }
+  return true;
+}
+
+// Receives and drops `count` bytes.
+bool Drain(int fd, int64_t count) {
+  Bytes block(kBlock);
+  for (int64_t left = count; left > 0;) {
+    const auto n = static_cast<size_t>(std::min<int64_t>(left, kBlock));
+    if (!Exactly(fd, block.data(), n)) return false;
+    left -= static_cast<int64_t>(n);
+  }
+  return true;
+}
+
+// A loopback listener whose one connection is served by `serve` on a thread.
+class Peer {
+ public:
+  explicit Peer(std::function<void(int fd)> serve) {
+    sockaddr_in address;
+    const int listener = pelmora::bench::ListenOnLoopback(address);
+    port_ = ntohs(address.sin_port);
+    thread_ = std::thread([listener, serve = std::move(serve)] {
+      const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+      ::close(listener);
+      if (fd < 0) return;
+      int on = 1;
+      ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+      serve(fd);
+      ::close(fd);
+    });
+  }
+  ~Peer() { thread_.join(); }
+  uint16_t Port() const { return port_; }
+
+ private:
+  uint16_t port_ = 0;
+  std::thread thread_;
+};
+
+int32_t SequenceOf(const Bytes& packet) {
+  uint32_t value = 0;
+  for (int i = 3; i >= 0; --i) value = (value << 8) | packet[3 + i];
+  return static_cast<int32_t>(value);
+}
+
+bool Reply(int fd, const Bytes& packet_received, const Bytes& data) {
+  const Bytes framed = admin::BuildFramedPacket(SequenceOf(packet_received), data);
+  return SendAll(fd, framed.data(), framed.size());
+}
+
+// The service's side: the login, then downloads (code 1) and uploads (code 0) of `size` bytes
+// until the client closes.
+void ServeTransfers(int fd, int64_t size) {
+  Bytes packet(admin::kPacketSize);
+  if (!Exactly(fd, packet.data(), packet.size()) || !Reply(fd, packet, admin::BuildResultReply(true, 0, ""))) return;
+  Bytes request(2 * admin::kPacketSize);
+  while (Exactly(fd, request.data(), request.size())) {
+    const bool upload = request[admin::kPacketSize] == 0;
+    if (upload) {
+      if (!Exactly(fd, packet.data(), packet.size()) || !Reply(fd, packet, admin::BuildGoReply(true))) return;
+      const int64_t pieces = (size + 1499) / 1500;
+      if (!Drain(fd, pieces * 1500) || !Reply(fd, packet, admin::BuildResultReply(true, 0, ""))) return;
+      continue;
+    }
+    admin::TransferHeader header;
+    header.size = static_cast<int32_t>(size);
+    if (!Reply(fd, request, admin::BuildTransferHeader(header))) return;
+    if (!Exactly(fd, packet.data(), packet.size()) || !Pump(fd, size)) return;
+  }
+}
+
+void ReportRss(benchmark::State& state, int64_t size) {
+  rusage usage{};
+  ::getrusage(RUSAGE_SELF, &usage);
+  state.counters["peak_rss_mib"] = static_cast<double>(usage.ru_maxrss) / 1024.0;
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * size);
+}
+
+// The local file an upload reads: `size` bytes, made once.
+const std::string& UploadSource(int64_t size) {
+  static const std::string path = [size] {
+    std::string name = BenchFile("pelmora-bench-upload.bin");
+    const int fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    const Bytes block(kBlock, 0xA5);
+    for (int64_t left = size; left > 0; left -= static_cast<int64_t>(kBlock)) {
+      const auto n = static_cast<size_t>(std::min<int64_t>(left, kBlock));
+      if (::write(fd, block.data(), n) != static_cast<ssize_t>(n)) break;
+    }
+    ::close(fd);
+    return name;
+  }();
+  return path;
+}
+
+int ConnectPlain(uint16_t port) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(port);
+  ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+  return fd;
+}
+
+void BM_AdminDownload(benchmark::State& state) {
+  const int64_t size = TransferBytes();
+  Peer peer([size](int fd) { ServeTransfers(fd, size); });
+  admin::RCFSO fso;
+  if (!fso.Connect("127.0.0.1", peer.Port(), "u", "p", true)) state.SkipWithError("login");
+  const std::string local = BenchFile("pelmora-bench-download.bin");
+  for (auto _ : state) {
+    if (!fso.Download(local, "D:\\bench.bin")) state.SkipWithError("Download");
+  }
+  fso.Disconnect();
+  ::unlink(local.c_str());
+  ReportRss(state, size);
+}
+BENCHMARK(BM_AdminDownload)->Iterations(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+void BM_PlainDownload(benchmark::State& state) {
+  const int64_t size = TransferBytes();
+  const std::string local = BenchFile("pelmora-bench-download.bin");
+  for (auto _ : state) {
+    Peer peer([size](int fd) { Pump(fd, size); });
+    const int fd = ConnectPlain(peer.Port());
+    const int file = ::open(local.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    Bytes block(kBlock);
+    for (int64_t left = size; left > 0;) {
+      const ssize_t r = ::recv(fd, block.data(), block.size(), 0);
+      if (r <= 0 || ::write(file, block.data(), static_cast<size_t>(r)) != r) break;
+      left -= r;
+    }
+    ::close(file);
+    ::close(fd);
+  }
+  ::unlink(local.c_str());
+  ReportRss(state, size);
+}
+BENCHMARK(BM_PlainDownload)->Iterations(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+void BM_AdminUpload(benchmark::State& state) {
+  const int64_t size = TransferBytes();
+  const std::string& source = UploadSource(size);
+  Peer peer([size](int fd) { ServeTransfers(fd, size); });
+  admin::RCFSO fso;
+  if (!fso.Connect("127.0.0.1", peer.Port(), "u", "p", true)) state.SkipWithError("login");
+  for (auto _ : state) {
+    if (!fso.Upload(source, "D:\\bench.bin")) state.SkipWithError("Upload");
+  }
+  fso.Disconnect();
+  ReportRss(state, size);
+}
+BENCHMARK(BM_AdminUpload)->Iterations(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+void BM_PlainUpload(benchmark::State& state) {
+  const int64_t size = TransferBytes();
+  const std::string& source = UploadSource(size);
+  for (auto _ : state) {
+    Peer peer([size](int fd) { Drain(fd, size); });
+    const int fd = ConnectPlain(peer.Port());
+    const int file = ::open(source.c_str(), O_RDONLY | O_CLOEXEC);
+    Bytes block(kBlock);
+    for (;;) {
+      const ssize_t n = ::read(file, block.data(), block.size());
+      if (n <= 0 || !SendAll(fd, block.data(), static_cast<size_t>(n))) break;
+    }
+    ::close(file);
+    ::close(fd);
+  }
+  ReportRss(state, size);
+}
+BENCHMARK(BM_PlainUpload)->Iterations(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+}  // namespace
