@@ -15,6 +15,7 @@
 
 #include <asio/awaitable.hpp>
 #include <asio/ip/tcp.hpp>
+#include <asio/posix/stream_descriptor.hpp>
 #include <asio/steady_timer.hpp>
 
 #include "pelmora/admin/wire.h"
@@ -25,6 +26,8 @@ namespace pelmorad {
 
 // Requests before a successful login that a session answers before it closes.
 inline constexpr int kMaxRequestsBeforeLogin = 3;
+
+struct RunningCommand;
 
 class Session : public std::enable_shared_from_this<Session> {
  public:
@@ -90,6 +93,10 @@ class Session : public std::enable_shared_from_this<Session> {
   asio::awaitable<bool> HandleUpload(const pelmora::admin::RequestBlock& block);
   asio::awaitable<bool> HandleDownload(const pelmora::admin::RequestBlock& block);
   asio::awaitable<bool> HandleCommand(const pelmora::admin::RequestBlock& block);
+  // Forwards a running command's output until it ends, is killed or the client goes; false when
+  // the connection is gone.
+  asio::awaitable<bool> StreamCommand(std::shared_ptr<RunningCommand> command, int32_t timeout);
+  asio::awaitable<bool> ForwardOutput(asio::posix::stream_descriptor& output);
 
   // Checks argument `index` as a path; `write` when the request changes the file system.
   Target ResolveArgument(const pelmora::admin::RequestBlock& block, std::size_t index,

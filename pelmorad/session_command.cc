@@ -1,6 +1,24 @@
 // Requests that run programs: command lines (code 20), the print queue (code 14) and the file
 // version of a Windows executable (code 18).
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <optional>
+
+#include <asio/posix/stream_descriptor.hpp>
+#include <asio/redirect_error.hpp>
+#include <asio/steady_timer.hpp>
+#include <asio/use_awaitable.hpp>
+
 #include "pelmora/admin/wire_replies.h"
+#include "pelmora/common/child_process.h"
+#include "pelmora/common/error.h"
+#include "pelmora/common/internal/pe_version.h"
+#include "pelmorad/audit.h"
+#include "pelmorad/blocking.h"
+#include "pelmorad/command_output.h"
 #include "pelmorad/session.h"
 #include "pelmorad/win_error.h"
 
@@ -8,20 +26,190 @@ namespace pelmorad {
 
 using pelmora::admin::RequestBlock;
 
+// One running command, shared with the handlers that may end it.
+struct RunningCommand {
+  std::optional<pelmora::ChildProcess> child;
+  int start_error = 0;
+  bool finished = false;
+  bool timed_out = false;
+  bool client_gone = false;
+
+  void Kill() {
+    if (!finished && child) child->KillGroup();
+  }
+};
+
+namespace {
+
+constexpr std::size_t kPrintQueueBytes = 64 * 1024;
+constexpr auto kDrainAfterExit = std::chrono::seconds(1);
+
+// The descriptors and timers of one running command, shared with their handlers (which may run
+// after the session has moved on).
+struct CommandIo {
+  CommandIo(const asio::any_io_executor& executor, const pelmora::ChildProcess& child)
+      : output(executor, ::dup(child.output_fd())),
+        exit_watch(executor, ::dup(child.exit_fd())),
+        deadline(executor),
+        drain(executor, asio::steady_timer::time_point::max()) {}
+
+  asio::posix::stream_descriptor output;
+  asio::posix::stream_descriptor exit_watch;
+  asio::steady_timer deadline;
+  asio::steady_timer drain;
+};
+
+pelmora::ChildSpec SpecFor(const Config& config, const Account& account, std::string command) {
+  pelmora::ChildSpec spec;
+  spec.command_line = std::move(command);
+  spec.shell = config.shell;
+  spec.working_folder = account.working_folder;
+  spec.run_as = account.run_as;
+  return spec;
+}
+
+int32_t StatusFor(const RunningCommand& command, const pelmora::ChildExit& exit) {
+  if (command.timed_out) return pelmora::admin::kProcessTimedOut;
+  return exit.signalled ? pelmora::admin::kProcessEndedAbnormally
+                        : pelmora::admin::kProcessEndedNormally;
+}
+
+}  // namespace
+
 asio::awaitable<bool> Session::HandleCommand(const RequestBlock& block) {
-  AuditRequest(block.code, "command lines are not available", kInvalidFunction);
-  co_return co_await Refuse(block, kInvalidFunction);
+  std::optional<pelmora::admin::CommandRequest> request = pelmora::admin::ParseCommandRequest(block);
+  int32_t refusal = !request                                        ? kInvalidParameter
+                    : !account_->commands                           ? kAccessDenied
+                    : context_.running_commands >= limits().commands ? kNotEnoughMemory
+                                                                    : kSuccess;
+  if (refusal != kSuccess) {
+    AuditRequest(block.code, request ? request->command : "", refusal);
+    co_return co_await Refuse(block, refusal);
+  }
+  auto command = std::make_shared<RunningCommand>();
+  pelmora::ChildSpec spec = SpecFor(runtime_->config, *account_, request->command);
+  command->start_error = co_await RunBlocking(context_.pool, [&] {
+    try {
+      command->child.emplace(pelmora::ChildProcess::Start(spec));
+      return 0;
+    } catch (const pelmora::Error& error) {
+      return static_cast<int>(error.Number());
+    }
+  });
+  if (command->start_error != 0) {
+    AuditRequest(block.code, request->command, command->start_error);
+    co_return co_await Refuse(block, command->start_error);
+  }
+  context_.running_commands += 1;
+  command_group_ = command->child->pid();
+  bool connected = co_await StreamCommand(command, request->timeout);
+  command_group_ = 0;
+  context_.running_commands -= 1;
+  pelmora::ChildExit exit = co_await RunBlocking(context_.pool, [&] {
+    return command->child->Wait();
+  });
+  int32_t status = StatusFor(*command, exit);
+  AuditRequest(block.code, request->command + (exit.signalled ? " (signal " : " (exit ") +
+                               std::to_string(exit.code) + ")",
+               command->client_gone ? kInvalidFunction : status);
+  if (!connected || command->client_gone) co_return false;
+  std::vector<uint8_t> reply = pelmora::admin::BuildCommandStatusReply(status);
+  co_return co_await SendMessage(reply);
+}
+
+asio::awaitable<bool> Session::StreamCommand(std::shared_ptr<RunningCommand> command,
+                                             int32_t timeout) {
+  idle_timer_.expires_at(asio::steady_timer::time_point::max());
+  auto io = std::make_shared<CommandIo>(socket_.get_executor(), *command->child);
+  if (timeout > 0) {
+    io->deadline.expires_after(std::chrono::milliseconds(timeout));
+    io->deadline.async_wait([command](const asio::error_code& error) {
+      if (error || command->finished) return;
+      command->timed_out = true;
+      command->Kill();
+    });
+  }
+  socket_.async_wait(asio::socket_base::wait_read, [command](const asio::error_code& error) {
+    if (error || command->finished) return;
+    command->client_gone = true;  // a client never sends while its command runs
+    command->Kill();
+  });
+  io->exit_watch.async_wait(asio::posix::descriptor_base::wait_read,
+                            [io](const asio::error_code& error) {
+                              if (!error) io->drain.expires_after(kDrainAfterExit);
+                              io->drain.async_wait([io](const asio::error_code& drained) {
+                                // a grandchild that left the group may still hold the pipe
+                                if (!drained) io->output.cancel();
+                              });
+                            });
+  bool connected = co_await ForwardOutput(io->output);
+  command->finished = true;
+  asio::error_code ignored;
+  io->deadline.cancel();
+  io->drain.cancel();
+  io->exit_watch.cancel(ignored);
+  socket_.cancel(ignored);
+  // The shell may close its output before it ends: wait for the exit itself.
+  if (!command->child->TryReap()) {
+    co_await io->exit_watch.async_wait(asio::posix::descriptor_base::wait_read,
+                                       asio::redirect_error(asio::use_awaitable, ignored));
+  }
+  co_return connected;
+}
+
+asio::awaitable<bool> Session::ForwardOutput(asio::posix::stream_descriptor& output) {
+  std::string pending;
+  std::vector<char> buffer(pelmora::admin::kMaxCommandOutput);
+  while (true) {
+    asio::error_code error;
+    std::size_t got = co_await output.async_read_some(
+        asio::buffer(buffer.data(), buffer.size() - pending.size()),
+        asio::redirect_error(asio::use_awaitable, error));
+    if (error) break;
+    pending.append(buffer.data(), got);
+    std::size_t whole = WholeUtf8Prefix(pending);
+    if (whole == 0) continue;
+    std::vector<uint8_t> reply =
+        pelmora::admin::BuildCommandOutputReply(std::string_view(pending).substr(0, whole));
+    pending.erase(0, whole);
+    if (!co_await SendMessage(reply)) co_return false;
+  }
+  if (pending.empty()) co_return true;
+  std::vector<uint8_t> reply = pelmora::admin::BuildCommandOutputReply(pending);
+  co_return co_await SendMessage(reply);
 }
 
 asio::awaitable<bool> Session::HandlePrintQueue(const RequestBlock& block) {
+  const std::string& command_line = runtime_->config.print_queue_command;
+  std::string text;
+  if (!command_line.empty()) {
+    pelmora::ChildSpec spec = SpecFor(runtime_->config, *account_, command_line);
+    auto limit = std::chrono::seconds(limits().print_queue_seconds);
+    std::optional<std::string> output = co_await RunBlocking(
+        context_.pool, [&] { return RunForOutput(spec, kPrintQueueBytes, limit); });
+    text = output.value_or("");
+  }
   AuditRequest(block.code, "print queue", kSuccess);
-  co_return co_await SendSized({});
+  std::vector<uint8_t> data = pelmora::admin::EncodeWireText(text);
+  co_return co_await SendSized(data);
 }
 
 asio::awaitable<bool> Session::HandleFileVersion(const RequestBlock& block) {
   Target target = ResolveArgument(block, 0, false);
-  AuditRequest(block.code, target.text, target.error);
-  co_return co_await SendMessage({});
+  std::string version;
+  int32_t result = target.error;
+  if (result == kSuccess) {
+    auto drives = runtime_->drives;
+    result = co_await RunBlocking(context_.pool, [&] {
+      Opened file = drives->OpenBeneath(target.path, O_RDONLY);
+      if (!file.fd) return drives->ResolveError(target.path, file.error);
+      version = pelmora::internal::ReadFileVersion(file.fd.get());
+      return kSuccess;
+    });
+  }
+  AuditRequest(block.code, target.text, result);
+  std::vector<uint8_t> data = pelmora::admin::EncodeWireText(version);
+  co_return co_await SendMessage(data);
 }
 
 }  // namespace pelmorad
