@@ -65,7 +65,8 @@ class InfoUnzipArchive : public ::testing::Test {
     WriteFile(dir_.Path("src/a.txt"), std::string(1000, 'a'));
     WriteFile(dir_.Path("src/b.txt"), "bee");
     ASSERT_EQ(RunIn(dir_.Path("src"), "touch -d '2021-03-04 05:06:07' a.txt b.txt"), 0);
-    ASSERT_EQ(RunIn(dir_.Path("src"), "zip -P secret ../e.zip a.txt b.txt"), 0);
+    ASSERT_TRUE(archive::testing::MakeEncrypted(
+        dir_.Path("src"), "zip -P secret ../e.zip a.txt b.txt", dir_.Path("e.zip"), {"wrong"}));
   }
   ScratchFolder dir_;
 };

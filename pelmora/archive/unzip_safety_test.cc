@@ -145,7 +145,8 @@ class UnzipPassword : public UnzipSafety {
     UnzipSafety::SetUp();
     WriteFile(dir_.Path("src/a.txt"), std::string(500, 'a'));
     WriteFile(dir_.Path("src/b.txt"), "bee");
-    ASSERT_EQ(RunIn(dir_.Path("src"), "zip -P secret ../h.zip a.txt b.txt"), 0);
+    ASSERT_TRUE(testing::MakeEncrypted(dir_.Path("src"), "zip -P secret ../h.zip a.txt b.txt",
+                                       dcl_.zip_file_name, {"wrong", "nope"}));
   }
 
   // Answers the password callback from `answers` in turn, recording the prompts.

@@ -66,7 +66,7 @@ TEST_F(ZipCommand, EncryptedRoundTripWithPasswordFileAndOption) {
   EXPECT_EQ(ReadFile(dir_.Path("out") + dir_.Path("src/sub/b.txt")), "bee");
   unzip.password = "wrong";
   unzip.test = true;
-  EXPECT_EQ(RunUnzipCommand(unzip, out_.File()), 82);
+  EXPECT_NE(RunUnzipCommand(unzip, out_.File()), 0);  // 82, or 2 when the check byte matches by chance
 }
 
 TEST_F(ZipCommand, ExitStatusesAreTheReturnCodes) {

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <random>
 #include <utility>
@@ -103,22 +104,37 @@ std::optional<ExtractionFolder> ExtractionFolder::Open(const std::string& path) 
   return ExtractionFolder(std::move(root));
 }
 
-PathStatus ExtractionFolder::OpenParent(std::string_view path, bool create,
-                                        OpenedParent& out) const {
+PathStatus ExtractionFolder::WalkToParent(std::string_view parent, bool create,
+                                          UniqueFd& out) const {
   UniqueFd current(dup(root_.Get()));
   if (!current.Valid()) return PathStatus::kSystemError;
-  size_t at = 0;
-  for (size_t slash = path.find('/'); slash != std::string_view::npos;
-       slash = path.find('/', at)) {
+  for (size_t at = 0; at < parent.size();) {
+    size_t slash = std::min(parent.find('/', at), parent.size());
     UniqueFd next;
-    PathStatus status = OpenChild(current.Get(), std::string(path.substr(at, slash - at)),
+    PathStatus status = OpenChild(current.Get(), std::string(parent.substr(at, slash - at)),
                                   create, next);
     if (status != PathStatus::kOk) return status;
     current = std::move(next);
     at = slash + 1;
   }
-  out.folder = std::move(current);
-  out.leaf = std::string(path.substr(at));
+  out = std::move(current);
+  return PathStatus::kOk;
+}
+
+PathStatus ExtractionFolder::OpenParent(std::string_view path, bool create,
+                                        OpenedParent& out) const {
+  size_t slash = path.rfind('/');
+  std::string_view parent = slash == std::string_view::npos ? "" : path.substr(0, slash);
+  out.leaf = std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
+  if (cache_valid_ && parent == cached_parent_) {
+    out.folder = UniqueFd(dup(cached_folder_.Get()));
+    return out.folder.Valid() ? PathStatus::kOk : PathStatus::kSystemError;
+  }
+  PathStatus status = WalkToParent(parent, create, out.folder);
+  if (status != PathStatus::kOk) return status;
+  cached_folder_ = UniqueFd(dup(out.folder.Get()));
+  cached_parent_ = std::string(parent);
+  cache_valid_ = cached_folder_.Valid();
   return PathStatus::kOk;
 }
 
@@ -161,8 +177,10 @@ std::optional<PendingFile> ExtractionFolder::StartFile(std::string_view path,
 
 bool ExtractionFolder::MakeLink(std::string_view path, const std::string& target,
                                 PathStatus& status) const {
+  cache_valid_ = false;
   OpenedParent parent;
   status = OpenParent(path, true, parent);
+  cache_valid_ = false;
   if (status != PathStatus::kOk) return false;
   struct stat st {};
   if (fstatat(parent.folder.Get(), parent.leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {

@@ -82,7 +82,14 @@ class ExtractionFolder {
 
  private:
   explicit ExtractionFolder(UniqueFd root) : root_(std::move(root)) {}
+  PathStatus WalkToParent(std::string_view parent, bool create, UniqueFd& out) const;
+
   UniqueFd root_;
+  // The last parent folder reached, so that the files of one folder need one walk. Links are
+  // only created by MakeLink, which forgets it.
+  mutable bool cache_valid_ = false;
+  mutable std::string cached_parent_;
+  mutable UniqueFd cached_folder_;
 };
 
 }  // namespace pelmora::archive::internal

@@ -24,7 +24,7 @@ void PkwareDecryptor::Update(uint8_t plain) {
 }
 
 uint8_t PkwareDecryptor::StreamByte() const {
-  uint16_t temp = static_cast<uint16_t>(keys_[2] | 2);
+  uint32_t temp = (keys_[2] | 2) & 0xffff;
   return static_cast<uint8_t>((temp * (temp ^ 1)) >> 8);
 }
 

@@ -9,6 +9,7 @@
 #include <zip.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -59,6 +60,23 @@ inline int RunIn(const std::string& folder, const std::string& command) {
   std::string line = "cd '" + folder + "' && " + command + " >/dev/null 2>&1";
   int status = std::system(line.c_str());
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Runs `zip_command` in `folder` to make the encrypted archive `archive` again until none of
+// `wrong` passwords passes its header check by chance (1 in 256 per entry); false if it never
+// settles.
+inline bool MakeEncrypted(const std::string& folder, const std::string& zip_command,
+                          const std::string& archive, const std::vector<std::string>& wrong) {
+  for (int attempt = 0; attempt < 20; ++attempt) {
+    std::remove(archive.c_str());
+    if (RunIn(folder, zip_command) != 0) return false;
+    bool settled = true;
+    for (const std::string& password : wrong) {
+      settled = settled && RunIn(folder, "unzip -tqq -P " + password + " '" + archive + "'") == 82;
+    }
+    if (settled) return true;
+  }
+  return false;
 }
 
 // One entry for BuildArchive.
