@@ -168,8 +168,9 @@ Variant WinINet::GetResponse(int32_t DataType) {
   auto chunk = static_cast<size_t>(chunk_size_);
   if (auto length = transfer_->Headers().Find("Content-Length")) {
     // A declared length is reserved at once (bounded), instead of growing chunk by chunk.
-    data.reserve(static_cast<size_t>(std::min(std::strtoull(length->c_str(), nullptr, 10),
-                                              static_cast<unsigned long long>(1) << 30)));
+    // (one chunk more: the last, empty read needs room too).
+    auto declared = std::min(std::strtoull(length->c_str(), nullptr, 10), 1ULL << 30);
+    data.reserve(static_cast<size_t>(declared) + chunk);
   }
   while (transfer_) {
     size_t before = data.size();
