@@ -5,6 +5,7 @@
 
 #include "pelmora/common/error.h"
 #include "pelmora/common/error_texts.h"
+#include "pelmora/net/internal/curl_errors.h"
 #include "pelmora/net/internal/curl_session.h"
 #include "pelmora/net/internal/curl_transfer.h"
 #include "pelmora/net/internal/url_cracker.h"
@@ -34,8 +35,6 @@ const ProtocolRow* FindProtocol(int32_t protocol) {
   }
   return nullptr;
 }
-
-[[noreturn]] void RaiseCode(int32_t code) { throw Error(code, DescribeError(code)); }
 
 std::string TrimmedSpaces(std::string_view text) {
   size_t first = text.find_first_not_of(' ');
@@ -126,9 +125,9 @@ void WinINet::SetURL(std::string_view value) {
     text = DefaultScheme(protocol_) + text;
   }
   net_internal::CanonicalResult canonical = net_internal::CanonicalizeUrl(text);
-  if (!canonical.ok) RaiseCode(canonical.error);
+  if (!canonical.ok) net_internal::RaiseWithText(canonical.error);
   CrackedUrl url = net_internal::CrackUrl(canonical.url);
-  if (!url.ok) RaiseCode(url.error);
+  if (!url.ok) net_internal::RaiseWithText(url.error);
   int32_t protocol = 0;
   int32_t service = 0;
   if (!ProtocolOfScheme(url.scheme, protocol, service)) throw Error(35752, "URL is malformed");
@@ -190,7 +189,7 @@ void WinINet::StartRequest(net_internal::TransferRequest request) {
   transfer_ = std::make_unique<net_internal::CurlTransfer>(*session_, std::move(request));
   if (int32_t error = transfer_->Start(); error != 0) {
     Cancel();
-    RaiseCode(error);
+    net_internal::RaiseWithText(error);
   }
 }
 

@@ -1,5 +1,6 @@
 // The WinINet object's transfers: Execute, UploadFile, OpenURL and the reading of responses.
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include "pelmora/common/codepage.h"
 #include "pelmora/common/error.h"
 #include "pelmora/common/error_texts.h"
+#include "pelmora/net/internal/curl_errors.h"
 #include "pelmora/net/internal/curl_transfer.h"
 #include "pelmora/net/internal/url_cracker.h"
 #include "pelmora/net/wininet.h"
@@ -19,15 +21,7 @@
 namespace pelmora {
 namespace {
 
-[[noreturn]] void RaiseCode(int32_t code) { throw Error(code, DescribeError(code)); }
-
 [[noreturn]] void RaiseBadArgument() { throw Error(5, "Invalid procedure call or argument"); }
-
-std::string Trimmed(const std::string& text) {
-  size_t first = text.find_first_not_of(' ');
-  if (first == std::string::npos) return {};
-  return text.substr(first, text.find_last_not_of(' ') - first + 1);
-}
 
 std::string UpperCase(std::string text) {
   for (char& c : text) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
@@ -79,6 +73,17 @@ int64_t ChunkedTotal(int64_t size, int64_t start, int64_t length, int64_t chunk)
   return total;
 }
 
+// Asks for huge pages under a large reserved result, which saves most of the page faults of
+// filling it; the advice is only a hint and its failure is ignored.
+void AdviseLargeBuffer(std::vector<uint8_t>& data) {
+  constexpr uintptr_t kHuge = uintptr_t{2} << 20;
+  if (data.capacity() < 4 * kHuge) return;
+  auto start = reinterpret_cast<uintptr_t>(data.data());
+  uintptr_t first = (start + kHuge - 1) & ~(kHuge - 1);
+  uintptr_t last = (start + data.capacity()) & ~(kHuge - 1);
+  ::madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
+}
+
 }  // namespace
 
 void WinINet::Execute(const std::string& URL, const std::string& Operation) {
@@ -88,7 +93,7 @@ void WinINet::Execute(const std::string& URL, const std::string& Operation) {
 
 void WinINet::Execute(const std::string& URL, const std::string& Operation, Variant& InputData,
                       const std::string& InputHdrs) {
-  if (!URL.empty()) SetURL(Trimmed(URL));
+  if (!URL.empty()) SetURL(URL);
   Cancel();
   RequireHost();
   std::vector<uint8_t> body = BodyOf(InputData);
@@ -106,7 +111,7 @@ void WinINet::Execute(const std::string& URL, const std::string& Operation, Vari
 
 int32_t WinINet::UploadFile(const std::string& FileName, int32_t Start, int32_t Length,
                             const std::string& URL, const std::string& InputHdrs) {
-  if (!URL.empty()) SetURL(Trimmed(URL));
+  if (!URL.empty()) SetURL(URL);
   Cancel();
   RequireHost();
   if (Start < 0 || Length < 0) RaiseBadArgument();
@@ -114,7 +119,7 @@ int32_t WinINet::UploadFile(const std::string& FileName, int32_t Start, int32_t 
   RequireHttp();
   CheckPort16();
   int fd = ::open(FileName.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) RaiseCode(FileErrorNumber(errno));
+  if (fd < 0) net_internal::RaiseWithText(FileErrorNumber(errno));
   struct stat info {};
   int64_t size = ::fstat(fd, &info) == 0 ? static_cast<int64_t>(info.st_size & 0xFFFFFFFF) : 0;
   if (Start > size) {
@@ -132,13 +137,15 @@ int32_t WinINet::UploadFile(const std::string& FileName, int32_t Start, int32_t 
 }
 
 Variant WinINet::OpenURL(const std::string& URL, int32_t DataType) {
-  if (!URL.empty()) SetURL(Trimmed(URL));
+  if (!URL.empty()) SetURL(URL);
   Cancel();
   RequireHost();
   OpenSession();
   net_internal::CrackedUrl url = net_internal::CrackUrl(this->URL());
   bool transfer_scheme = url.scheme >= InternetSchemeFtp && url.scheme <= InternetSchemeHttps;
-  if (!url.ok || !transfer_scheme) RaiseCode(net_internal::kErrorUnrecognizedScheme);
+  if (!url.ok || !transfer_scheme) {
+    net_internal::RaiseWithText(net_internal::kErrorUnrecognizedScheme);
+  }
   net_internal::TransferRequest request;
   request.scheme = url.scheme;
   request.host = std::move(url.host);
@@ -159,7 +166,7 @@ void WinINet::ReadInto(std::vector<uint8_t>& data, size_t size) {
     size_t got = 0;
     if (int32_t error = transfer_->Read(data.data() + used, size - used, got); error != 0) {
       data.resize(used);
-      RaiseCode(error);
+      net_internal::RaiseWithText(error);
     }
     if (got == 0) break;
     used += got;
@@ -173,8 +180,10 @@ Variant WinINet::GetResponse(int32_t DataType) {
   auto chunk = static_cast<size_t>(chunk_size_);
   if (auto length = transfer_->Headers().Find("Content-Length")) {
     // A declared length is reserved at once (bounded), instead of growing chunk by chunk.
-    data.reserve(static_cast<size_t>(std::min(std::strtoull(length->c_str(), nullptr, 10),
-                                              static_cast<unsigned long long>(1) << 31)));
+    // (one chunk more: the last, empty read needs room too).
+    auto declared = std::min(std::strtoull(length->c_str(), nullptr, 10), 1ULL << 30);
+    data.reserve(static_cast<size_t>(declared) + chunk);
+    AdviseLargeBuffer(data);
   }
   while (transfer_) {
     size_t before = data.size();
@@ -200,7 +209,7 @@ Variant WinINet::GetChunk(int32_t Size, int32_t DataType) {
 
 std::string WinINet::GetHeader(const std::string& HdrName) {
   if (!transfer_) return {};
-  if (!transfer_->IsHttp()) RaiseCode(net_internal::kIncorrectHandleType);
+  if (!transfer_->IsHttp()) net_internal::RaiseWithText(net_internal::kIncorrectHandleType);
   const net_internal::ResponseHeaders& headers = transfer_->Headers();
   if (HdrName.empty()) return AnsiToUtf8(headers.Raw());
   std::optional<std::string> value = headers.Find(Utf8ToAnsi(HdrName));

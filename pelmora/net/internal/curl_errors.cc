@@ -4,6 +4,9 @@
 
 #include <cerrno>
 
+#include "pelmora/common/error.h"
+#include "pelmora/common/error_texts.h"
+
 namespace pelmora::net_internal {
 namespace {
 
@@ -77,5 +80,7 @@ int32_t WinInetErrorFor(const TransferFailure& f) {
     default: return kInternetInternalError;
   }
 }
+
+void RaiseWithText(int32_t code) { throw Error(code, DescribeError(code)); }
 
 }  // namespace pelmora::net_internal

@@ -31,6 +31,10 @@ struct TransferFailure {
 // The WinInet number for `failure` (12004 for results with no closer meaning).
 int32_t WinInetErrorFor(const TransferFailure& failure);
 
+// Raises pelmora::Error with `code` and its system text ("Error: n (no description)" when the
+// system has none).
+[[noreturn]] void RaiseWithText(int32_t code);
+
 }  // namespace pelmora::net_internal
 
 #endif  // PELMORA_NET_INTERNAL_CURL_ERRORS_H_

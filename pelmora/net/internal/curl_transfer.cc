@@ -18,6 +18,8 @@ namespace pelmora::net_internal {
 namespace {
 
 constexpr long kMaxRedirects = 30;
+// libcurl's receive buffer: larger reads than its 16 KiB default, as the curl program uses.
+constexpr long kReceiveBuffer = 128 * 1024;
 
 // The SSL_CTX slot that leads the verify callback back to its transfer.
 int TransferSlot() {
@@ -107,6 +109,7 @@ void CurlTransfer::Configure(const CurlSession& session) {
   curl_easy_setopt(easy_, CURLOPT_MAXREDIRS, kMaxRedirects);
   curl_easy_setopt(easy_, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   curl_easy_setopt(easy_, CURLOPT_PATH_AS_IS, 1L);
+  curl_easy_setopt(easy_, CURLOPT_BUFFERSIZE, kReceiveBuffer);
   curl_easy_setopt(easy_, CURLOPT_WRITEFUNCTION, &CurlTransfer::OnWrite);
   curl_easy_setopt(easy_, CURLOPT_WRITEDATA, this);
   curl_easy_setopt(easy_, CURLOPT_HEADERFUNCTION, &CurlTransfer::OnHeader);

@@ -1,6 +1,6 @@
 #include "pelmora/net/internal/http_headers.h"
 
-#include <cctype>
+#include "pelmora/net/internal/url_cracker.h"
 
 namespace pelmora::net_internal {
 namespace {
@@ -14,17 +14,6 @@ std::string_view Trimmed(std::string_view text) {
   while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
   while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
   return text;
-}
-
-bool SameName(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i) {
-    if (std::tolower(static_cast<unsigned char>(a[i])) !=
-        std::tolower(static_cast<unsigned char>(b[i]))) {
-      return false;
-    }
-  }
-  return true;
 }
 
 }  // namespace
@@ -80,7 +69,7 @@ std::optional<std::string> ResponseHeaders::Find(std::string_view name, size_t i
   for (size_t i = 0; i < lines_.size(); ++i) {
     std::string_view line = lines_[i];
     size_t colon = line.find(':');
-    if (colon == std::string_view::npos || !SameName(Trimmed(line.substr(0, colon)), name)) {
+    if (colon == std::string_view::npos || !EqualsIgnoringCase(Trimmed(line.substr(0, colon)), name)) {
       continue;
     }
     if (index-- == 0) return std::string(Trimmed(line.substr(colon + 1)));

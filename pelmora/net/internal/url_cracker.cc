@@ -11,17 +11,6 @@ bool IsSchemeChar(char c) {
   return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '+' || c == '-' || c == '.';
 }
 
-bool EqualsNoCase(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i) {
-    if (std::tolower(static_cast<unsigned char>(a[i])) !=
-        std::tolower(static_cast<unsigned char>(b[i]))) {
-      return false;
-    }
-  }
-  return true;
-}
-
 // The position of "://" when everything before it is a scheme name, else npos.
 size_t SchemeSeparator(std::string_view url) {
   size_t pos = url.find("://");
@@ -171,6 +160,17 @@ std::string FilePath(std::string_view rest) {
 
 }  // namespace
 
+bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i) {
+    if (std::tolower(static_cast<unsigned char>(a[i])) !=
+        std::tolower(static_cast<unsigned char>(b[i]))) {
+      return false;
+    }
+  }
+  return true;
+}
+
 int32_t SchemeNumber(std::string_view name) {
   static constexpr std::array<std::pair<std::string_view, int32_t>, 11> kSchemes = {{
       {"ftp", kSchemeFtp},
@@ -186,7 +186,7 @@ int32_t SchemeNumber(std::string_view name) {
       {"res", kSchemeRes},
   }};
   for (const auto& [text, number] : kSchemes) {
-    if (EqualsNoCase(text, name)) return number;
+    if (EqualsIgnoringCase(text, name)) return number;
   }
   return kSchemeUnknown;
 }

@@ -70,6 +70,9 @@ struct CrackedUrl {
 // The backslash is not a separator here: canonicalise first.
 CrackedUrl CrackUrl(std::string_view url);
 
+// Whether two texts are equal when ASCII letters are compared without regard to case.
+bool EqualsIgnoringCase(std::string_view a, std::string_view b);
+
 // The scheme number of a scheme name, matched without regard to case (kSchemeUnknown if none).
 int32_t SchemeNumber(std::string_view name);
 
