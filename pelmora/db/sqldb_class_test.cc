@@ -6,6 +6,7 @@
 
 #include "pelmora/automation/registry.h"
 #include "pelmora/common/error.h"
+#include "pelmora/db/internal/test_support.h"
 #include "pelmora/testing/postgres_server.h"
 #include "pelmora/testing/raised_error.h"
 
@@ -13,14 +14,11 @@ namespace pelmora::db {
 namespace {
 
 using automation::CallByName;
+using internal::Array;
 using automation::CallKind;
 using automation::CreateObject;
 using automation::GetProperty;
 using automation::SetProperty;
-
-Variant Array(std::vector<Variant> items, int32_t lower_bound = 0) {
-  return Variant(VariantArray{lower_bound, std::move(items)});
-}
 
 Variant Call(const ObjectRef& object, std::string_view name, std::initializer_list<Variant> args) {
   return CallByName(object, name, CallKind::kMethod, args);

@@ -14,12 +14,9 @@
 namespace pelmora::db {
 namespace {
 
+using internal::Array;
 using internal::ReadRows;
 using testing::PostgresServer;
-
-Variant Array(std::vector<Variant> items, int32_t lower_bound = 0) {
-  return Variant(VariantArray{lower_bound, std::move(items)});
-}
 
 class SqlDbProcedures : public ::testing::Test {
  protected:

@@ -14,13 +14,10 @@
 namespace pelmora::db {
 namespace {
 
+using internal::Array;
 using internal::ReadRows;
 using testing::PostgresServer;
 using testing::TempFolder;
-
-Variant Array(std::vector<Variant> items, int32_t lower_bound = 0) {
-  return Variant(VariantArray{lower_bound, std::move(items)});
-}
 
 enum class Backend { kSqlite, kPostgres };
 
