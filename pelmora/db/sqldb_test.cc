@@ -167,6 +167,22 @@ INSTANTIATE_TEST_SUITE_P(Backends, SqlDbConnection,
                            return info.param == Backend::kSqlite ? "Sqlite" : "Postgres";
                          });
 
+TEST_P(SqlDbConnection, LongTextAndBytesRoundTripInPieces) {
+  std::string text(20000, 'x');
+  text += "Zoë";
+  std::vector<uint8_t> bytes(10000);
+  for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>(i * 7);
+  ASSERT_TRUE(db_.RunSQLNoReturn(Postgres() ? "CREATE TABLE blobs (t TEXT, b BYTEA)"
+                                            : "CREATE TABLE blobs (t TEXT, b BLOB)"));
+  ASSERT_TRUE(db_.RunSQLNoReturn("INSERT INTO blobs VALUES (?, ?)", Array({text, Variant(bytes)})))
+      << db_.ErrDescription();
+  std::shared_ptr<Recordset> rs = db_.RunSQLReturnRS("SELECT t, b FROM blobs");
+  ASSERT_TRUE(rs && !rs->Eof()) << db_.ErrDescription();
+  EXPECT_EQ(rs->FieldValue(Variant(0)), Variant(text));
+  EXPECT_EQ(rs->FieldValue(Variant(1)), Variant(bytes));
+  db_.RunSQLNoReturn("DROP TABLE blobs");
+}
+
 TEST(SqlDbConnect, UnknownDriverFailsWithTheDriverManagersText) {
   SQLDB db;
   EXPECT_FALSE(db.Connect("Driver=No Such Driver;Database=x"));

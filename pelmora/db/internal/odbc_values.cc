@@ -241,16 +241,39 @@ Variant ReadText(const OdbcHandle& statement, SQLUSMALLINT number, const ColumnI
 
 }  // namespace
 
+namespace {
+
+Variant ReadInteger(const OdbcHandle& statement, SQLUSMALLINT number, bool small) {
+  auto value = GetFixed<int64_t>(statement, number, SQL_C_SBIGINT);
+  return value ? IntegerVariant(*value, small) : Variant(Null{});
+}
+
+Variant ReadTimestamp(const OdbcHandle& statement, SQLUSMALLINT number) {
+  auto ts = GetFixed<SQL_TIMESTAMP_STRUCT>(statement, number, SQL_C_TYPE_TIMESTAMP);
+  return ts ? Variant(FromTimestamp(*ts)) : Variant(Null{});
+}
+
+// A time of day alone is a Date on the empty day, as automation keeps times.
+Variant ReadTime(const OdbcHandle& statement, SQLUSMALLINT number) {
+  auto time = GetFixed<SQL_TIME_STRUCT>(statement, number, SQL_C_TYPE_TIME);
+  if (!time) return Variant(Null{});
+  return Variant(FromTimestamp({1899, 12, 30, time->hour, time->minute, time->second, 0}));
+}
+
+Variant ReadBinary(const OdbcHandle& statement, SQLUSMALLINT number) {
+  std::optional<std::string> bytes = GetLong(statement, number, SQL_C_BINARY);
+  if (!bytes) return Variant(Null{});
+  return Variant(std::vector<uint8_t>(bytes->begin(), bytes->end()));
+}
+
+}  // namespace
+
 Variant ReadColumn(const OdbcHandle& statement, SQLUSMALLINT number, const ColumnInfo& column) {
   switch (column.sql_type) {
     case SQL_TINYINT:
-    case SQL_SMALLINT:
+    case SQL_SMALLINT: return ReadInteger(statement, number, true);
     case SQL_INTEGER:
-    case SQL_BIGINT: {
-      auto value = GetFixed<int64_t>(statement, number, SQL_C_SBIGINT);
-      if (!value) return Variant(Null{});
-      return IntegerVariant(*value, column.sql_type != SQL_INTEGER && column.sql_type != SQL_BIGINT);
-    }
+    case SQL_BIGINT: return ReadInteger(statement, number, false);
     case SQL_BIT: {
       auto value = GetFixed<unsigned char>(statement, number, SQL_C_BIT);
       return value ? Variant(*value != 0) : Variant(Null{});
@@ -261,23 +284,12 @@ Variant ReadColumn(const OdbcHandle& statement, SQLUSMALLINT number, const Colum
     case SQL_TYPE_DATE:
     case SQL_TYPE_TIMESTAMP:
     case SQL_DATE:
-    case SQL_TIMESTAMP: {
-      auto ts = GetFixed<SQL_TIMESTAMP_STRUCT>(statement, number, SQL_C_TYPE_TIMESTAMP);
-      return ts ? Variant(FromTimestamp(*ts)) : Variant(Null{});
-    }
+    case SQL_TIMESTAMP: return ReadTimestamp(statement, number);
     case SQL_TYPE_TIME:
-    case SQL_TIME: {
-      auto time = GetFixed<SQL_TIME_STRUCT>(statement, number, SQL_C_TYPE_TIME);
-      if (!time) return Variant(Null{});
-      return Variant(FromTimestamp({1899, 12, 30, time->hour, time->minute, time->second, 0}));
-    }
+    case SQL_TIME: return ReadTime(statement, number);
     case SQL_BINARY:
     case SQL_VARBINARY:
-    case SQL_LONGVARBINARY: {
-      std::optional<std::string> bytes = GetLong(statement, number, SQL_C_BINARY);
-      if (!bytes) return Variant(Null{});
-      return Variant(std::vector<uint8_t>(bytes->begin(), bytes->end()));
-    }
+    case SQL_LONGVARBINARY: return ReadBinary(statement, number);
     default: return ReadText(statement, number, column);
   }
 }
