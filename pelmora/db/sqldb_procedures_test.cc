@@ -62,14 +62,14 @@ TEST_F(SqlDbProcedures, ReturnParamsReadsOutputParameters) {
 
 TEST_F(SqlDbProcedures, OutputParametersKeepTheirTypes) {
   VariantArray outputs = db_.RunSPReturnParams(
-      "typed", Array({Array({"n", 3, 21}), Array({"d", 2, Variant(Date())}),
-                      Array({"ok", 2, false}), Array({"amount", 2, Variant(Currency{})}),
-                      Array({"x", 2, 0.0})}));
+      "typed",
+      Array({Array({"n", 3, 21}), Array({"d", 2, Variant(Date())}), Array({"ok", 2, false}),
+             Array({"amount", 2, Variant(Currency{})}), Array({"x", 2, 0.0})}));
   ASSERT_EQ(db_.ErrDescription(), "");
-  EXPECT_EQ(outputs.items,
-            (std::vector<Variant>{Variant(int32_t{42}),
-                                  Variant(*Date::FromCivil({2009, 3, 14, 8, 5, 9})), Variant(true),
-                                  Variant(Currency{123456}), Variant(0.5)}));
+  EXPECT_EQ(
+      outputs.items,
+      (std::vector<Variant>{Variant(int32_t{42}), Variant(*Date::FromCivil({2009, 3, 14, 8, 5, 9})),
+                            Variant(true), Variant(Currency{123456}), Variant(0.5)}));
 }
 
 TEST_F(SqlDbProcedures, ReturnRsReadsTheProceduresRows) {
@@ -77,8 +77,8 @@ TEST_F(SqlDbProcedures, ReturnRsReadsTheProceduresRows) {
   ASSERT_TRUE(rs) << db_.ErrDescription();
   std::vector<std::string> rows;
   for (int n = 0; n < 10 && !rs->Eof(); ++n, rs->MoveNext()) {
-    rows.push_back(rs->FieldValue(Variant("i")).ToString() + "^2=" +
-                   rs->FieldValue(Variant("square")).ToString());
+    rows.push_back(rs->FieldValue(Variant("i")).ToString() +
+                   "^2=" + rs->FieldValue(Variant("square")).ToString());
   }
   EXPECT_EQ(rows, (std::vector<std::string>{"1^2=1", "2^2=4", "3^2=9"}));
 }

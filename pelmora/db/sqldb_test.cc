@@ -108,7 +108,8 @@ TEST_P(SqlDbConnection, OpenTableAddsAndUpdatesRowsThroughBoundParameters) {
   EXPECT_TRUE(rs->Eof());
   ASSERT_TRUE(db_.InsertRecordRS(rs, Array({"id", "name", "height"}), Array({1, "O'Brien", 1.8})))
       << db_.ErrDescription();
-  ASSERT_TRUE(db_.InsertRecordRS(rs, Array({"id", "name"}, 1), Array({2, "x'); DROP TABLE people; --"}, 1)))
+  ASSERT_TRUE(
+      db_.InsertRecordRS(rs, Array({"id", "name"}, 1), Array({2, "x'); DROP TABLE people; --"}, 1)))
       << db_.ErrDescription();
   EXPECT_EQ(rs->FieldValue(Variant("name")), Variant("x'); DROP TABLE people; --"));
   rs->Close();
