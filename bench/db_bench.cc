@@ -40,11 +40,13 @@ struct BenchDatabase {
 
 const char* const kCreate = "CREATE TABLE bench (id INTEGER, name TEXT, score DOUBLE)";
 
-VariantArray Fields() { return VariantArray{0, {Variant("id"), Variant("name"), Variant("score")}}; }
+VariantArray Fields() {
+  return VariantArray{0, {Variant("id"), Variant("name"), Variant("score")}};
+}
 
 VariantArray Values(int i) {
-  return VariantArray{0, {Variant(int32_t{i}), Variant("name " + std::to_string(i)),
-                          Variant(i * 1.5)}};
+  return VariantArray{
+      0, {Variant(int32_t{i}), Variant("name " + std::to_string(i)), Variant(i * 1.5)}};
 }
 
 void BM_SqlDbInsertRecordSql(benchmark::State& state) {
@@ -75,8 +77,8 @@ void BM_OdbcDirectInsert(benchmark::State& state) {
   SQLHDBC dbc = nullptr;
   SQLHSTMT stmt = nullptr;
   Check(SQL_SUCCEEDED(SQLAllocHandle(SQL_HANDLE_ENV, SQL_NULL_HANDLE, &env)));
-  Check(SQL_SUCCEEDED(SQLSetEnvAttr(env, SQL_ATTR_ODBC_VERSION,
-                                    reinterpret_cast<SQLPOINTER>(SQL_OV_ODBC3), 0)));
+  Check(SQL_SUCCEEDED(
+      SQLSetEnvAttr(env, SQL_ATTR_ODBC_VERSION, reinterpret_cast<SQLPOINTER>(SQL_OV_ODBC3), 0)));
   Check(SQL_SUCCEEDED(SQLAllocHandle(SQL_HANDLE_DBC, env, &dbc)));
   std::string connect = "Driver=SQLite3;Database=" + database.path;
   Check(SQL_SUCCEEDED(SQLDriverConnect(dbc, nullptr, reinterpret_cast<SQLCHAR*>(connect.data()),

@@ -38,8 +38,8 @@ class Recordset : public std::enable_shared_from_this<Recordset> {
  public:
   // A recordset over `statement`, which has executed; positions on its first row. With
   // `table` it is updatable and writes to that table. Raises the driver's diagnostics.
-  Recordset(std::shared_ptr<internal::OdbcConnection> connection,
-            internal::OdbcHandle&& statement, const std::string* table = nullptr);
+  Recordset(std::shared_ptr<internal::OdbcConnection> connection, internal::OdbcHandle&& statement,
+            const std::string* table = nullptr);
   ~Recordset();
   Recordset(const Recordset&) = delete;
   Recordset& operator=(const Recordset&) = delete;

@@ -141,24 +141,27 @@ std::string ValueLiteral(const Variant& value, bool unicode) {
   return out;
 }
 
+namespace {
+
+// `prefix` + [name] + "=" + literal for each (name, value) pair of a flat pair array.
+std::string PairList(const VariantArray& pairs, std::string_view prefix, bool unicode) {
+  std::string list;
+  for (int64_t i = pairs.lower_bound; i <= pairs.UpperBound(); i += 2) {
+    auto index = static_cast<int32_t>(i);
+    list += prefix;
+    AppendNameElement(list, pairs.At(index));
+    list += '=';
+    AppendLiteral(list, pairs.At(index + 1), unicode);
+  }
+  return list;
+}
+
+}  // namespace
+
 std::string BuildUpdateStatement(std::string_view table_name, const VariantArray& values,
                                  const VariantArray& wheres, bool unicode) {
-  std::string set_list;
-  for (int64_t i = values.lower_bound; i <= values.UpperBound(); i += 2) {
-    auto index = static_cast<int32_t>(i);
-    set_list += ',';
-    AppendNameElement(set_list, values.At(index));
-    set_list += '=';
-    AppendLiteral(set_list, values.At(index + 1), unicode);
-  }
-  std::string conditions;
-  for (int64_t i = wheres.lower_bound; i <= wheres.UpperBound(); i += 2) {
-    auto index = static_cast<int32_t>(i);
-    conditions += " AND ";
-    AppendNameElement(conditions, wheres.At(index));
-    conditions += '=';
-    AppendLiteral(conditions, wheres.At(index + 1), unicode);
-  }
+  std::string set_list = PairList(values, ",", unicode);
+  std::string conditions = PairList(wheres, " AND ", unicode);
   // The set list loses its leading comma; the conditions lose " AND" but keep the blank after it.
   std::string statement = "UPDATE ";
   AppendName(statement, table_name);

@@ -152,8 +152,9 @@ TEST(SqlText, BuildsUpdateStatementsCharacterForCharacter) {
 }
 
 TEST(SqlText, UpdateWithANameMissingItsValueRaisesSubscriptOutOfRange) {
-  Error raised = testing::RaisedError(
-      [] { BuildUpdateStatement("T", Array({"A", 1, "B"}), Array({"K", 5}), false); });
+  Error raised = testing::RaisedError([] {
+    BuildUpdateStatement("T", Array({"A", 1, "B"}), Array({"K", 5}), false);
+  });
   EXPECT_EQ(raised.Number(), 9);
   EXPECT_EQ(raised.Description(), "Subscript out of range");
 }
@@ -182,8 +183,9 @@ TEST(SqlText, BuildsInsertStatementsCharacterForCharacter) {
 }
 
 TEST(SqlText, InsertWithFewerValuesThanFieldsRaisesSubscriptOutOfRange) {
-  Error raised = testing::RaisedError(
-      [] { BuildInsertStatement("T", Array({"A", "B"}), Array({1}), false); });
+  Error raised = testing::RaisedError([] {
+    BuildInsertStatement("T", Array({"A", "B"}), Array({1}), false);
+  });
   EXPECT_EQ(raised.Number(), 9);
 }
 

@@ -160,9 +160,7 @@ bool SQLDB::RollbackTrans() {
 
 std::string SQLDB::EscapeName(const std::string& sName) const { return db::EscapeName(sName); }
 
-std::string SQLDB::EscapeValue(const std::string& sValue) const {
-  return db::EscapeValue(sValue);
-}
+std::string SQLDB::EscapeValue(const std::string& sValue) const { return db::EscapeValue(sValue); }
 
 std::string SQLDB::EscapeLike(const std::string& sPattern) const {
   return db::EscapeLike(sPattern);

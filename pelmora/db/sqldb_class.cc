@@ -70,22 +70,22 @@ const ClassRegistrar kFieldsClass(ClassBinder<Fields>("Pelmora.Fields")
                                       .Property("Count", &Fields::Count)
                                       .Method("Item", &Fields::Item));
 
-const ClassRegistrar kRecordsetClass(
-    ClassBinder<Recordset>("Pelmora.Recordset")
-        .Property("EOF", &Recordset::Eof)
-        .Method("MoveNext", &Recordset::MoveNext)
-        .Method("Fields", &FieldsByName, {Variant()})
-        .Method("AddNew", &Recordset::AddNew)
-        .Method("Update", &Recordset::Update)
-        .Method("Close", &Recordset::Close),
-    nullptr);
+const ClassRegistrar kRecordsetClass(ClassBinder<Recordset>("Pelmora.Recordset")
+                                         .Property("EOF", &Recordset::Eof)
+                                         .Method("MoveNext", &Recordset::MoveNext)
+                                         .Method("Fields", &FieldsByName, {Variant()})
+                                         .Method("AddNew", &Recordset::AddNew)
+                                         .Method("Update", &Recordset::Update)
+                                         .Method("Close", &Recordset::Close),
+                                     nullptr);
 
 const ClassRegistrar kSqlDbClass(
     ClassBinder<SQLDB>("Pelmora.SQLDB")
         .Property("ErrNumber", &SQLDB::ErrNumber)
         .Property("ErrDescription", &SQLDB::ErrDescription)
         .Property("ConnectionTimeout", &SQLDB::ConnectionTimeout, &SQLDB::SetConnectionTimeout)
-        .Method("Connect", [](SQLDB& db, S sConnectionString) { return db.Connect(sConnectionString); })
+        .Method("Connect",
+                [](SQLDB& db, S sConnectionString) { return db.Connect(sConnectionString); })
         .Method("Disconnect", &SQLDB::Disconnect)
         .Method("RunSQLNoReturn", &SQLDB::RunSQLNoReturn, {Variant()})
         .Method("RunSQLReturnRS", &SQLDB::RunSQLReturnRS, {Variant()})

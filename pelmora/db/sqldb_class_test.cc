@@ -6,6 +6,7 @@
 
 #include "pelmora/automation/registry.h"
 #include "pelmora/common/error.h"
+#include "pelmora/db/internal/test_support.h"
 #include "pelmora/testing/postgres_server.h"
 #include "pelmora/testing/raised_error.h"
 
@@ -17,10 +18,7 @@ using automation::CallKind;
 using automation::CreateObject;
 using automation::GetProperty;
 using automation::SetProperty;
-
-Variant Array(std::vector<Variant> items, int32_t lower_bound = 0) {
-  return Variant(VariantArray{lower_bound, std::move(items)});
-}
+using internal::Array;
 
 Variant Call(const ObjectRef& object, std::string_view name, std::initializer_list<Variant> args) {
   return CallByName(object, name, CallKind::kMethod, args);
@@ -40,8 +38,8 @@ class SqlDbClass : public ::testing::Test {
 };
 
 TEST_F(SqlDbClass, BuildersTakeVariantArraysWithTheirLowerBounds) {
-  EXPECT_TRUE(Call(db_, "InsertRecordSQL", {"t", Array({"id", "name"}, 1), Array({1, "a"}, 1)})
-                  .ToBool());
+  EXPECT_TRUE(
+      Call(db_, "InsertRecordSQL", {"t", Array({"id", "name"}, 1), Array({1, "a"}, 1)}).ToBool());
   EXPECT_TRUE(Call(db_, "UpdateRecordSQL", {"t", Array({"name", "b"}), Array({"id", 1})}).ToBool());
   EXPECT_FALSE(Call(db_, "UpdateRecordSQL", {"t", Array({"name"}), Array({"id", 1})}).ToBool());
   EXPECT_EQ(GetProperty(db_, "ErrNumber"), Variant(int32_t{9}));
@@ -50,7 +48,8 @@ TEST_F(SqlDbClass, BuildersTakeVariantArraysWithTheirLowerBounds) {
 }
 
 TEST_F(SqlDbClass, RecordsetsAndFieldsAreObjects) {
-  ASSERT_TRUE(Call(db_, "RunSQLNoReturn", {"INSERT INTO t VALUES (?, ?)", Array({1, "a"})}).ToBool());
+  ASSERT_TRUE(
+      Call(db_, "RunSQLNoReturn", {"INSERT INTO t VALUES (?, ?)", Array({1, "a"})}).ToBool());
   ObjectRef rs = Call(db_, "RunSQLReturnRS", {"SELECT id, name FROM t"}).ToObject();
   ASSERT_NE(rs, nullptr);
   EXPECT_FALSE(GetProperty(rs, "EOF").ToBool());

@@ -14,12 +14,9 @@
 namespace pelmora::db {
 namespace {
 
+using internal::Array;
 using internal::ReadRows;
 using testing::PostgresServer;
-
-Variant Array(std::vector<Variant> items, int32_t lower_bound = 0) {
-  return Variant(VariantArray{lower_bound, std::move(items)});
-}
 
 class SqlDbProcedures : public ::testing::Test {
  protected:
@@ -35,6 +32,9 @@ class SqlDbProcedures : public ::testing::Test {
         "LANGUAGE sql",
         "CREATE OR REPLACE FUNCTION numbers(n integer) RETURNS TABLE(i integer, square integer) "
         "AS 'SELECT g, g * g FROM generate_series(1, n) g' LANGUAGE sql",
+        "CREATE OR REPLACE FUNCTION typed(INOUT n integer, OUT d timestamp, OUT ok boolean, "
+        "OUT amount numeric, OUT x double precision) AS $$ SELECT n * 2, "
+        "timestamp '2009-03-14 08:05:09', true, 12.3456, 0.5::double precision $$ LANGUAGE sql",
         "DROP TABLE IF EXISTS calls",
         "CREATE TABLE calls (note text)",
         "CREATE OR REPLACE FUNCTION note_call(t text) RETURNS void AS "
@@ -60,13 +60,25 @@ TEST_F(SqlDbProcedures, ReturnParamsReadsOutputParameters) {
   EXPECT_EQ(outputs.items, (std::vector<Variant>{Variant("Ada"), Variant("Lovelace")}));
 }
 
+TEST_F(SqlDbProcedures, OutputParametersKeepTheirTypes) {
+  VariantArray outputs = db_.RunSPReturnParams(
+      "typed",
+      Array({Array({"n", 3, 21}), Array({"d", 2, Variant(Date())}), Array({"ok", 2, false}),
+             Array({"amount", 2, Variant(Currency{})}), Array({"x", 2, 0.0})}));
+  ASSERT_EQ(db_.ErrDescription(), "");
+  EXPECT_EQ(
+      outputs.items,
+      (std::vector<Variant>{Variant(int32_t{42}), Variant(*Date::FromCivil({2009, 3, 14, 8, 5, 9})),
+                            Variant(true), Variant(Currency{123456}), Variant(0.5)}));
+}
+
 TEST_F(SqlDbProcedures, ReturnRsReadsTheProceduresRows) {
   std::shared_ptr<Recordset> rs = db_.RunSPReturnRS("numbers", Array({3}));
   ASSERT_TRUE(rs) << db_.ErrDescription();
   std::vector<std::string> rows;
   for (int n = 0; n < 10 && !rs->Eof(); ++n, rs->MoveNext()) {
-    rows.push_back(rs->FieldValue(Variant("i")).ToString() + "^2=" +
-                   rs->FieldValue(Variant("square")).ToString());
+    rows.push_back(rs->FieldValue(Variant("i")).ToString() +
+                   "^2=" + rs->FieldValue(Variant("square")).ToString());
   }
   EXPECT_EQ(rows, (std::vector<std::string>{"1^2=1", "2^2=4", "3^2=9"}));
 }

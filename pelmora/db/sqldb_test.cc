@@ -14,13 +14,10 @@
 namespace pelmora::db {
 namespace {
 
+using internal::Array;
 using internal::ReadRows;
 using testing::PostgresServer;
 using testing::TempFolder;
-
-Variant Array(std::vector<Variant> items, int32_t lower_bound = 0) {
-  return Variant(VariantArray{lower_bound, std::move(items)});
-}
 
 enum class Backend { kSqlite, kPostgres };
 
@@ -111,7 +108,8 @@ TEST_P(SqlDbConnection, OpenTableAddsAndUpdatesRowsThroughBoundParameters) {
   EXPECT_TRUE(rs->Eof());
   ASSERT_TRUE(db_.InsertRecordRS(rs, Array({"id", "name", "height"}), Array({1, "O'Brien", 1.8})))
       << db_.ErrDescription();
-  ASSERT_TRUE(db_.InsertRecordRS(rs, Array({"id", "name"}, 1), Array({2, "x'); DROP TABLE people; --"}, 1)))
+  ASSERT_TRUE(
+      db_.InsertRecordRS(rs, Array({"id", "name"}, 1), Array({2, "x'); DROP TABLE people; --"}, 1)))
       << db_.ErrDescription();
   EXPECT_EQ(rs->FieldValue(Variant("name")), Variant("x'); DROP TABLE people; --"));
   rs->Close();
@@ -169,6 +167,22 @@ INSTANTIATE_TEST_SUITE_P(Backends, SqlDbConnection,
                          [](const auto& info) {
                            return info.param == Backend::kSqlite ? "Sqlite" : "Postgres";
                          });
+
+TEST_P(SqlDbConnection, LongTextAndBytesRoundTripInPieces) {
+  std::string text(20000, 'x');
+  text += "Zoë";
+  std::vector<uint8_t> bytes(10000);
+  for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>(i * 7);
+  ASSERT_TRUE(db_.RunSQLNoReturn(Postgres() ? "CREATE TABLE blobs (t TEXT, b BYTEA)"
+                                            : "CREATE TABLE blobs (t TEXT, b BLOB)"));
+  ASSERT_TRUE(db_.RunSQLNoReturn("INSERT INTO blobs VALUES (?, ?)", Array({text, Variant(bytes)})))
+      << db_.ErrDescription();
+  std::shared_ptr<Recordset> rs = db_.RunSQLReturnRS("SELECT t, b FROM blobs");
+  ASSERT_TRUE(rs && !rs->Eof()) << db_.ErrDescription();
+  EXPECT_EQ(rs->FieldValue(Variant(0)), Variant(text));
+  EXPECT_EQ(rs->FieldValue(Variant(1)), Variant(bytes));
+  db_.RunSQLNoReturn("DROP TABLE blobs");
+}
 
 TEST(SqlDbConnect, UnknownDriverFailsWithTheDriverManagersText) {
   SQLDB db;

@@ -104,8 +104,7 @@ std::string PostgresServer::ConnectionString() const {
 void PostgresServer::Stop() {
   if (!running_) return;
   running_ = false;
-  RunAsPostgres(std::string(kBin) + "pg_ctl -D " + folder_.Path("data") +
-                " -m fast -w -t 60 stop");
+  RunAsPostgres(std::string(kBin) + "pg_ctl -D " + folder_.Path("data") + " -m fast -w -t 60 stop");
 }
 
 }  // namespace pelmora::testing

@@ -37,10 +37,12 @@ bool IsNumber(const Variant& value) { return value.IsNumeric() && !value.Get<boo
 
 ResultTable ReadResult(pelmora::db::Recordset& recordset, size_t max_rows) {
   ResultTable table;
-  for (int32_t i = 0; i < recordset.FieldCount(); ++i) table.columns.push_back(recordset.FieldName(i));
+  for (int32_t i = 0; i < recordset.FieldCount(); ++i)
+    table.columns.push_back(recordset.FieldName(i));
   for (size_t n = 0; n < max_rows && !recordset.Eof(); ++n, recordset.MoveNext()) {
     std::vector<Variant> row;
-    for (int32_t i = 0; i < recordset.FieldCount(); ++i) row.push_back(recordset.FieldValue(Variant(i)));
+    for (int32_t i = 0; i < recordset.FieldCount(); ++i)
+      row.push_back(recordset.FieldValue(Variant(i)));
     table.rows.push_back(std::move(row));
   }
   return table;
@@ -90,7 +92,8 @@ std::string FormatCsv(const ResultTable& table) {
   }
   out += "\r\n";
   for (const auto& row : table.rows) {
-    for (size_t i = 0; i < row.size(); ++i) out += (i == 0 ? "" : ",") + CsvField(ValueText(row[i], true));
+    for (size_t i = 0; i < row.size(); ++i)
+      out += (i == 0 ? "" : ",") + CsvField(ValueText(row[i], true));
     out += "\r\n";
   }
   return out;

@@ -18,10 +18,14 @@ CallParameter ReadElement(const Variant& element) {
   int32_t direction = spec.At(spec.lower_bound + 1).ToLong();
   Variant value = spec.items.size() > 2 ? spec.At(spec.lower_bound + 2) : Variant();
   switch (direction) {
-    case 1: return CallParameter{SQL_PARAM_INPUT, std::move(value)};
-    case 2: return CallParameter{SQL_PARAM_OUTPUT, std::move(value)};
-    case 3: return CallParameter{SQL_PARAM_INPUT_OUTPUT, std::move(value)};
-    default: throw RuntimeError(kInvalidArgument, "SQLDB");
+    case 1:
+      return CallParameter{SQL_PARAM_INPUT, std::move(value)};
+    case 2:
+      return CallParameter{SQL_PARAM_OUTPUT, std::move(value)};
+    case 3:
+      return CallParameter{SQL_PARAM_INPUT_OUTPUT, std::move(value)};
+    default:
+      throw RuntimeError(kInvalidArgument, "SQLDB");
   }
 }
 
@@ -57,8 +61,7 @@ void BindAndExecute(const OdbcHandle& statement, const std::string& sql,
   }
   // The driver only reads the text; the interface predates const.
   auto* text = reinterpret_cast<SQLCHAR*>(const_cast<char*>(sql.data()));
-  Check(SQLExecDirect(statement.Get(), text, static_cast<SQLINTEGER>(sql.size())), statement,
-        true);
+  Check(SQLExecDirect(statement.Get(), text, static_cast<SQLINTEGER>(sql.size())), statement, true);
 }
 
 // Closes the cursor and unbinds the parameters of a reusable statement however the use ended.

@@ -139,8 +139,8 @@ std::shared_ptr<OdbcConnection> OdbcConnection::Open(const std::string& connecti
   std::shared_ptr<OdbcConnection> connection(new OdbcConnection());
   connection->env_ = AllocateHandle(SQL_HANDLE_ENV, nullptr);
   const OdbcHandle& env = connection->env_;
-  Check(SQLSetEnvAttr(env.Get(), SQL_ATTR_ODBC_VERSION,
-                      reinterpret_cast<SQLPOINTER>(SQL_OV_ODBC3), 0),
+  Check(SQLSetEnvAttr(env.Get(), SQL_ATTR_ODBC_VERSION, reinterpret_cast<SQLPOINTER>(SQL_OV_ODBC3),
+                      0),
         env);
   connection->dbc_ = AllocateHandle(SQL_HANDLE_DBC, &env);
   const OdbcHandle& dbc = connection->dbc_;
@@ -156,8 +156,8 @@ std::shared_ptr<OdbcConnection> OdbcConnection::Open(const std::string& connecti
   connection->connected_ = true;
   SQLCHAR quote[4] = {};
   SQLSMALLINT length = 0;
-  if (SQL_SUCCEEDED(SQLGetInfo(dbc.Get(), SQL_IDENTIFIER_QUOTE_CHAR, quote, sizeof quote,
-                               &length)) &&
+  if (SQL_SUCCEEDED(
+          SQLGetInfo(dbc.Get(), SQL_IDENTIFIER_QUOTE_CHAR, quote, sizeof quote, &length)) &&
       length == 1 && quote[0] != ' ') {
     connection->quote_ = static_cast<char>(quote[0]);
   }

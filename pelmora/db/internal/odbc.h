@@ -20,8 +20,8 @@
 namespace pelmora::db::internal {
 
 // ADO-style error numbers the SQLSTATE classes map to.
-inline constexpr int32_t kErrorProviderFailed = -2147467259;    // generic failure
-inline constexpr int32_t kErrorInCommand = -2147217900;         // syntax, unknown object
+inline constexpr int32_t kErrorProviderFailed = -2147467259;  // generic failure
+inline constexpr int32_t kErrorInCommand = -2147217900;       // syntax, unknown object
 inline constexpr int32_t kErrorIntegrityViolation = -2147217873;
 inline constexpr int32_t kErrorCannotConvert = -2147217913;
 inline constexpr int32_t kErrorTimeout = -2147217871;

@@ -34,8 +34,8 @@ SQL_TIMESTAMP_STRUCT ToTimestamp(Date date) {
 }
 
 Date FromTimestamp(const SQL_TIMESTAMP_STRUCT& ts) {
-  std::optional<Date> date = Date::FromCivil({ts.year, ts.month, ts.day, ts.hour, ts.minute,
-                                              ts.second});
+  std::optional<Date> date =
+      Date::FromCivil({ts.year, ts.month, ts.day, ts.hour, ts.minute, ts.second});
   if (!date) throw RuntimeError(6, "SQLDB");
   return *date;
 }
@@ -52,11 +52,21 @@ T ReadFixed(const std::vector<char>& buffer) {
 BoundParameter::BoundParameter(const Variant& value, SQLSMALLINT io_type)
     : kind_(value.Type()), io_type_(io_type) {
   switch (kind_) {
-    case VariantType::kInteger: SetFixed(value.ToInteger(), SQL_C_SSHORT, SQL_SMALLINT, 5); break;
-    case VariantType::kLong: SetFixed(value.ToLong(), SQL_C_SLONG, SQL_INTEGER, 10); break;
-    case VariantType::kByte: SetFixed(value.ToByte(), SQL_C_UTINYINT, SQL_TINYINT, 3); break;
-    case VariantType::kSingle: SetFixed(value.ToSingle(), SQL_C_FLOAT, SQL_REAL, 7); break;
-    case VariantType::kDouble: SetFixed(value.ToDouble(), SQL_C_DOUBLE, SQL_DOUBLE, 15); break;
+    case VariantType::kInteger:
+      SetFixed(value.ToInteger(), SQL_C_SSHORT, SQL_SMALLINT, 5);
+      break;
+    case VariantType::kLong:
+      SetFixed(value.ToLong(), SQL_C_SLONG, SQL_INTEGER, 10);
+      break;
+    case VariantType::kByte:
+      SetFixed(value.ToByte(), SQL_C_UTINYINT, SQL_TINYINT, 3);
+      break;
+    case VariantType::kSingle:
+      SetFixed(value.ToSingle(), SQL_C_FLOAT, SQL_REAL, 7);
+      break;
+    case VariantType::kDouble:
+      SetFixed(value.ToDouble(), SQL_C_DOUBLE, SQL_DOUBLE, 15);
+      break;
     case VariantType::kBoolean:
       SetFixed(static_cast<unsigned char>(value.ToBool() ? 1 : 0), SQL_C_BIT, SQL_BIT, 1);
       break;
@@ -118,17 +128,26 @@ void BoundParameter::Bind(const OdbcHandle& statement, SQLUSMALLINT number) {
 Variant BoundParameter::Value() const {
   if (indicator_ == SQL_NULL_DATA) return Variant(Null{});
   switch (c_type_) {
-    case SQL_C_SSHORT: return Variant(ReadFixed<int16_t>(buffer_));
-    case SQL_C_SLONG: return Variant(ReadFixed<int32_t>(buffer_));
-    case SQL_C_UTINYINT: return Variant(ReadFixed<uint8_t>(buffer_));
-    case SQL_C_FLOAT: return Variant(ReadFixed<float>(buffer_));
-    case SQL_C_DOUBLE: return Variant(ReadFixed<double>(buffer_));
-    case SQL_C_BIT: return Variant(ReadFixed<unsigned char>(buffer_) != 0);
-    case SQL_C_TYPE_TIMESTAMP: return Variant(FromTimestamp(ReadFixed<SQL_TIMESTAMP_STRUCT>(buffer_)));
-    default: break;
+    case SQL_C_SSHORT:
+      return Variant(ReadFixed<int16_t>(buffer_));
+    case SQL_C_SLONG:
+      return Variant(ReadFixed<int32_t>(buffer_));
+    case SQL_C_UTINYINT:
+      return Variant(ReadFixed<uint8_t>(buffer_));
+    case SQL_C_FLOAT:
+      return Variant(ReadFixed<float>(buffer_));
+    case SQL_C_DOUBLE:
+      return Variant(ReadFixed<double>(buffer_));
+    case SQL_C_BIT:
+      return Variant(ReadFixed<unsigned char>(buffer_) != 0);
+    case SQL_C_TYPE_TIMESTAMP:
+      return Variant(FromTimestamp(ReadFixed<SQL_TIMESTAMP_STRUCT>(buffer_)));
+    default:
+      break;
   }
   size_t length = std::min(buffer_.size(), static_cast<size_t>(std::max<SQLLEN>(indicator_, 0)));
-  if (c_type_ == SQL_C_BINARY) return Variant(std::vector<uint8_t>(buffer_.begin(), buffer_.begin() + length));
+  if (c_type_ == SQL_C_BINARY)
+    return Variant(std::vector<uint8_t>(buffer_.begin(), buffer_.begin() + length));
   // Text buffers keep a terminating zero: the driver never fills the last byte.
   length = std::min(length, buffer_.size() - 1);
   std::string text(buffer_.data(), length);
@@ -218,7 +237,8 @@ std::optional<Currency> ParseCurrency(const std::string& text) {
 }
 
 Variant IntegerVariant(int64_t value, bool small) {
-  if (small && value >= INT16_MIN && value <= INT16_MAX) return Variant(static_cast<int16_t>(value));
+  if (small && value >= INT16_MIN && value <= INT16_MAX)
+    return Variant(static_cast<int16_t>(value));
   if (value >= INT32_MIN && value <= INT32_MAX) return Variant(static_cast<int32_t>(value));
   return Variant(static_cast<double>(value));
 }
@@ -241,44 +261,64 @@ Variant ReadText(const OdbcHandle& statement, SQLUSMALLINT number, const ColumnI
 
 }  // namespace
 
+namespace {
+
+Variant ReadInteger(const OdbcHandle& statement, SQLUSMALLINT number, bool small) {
+  auto value = GetFixed<int64_t>(statement, number, SQL_C_SBIGINT);
+  return value ? IntegerVariant(*value, small) : Variant(Null{});
+}
+
+Variant ReadTimestamp(const OdbcHandle& statement, SQLUSMALLINT number) {
+  auto ts = GetFixed<SQL_TIMESTAMP_STRUCT>(statement, number, SQL_C_TYPE_TIMESTAMP);
+  return ts ? Variant(FromTimestamp(*ts)) : Variant(Null{});
+}
+
+// A time of day alone is a Date on the empty day, as automation keeps times.
+Variant ReadTime(const OdbcHandle& statement, SQLUSMALLINT number) {
+  auto time = GetFixed<SQL_TIME_STRUCT>(statement, number, SQL_C_TYPE_TIME);
+  if (!time) return Variant(Null{});
+  return Variant(FromTimestamp({1899, 12, 30, time->hour, time->minute, time->second, 0}));
+}
+
+Variant ReadBinary(const OdbcHandle& statement, SQLUSMALLINT number) {
+  std::optional<std::string> bytes = GetLong(statement, number, SQL_C_BINARY);
+  if (!bytes) return Variant(Null{});
+  return Variant(std::vector<uint8_t>(bytes->begin(), bytes->end()));
+}
+
+}  // namespace
+
 Variant ReadColumn(const OdbcHandle& statement, SQLUSMALLINT number, const ColumnInfo& column) {
   switch (column.sql_type) {
     case SQL_TINYINT:
     case SQL_SMALLINT:
+      return ReadInteger(statement, number, true);
     case SQL_INTEGER:
-    case SQL_BIGINT: {
-      auto value = GetFixed<int64_t>(statement, number, SQL_C_SBIGINT);
-      if (!value) return Variant(Null{});
-      return IntegerVariant(*value, column.sql_type != SQL_INTEGER && column.sql_type != SQL_BIGINT);
-    }
+    case SQL_BIGINT:
+      return ReadInteger(statement, number, false);
     case SQL_BIT: {
       auto value = GetFixed<unsigned char>(statement, number, SQL_C_BIT);
       return value ? Variant(*value != 0) : Variant(Null{});
     }
-    case SQL_REAL: return OrNull(GetFixed<float>(statement, number, SQL_C_FLOAT));
+    case SQL_REAL:
+      return OrNull(GetFixed<float>(statement, number, SQL_C_FLOAT));
     case SQL_FLOAT:
-    case SQL_DOUBLE: return OrNull(GetFixed<double>(statement, number, SQL_C_DOUBLE));
+    case SQL_DOUBLE:
+      return OrNull(GetFixed<double>(statement, number, SQL_C_DOUBLE));
     case SQL_TYPE_DATE:
     case SQL_TYPE_TIMESTAMP:
     case SQL_DATE:
-    case SQL_TIMESTAMP: {
-      auto ts = GetFixed<SQL_TIMESTAMP_STRUCT>(statement, number, SQL_C_TYPE_TIMESTAMP);
-      return ts ? Variant(FromTimestamp(*ts)) : Variant(Null{});
-    }
+    case SQL_TIMESTAMP:
+      return ReadTimestamp(statement, number);
     case SQL_TYPE_TIME:
-    case SQL_TIME: {
-      auto time = GetFixed<SQL_TIME_STRUCT>(statement, number, SQL_C_TYPE_TIME);
-      if (!time) return Variant(Null{});
-      return Variant(FromTimestamp({1899, 12, 30, time->hour, time->minute, time->second, 0}));
-    }
+    case SQL_TIME:
+      return ReadTime(statement, number);
     case SQL_BINARY:
     case SQL_VARBINARY:
-    case SQL_LONGVARBINARY: {
-      std::optional<std::string> bytes = GetLong(statement, number, SQL_C_BINARY);
-      if (!bytes) return Variant(Null{});
-      return Variant(std::vector<uint8_t>(bytes->begin(), bytes->end()));
-    }
-    default: return ReadText(statement, number, column);
+    case SQL_LONGVARBINARY:
+      return ReadBinary(statement, number);
+    default:
+      return ReadText(statement, number, column);
   }
 }
 

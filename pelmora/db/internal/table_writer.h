@@ -38,10 +38,10 @@ class TableWriter {
  private:
   std::vector<size_t> FindKey(const OdbcConnection& connection, std::string_view table) const;
 
-  std::string table_;                   // quoted
-  std::vector<std::string> columns_;    // as the driver names them
-  std::vector<std::string> quoted_;     // quoted
-  std::vector<size_t> key_;             // indexes into columns_
+  std::string table_;                 // quoted
+  std::vector<std::string> columns_;  // as the driver names them
+  std::vector<std::string> quoted_;   // quoted
+  std::vector<size_t> key_;           // indexes into columns_
 };
 
 // Executes `sql` with `values` bound as input parameters on a new statement of `connection`,

@@ -1,14 +1,20 @@
-// Helpers of the database tests: reading result rows back as text.
+// Helpers of the database tests: Variant arrays in place, and result rows read back as text.
 #ifndef PELMORA_DB_INTERNAL_TEST_SUPPORT_H_
 #define PELMORA_DB_INTERNAL_TEST_SUPPORT_H_
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "pelmora/db/sqldb.h"
 
 namespace pelmora::db::internal {
+
+// A Variant array of `items` whose first index is `lower_bound`.
+inline Variant Array(std::vector<Variant> items, int32_t lower_bound = 0) {
+  return Variant(VariantArray{lower_bound, std::move(items)});
+}
 
 // Every row of `sql`'s result, fields joined by "|", Null written "<null>"; a failed statement
 // gives one line "error N: description". Reads at most 10000 rows.
