@@ -20,18 +20,21 @@
 #define PELMORA_ADMIN_RCFSO_H_
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "pelmora/admin/rc_file_info.h"
 #include "pelmora/common/date.h"
 #include "pelmora/net/winsock.h"
 
 namespace pelmora::admin {
 
 namespace internal {
+class LocalFile;
 class RCFSOTestAccess;
 }  // namespace internal
 
@@ -155,6 +158,59 @@ class RCFSO {
   // The server's print queues (14); a negative size gives 8004 "Invalid data size".
   std::string GetPrintQ();
 
+  // --- Listings and file information ---
+
+  // The entries of a remote folder (request 4), in the server's order; empty on any failure.
+  // Fails with 8116 "Empty remote folder name" (nothing sent), 8117, 8118 "Cannot open remote
+  // folder" when the server cannot open it, the socket's number while the listing is read, or
+  // 8004 "Invalid Data Size" for a listing whose entries or records overrun their lengths (the
+  // listing is still read to its announced end). Memory follows the entries received, not the
+  // announced size. Blocks for at most `timeout` ms per receive.
+  RCFileInfoCollection GetFolderFiles(std::string_view sRemoteFolder);
+  // Information on one remote file or folder (request 3); a trailing "\" or "/" is dropped except
+  // after ":". On true `oFileInfo` holds the new information, on false it is untouched. Fails with
+  // 8116 "Empty file name", 8117, 8118 "Cannot open remote file", the socket's number, or 8004
+  // "Invalid Data Size" for a malformed record. Blocks for at most `timeout` ms per receive.
+  bool GetFileInfo(std::string_view sFileName, RCFileInfo& oFileInfo);
+
+  // --- File transfer ---
+
+  // Copies the local file `sLocalFile` to `sRemoteFile` on the server (request 0): the size
+  // message with the file's size (low 32 bits) and times, the server's go reply, the content in
+  // raw 1500-byte pieces, then the server's result reply, which is the result. Fails with 8116
+  // "Empty remote file name" (nothing sent), 8118 "File <name> does not exist !" (also raised as
+  // FSOError), 8118 "Cannot open file <name>", 8117, 8118 "server create file fail" when the
+  // server refuses, a socket error, or the server's code and message. After a failure while the
+  // content is sent the session should be treated as broken. Reads the file in constant memory;
+  // blocks for the sends and at most `timeout` ms per receive.
+  bool Upload(std::string_view sLocalFile, std::string_view sRemoteFile);
+  // Copies `sRemoteFile` from the server into the local file `sLocalFile` (request 1), replacing
+  // it, and sets its last-access time and its last-write time (cut to milliseconds) to the
+  // server's; Linux keeps no settable creation time, so the file's own birth time stays. Fails
+  // with 8116 "Empty local file name" / "Empty remote file name" (nothing sent), 8117, the
+  // receive's error, 8004 "Cannot open remote file" when the server reports size -1, 8118
+  // "Cannot create file <name>" (the server is told "F"), or the socket's number while the
+  // content comes (10060 on time-out, 10054 when the server closes): the part received stays
+  // on disk. Constant memory; each piece waits at most `timeout` ms.
+  bool Download(std::string_view sLocalFile, std::string_view sRemoteFile);
+
+  // --- Server-file cache and addresses ---
+
+  // The dotted address of this machine, as the session's socket found it.
+  std::string getLocalIP() const;
+  // The host text given to Connect (a name or an address, as the caller gave it, not resolved).
+  std::string getRemoteIP() const;
+  // Makes sure the cache holds a current copy of the server's file `sRemoteFile` (drive-letter
+  // form) and returns its local path in `sLocalFile`: CacheFolder() + getRemoteIP() + "/" + the
+  // drive letter + "$" + the rest of the path with "\" turned into "/". The file is downloaded
+  // when missing, then its last-write time is compared with the server's (whole seconds) and it
+  // is downloaded again when they differ. False when a download or the file information fails
+  // (their ErrCode/ErrDescription stand, a line goes to the .err log); a partial file may stay.
+  // A host text or path that would leave the cache folder ("..", "/", empty host) is refused
+  // with 75 "Path/File access error: <host> <path>", "" in `sLocalFile` and nothing written.
+  // Blocks as GetFileInfo and Download do.
+  bool getUpdatedServerFileToTempFolder(std::string_view sRemoteFile, std::string& sLocalFile);
+
   // --- Remote command ---
 
   // Runs `command` on the server (request 20, `lTimeout` forwarded unchanged) and waits until the
@@ -202,6 +258,24 @@ class RCFSO {
   std::optional<int32_t> ReceiveSize();
   std::optional<std::string> ReceiveRawText(int32_t count, std::string_view routine,
                                             std::string_view content_fail);
+
+  // Raw data helpers (rcfso_listing.cc).
+  using RawConsumer = std::function<void(std::span<const uint8_t>)>;
+  int32_t StreamRawBytes(int64_t count, int32_t piece, const RawConsumer& consumer);
+  bool ClosedBeforeAnyByte(std::span<const uint8_t> data) const;
+  void RefuseMalformed(std::string_view routine);
+
+  // Transfer helpers (rcfso_transfer.cc).
+  void TransferLog(std::string_view routine, std::string_view text, bool failure = false) const;
+  bool UploadAnnounced(internal::LocalFile& file);
+  bool UploadContent(internal::LocalFile& file, int32_t size);
+  std::optional<TransferHeader> ReceiveTransferHeader();
+  bool SendGoReply(bool ready);
+  bool DownloadContent(const std::string& local, const TransferHeader& header);
+  bool ReceiveContent(internal::LocalFile& file, int32_t size);
+
+  // Cache helper (rcfso_cache.cc): the cache path of a remote file, nullopt when refused.
+  std::optional<std::string> CachePathOf(std::string_view remote_path) const;
 
   // Remote command helper (rcfso_command.cc).
   bool AwaitCommandEnd();

@@ -23,6 +23,10 @@ int RunDefaultDemo();
 // on files and standard streams.
 void AddCryptoCommand(CLI::App& app, CommandAction& action);
 
+// `pelmora sql CONNECTION "statement" [--csv|--json]`: runs one statement through SQLDB and
+// prints its rows as an aligned table, CSV or JSON.
+void AddSqlCommand(CLI::App& app, CommandAction& action);
+
 // `pelmora tasks list|show|create|set|run|stop|rm [--computer \\host]`: the scheduled tasks.
 void AddTasksCommand(CLI::App& app, CommandAction& action);
 

@@ -15,6 +15,7 @@ int main(int argc, char** argv) {
   pelmora_tool::CommandAction action;
   pelmora_tool::AddDemoCommand(app, action);
   pelmora_tool::AddCryptoCommand(app, action);
+  pelmora_tool::AddSqlCommand(app, action);
   pelmora_tool::AddTasksCommand(app, action);
   try {
     app.parse(argc, argv);

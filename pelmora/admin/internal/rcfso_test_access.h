@@ -3,6 +3,7 @@
 #define PELMORA_ADMIN_INTERNAL_RCFSO_TEST_ACCESS_H_
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -40,6 +41,9 @@ class RCFSOTestAccess {
   }
   static bool SendRequestTwo(RCFSO& fso, std::string_view a, std::string_view b, int16_t code) {
     return fso.SendRequestTwo(a, b, code);
+  }
+  static std::optional<std::string> CachePath(const RCFSO& fso, std::string_view remote) {
+    return fso.CachePathOf(remote);
   }
 };
 

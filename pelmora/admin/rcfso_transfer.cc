@@ -1,0 +1,226 @@
+// RCFSO's Upload (request 0) and Download (request 1): a 28-byte size message with the file's
+// size and times, a "T"/"F" go reply from the receiving side, then the content as raw 1500-byte
+// pieces outside the framing.
+//
+// Both stream in constant memory. Upload reads the file in blocks of whole pieces and sends each
+// block in one socket send; the bytes on the wire are those of one 1500-byte buffer sent per
+// piece, the last piece included, whose tail past the file's end still holds the previous piece's
+// bytes (zeros for a file shorter than one piece). Download takes each piece through the socket's
+// read-ahead buffer and writes the file in large blocks.
+#include <algorithm>
+#include <string>
+
+#include "pelmora/admin/internal/local_file.h"
+#include "pelmora/admin/rcfso.h"
+#include "pelmora/admin/wire.h"
+#include "pelmora/admin/wire_replies.h"
+
+namespace pelmora::admin {
+namespace {
+
+using internal::LocalFile;
+
+// Upload sends this many pieces per socket send.
+constexpr size_t kPiecesPerSend = 44;
+// Download writes the file in blocks of this many bytes.
+constexpr size_t kWriteBlock = 1024 * 1024;
+// FILETIME ticks per millisecond: the last-write time a download sets is cut to milliseconds.
+constexpr uint64_t kTicksPerMillisecond = 10000;
+
+int16_t Code(RequestCode code) { return static_cast<int16_t>(code); }
+
+// Fills the part of the last piece past `filled` bytes with what the send buffer held there from
+// the piece before (`previous`), as a reused 1500-byte buffer would.
+void KeepStaleTail(std::span<uint8_t> last, size_t filled, std::span<const uint8_t> previous) {
+  std::copy(previous.begin() + static_cast<std::ptrdiff_t>(filled), previous.end(),
+            last.begin() + static_cast<std::ptrdiff_t>(filled));
+}
+
+}  // namespace
+
+void RCFSO::TransferLog(std::string_view routine, std::string_view text, bool failure) const {
+  if (failure) {
+    LogFailure(text, "RFSO", routine);
+  } else {
+    Trace(text, "RFSO", routine);
+  }
+}
+
+bool RCFSO::Upload(std::string_view sLocalFile, std::string_view sRemoteFile) {
+  ClearError();
+  const std::string local(sLocalFile);
+  TransferLog("Upload", "** Upload " + local + " =>" + std::string(sRemoteFile) + " **");
+  if (!CheckArgument(sRemoteFile, "Empty remote file name")) {
+    TransferLog("Upload", "Empty remote filename", true);
+    return false;
+  }
+  if (!internal::IsRegularFile(local)) {
+    std::string text = "File " + local + " does not exist !";
+    RaiseEvent(&RCFSOEvents::FSOError, text);
+    SetError(8118, text);
+    TransferLog("Upload", text, true);
+    return false;
+  }
+  LocalFile file = LocalFile::OpenForReading(local);
+  TransferLog("Upload", HandlePrefix() + "handle = " + std::to_string(file.Handle()));
+  if (!file.IsOpen()) {
+    SetError(8118, "Cannot open file " + local);
+    TransferLog("Upload", HandlePrefix() + "create file fail ");
+    return false;
+  }
+  if (!SendRequestUnicode(sRemoteFile, Code(RequestCode::kUpload))) {
+    TransferLog("Upload", HandlePrefix() + "send request fail ");
+    return false;
+  }
+  return UploadAnnounced(file) && RecvResult();
+}
+
+bool RCFSO::UploadAnnounced(internal::LocalFile& file) {
+  TransferHeader header;
+  header.size = static_cast<int32_t>(static_cast<uint32_t>(file.Size().value_or(0)));
+  const internal::FileTimes times = file.Times().value_or(internal::FileTimes{});
+  header.creation_time = times.creation;
+  header.last_access_time = times.last_access;
+  header.last_write_time = times.last_write;
+  TransferLog("Upload", HandlePrefix() + "Upload file size = " + std::to_string(header.size));
+  const Bytes message = BuildTransferHeader(header);
+  if (!SendMessage(static_cast<int32_t>(message.size()), message)) {
+    TransferLog("Upload", HandlePrefix() + "send file size fail ");
+    return false;
+  }
+  Bytes reply;
+  int32_t sequence = 0;
+  if (!RecvMessage(static_cast<int32_t>(kPacketSize), reply, sequence)) {
+    TransferLog("Upload", HandlePrefix() + "RecvMessage fail ");
+    return false;
+  }
+  if (!IsGoReply(reply)) {
+    SetError(8118, "server create file fail");
+    TransferLog("Upload", HandlePrefix() + "Server create file fail");
+    return false;
+  }
+  return UploadContent(file, header.size);
+}
+
+bool RCFSO::UploadContent(internal::LocalFile& file, int32_t size) {
+  Bytes block(kPiecesPerSend * kPacketSize, 0);
+  Bytes previous(kPacketSize, 0);  // the piece sent last: the stale tail of a short last piece
+  int64_t sent = 0;
+  for (;;) {
+    const int64_t n = file.ReadFull(block);
+    if (n <= 0) break;
+    const auto count = static_cast<size_t>(n);
+    const size_t pieces = (count + kPacketSize - 1) / kPacketSize;
+    const std::span<uint8_t> last = std::span(block).subspan((pieces - 1) * kPacketSize, kPacketSize);
+    if (count % kPacketSize != 0) {
+      KeepStaleTail(last, count % kPacketSize,
+                    pieces > 1 ? std::span<const uint8_t>(last.data() - kPacketSize, kPacketSize)
+                               : std::span<const uint8_t>(previous));
+    }
+    if (!SendPacket(std::span(block).first(pieces * kPacketSize))) {
+      TransferLog("Upload", HandlePrefix() + "send file content fail,bytes sent = " +
+                                std::to_string(sent));
+      return false;
+    }
+    sent += n;
+    std::copy(last.begin(), last.end(), previous.begin());
+  }
+  TransferLog("Upload", std::to_string(sent) + " bytes sent" + std::to_string(size));
+  const int handle = file.Handle();
+  file.Close();
+  TransferLog("Upload", "close handle " + std::to_string(handle));
+  return true;
+}
+
+bool RCFSO::Download(std::string_view sLocalFile, std::string_view sRemoteFile) {
+  ClearError();
+  const std::string local(sLocalFile);
+  TransferLog("Download", "** Download " + local + " =>" + std::string(sRemoteFile) + " **");
+  for (const auto& [value, text] : {std::pair{sLocalFile, "Empty local file name"},
+                                    std::pair{sRemoteFile, "Empty remote file name"}}) {
+    if (!CheckArgument(value, text)) {
+      TransferLog("Download", text, true);
+      return false;
+    }
+  }
+  if (!SendRequestUnicode(sRemoteFile, Code(RequestCode::kDownload))) {
+    TransferLog("Download", HandlePrefix() + "Send request fail");
+    return false;
+  }
+  const std::optional<TransferHeader> header = ReceiveTransferHeader();
+  if (!header) return false;
+  TransferLog("Download", HandlePrefix() + "Download file size = " + std::to_string(header->size));
+  if (header->size < 0) {
+    SetError(8004, "Cannot open remote file");
+    return false;
+  }
+  return DownloadContent(local, *header);
+}
+
+std::optional<TransferHeader> RCFSO::ReceiveTransferHeader() {
+  Bytes data;
+  int32_t sequence = 0;
+  std::optional<TransferHeader> header;
+  if (RecvMessage(static_cast<int32_t>(kPacketSize), data, sequence)) {
+    header = ParseTransferHeader(data);
+    if (!header) SetError(8004, "Invalid Data Size");
+  }
+  if (header) return header;
+  TransferLog("Download", HandlePrefix() + "Recv Data Size fail");
+  TransferLog("Download", HandlePrefix() + "errdesc = " + err_description_);
+  // The refusal is sent as a message of its own; the receive's error is what the caller sees.
+  const int32_t code = err_code_;
+  std::string description = err_description_;
+  SendGoReply(false);
+  SetError(code, std::move(description));
+  return std::nullopt;
+}
+
+bool RCFSO::SendGoReply(bool ready) {
+  const Bytes reply = BuildGoReply(ready);
+  return SendMessage(static_cast<int32_t>(reply.size()), reply);
+}
+
+bool RCFSO::DownloadContent(const std::string& local, const TransferHeader& header) {
+  LocalFile file = LocalFile::CreateAlways(local);
+  TransferLog("Download", HandlePrefix() + "hFile =" + std::to_string(file.Handle()));
+  if (!file.IsOpen()) {
+    SendGoReply(false);
+    SetError(8118, "Cannot create file " + local);
+    TransferLog("Download", HandlePrefix() + "Cannot create file " + local, true);
+    return false;
+  }
+  SendGoReply(true);
+  if (!ReceiveContent(file, header.size)) return false;
+  // The last-write time goes through calendar fields with milliseconds and back: whole ms.
+  const uint64_t last_write = header.last_write_time - header.last_write_time % kTicksPerMillisecond;
+  file.SetTimes(header.last_access_time, last_write);
+  file.Close();
+  return true;
+}
+
+bool RCFSO::ReceiveContent(internal::LocalFile& file, int32_t size) {
+  ClearError();
+  Bytes block;
+  block.reserve(kWriteBlock);
+  int64_t remaining = size;
+  const int32_t e = StreamRawBytes(size, static_cast<int32_t>(kPacketSize),
+                                   [&](std::span<const uint8_t> piece) {
+                                     block.insert(block.end(), piece.begin(), piece.end());
+                                     remaining -= static_cast<int64_t>(piece.size());
+                                     if (block.size() + kPacketSize > kWriteBlock) {
+                                       file.WriteAll(block);
+                                       block.clear();
+                                     }
+                                   });
+  file.WriteAll(block);
+  if (e == sckSuccess) return true;
+  SetSocketError(e);
+  file.Close();
+  TransferLog("Download",
+              HandlePrefix() + "Get file content fail ,remain = " + std::to_string(remaining),
+              true);
+  return false;
+}
+
+}  // namespace pelmora::admin
