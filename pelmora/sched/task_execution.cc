@@ -178,6 +178,10 @@ bool FinishTaskRun(const std::string& folder, const std::string& file_name,
   return job->instance_count == 0 && !NextRunOf(UserTriggers(*job), now);
 }
 
+void ClearRequests(const std::string& folder, const std::string& file_name, uint32_t bits) {
+  PatchTask(folder, file_name, [bits](JobFile& j) { j.flags &= ~bits; });
+}
+
 void DeleteTaskFiles(const std::string& folder, const std::string& file_name) {
   OpenLocalTaskStore(folder)->Delete(file_name);
 }

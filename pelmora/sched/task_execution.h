@@ -48,6 +48,9 @@ std::optional<ChildProcess> StartTaskRun(const std::string& folder, const std::s
 bool FinishTaskRun(const std::string& folder, const std::string& file_name,
                    std::optional<ChildExit> exit, bool killed, const Date& now);
 
+// Clears the request bits `bits` in the task file's flags, in place.
+void ClearRequests(const std::string& folder, const std::string& file_name, uint32_t bits);
+
 // Deletes a task file and its account record.
 void DeleteTaskFiles(const std::string& folder, const std::string& file_name);
 
