@@ -3,6 +3,7 @@
 //   pelmora [demo [--log-root DIR]]     the demonstration (also with no command at all)
 //   pelmora crypto SUBCOMMAND ...       keys, encryption, signatures, hashes (see --help)
 //   pelmora admin [OPTIONS] COMMAND ... the administration service of a host or a fleet
+//   pelmora log tail [--root DIR]       the day's log lines of the library
 //
 // Exit status: 0 on success, 2 for a usage error; each command documents its other values.
 #include <CLI/CLI.hpp>
@@ -16,6 +17,7 @@ int main(int argc, char** argv) {
   pelmora_tool::AddDemoCommand(app, action);
   pelmora_tool::AddCryptoCommand(app, action);
   pelmora_tool::AddAdminCommand(app, action);
+  pelmora_tool::AddLogCommand(app, action);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
