@@ -1,13 +1,18 @@
 // The late-bound face of RCFSO: creatable as "Pelmora.RCFSO", with its events FSOError,
 // FSODisconnect and CommandOutput (each one String by reference) delivered to connected sinks.
+// GetFolderFiles returns a collection with Count and Item(i); GetFileInfo sets its second
+// argument to a new RCFileInfo on success and leaves it as it was otherwise.
 //
 // Flags that travel as "TRUE"/"FALSE" take the caller's value as a 16-bit integer: a Boolean
 // True is -1 and is sent as "TRUE"; any other value, also 1, is sent as "FALSE".
 #include <cstdint>
+#include <memory>
 #include <string>
+#include <utility>
 
 #include "pelmora/admin/rcfso.h"
 #include "pelmora/automation/class_binder.h"
+#include "pelmora/automation/conversion.h"
 #include "pelmora/automation/event_source.h"
 
 namespace pelmora::admin {
@@ -87,6 +92,27 @@ const ClassRegistrar kRCFSOClass(
         .Method("SyncCreateProcess",
                 [](O& o, S command, int32_t lTimeout) {
                   return o.fso.SyncCreateProcess(command, lTimeout);
+                })
+        .Method("GetFolderFiles",
+                [](O& o, S sRemoteFolder) {
+                  return std::make_shared<RCFileInfoCollection>(o.fso.GetFolderFiles(sRemoteFolder));
+                })
+        .Method("GetFileInfo",
+                [](O& o, S sFileName, Variant& oFileInfo) {
+                  RCFileInfo info;
+                  if (!o.fso.GetFileInfo(sFileName, info)) return false;
+                  oFileInfo = automation::ToVariant(std::make_shared<RCFileInfo>(std::move(info)));
+                  return true;
+                })
+        .Method("Upload", [](O& o, S sLocalFile,
+                             S sRemoteFile) { return o.fso.Upload(sLocalFile, sRemoteFile); })
+        .Method("Download", [](O& o, S sLocalFile,
+                               S sRemoteFile) { return o.fso.Download(sLocalFile, sRemoteFile); })
+        .Method("getLocalIP", [](O& o) { return o.fso.getLocalIP(); })
+        .Method("getRemoteIP", [](O& o) { return o.fso.getRemoteIP(); })
+        .Method("getUpdatedServerFileToTempFolder",
+                [](O& o, S sRemoteFile, std::string& sLocalFile) {
+                  return o.fso.getUpdatedServerFileToTempFolder(sRemoteFile, sLocalFile);
                 })
         .Events(&O::events));
 

@@ -122,6 +122,16 @@ TEST(ChildProcess, LeavesNoDescriptorOpenInTheParent) {
   EXPECT_EQ(OpenFdCount(), before);
 }
 
+TEST(ChildProcess, HandsOutNonBlockingCloseOnExecDescriptors) {
+  ChildProcess child = ChildProcess::Start(Command("exec sleep 100"));
+  EXPECT_EQ(fcntl(child.output_fd(), F_GETFL) & O_NONBLOCK, O_NONBLOCK);
+  EXPECT_EQ(fcntl(child.output_fd(), F_GETFD), FD_CLOEXEC);
+  EXPECT_EQ(fcntl(child.exit_fd(), F_GETFD), FD_CLOEXEC);
+  char byte;
+  EXPECT_EQ(read(child.output_fd(), &byte, 1), -1);
+  EXPECT_EQ(errno, EAGAIN);
+}
+
 TEST(ChildProcess, RunsInACleanEnvironmentWithExtraEntries) {
   setenv("PELMORA_CHILD_SECRET", "1", 1);
   passwd* user = CurrentUser();

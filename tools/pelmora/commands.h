@@ -23,6 +23,21 @@ int RunDefaultDemo();
 // on files and standard streams.
 void AddCryptoCommand(CLI::App& app, CommandAction& action);
 
+// `pelmora sql CONNECTION "statement" [--csv|--json]`: runs one statement through SQLDB and
+// prints its rows as an aligned table, CSV or JSON.
+void AddSqlCommand(CLI::App& app, CommandAction& action);
+
+// `pelmora tasks list|show|create|set|run|stop|rm [--computer \\host]`: the scheduled tasks.
+void AddTasksCommand(CLI::App& app, CommandAction& action);
+
+// `pelmora zip ...` and `pelmora unzip ...`: the archive engines with the Info-ZIP programs'
+// usual flags; the exit status is the engine's return code.
+void AddZipCommand(CLI::App& app, CommandAction& action);
+
+// `pelmora http get|head|post|put URL [-o FILE] [-H LINE]... [-d DATA|@FILE]`: requests
+// through the WinINet object.
+void AddHttpCommand(CLI::App& app, CommandAction& action);
+
 // `pelmora admin [global options] COMMAND ...`: the administration service of one host
 // (--host) or of a fleet (--hosts, --hosts-file); see `pelmora admin --help`.
 void AddAdminCommand(CLI::App& app, CommandAction& action);

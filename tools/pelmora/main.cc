@@ -2,6 +2,9 @@
 //
 //   pelmora [demo [--log-root DIR]]     the demonstration (also with no command at all)
 //   pelmora crypto SUBCOMMAND ...       keys, encryption, signatures, hashes (see --help)
+//   pelmora tasks SUBCOMMAND ...        scheduled tasks: list, show, create, set, run, stop, rm
+//   pelmora zip|unzip ...               zip archives (exit status: the archive return code)
+//   pelmora http get|head|post|put URL  HTTP and HTTPS requests (see --help)
 //   pelmora admin [OPTIONS] COMMAND ... the administration service of a host or a fleet
 //   pelmora log tail [--root DIR]       the day's log lines of the library
 //
@@ -16,6 +19,10 @@ int main(int argc, char** argv) {
   pelmora_tool::CommandAction action;
   pelmora_tool::AddDemoCommand(app, action);
   pelmora_tool::AddCryptoCommand(app, action);
+  pelmora_tool::AddSqlCommand(app, action);
+  pelmora_tool::AddTasksCommand(app, action);
+  pelmora_tool::AddZipCommand(app, action);
+  pelmora_tool::AddHttpCommand(app, action);
   pelmora_tool::AddAdminCommand(app, action);
   pelmora_tool::AddLogCommand(app, action);
   try {

@@ -1,0 +1,99 @@
+// WinINet downloads of 1 GiB from the local nginx next to the curl program fetching the same file
+// in the same run.
+//
+// BM_WinINetGetChunk reads the response with GetChunk in ChunkSize pieces (memory stays bounded:
+// the max_rss_growth_kib counter shows the resident growth during the run), BM_WinINetOpenUrl
+// fetches it whole as a Byte(), BM_CurlProgram runs `curl -s -o /dev/null` on the same URL.
+// Compare bytes_per_second within one run:
+//   build/h/bench/pelmora_bench --benchmark_filter='WinINet|CurlProgram'
+#include <benchmark/benchmark.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "pelmora/net/wininet.h"
+#include "pelmora/testing/web_server.h"
+
+extern char** environ;
+
+namespace {
+
+constexpr int64_t kFileSize = int64_t{1} << 30;
+constexpr int32_t kChunk = 1 << 20;
+
+// The web server with a 1 GiB file, started once for the run.
+const pelmora::testing::WebServer& Server() {
+  static const auto* server = [] {
+    auto* web = new pelmora::testing::WebServer();
+    std::string path = web->WriteDocument("gib.bin", "");
+    std::filesystem::resize_file(path, kFileSize);
+    return web;
+  }();
+  return *server;
+}
+
+long MaxRssKib() {
+  rusage usage{};
+  ::getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss;
+}
+
+void BM_WinINetGetChunk(benchmark::State& state) {
+  std::string url = Server().HttpUrl("/gib.bin");
+  long rss_before = MaxRssKib();
+  pelmora::WinINet inet;
+  for (auto _ : state) {
+    inet.Execute(url, "GET");
+    int64_t total = 0;
+    while (true) {
+      pelmora::Variant piece = inet.GetChunk(kChunk, pelmora::icByteArray);
+      size_t size = piece.Get<std::vector<uint8_t>>()->size();
+      if (size == 0) break;
+      total += static_cast<int64_t>(size);
+    }
+    if (total != kFileSize) state.SkipWithError("short download");
+  }
+  state.SetBytesProcessed(state.iterations() * kFileSize);
+  state.counters["max_rss_growth_kib"] = static_cast<double>(MaxRssKib() - rss_before);
+}
+BENCHMARK(BM_WinINetGetChunk)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
+
+void BM_WinINetOpenUrl(benchmark::State& state) {
+  std::string url = Server().HttpUrl("/gib.bin");
+  pelmora::WinINet inet;
+  for (auto _ : state) {
+    pelmora::Variant body = inet.OpenURL(url, pelmora::icByteArray);
+    if (static_cast<int64_t>(body.Get<std::vector<uint8_t>>()->size()) != kFileSize) {
+      state.SkipWithError("short download");
+    }
+  }
+  state.SetBytesProcessed(state.iterations() * kFileSize);
+}
+BENCHMARK(BM_WinINetOpenUrl)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
+
+void BM_CurlProgram(benchmark::State& state) {
+  std::string url = Server().HttpUrl("/gib.bin");
+  const char* argv[] = {"/usr/bin/curl", "-s", "-o", "/dev/null", url.c_str(), nullptr};
+  for (auto _ : state) {
+    pid_t pid = -1;
+    if (posix_spawn(&pid, argv[0], nullptr, nullptr, const_cast<char* const*>(argv), environ) !=
+        0) {
+      state.SkipWithError("cannot start curl");
+      break;
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    if (status != 0) state.SkipWithError("curl failed");
+  }
+  state.SetBytesProcessed(state.iterations() * kFileSize);
+}
+BENCHMARK(BM_CurlProgram)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
+
+}  // namespace

@@ -1,0 +1,182 @@
+// Descriptor-relative folder walking, temporary files and renames.
+#include "pelmora/archive/internal/extraction_folder.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <random>
+#include <utility>
+
+namespace pelmora::archive::internal {
+namespace {
+
+constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+// Opens component `name` of `folder` as a folder, creating it when asked.
+PathStatus OpenChild(int folder, const std::string& name, bool create, UniqueFd& out) {
+  int fd = openat(folder, name.c_str(), kFolderFlags);
+  if (fd < 0 && errno == ENOENT && create) {
+    if (mkdirat(folder, name.c_str(), 0777) != 0 && errno != EEXIST) {
+      return PathStatus::kSystemError;
+    }
+    fd = openat(folder, name.c_str(), kFolderFlags);
+  }
+  if (fd >= 0) {
+    out = UniqueFd(fd);
+    return PathStatus::kOk;
+  }
+  int error = errno;
+  struct stat st {};
+  if (fstatat(folder, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+    return S_ISLNK(st.st_mode) ? PathStatus::kThroughLink : PathStatus::kNotFolder;
+  }
+  errno = error;
+  return PathStatus::kSystemError;
+}
+
+std::string TempName(const std::string& leaf) {
+  static thread_local std::mt19937_64 random{std::random_device{}()};
+  return "." + leaf.substr(0, 200) + ".pz" + std::to_string(random() % 1000000000);
+}
+
+}  // namespace
+
+UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
+  if (this != &other) {
+    if (fd_ >= 0) close(fd_);
+    fd_ = other.Release();
+  }
+  return *this;
+}
+
+UniqueFd::~UniqueFd() {
+  if (fd_ >= 0) close(fd_);
+}
+
+int UniqueFd::Release() { return std::exchange(fd_, -1); }
+
+PendingFile::PendingFile(UniqueFd folder, std::string leaf, std::string temp_name, UniqueFd file)
+    : folder_(std::move(folder)),
+      leaf_(std::move(leaf)),
+      temp_name_(std::move(temp_name)),
+      file_(std::move(file)) {}
+
+PendingFile::~PendingFile() {
+  if (!committed_ && folder_.Valid()) unlinkat(folder_.Get(), temp_name_.c_str(), 0);
+}
+
+bool PendingFile::Write(std::span<const uint8_t> data) {
+  while (!data.empty()) {
+    ssize_t n = write(file_.Get(), data.data(), data.size());
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    data = data.subspan(static_cast<size_t>(n));
+  }
+  return true;
+}
+
+bool PendingFile::Commit(uint32_t mode, int64_t mtime) {
+  if (fchmod(file_.Get(), mode & 07777) != 0) return false;
+  struct timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(mtime), 0}};
+  if (futimens(file_.Get(), times) != 0) return false;
+  if (close(file_.Release()) != 0) return false;
+  if (renameat(folder_.Get(), temp_name_.c_str(), folder_.Get(), leaf_.c_str()) != 0) {
+    return false;
+  }
+  committed_ = true;
+  return true;
+}
+
+std::optional<ExtractionFolder> ExtractionFolder::Open(const std::string& path) {
+  std::string base = path.empty() ? "." : path;
+  UniqueFd root(open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (root.Valid()) return ExtractionFolder(std::move(root));
+  // Create the missing folders one by one, like mkdir -p.
+  for (size_t at = base.find('/', 1); at != std::string::npos; at = base.find('/', at + 1)) {
+    mkdir(base.substr(0, at).c_str(), 0777);
+  }
+  mkdir(base.c_str(), 0777);
+  root = UniqueFd(open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!root.Valid()) return std::nullopt;
+  return ExtractionFolder(std::move(root));
+}
+
+PathStatus ExtractionFolder::OpenParent(std::string_view path, bool create,
+                                        OpenedParent& out) const {
+  UniqueFd current(dup(root_.Get()));
+  if (!current.Valid()) return PathStatus::kSystemError;
+  size_t at = 0;
+  for (size_t slash = path.find('/'); slash != std::string_view::npos;
+       slash = path.find('/', at)) {
+    UniqueFd next;
+    PathStatus status = OpenChild(current.Get(), std::string(path.substr(at, slash - at)),
+                                  create, next);
+    if (status != PathStatus::kOk) return status;
+    current = std::move(next);
+    at = slash + 1;
+  }
+  out.folder = std::move(current);
+  out.leaf = std::string(path.substr(at));
+  return PathStatus::kOk;
+}
+
+PathStatus ExtractionFolder::MakeFolder(std::string_view path) const {
+  OpenedParent parent;
+  PathStatus status = OpenParent(path, true, parent);
+  if (status != PathStatus::kOk) return status;
+  UniqueFd folder;
+  return OpenChild(parent.folder.Get(), parent.leaf, true, folder);
+}
+
+std::optional<struct stat> ExtractionFolder::Stat(std::string_view path) const {
+  OpenedParent parent;
+  if (OpenParent(path, false, parent) != PathStatus::kOk) return std::nullopt;
+  struct stat st {};
+  if (fstatat(parent.folder.Get(), parent.leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+    return std::nullopt;
+  }
+  return st;
+}
+
+std::optional<PendingFile> ExtractionFolder::StartFile(std::string_view path,
+                                                       PathStatus& status) const {
+  OpenedParent parent;
+  status = OpenParent(path, true, parent);
+  if (status != PathStatus::kOk) return std::nullopt;
+  for (int attempt = 0; attempt < 16; ++attempt) {
+    std::string temp = TempName(parent.leaf);
+    int fd = openat(parent.folder.Get(), temp.c_str(),
+                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd >= 0) {
+      return PendingFile(std::move(parent.folder), std::move(parent.leaf), std::move(temp),
+                         UniqueFd(fd));
+    }
+    if (errno != EEXIST) break;
+  }
+  status = PathStatus::kSystemError;
+  return std::nullopt;
+}
+
+bool ExtractionFolder::MakeLink(std::string_view path, const std::string& target,
+                                PathStatus& status) const {
+  OpenedParent parent;
+  status = OpenParent(path, true, parent);
+  if (status != PathStatus::kOk) return false;
+  struct stat st {};
+  if (fstatat(parent.folder.Get(), parent.leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+    if (S_ISDIR(st.st_mode)) return false;
+    unlinkat(parent.folder.Get(), parent.leaf.c_str(), 0);
+  }
+  return symlinkat(target.c_str(), parent.folder.Get(), parent.leaf.c_str()) == 0;
+}
+
+void ExtractionFolder::SetTime(std::string_view path, int64_t mtime) const {
+  OpenedParent parent;
+  if (OpenParent(path, false, parent) != PathStatus::kOk) return;
+  struct timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(mtime), 0}};
+  utimensat(parent.folder.Get(), parent.leaf.c_str(), times, AT_SYMLINK_NOFOLLOW);
+}
+
+}  // namespace pelmora::archive::internal

@@ -1,0 +1,90 @@
+// Writing inside one extraction folder and nowhere else. Every path is walked component by
+// component from the folder's descriptor with O_NOFOLLOW, so neither "..", nor an absolute name,
+// nor a symbolic link (one planted earlier in the same archive included) can lead outside it.
+// Files are written under a temporary name and renamed into place only when complete.
+#ifndef PELMORA_ARCHIVE_INTERNAL_EXTRACTION_FOLDER_H_
+#define PELMORA_ARCHIVE_INTERNAL_EXTRACTION_FOLDER_H_
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace pelmora::archive::internal {
+
+// An owned file descriptor.
+class UniqueFd {
+ public:
+  UniqueFd() = default;
+  explicit UniqueFd(int fd) : fd_(fd) {}
+  UniqueFd(UniqueFd&& other) noexcept : fd_(other.Release()) {}
+  UniqueFd& operator=(UniqueFd&& other) noexcept;
+  ~UniqueFd();
+
+  int Get() const { return fd_; }
+  bool Valid() const { return fd_ >= 0; }
+  int Release();
+
+ private:
+  int fd_ = -1;
+};
+
+// Why a path inside the folder could not be reached.
+enum class PathStatus { kOk, kThroughLink, kNotFolder, kSystemError };
+
+// A relative path's parent folder, opened, and its last component.
+struct OpenedParent {
+  UniqueFd folder;
+  std::string leaf;
+};
+
+// A file being written under a temporary name in its final folder.
+class PendingFile {
+ public:
+  PendingFile(UniqueFd folder, std::string leaf, std::string temp_name, UniqueFd file);
+  PendingFile(PendingFile&&) noexcept = default;
+  ~PendingFile();  // removes the temporary file unless committed
+
+  // Appends `data`; false (errno set) on a write failure.
+  bool Write(std::span<const uint8_t> data);
+  // Sets `mode` and the modification time, then renames over the final name. False on failure.
+  bool Commit(uint32_t mode, int64_t mtime);
+
+ private:
+  UniqueFd folder_;
+  std::string leaf_;
+  std::string temp_name_;
+  UniqueFd file_;
+  bool committed_ = false;
+};
+
+// The folder that an extraction writes into.
+class ExtractionFolder {
+ public:
+  // Opens `path` ("" is the current folder), creating it and its parents when missing.
+  static std::optional<ExtractionFolder> Open(const std::string& path);
+
+  // Opens the parent of relative path `path`, creating missing folders when `create` is set.
+  PathStatus OpenParent(std::string_view path, bool create, OpenedParent& out) const;
+  // Creates folder `path` and its parents.
+  PathStatus MakeFolder(std::string_view path) const;
+  // lstat of `path`; nullopt when it does not exist or cannot be reached.
+  std::optional<struct stat> Stat(std::string_view path) const;
+  // Starts writing file `path`; nullopt (errno set) on failure.
+  std::optional<PendingFile> StartFile(std::string_view path, PathStatus& status) const;
+  // Creates symbolic link `path` -> `target`, replacing an existing non-folder.
+  bool MakeLink(std::string_view path, const std::string& target, PathStatus& status) const;
+  // Sets the modification time of `path` without following links.
+  void SetTime(std::string_view path, int64_t mtime) const;
+
+ private:
+  explicit ExtractionFolder(UniqueFd root) : root_(std::move(root)) {}
+  UniqueFd root_;
+};
+
+}  // namespace pelmora::archive::internal
+
+#endif  // PELMORA_ARCHIVE_INTERNAL_EXTRACTION_FOLDER_H_

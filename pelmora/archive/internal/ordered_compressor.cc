@@ -1,0 +1,192 @@
+// Deflate on worker threads with results delivered in order.
+#include "pelmora/archive/internal/ordered_compressor.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "pelmora/archive/internal/extraction_folder.h"
+
+namespace pelmora::archive::internal {
+namespace {
+
+constexpr size_t kReadChunk = 256 * 1024;
+
+struct DeflateEnd {
+  void operator()(z_stream* stream) const { deflateEnd(stream); }
+};
+
+// Reads the whole of `fd` in chunks, calling `chunk` for each; false on a read error.
+template <class F>
+bool ReadChunks(int fd, F chunk) {
+  std::vector<uint8_t> buffer(kReadChunk);
+  for (;;) {
+    ssize_t n = read(fd, buffer.data(), buffer.size());
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return false;
+    if (!chunk(std::span<const uint8_t>(buffer.data(), static_cast<size_t>(n)), n == 0)) {
+      return false;
+    }
+    if (n == 0) return true;
+  }
+}
+
+// Runs `input` through deflate into `sink`; `finish` ends the stream.
+bool Deflate(z_stream& stream, std::span<const uint8_t> input, bool finish, const ByteSink& sink,
+             uint64_t& produced) {
+  uint8_t out[kReadChunk];
+  stream.next_in = const_cast<uint8_t*>(input.data());
+  stream.avail_in = static_cast<uInt>(input.size());
+  int rc = Z_OK;
+  do {
+    stream.next_out = out;
+    stream.avail_out = sizeof(out);
+    rc = deflate(&stream, finish ? Z_FINISH : Z_NO_FLUSH);
+    if (rc == Z_STREAM_ERROR) return false;
+    size_t have = sizeof(out) - stream.avail_out;
+    produced += have;
+    if (have > 0 && !sink({out, have})) return false;
+  } while (stream.avail_out == 0 || (finish && rc != Z_STREAM_END));
+  return true;
+}
+
+}  // namespace
+
+bool CompressStreaming(const std::string& path, int level, const ByteSink& sink,
+                       Compressed& result, uint64_t& compressed_size) {
+  UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd.Valid()) return result.readable = false;
+  z_stream stream{};
+  if (deflateInit2(&stream, level, Z_DEFLATED, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY) != Z_OK) {
+    return false;
+  }
+  std::unique_ptr<z_stream, DeflateEnd> guard(&stream);
+  compressed_size = 0;
+  result.crc = 0;
+  result.size = 0;
+  return ReadChunks(fd.Get(), [&](std::span<const uint8_t> chunk, bool end) {
+    result.crc = static_cast<uint32_t>(crc32_z(result.crc, chunk.data(), chunk.size()));
+    result.size += chunk.size();
+    return Deflate(stream, chunk, end, sink, compressed_size);
+  });
+}
+
+bool CopyStreaming(const std::string& path, const ByteSink& sink, Compressed& result) {
+  UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd.Valid()) return result.readable = false;
+  result.crc = 0;
+  result.size = 0;
+  return ReadChunks(fd.Get(), [&](std::span<const uint8_t> chunk, bool) {
+    result.crc = static_cast<uint32_t>(crc32_z(result.crc, chunk.data(), chunk.size()));
+    result.size += chunk.size();
+    return chunk.empty() || sink(chunk);
+  });
+}
+
+Compressed CompressInMemory(const std::string& path, int level) {
+  Compressed result;
+  uint64_t compressed_size = 0;
+  bool ok = CompressStreaming(path, level, [&](std::span<const uint8_t> bytes) {
+    result.data.insert(result.data.end(), bytes.begin(), bytes.end());
+    return true;
+  }, result, compressed_size);
+  if (!ok) {
+    result.readable = false;
+    result.data.clear();
+    return result;
+  }
+  if (level == 0 || result.size == 0 || result.data.size() >= result.size) {
+    // Keep the file as it is: read it again rather than holding both forms from the start.
+    result.data.clear();
+    result.stored = true;
+    result.readable = CopyStreaming(path, [&](std::span<const uint8_t> bytes) {
+      result.data.insert(result.data.end(), bytes.begin(), bytes.end());
+      return true;
+    }, result);
+  }
+  return result;
+}
+
+namespace {
+
+// The shared state of one CompressInOrder run.
+class OrderedRun {
+ public:
+  OrderedRun(const std::vector<CompressJob>& jobs, int level, uint64_t window)
+      : jobs_(jobs), level_(level), window_(window) {}
+
+  void Work() {
+    for (;;) {
+      size_t index = 0;
+      {
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [&] { return stop_ || next_ == jobs_.size() || Fits(jobs_[next_]); });
+        if (stop_ || next_ == jobs_.size()) return;
+        index = next_++;
+        in_flight_ += Weight(jobs_[index]);
+      }
+      Compressed result;
+      if (!jobs_[index].skip) result = CompressInMemory(jobs_[index].path, level_);
+      std::lock_guard lock(mutex_);
+      done_.emplace(index, std::move(result));
+      changed_.notify_all();
+    }
+  }
+
+  // Waits for result `index` and releases its share of the window.
+  Compressed Take(size_t index) {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] { return done_.count(index) != 0; });
+    Compressed result = std::move(done_[index]);
+    done_.erase(index);
+    in_flight_ -= Weight(jobs_[index]);
+    changed_.notify_all();
+    return result;
+  }
+
+  void Stop() {
+    std::lock_guard lock(mutex_);
+    stop_ = true;
+    changed_.notify_all();
+  }
+
+ private:
+  static uint64_t Weight(const CompressJob& job) { return job.skip ? 0 : job.size; }
+  bool Fits(const CompressJob& job) const {
+    return in_flight_ == 0 || in_flight_ + Weight(job) <= window_;
+  }
+
+  const std::vector<CompressJob>& jobs_;
+  int level_;
+  uint64_t window_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  size_t next_ = 0;
+  uint64_t in_flight_ = 0;
+  bool stop_ = false;
+  std::map<size_t, Compressed> done_;
+};
+
+}  // namespace
+
+bool CompressInOrder(const std::vector<CompressJob>& jobs, int level, unsigned threads,
+                     uint64_t window_bytes,
+                     const std::function<bool(size_t, Compressed&&)>& consume) {
+  if (threads == 0) threads = std::max(1u, std::thread::hardware_concurrency());
+  OrderedRun run(jobs, level, window_bytes);
+  std::vector<std::thread> workers;
+  for (unsigned i = 0; i < threads && i < jobs.size(); ++i) workers.emplace_back([&] { run.Work(); });
+  bool completed = true;
+  for (size_t i = 0; i < jobs.size() && completed; ++i) completed = consume(i, run.Take(i));
+  run.Stop();
+  for (std::thread& worker : workers) worker.join();
+  return completed;
+}
+
+}  // namespace pelmora::archive::internal

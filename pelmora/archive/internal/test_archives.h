@@ -1,0 +1,96 @@
+// Test helpers for the archive tests: a scratch folder, file contents, the real zip and unzip
+// programs, and archives built entry by entry with libzip (hostile names and links included).
+#ifndef PELMORA_ARCHIVE_INTERNAL_TEST_ARCHIVES_H_
+#define PELMORA_ARCHIVE_INTERNAL_TEST_ARCHIVES_H_
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <zip.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace pelmora::archive::testing {
+
+// A fresh folder under the temporary folder, removed with everything in it.
+class ScratchFolder {
+ public:
+  ScratchFolder() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "pzarchXXXXXX").string();
+    path_ = mkdtemp(pattern.data());
+  }
+  ~ScratchFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  std::string Path(const std::string& relative = "") const {
+    return relative.empty() ? path_ : path_ + "/" + relative;
+  }
+
+ private:
+  std::string path_;
+};
+
+inline void WriteFile(const std::string& path, const std::string& contents) {
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  std::ofstream(path, std::ios::binary) << contents;
+}
+
+inline std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+inline bool Exists(const std::string& path) {
+  struct stat st {};
+  return lstat(path.c_str(), &st) == 0;
+}
+
+// Runs `command` with sh in `folder`, output discarded; its exit status.
+inline int RunIn(const std::string& folder, const std::string& command) {
+  std::string line = "cd '" + folder + "' && " + command + " >/dev/null 2>&1";
+  int status = std::system(line.c_str());
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// One entry for BuildArchive.
+struct TestEntry {
+  std::string name;
+  std::string data;
+  uint32_t unix_mode = 0100644;
+  bool store = false;
+};
+
+// Writes an archive of `entries` with libzip; false on failure.
+inline bool BuildArchive(const std::string& path, const std::vector<TestEntry>& entries) {
+  int error = 0;
+  zip_t* archive = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error);
+  if (archive == nullptr) return false;
+  for (const TestEntry& entry : entries) {
+    zip_source_t* source =
+        zip_source_buffer(archive, entry.data.data(), entry.data.size(), 0);
+    zip_int64_t index = zip_file_add(archive, entry.name.c_str(), source, ZIP_FL_ENC_RAW);
+    if (index < 0) {
+      zip_source_free(source);
+      zip_discard(archive);
+      return false;
+    }
+    zip_file_set_external_attributes(archive, static_cast<zip_uint64_t>(index), 0,
+                                     ZIP_OPSYS_UNIX, entry.unix_mode << 16);
+    zip_set_file_compression(archive, static_cast<zip_uint64_t>(index),
+                             entry.store ? ZIP_CM_STORE : ZIP_CM_DEFLATE, 6);
+  }
+  return zip_close(archive) == 0;
+}
+
+}  // namespace pelmora::archive::testing
+
+#endif  // PELMORA_ARCHIVE_INTERNAL_TEST_ARCHIVES_H_

@@ -1,0 +1,189 @@
+// The unzip run's extraction side: safe names, overwrite rules, files and links.
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include <cstring>
+
+#include "pelmora/archive/internal/unzip_run.h"
+
+namespace pelmora::archive::internal {
+namespace {
+
+constexpr size_t kMaxLinkTarget = 4096;
+constexpr int kMaxRenames = 8;
+
+// Turns lone line feeds into CR LF for text entries, across chunk boundaries.
+class TextConverter {
+ public:
+  explicit TextConverter(bool active) : active_(active) {}
+  std::span<const uint8_t> Convert(std::span<const uint8_t> data) {
+    if (!active_) return data;
+    converted_.clear();
+    for (uint8_t byte : data) {
+      if (byte == '\n' && last_ != '\r') converted_.push_back('\r');
+      converted_.push_back(byte);
+      last_ = byte;
+    }
+    return converted_;
+  }
+
+ private:
+  bool active_;
+  uint8_t last_ = 0;
+  std::vector<uint8_t> converted_;
+};
+
+uint32_t FileMode(const EntryInfo& entry) {
+  if (entry.unix_mode_known) return entry.unix_mode & 0777;
+  mode_t mask = umask(0);
+  umask(mask);
+  return 0666 & ~mask;
+}
+
+}  // namespace
+
+std::string UnzipRun::Shown(const std::string& path) const {
+  std::string dir = dcl_.extract_dir;
+  while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
+  return dir.empty() ? path : dir + "/" + path;
+}
+
+bool UnzipRun::ReportPath(PathStatus status, const std::string& path) {
+  switch (status) {
+    case PathStatus::kOk:
+      return true;
+    case PathStatus::kThroughLink:
+      Print(fmt::format("warning:  {} lies behind a symbolic link; skipped\n", Shown(path)), 1);
+      Note(kUnzipWarn);
+      return false;
+    case PathStatus::kNotFolder:
+      Print(fmt::format("checkdir error:  a component of {} exists but is not directory\n"
+                        "                 unable to process {}.\n", Shown(path), path), 1);
+      Note(kUnzipErr);
+      return false;
+    case PathStatus::kSystemError:
+      Print(fmt::format("error:  cannot create {}\n        {}\n", Shown(path),
+                        std::strerror(errno)), 1);
+      Note(kUnzipDisk);
+      return false;
+  }
+  return false;
+}
+
+std::optional<std::string> UnzipRun::DecideOverwrite(const EntryInfo& entry, std::string path) {
+  bool update = dcl_.extract_only_newer != 0 || dcl_.freshen != 0;
+  for (int rename = 0; rename <= kMaxRenames; ++rename) {
+    auto existing = folder_->Stat(path);
+    if (!existing) return dcl_.freshen != 0 ? std::nullopt : std::optional(path);
+    if (update && existing->st_mtime >= entry.mtime) {
+      Print(fmt::format("Target file newer.\nSkipping {}\n", Shown(path)));
+      return std::nullopt;
+    }
+    if (mode_ == OverwriteMode::kAlways) return path;
+    if (mode_ == OverwriteMode::kNever) {
+      Print(fmt::format("Target file exists.\nSkipping {}\n", Shown(path)));
+      return std::nullopt;
+    }
+    std::string name = Shown(path);
+    int answer = callbacks_.replace(name);
+    if (answer == kReplaceNo) return std::nullopt;
+    if (answer == kReplaceNone) mode_ = OverwriteMode::kNever;
+    if (answer == kReplaceNone) return std::nullopt;
+    if (answer == kReplaceAll) mode_ = OverwriteMode::kAlways;
+    if (answer != kReplaceRename) return path;
+    std::string shown_dir = Shown("");
+    if (!shown_dir.empty() && name.rfind(shown_dir, 0) == 0) name.erase(0, shown_dir.size());
+    path = SanitizeEntryName(name, false, false).path;
+    if (path.empty()) return std::nullopt;
+  }
+  return std::nullopt;
+}
+
+void UnzipRun::ExtractEntry(const EntryInfo& entry, const std::string& password) {
+  SafeName safe = SanitizeEntryName(entry.name, dcl_.honor_directories == 0,
+                                    dcl_.space_to_underscore != 0);
+  if (safe.stripped_absolute) {
+    Print(fmt::format("warning:  stripped absolute path spec from {}\n", entry.name), 1);
+    Note(kUnzipWarn);
+  }
+  if (safe.skipped_parent) {
+    Print(fmt::format("warning:  skipped \"../\" path component(s) in {}\n", entry.name), 1);
+    Note(kUnzipWarn);
+  }
+  if (safe.path.empty()) return;
+  if (dcl_.to_stdout != 0) {
+    if (safe.is_directory) return;
+    DecodeResult result = DecodeEntry(archive_, entry, password, budget_, [&](auto data) {
+      callbacks_.print({reinterpret_cast<const char*>(data.data()), data.size()});
+      return true;
+    });
+    ReportDecode(entry, result, "");
+    return;
+  }
+  if (safe.is_directory) {
+    if (!ReportPath(folder_->MakeFolder(safe.path), safe.path)) return;
+    Print(fmt::format("   creating: {}/\n", Shown(safe.path)));
+    folder_times_.emplace_back(safe.path, entry.mtime);
+    return;
+  }
+  if (entry.unix_mode_known && S_ISLNK(entry.unix_mode)) {
+    ExtractLink(entry, password, safe.path);
+  } else {
+    ExtractFile(entry, password, safe.path);
+  }
+}
+
+void UnzipRun::ExtractFile(const EntryInfo& entry, const std::string& password,
+                           const std::string& wanted) {
+  auto path = DecideOverwrite(entry, wanted);
+  if (!path) return;
+  PathStatus status = PathStatus::kOk;
+  auto file = folder_->StartFile(*path, status);
+  if (!file) {
+    ReportPath(status, *path);
+    return;
+  }
+  bool text = dcl_.convert_text != 0 && entry.text;
+  std::string tag = dcl_.convert_text == 0 ? "" : text ? "[text]" : "[binary]";
+  std::string prefix = fmt::format("{}: {}  {}", entry.method == ZIP_CM_STORE ? " extracting"
+                                                                              : "  inflating",
+                                   PadName(Shown(*path)), tag);
+  Print(prefix);
+  TextConverter converter(text);
+  DecodeResult result = DecodeEntry(archive_, entry, password, budget_, [&](auto data) {
+    return file->Write(converter.Convert(data));
+  });
+  if (!ReportDecode(entry, result, prefix)) return;
+  if (!file->Commit(FileMode(entry), entry.mtime)) {
+    ReportDecode(entry, DecodeResult{DecodeStatus::kSinkFailed, 0, 0}, prefix);
+    return;
+  }
+  Print("\n");
+}
+
+void UnzipRun::ExtractLink(const EntryInfo& entry, const std::string& password,
+                           const std::string& wanted) {
+  std::string target;
+  DecodeResult result = DecodeEntry(archive_, entry, password, budget_, [&](auto data) {
+    target.append(reinterpret_cast<const char*>(data.data()), data.size());
+    return target.size() <= kMaxLinkTarget;
+  });
+  if (!ReportDecode(entry, result, "    linking: " + Shown(wanted))) return;
+  if (target.find('\0') != std::string::npos || !LinkStaysInside(wanted, target)) {
+    Print(fmt::format("warning:  symbolic link {} -> {} points outside the extraction folder; "
+                      "not created\n", Shown(wanted), target), 1);
+    Note(kUnzipWarn);
+    return;
+  }
+  auto path = DecideOverwrite(entry, wanted);
+  if (!path) return;
+  PathStatus status = PathStatus::kOk;
+  if (!folder_->MakeLink(*path, target, status)) {
+    if (status == PathStatus::kOk) status = PathStatus::kNotFolder;
+    ReportPath(status, *path);
+    return;
+  }
+  Print(fmt::format("    linking: {} -> {} \n", Shown(*path), target));
+}
+
+}  // namespace pelmora::archive::internal

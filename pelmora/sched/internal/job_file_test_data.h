@@ -1,0 +1,43 @@
+// Reference .job files as hexadecimal text, shared by the codec, task and runner tests.
+//
+// kWineDailyJobHex: 303 bytes, a task with application, parameters, working folder, author,
+// comment, 3 bytes of user data and one daily trigger at 2030-01-02 03:04 (flags 2, status
+// HAS_NOT_RUN). kEmptyJobHex: 220 bytes, a task saved with no strings and only the placeholder
+// disabled trigger (status NOT_SCHEDULED).
+#ifndef PELMORA_SCHED_INTERNAL_JOB_FILE_TEST_DATA_H_
+#define PELMORA_SCHED_INTERNAL_JOB_FILE_TEST_DATA_H_
+
+#include <string>
+#include <string_view>
+
+namespace pelmora::sched::testing {
+
+// The bytes of hexadecimal text (pairs of lower-case digits).
+inline std::string FromHex(std::string_view hex) {
+  auto digit = [](char c) { return c <= '9' ? c - '0' : c - 'a' + 10; };
+  std::string bytes;
+  for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+    bytes.push_back(static_cast<char>(digit(hex[i]) * 16 + digit(hex[i + 1])));
+  }
+  return bytes;
+}
+
+inline constexpr char kWineDailyJobHex[] =
+    "0106010041fd3df166cb5546b617a6600953c9ac4600b900000000003c000a00200000000014730f0000000003130400"
+    "02000000000000000000000000000000000000000000170043003a005c00770069006e0064006f00770073005c006e00"
+    "6f00740065007000610064002e006500780065000000060061002e007400780074000000070043003a005c0074006d00"
+    "7000000003004d00650000000600480065006c006c006f00000003000102030800ff0f1d0000000000010030000000ee"
+    "070100020000000000000003000400000000000000000000000000010000000100000000000000000000000100010000"
+    "000000000000000000000000000000000000000000000000000000000000000000000000000000000000000000000000"
+    "000000000000000000000000000000";
+
+inline constexpr char kEmptyJobHex[] =
+    "0105010041fd3df166cb5546b617a6600953c9ac46006600000000003c000a00200000000014730f0000000005130400"
+    "00000000000000000000000000000000000000000000010000000100000001000000010000000100000000000800ff0f"
+    "1d0000000000010030000000ea070b0017000000000000000c001e000000000000000000040000000100000001000000"
+    "000000000000000001000100000000000000000000000000000000000000000000000000000000000000000000000000"
+    "00000000000000000000000000000000000000000000000000000000";
+
+}  // namespace pelmora::sched::testing
+
+#endif  // PELMORA_SCHED_INTERNAL_JOB_FILE_TEST_DATA_H_

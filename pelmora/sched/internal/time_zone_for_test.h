@@ -1,0 +1,54 @@
+// Test helpers for local-time code: a time zone set for one scope, and dates written as text.
+//
+//   ScopedTimeZone zone("America/New_York");
+//   Date d = At("2026-03-08 02:30");
+#ifndef PELMORA_SCHED_INTERNAL_TIME_ZONE_FOR_TEST_H_
+#define PELMORA_SCHED_INTERNAL_TIME_ZONE_FOR_TEST_H_
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <optional>
+#include <string>
+
+#include "pelmora/common/date.h"
+
+namespace pelmora::sched::testing {
+
+// Sets TZ for the life of the object and restores the previous value.
+class ScopedTimeZone {
+ public:
+  explicit ScopedTimeZone(const char* zone) {
+    if (const char* old = std::getenv("TZ")) saved_ = old;
+    setenv("TZ", zone, 1);
+    tzset();
+  }
+  ~ScopedTimeZone() {
+    if (saved_) {
+      setenv("TZ", saved_->c_str(), 1);
+    } else {
+      unsetenv("TZ");
+    }
+    tzset();
+  }
+  ScopedTimeZone(const ScopedTimeZone&) = delete;
+  ScopedTimeZone& operator=(const ScopedTimeZone&) = delete;
+
+ private:
+  std::optional<std::string> saved_;
+};
+
+// The date of "yyyy-mm-dd hh:nn[:ss]"; the empty date when the text is malformed.
+inline Date At(const char* text) {
+  CivilTime c;
+  c.second = 0;
+  if (std::sscanf(text, "%d-%d-%d %d:%d:%d", &c.year, &c.month, &c.day, &c.hour, &c.minute,
+                  &c.second) < 5) {
+    return Date();
+  }
+  return Date::FromCivil(c).value_or(Date());
+}
+
+}  // namespace pelmora::sched::testing
+
+#endif  // PELMORA_SCHED_INTERNAL_TIME_ZONE_FOR_TEST_H_

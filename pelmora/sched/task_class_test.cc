@@ -1,0 +1,72 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "pelmora/automation/registry.h"
+#include "pelmora/common/error.h"
+#include "pelmora/common/variant.h"
+#include "pelmora/sched/internal/temp_folder_for_test.h"
+#include "pelmora/testing/raised_error.h"
+
+namespace pelmora {
+namespace {
+
+using automation::CallByName;
+using automation::CallKind;
+using automation::CreateObject;
+using automation::GetProperty;
+using automation::SetProperty;
+using pelmora::testing::RaisedError;
+
+// Points the local task folder at a fresh folder for one test.
+class TaskClassTest : public ::testing::Test {
+ protected:
+  TaskClassTest() { setenv("PELMORA_TASKS_DIR", folder_.path().c_str(), 1); }
+  ~TaskClassTest() override { unsetenv("PELMORA_TASKS_DIR"); }
+
+  sched::testing::TempFolder folder_;
+};
+
+TEST_F(TaskClassTest, CreatesAddsAndReadsATaskByName) {
+  ObjectRef scheduler = CreateObject("Pelmora.TaskScheduler");
+  Variant task = CallByName(scheduler, "CreateTask", CallKind::kMethod, {Variant("nightly")});
+  ObjectRef t = task.ToObject();
+  SetProperty(t, "ApplicationName", Variant("/bin/true"));
+  SetProperty(t, "Triggers", Variant(VariantArray{0, {Variant("daily 02:30")}}));
+  SetProperty(t, "Enabled", Variant(false));
+  CallByName(scheduler, "Add", CallKind::kMethod, {task});
+  Variant names = CallByName(scheduler, "ItemNames", CallKind::kMethod, {});
+  ASSERT_EQ(names.ToArray().items.size(), 1u);
+  EXPECT_EQ(names.ToArray().items[0], Variant("nightly.job"));
+
+  ObjectRef item = CallByName(scheduler, "Item", CallKind::kPropertyGet, {Variant("NIGHTLY")}).ToObject();
+  EXPECT_EQ(GetProperty(item, "ApplicationName"), Variant("/bin/true"));
+  EXPECT_EQ(GetProperty(item, "flags"), Variant(4));
+  EXPECT_EQ(GetProperty(item, "State"), Variant(267010));
+  VariantArray triggers = GetProperty(item, "Triggers").ToArray();
+  ASSERT_EQ(triggers.items.size(), 1u);
+  EXPECT_EQ(triggers.items[0].ToString().substr(0, 11), "daily 02:30");
+  EXPECT_EQ(GetProperty(item, "ExitCode"), Variant(static_cast<int16_t>(0)));
+}
+
+TEST_F(TaskClassTest, RaisesWithTheirNumbersSourcesAndTexts) {
+  ObjectRef scheduler = CreateObject("Pelmora.TaskScheduler");
+  Error empty = RaisedError([&] { CallByName(scheduler, "CreateTask", CallKind::kMethod, {Variant("")}); });
+  EXPECT_EQ(empty.Number(), 5);
+  EXPECT_EQ(empty.Source(), "Add");
+  ObjectRef unnamed = CreateObject("Pelmora.Task");
+  Error add = RaisedError([&] { CallByName(scheduler, "Add", CallKind::kMethod, {Variant(unnamed)}); });
+  EXPECT_EQ(add.Number(), 5);
+  EXPECT_EQ(add.Source(), "Add");
+  Error missing = RaisedError([&] { CallByName(scheduler, "Item", CallKind::kPropertyGet, {Variant("none")}); });
+  EXPECT_EQ(missing.Number(), -2147024894);
+  EXPECT_EQ(missing.Source(), "Pelmora.TaskScheduler");
+  Error trigger = RaisedError([&] {
+    SetProperty(unnamed, "Triggers", Variant(VariantArray{0, {Variant("hourly")}}));
+  });
+  EXPECT_EQ(trigger.Number(), -2147024809);
+  EXPECT_TRUE(CallByName(scheduler, "ItemNames", CallKind::kMethod, {}).ToArray().items.empty());
+}
+
+}  // namespace
+}  // namespace pelmora

@@ -1,0 +1,231 @@
+#include "pelmorad/config.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cctype>
+#include <fstream>
+#include <sstream>
+
+#include <fmt/format.h>
+#include <toml++/toml.h>
+
+#include "pelmora/common/error.h"
+
+namespace pelmorad {
+namespace {
+
+constexpr int kInvalidConfig = 87;
+
+[[noreturn]] void Fail(std::string_view source, std::string_view what) {
+  throw pelmora::Error(kInvalidConfig, fmt::format("{}: {}", source, what), "pelmorad");
+}
+
+std::string Text(const toml::node_view<const toml::node>& node, std::string_view source,
+                 std::string_view key, std::string fallback) {
+  if (!node) return fallback;
+  if (!node.is_string()) Fail(source, fmt::format("{} must be a string", key));
+  return std::string(*node.value<std::string_view>());
+}
+
+bool Flag(const toml::node_view<const toml::node>& node, std::string_view source,
+          std::string_view key, bool fallback) {
+  if (!node) return fallback;
+  if (!node.is_boolean()) Fail(source, fmt::format("{} must be true or false", key));
+  return *node.value<bool>();
+}
+
+std::vector<std::string> TextList(const toml::node_view<const toml::node>& node,
+                                  std::string_view source, std::string_view key) {
+  std::vector<std::string> out;
+  const toml::array* array = node.as_array();
+  if (array == nullptr) Fail(source, fmt::format("{} must be a list of strings", key));
+  for (const toml::node& item : *array) {
+    if (!item.is_string()) Fail(source, fmt::format("{} must be a list of strings", key));
+    out.emplace_back(*item.value<std::string_view>());
+  }
+  return out;
+}
+
+char DriveLetter(std::string_view text, std::string_view source) {
+  if (text.size() != 1 || !std::isalpha(static_cast<unsigned char>(text[0]))) {
+    Fail(source, fmt::format("drive \"{}\" is not a single letter", text));
+  }
+  return static_cast<char>(std::toupper(static_cast<unsigned char>(text[0])));
+}
+
+void ReadDrives(const toml::table& root, std::string_view source, Config& config) {
+  const toml::table* drives = root["drives"].as_table();
+  if (drives == nullptr) return;
+  for (const auto& [key, value] : *drives) {
+    char letter = DriveLetter(key.str(), source);
+    if (!value.is_string()) Fail(source, fmt::format("drives.{} must be a string", key.str()));
+    std::string folder(*value.value<std::string_view>());
+    if (folder.empty() || folder[0] != '/') {
+      Fail(source, fmt::format("drives.{} must be an absolute folder", key.str()));
+    }
+    config.drives[letter] = folder;
+  }
+}
+
+void ReadPaths(const toml::table& root, std::string_view source, Config& config) {
+  const toml::table* paths = root["paths"].as_table();
+  if (paths == nullptr) return;
+  for (const auto& [key, value] : *paths) {
+    if (!value.is_string()) Fail(source, fmt::format("paths.{} must be a string", key.str()));
+    config.paths.emplace_back(std::string(key.str()), *value.value<std::string>());
+  }
+}
+
+Account ReadAccount(std::string_view name, const toml::table& table, std::string_view source) {
+  Account account;
+  account.name = name;
+  std::string prefix = fmt::format("accounts.{}.", name);
+  toml::node_view<const toml::node> view(table);
+  account.password_hash = Text(view["password"], source, prefix + "password", "");
+  if (account.password_hash.empty() || account.password_hash[0] != '$') {
+    Fail(source, prefix + "password must be a crypt(3) hash (pelmorad --hash-password)");
+  }
+  if (view["drives"]) {
+    for (const std::string& letter : TextList(view["drives"], source, prefix + "drives")) {
+      account.drives.push_back(DriveLetter(letter, source));
+    }
+    if (account.drives.empty()) Fail(source, prefix + "drives must name at least one drive");
+  }
+  account.read_only = Flag(view["read_only"], source, prefix + "read_only", false);
+  account.commands = Flag(view["commands"], source, prefix + "commands", false);
+  account.run_as = Text(view["run_as"], source, prefix + "run_as", "");
+  account.working_folder = Text(view["working_folder"], source, prefix + "working_folder", "/");
+  return account;
+}
+
+void ReadAccounts(const toml::table& root, std::string_view source, Config& config) {
+  const toml::table* accounts = root["accounts"].as_table();
+  if (accounts == nullptr) return;
+  for (const auto& [key, value] : *accounts) {
+    const toml::table* table = value.as_table();
+    if (table == nullptr) Fail(source, fmt::format("accounts.{} must be a table", key.str()));
+    Account account = ReadAccount(key.str(), *table, source);
+    for (char letter : account.drives) {
+      if (!config.drives.contains(letter)) {
+        Fail(source, fmt::format("accounts.{} names the unmapped drive {}", key.str(), letter));
+      }
+    }
+    config.accounts[account.name] = std::move(account);
+  }
+}
+
+void ReadLimit(const toml::table& limits, std::string_view key, std::string_view source,
+               int low, int high, int& value) {
+  toml::node_view<const toml::node> node = limits[key];
+  if (!node) return;
+  std::optional<int64_t> number = node.value<int64_t>();
+  if (!node.is_integer() || !number || *number < low || *number > high) {
+    Fail(source, fmt::format("limits.{} must be a whole number from {} to {}", key, low, high));
+  }
+  value = static_cast<int>(*number);
+}
+
+void ReadLimits(const toml::table& root, std::string_view source, Limits& limits) {
+  const toml::table* table = root["limits"].as_table();
+  if (table == nullptr) return;
+  ReadLimit(*table, "sessions", source, 1, 100000, limits.sessions);
+  ReadLimit(*table, "sessions_per_address", source, 1, 100000, limits.sessions_per_address);
+  ReadLimit(*table, "commands", source, 0, 10000, limits.commands);
+  ReadLimit(*table, "request_bytes", source, 1500, 16 << 20, limits.request_bytes);
+  ReadLimit(*table, "path_length", source, 3, 32767, limits.path_length);
+  ReadLimit(*table, "idle_seconds", source, 1, 86400, limits.idle_seconds);
+  ReadLimit(*table, "login_failures", source, 1, 1000, limits.login_failures);
+  ReadLimit(*table, "lockout_seconds", source, 0, 86400, limits.lockout_seconds);
+  ReadLimit(*table, "login_delay_ms", source, 0, 60000, limits.login_delay_ms);
+  ReadLimit(*table, "grace_seconds", source, 0, 3600, limits.grace_seconds);
+  ReadLimit(*table, "workers", source, 1, 64, limits.workers);
+  ReadLimit(*table, "print_queue_seconds", source, 1, 3600, limits.print_queue_seconds);
+}
+
+void ReadSystem(const toml::table& root, std::string_view source, Config& config) {
+  toml::node_view<const toml::node> system = root["system"];
+  config.system_directory =
+      Text(system["directory"], source, "system.directory", config.system_directory);
+  config.print_queue_command =
+      Text(system["print_queue_command"], source, "system.print_queue_command", "");
+  config.shell = Text(system["shell"], source, "system.shell", config.shell);
+  if (config.shell.empty() || config.shell[0] != '/') {
+    Fail(source, "system.shell must be an absolute program path");
+  }
+}
+
+// A folder that others may write without the sticky bit lets them swap the file.
+void CheckNotWritableByOthers(const std::string& path) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) {
+    throw pelmora::Error(2, fmt::format("{}: cannot read the configuration", path), "pelmorad");
+  }
+  if ((info.st_mode & S_IWOTH) != 0) {
+    throw pelmora::Error(5, fmt::format("{}: refused, the file is writable by others", path),
+                         "pelmorad");
+  }
+  std::string folder = path.find('/') == std::string::npos ? "." : path.substr(0, path.rfind('/'));
+  if (folder.empty()) folder = "/";
+  struct stat parent {};
+  if (::stat(folder.c_str(), &parent) == 0 && (parent.st_mode & S_IWOTH) != 0 &&
+      (parent.st_mode & S_ISVTX) == 0) {
+    throw pelmora::Error(
+        5, fmt::format("{}: refused, its folder is writable by others", path), "pelmorad");
+  }
+}
+
+}  // namespace
+
+bool Account::MayUseDrive(char letter) const {
+  return drives.empty() || std::find(drives.begin(), drives.end(), letter) != drives.end();
+}
+
+const Account* Config::FindAccount(std::string_view name) const {
+  auto found = accounts.find(std::string(name));
+  return found == accounts.end() ? nullptr : &found->second;
+}
+
+std::optional<std::string> Config::PathForKey(std::string_view key) const {
+  auto same = [key](const std::pair<std::string, std::string>& entry) {
+    return std::equal(entry.first.begin(), entry.first.end(), key.begin(), key.end(),
+                      [](char a, char b) {
+                        return std::tolower(static_cast<unsigned char>(a)) ==
+                               std::tolower(static_cast<unsigned char>(b));
+                      });
+  };
+  auto found = std::find_if(paths.begin(), paths.end(), same);
+  if (found == paths.end()) return std::nullopt;
+  return found->second;
+}
+
+Config ParseConfig(std::string_view text, std::string_view source) {
+  toml::table root;
+  try {
+    root = toml::parse(text, source);
+  } catch (const toml::parse_error& error) {
+    Fail(source, fmt::format("line {}: {}", error.source().begin.line, error.description()));
+  }
+  Config config;
+  const toml::table& parsed = root;
+  if (parsed["listen"]) config.listen = TextList(parsed["listen"], source, "listen");
+  ReadDrives(root, source, config);
+  ReadPaths(root, source, config);
+  ReadSystem(root, source, config);
+  ReadAccounts(root, source, config);
+  ReadLimits(root, source, config.limits);
+  return config;
+}
+
+Config LoadConfig(const std::string& path) {
+  CheckNotWritableByOthers(path);
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    throw pelmora::Error(2, fmt::format("{}: cannot read the configuration", path), "pelmorad");
+  }
+  std::ostringstream text;
+  text << in.rdbuf();
+  return ParseConfig(text.str(), path);
+}
+
+}  // namespace pelmorad

@@ -1,0 +1,83 @@
+// The service's configuration: listen addresses, the drive map, the key paths, the system
+// answers, the accounts and the limits, read from a TOML file.
+//
+//   pelmorad::Config config = pelmorad::LoadConfig("/etc/pelmora/pelmorad.toml");
+//   const pelmorad::Account* account = config.FindAccount("operator");
+//
+// Every value is checked when the file is read, so a configuration that loads is one the service
+// can run with; docs/protocol.md lists the keys.
+#ifndef PELMORAD_CONFIG_H_
+#define PELMORAD_CONFIG_H_
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace pelmorad {
+
+// The configuration file used when none is given on the command line.
+inline constexpr std::string_view kDefaultConfigPath = "/etc/pelmora/pelmorad.toml";
+
+// One login account.
+struct Account {
+  std::string name;
+  std::string password_hash;  // crypt(3) hash
+  std::vector<char> drives;   // upper-case letters the account may use; empty = every drive
+  bool read_only = false;     // refuses every request that changes files or folders
+  bool commands = false;      // may run command lines (code 20)
+  std::string run_as;         // Linux user for commands when the service runs as root
+  std::string working_folder = "/";  // Linux folder commands start in
+
+  // True when the account may use drive `letter` (upper case).
+  bool MayUseDrive(char letter) const;
+};
+
+// The limits that keep one client from starving the others.
+struct Limits {
+  int sessions = 1024;              // sessions at once, all clients together
+  int sessions_per_address = 256;   // sessions at once from one client address
+  int commands = 16;                // command lines running at once
+  int request_bytes = 65536;        // largest request block accepted
+  int path_length = 1024;           // longest path (characters) accepted
+  int idle_seconds = 300;           // a silent session is closed after this
+  int login_failures = 5;           // failed logins from one address before it is locked out
+  int lockout_seconds = 60;         // how long a locked-out address is refused
+  int login_delay_ms = 250;         // delay per earlier failure before a failed login is answered
+  int grace_seconds = 5;            // how long transfers may run on after SIGTERM
+  int workers = 4;                  // threads for blocking file work
+  int print_queue_seconds = 10;     // longest run of the print queue command
+};
+
+// The whole configuration.
+struct Config {
+  std::vector<std::string> listen = {"127.0.0.1:8002"};
+  std::map<char, std::string> drives;                   // letter -> Linux folder
+  std::vector<std::pair<std::string, std::string>> paths;  // key -> drive-letter path
+  std::string system_directory = "C:\\Windows\\system32";
+  std::string print_queue_command;                      // "" = no print queue
+  std::string shell = "/bin/sh";                        // runs command lines with -c
+  std::map<std::string, Account> accounts;
+  Limits limits;
+
+  // The account called `name`, or nullptr.
+  const Account* FindAccount(std::string_view name) const;
+  // The path registered under `key` (compared without regard to case), or nullopt.
+  std::optional<std::string> PathForKey(std::string_view key) const;
+};
+
+// Parses and checks configuration text. Throws pelmora::Error 87 with a description naming
+// `source` and the offending key when the text is not valid TOML or a value is out of range.
+Config ParseConfig(std::string_view text, std::string_view source);
+
+// Reads and parses the file at `path`. Throws pelmora::Error 2 when it cannot be read, 5 when it
+// is writable by users other than its owner and group (a world-writable file or one under a
+// world-writable folder without the sticky bit), and what ParseConfig throws. Blocks on the read.
+Config LoadConfig(const std::string& path);
+
+}  // namespace pelmorad
+
+#endif  // PELMORAD_CONFIG_H_

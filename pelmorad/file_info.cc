@@ -1,0 +1,124 @@
+#include "pelmorad/file_info.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+
+#include "pelmorad/win_error.h"
+
+namespace pelmorad {
+namespace {
+
+constexpr int64_t kUnixEpochInFileTime = 116444736000000000;
+
+struct DirCloser {
+  void operator()(DIR* dir) const { ::closedir(dir); }
+};
+
+timespec FromStatx(const statx_timestamp& stamp) {
+  return timespec{static_cast<time_t>(stamp.tv_sec), static_cast<long>(stamp.tv_nsec)};
+}
+
+pelmora::admin::FileInfoRecord RecordFrom(const struct statx& info, const DrivePath& path) {
+  pelmora::admin::FileInfoRecord record;
+  record.attributes = AttributesFor(info.stx_mode, path.Name());
+  record.size = static_cast<int32_t>(static_cast<uint32_t>(info.stx_size));
+  const statx_timestamp& created = (info.stx_mask & STATX_BTIME) != 0 ? info.stx_btime
+                                                                         : info.stx_mtime;
+  record.creation_time = ToFileTime(FromStatx(created));
+  record.last_access_time = ToFileTime(FromStatx(info.stx_atime));
+  record.last_write_time = ToFileTime(FromStatx(info.stx_mtime));
+  record.name = path.Name();
+  record.full_path = path.Wire();
+  record.parent_path = path.IsRoot() ? std::string() : path.Parent().Wire();
+  return record;
+}
+
+int StatxAt(int dirfd, const char* name, int flags, struct statx& info) {
+  return ::statx(dirfd, name, flags, STATX_BASIC_STATS | STATX_BTIME, &info);
+}
+
+// The record of one entry of an open folder.
+pelmora::admin::FileInfoRecord EntryRecord(const DriveTable& drives, int folder,
+                                           const DrivePath& child) {
+  struct statx info {};
+  StatxAt(folder, child.Name().c_str(), AT_SYMLINK_NOFOLLOW, info);
+  if (!S_ISLNK(info.stx_mode)) return RecordFrom(info, child);
+  Opened target = drives.OpenBeneath(child, O_PATH);
+  struct statx followed {};
+  if (target.fd && StatxAt(target.fd.get(), "", AT_EMPTY_PATH, followed) == 0) info = followed;
+  pelmora::admin::FileInfoRecord record = RecordFrom(info, child);
+  record.attributes |= kAttributeReparsePoint;
+  return record;
+}
+
+}  // namespace
+
+uint64_t ToFileTime(const timespec& time) {
+  int64_t ticks = static_cast<int64_t>(time.tv_sec) * 10000000 + time.tv_nsec / 100;
+  int64_t filetime = ticks + kUnixEpochInFileTime;
+  return filetime < 0 ? 0 : static_cast<uint64_t>(filetime);
+}
+
+timespec FromFileTime(uint64_t filetime) {
+  int64_t ticks = static_cast<int64_t>(filetime) - kUnixEpochInFileTime;
+  if (filetime > static_cast<uint64_t>(INT64_MAX)) ticks = INT64_MAX - kUnixEpochInFileTime;
+  int64_t seconds = ticks / 10000000;
+  int64_t rest = ticks % 10000000;
+  if (rest < 0) {
+    rest += 10000000;
+    --seconds;
+  }
+  return timespec{static_cast<time_t>(seconds), static_cast<long>(rest * 100)};
+}
+
+int32_t AttributesFor(mode_t mode, std::string_view name) {
+  int32_t attributes = S_ISDIR(mode) ? kAttributeDirectory : kAttributeArchive;
+  if ((mode & S_IWUSR) == 0) attributes |= kAttributeReadOnly;
+  if (!name.empty() && name[0] == '.') attributes |= kAttributeHidden;
+  return attributes;
+}
+
+InfoResult ReadFileInfo(const DriveTable& drives, const DrivePath& path) {
+  InfoResult result;
+  Opened opened = drives.OpenBeneath(path, O_PATH);
+  if (!opened.fd) {
+    result.error = drives.ResolveError(path, opened.error);
+    return result;
+  }
+  struct statx info {};
+  if (StatxAt(opened.fd.get(), "", AT_EMPTY_PATH, info) != 0) {
+    result.error = FromErrno(errno, Missing::kFile);
+    return result;
+  }
+  result.record = RecordFrom(info, path);
+  return result;
+}
+
+int32_t ListFolder(const DriveTable& drives, const DrivePath& path,
+                   std::vector<pelmora::admin::FileInfoRecord>& records) {
+  Opened opened = drives.OpenBeneath(path, O_RDONLY | O_DIRECTORY);
+  if (!opened.fd) return FromErrno(opened.error, Missing::kPath);
+  int folder = opened.fd.get();
+  std::unique_ptr<DIR, DirCloser> dir(::fdopendir(::dup(folder)));
+  if (!dir) return FromErrno(errno, Missing::kPath);
+  std::vector<std::string> names;
+  while (dirent* entry = ::readdir(dir.get())) {
+    std::string_view name = entry->d_name;
+    if (name == "." || name == "..") continue;
+    if (names.size() >= kMaxListingEntries) break;
+    names.emplace_back(name);
+  }
+  std::sort(names.begin(), names.end());
+  records.reserve(names.size());
+  for (const std::string& name : names) {
+    records.push_back(EntryRecord(drives, folder, path.Child(name)));
+  }
+  return kSuccess;
+}
+
+}  // namespace pelmorad

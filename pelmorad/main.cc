@@ -1,0 +1,58 @@
+// pelmorad: the administration service. See options.h for the command line and docs/protocol.md
+// for what it answers.
+#include <iostream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "pelmora/common/error.h"
+#include "pelmorad/config.h"
+#include "pelmorad/options.h"
+#include "pelmorad/password.h"
+#include "pelmorad/runtime.h"
+#include "pelmorad/server.h"
+
+namespace {
+
+int HashFromStandardInput() {
+  std::string password;
+  std::getline(std::cin, password);
+  if (!password.empty() && password.back() == '\r') password.pop_back();
+  if (password.empty()) {
+    std::cerr << "pelmorad: no password on standard input\n";
+    return 1;
+  }
+  std::cout << pelmorad::HashPassword(password) << '\n';
+  return 0;
+}
+
+int CheckConfig(const std::string& path) {
+  pelmorad::LoadRuntime(path);
+  std::cout << path << ": the configuration is valid\n";
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::vector<std::string_view> arguments(argv + 1, argv + argc);
+  try {
+    pelmorad::Options options = pelmorad::ParseOptions(arguments);
+    switch (options.action) {
+      case pelmorad::Action::kHelp:
+        std::cout << pelmorad::UsageText();
+        return 0;
+      case pelmorad::Action::kHashPassword:
+        return HashFromStandardInput();
+      case pelmorad::Action::kCheckConfig:
+        return CheckConfig(options.server.config_path);
+      case pelmorad::Action::kServe:
+        break;
+    }
+    pelmorad::Server server(std::move(options.server));
+    return server.Run();
+  } catch (const pelmora::Error& error) {
+    std::cerr << "pelmorad: " << error.Description() << '\n';
+    return error.Number() == 87 ? 2 : 1;
+  }
+}

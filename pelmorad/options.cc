@@ -1,0 +1,53 @@
+#include "pelmorad/options.h"
+
+#include "pelmora/common/error.h"
+#include "pelmorad/config.h"
+
+namespace pelmorad {
+namespace {
+
+[[noreturn]] void Refuse(std::string text) { throw pelmora::Error(87, std::move(text), "pelmorad"); }
+
+}  // namespace
+
+std::string_view UsageText() {
+  return "usage: pelmorad [--config FILE] [--listen ADDR:PORT]... [--port-file FILE]\n"
+         "                [--check-config] [--hash-password]\n"
+         "  --config FILE      configuration (default /etc/pelmora/pelmorad.toml)\n"
+         "  --listen ADDR:PORT listen here instead of the configured addresses (port 0: any)\n"
+         "  --port-file FILE   write the bound port to FILE once listening\n"
+         "  --check-config     check the configuration and its drives, then exit\n"
+         "  --hash-password    read a password from standard input, print its hash\n";
+}
+
+Options ParseOptions(std::span<const std::string_view> arguments) {
+  Options options;
+  options.server.config_path = std::string(kDefaultConfigPath);
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    std::string_view argument = arguments[i];
+    auto value = [&]() -> std::string {
+      if (i + 1 >= arguments.size()) Refuse(std::string(argument) + " needs a value");
+      return std::string(arguments[++i]);
+    };
+    if (argument == "--config") {
+      options.server.config_path = value();
+    } else if (argument == "--listen") {
+      std::string address = value();
+      if (!ParseListenAddress(address)) Refuse("bad listen address " + address);
+      options.server.listen.push_back(address);
+    } else if (argument == "--port-file") {
+      options.server.port_file = value();
+    } else if (argument == "--check-config") {
+      options.action = Action::kCheckConfig;
+    } else if (argument == "--hash-password") {
+      options.action = Action::kHashPassword;
+    } else if (argument == "--help" || argument == "-h") {
+      options.action = Action::kHelp;
+    } else {
+      Refuse("unknown argument " + std::string(argument));
+    }
+  }
+  return options;
+}
+
+}  // namespace pelmorad

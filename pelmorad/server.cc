@@ -1,0 +1,193 @@
+#include "pelmorad/server.h"
+
+#include <signal.h>
+
+#include <chrono>
+#include <fstream>
+#include <list>
+
+#include <asio/co_spawn.hpp>
+#include <asio/detached.hpp>
+#include <asio/io_context.hpp>
+#include <asio/ip/v6_only.hpp>
+#include <asio/redirect_error.hpp>
+#include <asio/signal_set.hpp>
+#include <asio/steady_timer.hpp>
+#include <asio/use_awaitable.hpp>
+#include <fmt/format.h>
+
+#include "pelmora/common/error.h"
+#include "pelmorad/audit.h"
+#include "pelmorad/runtime.h"
+#include "pelmorad/session.h"
+
+namespace pelmorad {
+namespace {
+
+constexpr int kBacklog = 1024;
+constexpr auto kShutdownPoll = std::chrono::milliseconds(50);
+constexpr auto kAcceptRetry = std::chrono::milliseconds(100);
+
+std::shared_ptr<const Runtime> LoadChecked(const std::string& path) {
+  if (!BeneathResolutionAvailable()) {
+    throw pelmora::Error(1,
+                         "this kernel cannot resolve names beneath a folder (openat2 with "
+                         "RESOLVE_BENEATH needs Linux 5.6 or later); refusing to start",
+                         "pelmorad");
+  }
+  return LoadRuntime(path);
+}
+
+}  // namespace
+
+std::optional<asio::ip::tcp::endpoint> ParseListenAddress(const std::string& text) {
+  std::size_t colon = text.rfind(':');
+  if (colon == std::string::npos || colon + 1 >= text.size()) return std::nullopt;
+  std::string host = text.substr(0, colon);
+  if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
+    host = host.substr(1, host.size() - 2);
+  }
+  std::string port_text = text.substr(colon + 1);
+  if (port_text.size() > 5 || port_text.find_first_not_of("0123456789") != std::string::npos) {
+    return std::nullopt;
+  }
+  int port = std::stoi(port_text);
+  asio::error_code error;
+  asio::ip::address address = asio::ip::make_address(host, error);
+  if (error || port > 65535) return std::nullopt;
+  return asio::ip::tcp::endpoint(address, static_cast<unsigned short>(port));
+}
+
+class Server::Impl {
+ public:
+  explicit Impl(ServerOptions options)
+      : options_(std::move(options)),
+        io_(std::make_unique<asio::io_context>(1)),
+        context_(*io_, LoadChecked(options_.config_path)),
+        signals_(std::make_unique<asio::signal_set>(*io_, SIGTERM, SIGINT, SIGHUP)) {}
+
+  // Sessions still suspended when the loop stopped are destroyed with the I/O context, and they
+  // unregister from context_: so the context goes first.
+  ~Impl() {
+    acceptors_.clear();
+    signals_.reset();
+    io_.reset();
+  }
+
+  int Run() {
+    ::signal(SIGPIPE, SIG_IGN);
+    Bind();
+    WritePortFile();
+    for (asio::ip::tcp::acceptor& acceptor : acceptors_) {
+      asio::co_spawn(*io_, Accept(acceptor), asio::detached);
+    }
+    WaitForSignal();
+    ServiceMessage("serving");
+    io_->run();
+    context_.pool.join();
+    ServiceMessage("stopped");
+    return 0;
+  }
+
+ private:
+  void Bind() {
+    std::vector<std::string> addresses =
+        options_.listen.empty() ? context_.runtime->config.listen : options_.listen;
+    for (const std::string& text : addresses) {
+      std::optional<asio::ip::tcp::endpoint> endpoint = ParseListenAddress(text);
+      if (!endpoint) throw pelmora::Error(87, "bad listen address " + text, "pelmorad");
+      asio::ip::tcp::acceptor& acceptor = acceptors_.emplace_back(*io_);
+      asio::error_code error;
+      acceptor.open(endpoint->protocol(), error);
+      if (!error) acceptor.set_option(asio::socket_base::reuse_address(true), error);
+      if (!error && endpoint->address().is_v6()) {
+        acceptor.set_option(asio::ip::v6_only(true), error);
+      }
+      if (!error) acceptor.bind(*endpoint, error);
+      if (!error) acceptor.listen(kBacklog, error);
+      if (error) {
+        throw pelmora::Error(10048, fmt::format("cannot listen on {}: {}", text, error.message()),
+                             "pelmorad");
+      }
+      ServiceMessage(fmt::format("listening on {}", text));
+    }
+  }
+
+  void WritePortFile() {
+    if (options_.port_file.empty() || acceptors_.empty()) return;
+    std::ofstream out(options_.port_file);
+    out << acceptors_.front().local_endpoint().port() << '\n';
+  }
+
+  asio::awaitable<void> Accept(asio::ip::tcp::acceptor& acceptor) {
+    while (acceptor.is_open()) {
+      asio::error_code error;
+      asio::ip::tcp::socket socket =
+          co_await acceptor.async_accept(asio::redirect_error(asio::use_awaitable, error));
+      if (!error) {
+        Session::Start(context_, std::move(socket));
+      } else if (acceptor.is_open() && error != asio::error::operation_aborted) {
+        asio::steady_timer pause(*io_, kAcceptRetry);  // out of descriptors: let some go first
+        co_await pause.async_wait(asio::redirect_error(asio::use_awaitable, error));
+      }
+    }
+  }
+
+  void WaitForSignal() {
+    signals_->async_wait([this](const asio::error_code& error, int signal_number) {
+      if (error) return;
+      if (signal_number == SIGHUP) {
+        Reload();
+        WaitForSignal();
+      } else {
+        asio::co_spawn(*io_, Stop(), asio::detached);
+      }
+    });
+  }
+
+  void Reload() {
+    try {
+      context_.runtime = LoadRuntime(options_.config_path);
+      ServiceMessage("configuration reloaded; new sessions use it");
+    } catch (const pelmora::Error& error) {
+      ServiceMessage("reload refused, the running configuration stays: " + error.Description());
+    }
+  }
+
+  asio::awaitable<void> Stop() {
+    ServiceMessage("stopping");
+    context_.stopping = true;
+    for (asio::ip::tcp::acceptor& acceptor : acceptors_) acceptor.close();
+    for (Session* session : context_.sessions) {
+      session->KillCommand();
+      if (session->Idle()) session->Close();
+    }
+    auto deadline = std::chrono::steady_clock::now() +
+                    std::chrono::seconds(context_.runtime->config.limits.grace_seconds);
+    asio::steady_timer timer(*io_);
+    while (!context_.sessions.empty() && std::chrono::steady_clock::now() < deadline) {
+      timer.expires_after(kShutdownPoll);
+      co_await timer.async_wait(asio::use_awaitable);
+      for (Session* session : context_.sessions) {
+        if (session->Idle()) session->Close();
+      }
+    }
+    for (Session* session : context_.sessions) session->Close();
+    signals_->cancel();
+    io_->stop();
+  }
+
+  ServerOptions options_;
+  std::unique_ptr<asio::io_context> io_;
+  ServiceContext context_;
+  std::unique_ptr<asio::signal_set> signals_;
+  std::list<asio::ip::tcp::acceptor> acceptors_;
+};
+
+Server::Server(ServerOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {}
+
+Server::~Server() = default;
+
+int Server::Run() { return impl_->Run(); }
+
+}  // namespace pelmorad

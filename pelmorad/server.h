@@ -1,0 +1,47 @@
+// The listener: accepts connections on every configured address, one session coroutine each,
+// handles SIGTERM (stop accepting, let transfers finish for the grace period, kill command
+// groups, exit) and SIGHUP (reload the configuration for new sessions).
+//
+//   Server server(options);
+//   return server.Run();   // blocks until SIGTERM
+#ifndef PELMORAD_SERVER_H_
+#define PELMORAD_SERVER_H_
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <asio/ip/tcp.hpp>
+
+namespace pelmorad {
+
+// What the command line decides about running the service.
+struct ServerOptions {
+  std::string config_path;
+  std::vector<std::string> listen;  // overrides the configured addresses when not empty
+  std::string port_file;            // written with the first bound port, "" for none
+};
+
+// "127.0.0.1:8002", "[::1]:0" or "0.0.0.0:8002" as an endpoint; nullopt when malformed.
+std::optional<asio::ip::tcp::endpoint> ParseListenAddress(const std::string& text);
+
+class Server {
+ public:
+  // Loads the configuration and opens the drives. Throws pelmora::Error (see LoadConfig,
+  // DriveTable::Open), and 1 when the kernel cannot resolve names beneath a folder (openat2).
+  explicit Server(ServerOptions options);
+  ~Server();
+
+  // Binds every address (throws pelmora::Error 10048 with the address when one cannot be bound),
+  // writes the port file, serves until SIGTERM and returns the exit status (0).
+  int Run();
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace pelmorad
+
+#endif  // PELMORAD_SERVER_H_

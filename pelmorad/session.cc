@@ -1,0 +1,209 @@
+#include "pelmorad/session.h"
+
+#include <signal.h>
+
+#include <algorithm>
+#include <chrono>
+
+#include <asio/co_spawn.hpp>
+#include <asio/detached.hpp>
+#include <asio/read.hpp>
+#include <asio/redirect_error.hpp>
+#include <asio/use_awaitable.hpp>
+#include <asio/write.hpp>
+
+#include "pelmora/admin/wire_replies.h"
+#include "pelmorad/audit.h"
+#include "pelmorad/win_error.h"
+
+namespace pelmorad {
+
+using pelmora::admin::RequestBlock;
+
+namespace {
+
+std::string PeerText(const asio::ip::tcp::socket& socket, std::string& address) {
+  asio::error_code error;
+  asio::ip::tcp::endpoint peer = socket.remote_endpoint(error);
+  if (error) return "?";
+  address = peer.address().to_string();
+  return peer.address().is_v6() ? "[" + address + "]:" + std::to_string(peer.port())
+                                : address + ":" + std::to_string(peer.port());
+}
+
+// A size message that is a plausible request announcement rather than a login message.
+bool LooksLikeAnnouncement(std::span<const uint8_t> data, int limit) {
+  if (data.size() != 4) return false;
+  std::optional<int32_t> total = pelmora::admin::ParseSizeMessage(data);
+  return total && *total >= 2 && *total <= limit;
+}
+
+}  // namespace
+
+Session::Session(ServiceContext& context, asio::ip::tcp::socket socket, std::string address)
+    : context_(context),
+      runtime_(context.runtime),
+      socket_(std::move(socket)),
+      idle_timer_(socket_.get_executor()),
+      address_(std::move(address)) {
+  std::string ignored;
+  peer_ = PeerText(socket_, ignored);
+  context_.sessions.insert(this);
+  context_.sessions_per_address[address_] += 1;
+}
+
+Session::~Session() {
+  context_.sessions.erase(this);
+  if (--context_.sessions_per_address[address_] <= 0) {
+    context_.sessions_per_address.erase(address_);
+  }
+}
+
+void Session::Start(ServiceContext& context, asio::ip::tcp::socket socket) {
+  std::string address;
+  std::string peer = PeerText(socket, address);
+  const Limits& limits = context.runtime->config.limits;
+  auto per_address = context.sessions_per_address.find(address);
+  bool too_many = static_cast<int>(context.sessions.size()) >= limits.sessions ||
+                  (per_address != context.sessions_per_address.end() &&
+                   per_address->second >= limits.sessions_per_address);
+  if (too_many || context.stopping) {
+    Audit({peer, "", -1, "refused: session limit", kAccessDenied});
+    return;  // the socket closes as it goes
+  }
+  auto session = std::make_shared<Session>(context, std::move(socket), address);
+  asio::co_spawn(context.io, [session]() { return session->Run(); }, asio::detached);
+  asio::co_spawn(context.io, [session]() { return session->Watchdog(); }, asio::detached);
+}
+
+void Session::Close() {
+  asio::error_code ignored;
+  socket_.shutdown(asio::ip::tcp::socket::shutdown_both, ignored);
+  socket_.close(ignored);
+  idle_timer_.cancel();
+}
+
+void Session::KillCommand() {
+  if (command_group_ > 0) ::kill(-command_group_, SIGKILL);
+}
+
+void Session::ArmIdleTimer() {
+  idle_timer_.expires_after(std::chrono::seconds(limits().idle_seconds));
+}
+
+asio::awaitable<void> Session::Watchdog() {
+  auto self = shared_from_this();
+  ArmIdleTimer();
+  while (socket_.is_open()) {
+    asio::error_code error;
+    co_await idle_timer_.async_wait(asio::redirect_error(asio::use_awaitable, error));
+    if (!error && idle_timer_.expiry() <= asio::steady_timer::clock_type::now() &&
+        socket_.is_open()) {
+      Audit({peer_, account_ ? account_->name : "", -1, "closed: idle", kTimeout});
+      Close();
+    }
+  }
+}
+
+asio::awaitable<bool> Session::ReadExactly(std::span<uint8_t> buffer) {
+  ArmIdleTimer();
+  asio::error_code error;
+  co_await asio::async_read(socket_, asio::buffer(buffer.data(), buffer.size()),
+                            asio::redirect_error(asio::use_awaitable, error));
+  co_return !error;
+}
+
+asio::awaitable<bool> Session::SendRaw(std::span<const uint8_t> data) {
+  ArmIdleTimer();
+  asio::error_code error;
+  co_await asio::async_write(socket_, asio::buffer(data.data(), data.size()),
+                             asio::redirect_error(asio::use_awaitable, error));
+  co_return !error;
+}
+
+asio::awaitable<std::optional<Session::ClientMessage>> Session::ReadMessage() {
+  std::vector<uint8_t> packet(pelmora::admin::kPacketSize);
+  if (!co_await ReadExactly(packet)) co_return std::nullopt;
+  int32_t sequence = static_cast<int32_t>(packet[3] | (packet[4] << 8) | (packet[5] << 16) |
+                                          (static_cast<uint32_t>(packet[6]) << 24));
+  pelmora::admin::FramedMessage framed = pelmora::admin::ParseFramedPacket(packet, sequence);
+  if (framed.fault != pelmora::admin::PacketFault::kNone) {
+    Audit({peer_, account_ ? account_->name : "", -1, "closed: malformed packet",
+           kInvalidParameter});
+    co_return std::nullopt;
+  }
+  sequence_ = sequence;
+  co_return ClientMessage{sequence, std::vector<uint8_t>(framed.data.begin(), framed.data.end())};
+}
+
+asio::awaitable<bool> Session::SendMessage(std::span<const uint8_t> data) {
+  std::vector<uint8_t> packet = pelmora::admin::BuildFramedPacket(sequence_, data);
+  co_return co_await SendRaw(packet);
+}
+
+asio::awaitable<bool> Session::SendResult(int32_t error) {
+  std::string text = error == kSuccess ? std::string() : ErrorText(error);
+  co_return co_await SendMessage(pelmora::admin::BuildResultReply(error == kSuccess, error, text));
+}
+
+asio::awaitable<bool> Session::SendSized(std::span<const uint8_t> data) {
+  auto size = pelmora::admin::BuildSizeMessage(static_cast<int32_t>(data.size()));
+  if (!co_await SendMessage(size)) co_return false;
+  co_return data.empty() || co_await SendRaw(data);
+}
+
+asio::awaitable<void> Session::Run() {
+  auto self = shared_from_this();
+  while (socket_.is_open()) {
+    idle_ = true;
+    if (context_.stopping) break;
+    std::optional<ClientMessage> message = co_await ReadMessage();
+    idle_ = false;
+    if (!message || !co_await HandleMessage(*message)) break;
+  }
+  Close();
+}
+
+asio::awaitable<bool> Session::HandleMessage(const ClientMessage& message) {
+  if (account_ == nullptr && !LooksLikeAnnouncement(message.data, limits().request_bytes)) {
+    co_return co_await HandleLogin(message.data);
+  }
+  std::optional<int32_t> total = pelmora::admin::ParseSizeMessage(message.data);
+  if (!total) {
+    Audit({peer_, account_ ? account_->name : "", -1, "closed: not a size message",
+           kInvalidParameter});
+    co_return false;
+  }
+  co_return co_await HandleAnnouncement(*total);
+}
+
+asio::awaitable<bool> Session::HandleAnnouncement(int32_t total) {
+  if (total < 2 || total > limits().request_bytes) {
+    Audit({peer_, account_ ? account_->name : "", -1, "closed: request size " +
+           std::to_string(total), kInvalidParameter});
+    co_return false;
+  }
+  std::vector<uint8_t> raw(std::max<std::size_t>(pelmora::admin::kPacketSize,
+                                                 static_cast<std::size_t>(total)));
+  if (!co_await ReadExactly(raw)) co_return false;
+  std::optional<RequestBlock> block =
+      pelmora::admin::ParseRequestBlock(std::span<const uint8_t>(raw).first(total));
+  if (!block) {
+    Audit({peer_, account_ ? account_->name : "", -1, "closed: malformed request",
+           kInvalidParameter});
+    co_return false;
+  }
+  if (account_ == nullptr) {
+    refused_before_login_ += 1;
+    AuditRequest(block->code, "refused: not logged in", kAccessDenied);
+    bool sent = co_await Refuse(*block, kAccessDenied);
+    co_return sent && refused_before_login_ < kMaxRequestsBeforeLogin;
+  }
+  co_return co_await Dispatch(*block);
+}
+
+void Session::AuditRequest(int code, const std::string& path, int32_t result) const {
+  Audit({peer_, account_ ? account_->name : "", code, path, result});
+}
+
+}  // namespace pelmorad

@@ -1,0 +1,117 @@
+// One client connection: a coroutine that reads the login message and then one request after the
+// other, answers each in its reply form, and audits it. Created by the listener; lives as long as
+// its coroutine (it holds itself through a shared pointer).
+//
+//   Session::Start(context, std::move(socket));
+#ifndef PELMORAD_SESSION_H_
+#define PELMORAD_SESSION_H_
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include <asio/awaitable.hpp>
+#include <asio/ip/tcp.hpp>
+#include <asio/steady_timer.hpp>
+
+#include "pelmora/admin/wire.h"
+#include "pelmorad/drive_path.h"
+#include "pelmorad/runtime.h"
+
+namespace pelmorad {
+
+// Requests before a successful login that a session answers before it closes.
+inline constexpr int kMaxRequestsBeforeLogin = 3;
+
+class Session : public std::enable_shared_from_this<Session> {
+ public:
+  Session(ServiceContext& context, asio::ip::tcp::socket socket, std::string address);
+  ~Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  // Registers a new session for `socket` and starts its coroutine on the I/O thread.
+  static void Start(ServiceContext& context, asio::ip::tcp::socket socket);
+
+  // Closes the connection; the coroutine ends at its next step. Never blocks.
+  void Close();
+  // True while the session waits for the client's next request.
+  bool Idle() const { return idle_; }
+  // Ends a running command's process group at once (shutdown). Never blocks.
+  void KillCommand();
+  // The client's address without the port.
+  const std::string& address() const { return address_; }
+
+ private:
+  // A framed message from the client.
+  struct ClientMessage {
+    int32_t sequence = 0;
+    std::vector<uint8_t> data;
+  };
+  // A path argument checked against the drives and the account.
+  struct Target {
+    DrivePath path;
+    std::string text;  // as sent, for the audit line
+    int32_t error = 0;
+  };
+
+  asio::awaitable<void> Run();
+  asio::awaitable<void> Watchdog();
+  void ArmIdleTimer();
+
+  // Socket steps; false when the connection is gone (closed, reset, idle time-out).
+  asio::awaitable<bool> ReadExactly(std::span<uint8_t> buffer);
+  asio::awaitable<std::optional<ClientMessage>> ReadMessage();
+  asio::awaitable<bool> SendMessage(std::span<const uint8_t> data);
+  asio::awaitable<bool> SendRaw(std::span<const uint8_t> data);
+  asio::awaitable<bool> SendResult(int32_t error);
+  asio::awaitable<bool> SendSized(std::span<const uint8_t> data);
+
+  // Protocol steps; false ends the session.
+  asio::awaitable<bool> HandleMessage(const ClientMessage& message);
+  asio::awaitable<bool> HandleLogin(std::span<const uint8_t> data);
+  asio::awaitable<bool> HandleAnnouncement(int32_t total);
+  asio::awaitable<bool> Dispatch(const pelmora::admin::RequestBlock& block);
+  asio::awaitable<bool> Refuse(const pelmora::admin::RequestBlock& block, int32_t error);
+
+  // Requests (session_files.cc, session_info.cc, session_transfer.cc, session_command.cc).
+  asio::awaitable<bool> HandleFileRequest(const pelmora::admin::RequestBlock& block);
+  asio::awaitable<bool> HandleCopy(const pelmora::admin::RequestBlock& block);
+  asio::awaitable<bool> HandleFileInfo(const pelmora::admin::RequestBlock& block);
+  asio::awaitable<bool> HandleListing(const pelmora::admin::RequestBlock& block);
+  asio::awaitable<bool> HandlePathWithKey(const pelmora::admin::RequestBlock& block);
+  asio::awaitable<bool> HandlePrintQueue(const pelmora::admin::RequestBlock& block);
+  asio::awaitable<bool> HandleSameMachine(const pelmora::admin::RequestBlock& block);
+  asio::awaitable<bool> HandleFileVersion(const pelmora::admin::RequestBlock& block);
+  asio::awaitable<bool> HandleText(const pelmora::admin::RequestBlock& block);
+  asio::awaitable<bool> HandleUpload(const pelmora::admin::RequestBlock& block);
+  asio::awaitable<bool> HandleDownload(const pelmora::admin::RequestBlock& block);
+  asio::awaitable<bool> HandleCommand(const pelmora::admin::RequestBlock& block);
+
+  // Checks argument `index` as a path; `write` when the request changes the file system.
+  Target ResolveArgument(const pelmora::admin::RequestBlock& block, std::size_t index,
+                         bool write) const;
+  // The flag argument `index` ("TRUE" is true).
+  static bool FlagArgument(const pelmora::admin::RequestBlock& block, std::size_t index);
+  void AuditRequest(int code, const std::string& path, int32_t result) const;
+  const Limits& limits() const { return runtime_->config.limits; }
+
+  ServiceContext& context_;
+  std::shared_ptr<const Runtime> runtime_;
+  asio::ip::tcp::socket socket_;
+  asio::steady_timer idle_timer_;
+  std::string address_;
+  std::string peer_;  // address:port
+  const Account* account_ = nullptr;
+  int32_t sequence_ = 0;  // of the client's last framed message
+  int refused_before_login_ = 0;
+  bool idle_ = true;
+  int command_group_ = 0;  // process group of the running command, 0 when none
+};
+
+}  // namespace pelmorad
+
+#endif  // PELMORAD_SESSION_H_

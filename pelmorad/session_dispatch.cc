@@ -1,0 +1,161 @@
+// The login exchange, the choice of handler for each request code, the failure form of every
+// reply and the checks on path arguments.
+#include <chrono>
+
+#include <asio/steady_timer.hpp>
+#include <asio/use_awaitable.hpp>
+
+#include "pelmora/admin/credentials.h"
+#include "pelmora/admin/wire_replies.h"
+#include "pelmora/common/codepage.h"
+#include "pelmorad/audit.h"
+#include "pelmorad/blocking.h"
+#include "pelmorad/password.h"
+#include "pelmorad/session.h"
+#include "pelmorad/win_error.h"
+
+namespace pelmorad {
+
+using pelmora::admin::RequestBlock;
+using pelmora::admin::RequestCode;
+
+namespace {
+
+// A real hash checked when the account does not exist, so the answer takes as long either way.
+const std::string& UnknownAccountHash() {
+  static const std::string hash = HashPassword("no such account");
+  return hash;
+}
+
+}  // namespace
+
+asio::awaitable<bool> Session::HandleLogin(std::span<const uint8_t> data) {
+  auto parts = pelmora::admin::ParseLoginMessage(data);
+  std::string user, password;
+  if (parts) {
+    user = pelmora::AnsiToUtf8(pelmora::admin::DecodeCredential(parts->first));
+    password = pelmora::admin::DecodeCredential(parts->second);
+  }
+  auto now = LoginThrottle::Clock::now();
+  LoginThrottle::Decision decision = context_.throttle.Check(address_, now);
+  if (decision.locked) {
+    Audit({peer_, user, -1, "login refused: address locked out", kAccessDenied});
+    co_return co_await SendResult(kAccessDenied);
+  }
+  const Account* account = runtime_->config.FindAccount(user);
+  std::string hash = account != nullptr ? account->password_hash : std::string();
+  bool accepted = co_await RunBlocking(context_.pool, [&] {
+    return VerifyPassword(password, hash.empty() ? UnknownAccountHash() : hash);
+  });
+  accepted = accepted && account != nullptr && parts.has_value();
+  if (accepted) {
+    context_.throttle.Succeeded(address_);
+    account_ = account;
+    Audit({peer_, user, -1, "login", kSuccess});
+    co_return co_await SendResult(kSuccess);
+  }
+  context_.throttle.Failed(address_, LoginThrottle::Clock::now());
+  Audit({peer_, user, -1, "login failed", kLogonFailure});
+  if (decision.delay.count() > 0) {
+    asio::steady_timer delay(socket_.get_executor(), decision.delay);
+    co_await delay.async_wait(asio::use_awaitable);
+  }
+  co_return co_await SendResult(kLogonFailure);
+}
+
+asio::awaitable<bool> Session::Dispatch(const RequestBlock& block) {
+  switch (static_cast<RequestCode>(block.code)) {
+    case RequestCode::kUpload:
+      co_return co_await HandleUpload(block);
+    case RequestCode::kDownload:
+      co_return co_await HandleDownload(block);
+    case RequestCode::kGetFileInfo:
+      co_return co_await HandleFileInfo(block);
+    case RequestCode::kGetFolderFiles:
+      co_return co_await HandleListing(block);
+    case RequestCode::kCopyRemoteFile:
+    case RequestCode::kCopyRemoteFolder:
+    case RequestCode::kMoveRemoteFile:
+      co_return co_await HandleCopy(block);
+    case RequestCode::kFileExists:
+    case RequestCode::kFolderExists:
+    case RequestCode::kCreateRemoteFile:
+    case RequestCode::kCreateRemoteFolder:
+    case RequestCode::kDeleteRemoteFile:
+    case RequestCode::kDeleteRemoteFolder:
+      co_return co_await HandleFileRequest(block);
+    case RequestCode::kGetPathWithKey:
+      co_return co_await HandlePathWithKey(block);
+    case RequestCode::kGetPrintQ:
+      co_return co_await HandlePrintQueue(block);
+    case RequestCode::kIsSameMachineWithSvr:
+      co_return co_await HandleSameMachine(block);
+    case RequestCode::kGetFileVersion:
+      co_return co_await HandleFileVersion(block);
+    case RequestCode::kGetSystemDirectory:
+    case RequestCode::kGetSystemTime:
+      co_return co_await HandleText(block);
+    case RequestCode::kSyncCreateProcess:
+      co_return co_await HandleCommand(block);
+  }
+  AuditRequest(block.code, "unknown request", kInvalidFunction);
+  co_return co_await SendResult(kInvalidFunction);
+}
+
+asio::awaitable<bool> Session::Refuse(const RequestBlock& block, int32_t error) {
+  switch (static_cast<RequestCode>(block.code)) {
+    case RequestCode::kUpload: {
+      std::optional<ClientMessage> header = co_await ReadMessage();
+      co_return header && co_await SendMessage(pelmora::admin::BuildGoReply(false));
+    }
+    case RequestCode::kDownload: {
+      pelmora::admin::TransferHeader refused;
+      refused.size = -1;
+      co_return co_await SendMessage(pelmora::admin::BuildTransferHeader(refused));
+    }
+    case RequestCode::kGetFileInfo:
+    case RequestCode::kGetFolderFiles:
+    case RequestCode::kGetPathWithKey:
+    case RequestCode::kGetPrintQ:
+      co_return co_await SendMessage(pelmora::admin::BuildSizeMessage(-1));
+    case RequestCode::kGetFileVersion:
+    case RequestCode::kGetSystemDirectory:
+    case RequestCode::kGetSystemTime:
+      co_return co_await SendMessage({});
+    case RequestCode::kSyncCreateProcess:
+      co_return co_await SendMessage(
+          pelmora::admin::BuildCommandStatusReply(pelmora::admin::kProcessNotStarted));
+    default:
+      co_return co_await SendResult(error);
+  }
+}
+
+Session::Target Session::ResolveArgument(const RequestBlock& block, std::size_t index,
+                                         bool write) const {
+  Target target;
+  if (index >= block.args.size()) {
+    target.error = kInvalidParameter;
+    return target;
+  }
+  target.text = pelmora::admin::DecodeUnicodeArgument(block.args[index]);
+  PathResult parsed = ParseDrivePath(target.text, static_cast<std::size_t>(limits().path_length));
+  if (!parsed.path) {
+    target.error = parsed.error;
+    return target;
+  }
+  target.path = *parsed.path;
+  if (!runtime_->drives->IsMapped(target.path.drive)) {
+    target.error = kPathNotFound;
+  } else if (!account_->MayUseDrive(target.path.drive) ||
+             (write && account_->read_only)) {
+    target.error = kAccessDenied;
+  }
+  return target;
+}
+
+bool Session::FlagArgument(const RequestBlock& block, std::size_t index) {
+  return index < block.args.size() &&
+         pelmora::admin::DecodeUnicodeArgument(block.args[index]) == "TRUE";
+}
+
+}  // namespace pelmorad

@@ -1,0 +1,192 @@
+#include "tests/service/service_process.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "pelmora/admin/internal/built_in_secrets.h"
+#include "pelmorad/password.h"
+
+extern char** environ;
+
+namespace pelmorad::testing {
+namespace {
+
+constexpr int kStartMilliseconds = 20000;
+
+// The hashes are computed once per test program (yescrypt is slow on purpose).
+const std::string& Hash(std::string_view password) {
+  static const std::string operator_hash = HashPassword(kOperatorPassword);
+  static const std::string reader_hash = HashPassword(kReaderPassword);
+  static const std::string built_in_hash =
+      HashPassword(pelmora::admin::internal::BuiltInPassword());
+  if (password == kOperatorPassword) return operator_hash;
+  if (password == kReaderPassword) return reader_hash;
+  return built_in_hash;
+}
+
+std::string ConfigText(const std::string& folder, const std::string& extra) {
+  return fmt::format(R"(
+[drives]
+C = "{0}/c"
+D = "{0}/d"
+[paths]
+QelProgram = 'C:\qel\bin'
+[system]
+directory = 'C:\Windows\system32'
+[accounts.operator]
+password = "{1}"
+commands = true
+[accounts.reader]
+password = "{2}"
+read_only = true
+[accounts.donly]
+password = "{1}"
+drives = ["D"]
+[accounts."{3}"]
+password = "{4}"
+commands = true
+{5}
+)",
+                     folder, Hash(kOperatorPassword), Hash(kReaderPassword),
+                     pelmora::admin::internal::BuiltInAccount(), Hash("built-in"), extra);
+}
+
+// Waits for `pid` to end, at most `milliseconds`; its status or nullopt.
+std::optional<int> WaitFor(pid_t pid, int milliseconds) {
+  int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+  if (pidfd >= 0) {
+    pollfd entry{pidfd, POLLIN, 0};
+    ::poll(&entry, 1, milliseconds);
+    ::close(pidfd);
+  }
+  int status = 0;
+  if (::waitpid(pid, &status, WNOHANG) != pid) return std::nullopt;
+  return status;
+}
+
+}  // namespace
+
+ServiceProcess::ServiceProcess(std::string extra) {
+  char folder_template[] = "/tmp/pelmorad-e2e-XXXXXX";
+  if (::mkdtemp(folder_template) == nullptr) ADD_FAILURE() << "mkdtemp failed";
+  folder_ = folder_template;
+  ::mkdir((folder_ + "/c").c_str(), 0755);
+  ::mkdir((folder_ + "/d").c_str(), 0755);
+  config_path_ = folder_ + "/pelmorad.toml";
+  log_path_ = folder_ + "/stderr.log";
+  WriteConfig(extra);
+}
+
+ServiceProcess::~ServiceProcess() {
+  if (pid_ > 0) Stop(SIGKILL);
+  std::error_code ignored;
+  std::filesystem::remove_all(folder_, ignored);
+}
+
+void ServiceProcess::WriteConfig(const std::string& extra) {
+  std::string temporary = config_path_ + ".new";
+  WriteFile(temporary, ConfigText(folder_, extra));
+  ::chmod(temporary.c_str(), 0600);
+  ::rename(temporary.c_str(), config_path_.c_str());
+}
+
+bool ServiceProcess::Start(std::string listen) {
+  const char* binary = std::getenv("PELMORAD_BINARY");
+  if (binary == nullptr) {
+    ADD_FAILURE() << "PELMORAD_BINARY is not set";
+    return false;
+  }
+  std::string fifo = folder_ + "/port.fifo";
+  ::unlink(fifo.c_str());
+  ::mkfifo(fifo.c_str(), 0600);
+  int reader = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  std::vector<std::string> args = {binary,   "--config",    config_path_, "--listen",
+                                    listen,  "--port-file", fifo};
+  std::vector<char*> argv;
+  for (std::string& arg : args) argv.push_back(arg.data());
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, log_path_.c_str(),
+                                   O_WRONLY | O_CREAT | O_APPEND, 0600);
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  int spawned = ::posix_spawn(&pid_, binary, &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (spawned != 0) {
+    ::close(reader);
+    ADD_FAILURE() << "cannot start " << binary;
+    return false;
+  }
+  std::string text;
+  pollfd entry{reader, POLLIN, 0};
+  if (::poll(&entry, 1, kStartMilliseconds) == 1) {
+    char buffer[32] = {};
+    ssize_t got = ::read(reader, buffer, sizeof(buffer) - 1);
+    if (got > 0) text.assign(buffer, static_cast<size_t>(got));
+  }
+  ::close(reader);
+  port_ = std::atoi(text.c_str());
+  if (port_ <= 0) ADD_FAILURE() << "pelmorad did not come up:\n" << ErrorOutput();
+  return port_ > 0;
+}
+
+void ServiceProcess::Signal(int signal) const {
+  if (pid_ > 0) ::kill(pid_, signal);
+}
+
+int ServiceProcess::Stop(int signal) {
+  if (pid_ <= 0) return -1;
+  ::kill(pid_, signal);
+  std::optional<int> status = WaitFor(pid_, kStartMilliseconds);
+  if (!status) {
+    ::kill(pid_, SIGKILL);
+    WaitFor(pid_, kStartMilliseconds);
+    pid_ = -1;
+    return -1;
+  }
+  pid_ = -1;
+  if (WIFSIGNALED(*status)) return 128 + WTERMSIG(*status);
+  return WEXITSTATUS(*status);
+}
+
+std::string ServiceProcess::Drive(char letter) const {
+  return folder_ + "/" + static_cast<char>(std::tolower(letter));
+}
+
+std::string ServiceProcess::ErrorOutput() const { return ReadFile(log_path_); }
+
+void WriteFile(const std::string& path, std::string_view content) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(content.data(), static_cast<std::streamsize>(content.size()));
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+bool PathExists(const std::string& path) {
+  struct stat info {};
+  return ::lstat(path.c_str(), &info) == 0;
+}
+
+}  // namespace pelmorad::testing

@@ -1,0 +1,68 @@
+// A pelmorad process for one test: a scratch folder with drive folders C and D, a generated
+// configuration with test accounts, the service started on a free loopback port (it reports the
+// port through a FIFO, so nothing polls or sleeps), its standard error captured for the audit
+// lines, and SIGTERM (then SIGKILL if it lingers) when the test ends.
+//
+//   ServiceProcess service;
+//   service.Start();
+//   RCFSO fso;
+//   fso.Connect("127.0.0.1", service.port(), "operator", kOperatorPassword, false);
+#ifndef TESTS_SERVICE_SERVICE_PROCESS_H_
+#define TESTS_SERVICE_SERVICE_PROCESS_H_
+
+#include <sys/types.h>
+
+#include <string>
+#include <string_view>
+
+namespace pelmorad::testing {
+
+inline constexpr std::string_view kOperatorPassword = "operator secret";
+inline constexpr std::string_view kReaderPassword = "reader secret";
+
+class ServiceProcess {
+ public:
+  // Makes the scratch folder and its drives; `extra` is appended to the configuration (more
+  // [limits], [paths], ...). Accounts: operator (all drives, read-write, commands), reader
+  // (read-only), donly (drive D only), and the library's built-in account.
+  explicit ServiceProcess(std::string extra = "");
+  ~ServiceProcess();
+
+  // Starts pelmorad listening on `listen` and waits (at most 20 s) for its port. Fails the test
+  // (ADD_FAILURE) and returns false when it does not come up.
+  bool Start(std::string listen = "127.0.0.1:0");
+  // Sends `signal` and waits at most 20 s for the exit; returns the exit status (-1 on timeout,
+  // 128 + n when killed by signal n).
+  int Stop(int signal);
+  // Sends a signal without waiting.
+  void Signal(int signal) const;
+
+  int port() const { return port_; }
+  pid_t pid() const { return pid_; }
+  // The Linux folder of drive C or D, and the scratch folder.
+  std::string Drive(char letter) const;
+  const std::string& folder() const { return folder_; }
+  const std::string& config_path() const { return config_path_; }
+  // Everything the service wrote to standard error so far.
+  std::string ErrorOutput() const;
+  // Rewrites the configuration with `extra` appended (for reload tests).
+  void WriteConfig(const std::string& extra);
+
+ private:
+  std::string folder_;
+  std::string config_path_;
+  std::string log_path_;
+  pid_t pid_ = -1;
+  int port_ = 0;
+};
+
+// Writes `content` to `path` (binary).
+void WriteFile(const std::string& path, std::string_view content);
+// The content of `path` ("" when it cannot be read).
+std::string ReadFile(const std::string& path);
+// True when `path` exists (links not followed).
+bool PathExists(const std::string& path);
+
+}  // namespace pelmorad::testing
+
+#endif  // TESTS_SERVICE_SERVICE_PROCESS_H_

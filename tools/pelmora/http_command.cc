@@ -1,0 +1,133 @@
+// `pelmora http`: HTTP and HTTPS requests through the WinINet object.
+//
+//   pelmora http get URL [-o FILE] [-H "Name: value"]...
+//   pelmora http head URL [-o FILE] [-H ...]              the response headers
+//   pelmora http post|put URL [-d DATA | -d @FILE] [-o FILE] [-H ...]
+//
+// The response body goes to standard output unless -o names a file; on a terminal a progress
+// bar runs on standard error. -d @FILE sends the file's bytes, -d TEXT the text (ANSI code page).
+// Exit status: 0 when a response arrived (whatever its status code), 1 when the request fails
+// (the WinInet number and its text are printed on standard error), 2 for usage and file errors.
+#include <unistd.h>
+
+#include <cstdint>
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "pelmora/common/error.h"
+#include "pelmora/common/variant.h"
+#include "pelmora/net/wininet.h"
+#include "tools/pelmora/commands.h"
+#include "tools/pelmora/crypto_io.h"
+
+namespace pelmora_tool {
+namespace {
+
+using pelmora::Variant;
+using pelmora::WinINet;
+
+struct HttpOptions {
+  std::string verb;
+  std::string url;
+  std::string output = "-";
+  std::vector<std::string> headers;
+  std::string data;
+};
+
+constexpr int32_t kPiece = 256 * 1024;
+
+// Draws "[#####     ]  50% 512/1024 bytes" on standard error.
+void DrawProgress(uint64_t done, uint64_t total) {
+  constexpr int kWidth = 30;
+  int filled = total > 0 ? static_cast<int>(kWidth * std::min<uint64_t>(done, total) / total) : 0;
+  std::string bar(static_cast<size_t>(filled), '#');
+  bar.resize(kWidth, ' ');
+  if (total > 0) {
+    std::fprintf(stderr, "\r[%s] %3d%% %llu/%llu bytes", bar.c_str(),
+                 static_cast<int>(100 * std::min<uint64_t>(done, total) / total),
+                 static_cast<unsigned long long>(done), static_cast<unsigned long long>(total));
+  } else {
+    std::fprintf(stderr, "\r%llu bytes", static_cast<unsigned long long>(done));
+  }
+}
+
+// Copies the response to `out` piece by piece; returns false when writing fails.
+bool CopyBody(WinINet& inet, std::FILE* out) {
+  bool progress = ::isatty(STDERR_FILENO) == 1;
+  uint64_t total = std::strtoull(inet.GetHeader("Content-Length").c_str(), nullptr, 10);
+  uint64_t done = 0;
+  while (true) {
+    std::vector<uint8_t> piece = inet.GetChunk(kPiece, pelmora::icByteArray).ToBytes();
+    if (piece.empty()) break;
+    if (std::fwrite(piece.data(), 1, piece.size(), out) != piece.size()) return false;
+    done += piece.size();
+    if (progress) DrawProgress(done, total);
+  }
+  if (progress) std::fputc('\n', stderr);
+  return true;
+}
+
+int Run(const HttpOptions& o) {
+  std::string headers;
+  for (const std::string& line : o.headers) headers += (headers.empty() ? "" : "\r\n") + line;
+  try {
+    Variant body;
+    if (o.data.rfind("@", 0) == 0) {
+      body = Variant(ReadSource(o.data.substr(1)));
+    } else if (!o.data.empty()) {
+      body = Variant(o.data);
+    }
+    WinINet inet;
+    inet.Execute(o.url, o.verb, body, headers);
+    std::FILE* out = o.output == "-" ? stdout : std::fopen(o.output.c_str(), "wb");
+    if (out == nullptr) throw CommandError("cannot write " + o.output);
+    std::unique_ptr<std::FILE, int (*)(std::FILE*)> closer(out == stdout ? nullptr : out,
+                                                           &std::fclose);
+    if (o.verb == "HEAD") {
+      std::string all = inet.GetHeader();
+      std::fwrite(all.data(), 1, all.size(), out);
+    } else if (!CopyBody(inet, out)) {
+      throw CommandError("cannot write " + o.output);
+    }
+    return std::fflush(out) == 0 ? 0 : 2;
+  } catch (const pelmora::Error& e) {
+    std::fprintf(stderr, "pelmora http: error %d: %s\n", e.Number(), e.Description().c_str());
+    return 1;
+  } catch (const CommandError& e) {
+    std::fprintf(stderr, "pelmora http: %s\n", e.what());
+    return 2;
+  }
+}
+
+void AddVerb(CLI::App& http, CommandAction& action, const std::string& name,
+             const std::string& help) {
+  auto o = std::make_shared<HttpOptions>();
+  o->verb = name;
+  for (char& c : o->verb) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  CLI::App* sub = http.add_subcommand(name, help);
+  sub->add_option("URL", o->url, "http:// or https:// address")->required();
+  sub->add_option("-o,--output", o->output, "write the response here instead of standard output");
+  sub->add_option("-H,--header", o->headers, "a request header line \"Name: value\"");
+  if (name == "post" || name == "put") {
+    sub->add_option("-d,--data", o->data, "the request body: TEXT, or @FILE for a file's bytes");
+  }
+  sub->callback([&action, o] { action = [o] { return Run(*o); }; });
+}
+
+}  // namespace
+
+void AddHttpCommand(CLI::App& app, CommandAction& action) {
+  CLI::App* http = app.add_subcommand("http", "HTTP and HTTPS requests");
+  http->require_subcommand(1);
+  AddVerb(*http, action, "get", "fetch a document");
+  AddVerb(*http, action, "head", "print the response headers");
+  AddVerb(*http, action, "post", "post a body");
+  AddVerb(*http, action, "put", "put a body");
+}
+
+}  // namespace pelmora_tool

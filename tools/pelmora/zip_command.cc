@@ -1,0 +1,198 @@
+// `pelmora zip` and `pelmora unzip`.
+//
+//   pelmora zip [-r] [-j] [-e] [-u] [-q] [-P PASSWORD | --password-file F] ARCHIVE NAME...
+//   pelmora unzip [-t | -l] [-o | -n] [-u] [-j] [-q] [-d DIR] [-P PASSWORD | --password-file F]
+//                 ARCHIVE [NAME...]
+//
+// Without -o or -n, unzip asks on the terminal before replacing a file ([y]es, [n]o, [A]ll,
+// [N]one, [r]ename) and, without a terminal, leaves it alone. Passwords come from -P, from the
+// file given (its first line), or are typed at the terminal.
+#include "tools/pelmora/zip_command.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <memory>
+#include <optional>
+
+#include "pelmora/archive/unzip_engine.h"
+#include "pelmora/archive/zip_engine.h"
+#include "tools/pelmora/commands.h"
+#include "tools/pelmora/crypto_io.h"
+
+namespace pelmora_tool {
+namespace {
+
+namespace archive = pelmora::archive;
+
+archive::PrintCallback PrintTo(std::FILE* out) {
+  return [out](std::string_view text) {
+    std::fwrite(text.data(), 1, text.size(), out);
+    return 0;
+  };
+}
+
+// The password given on the command line or in a file; empty when neither is given.
+std::string GivenPassword(const std::string& password, const std::string& file) {
+  if (!password.empty() || file.empty()) return password;
+  Bytes bytes = ReadPassword(file, "");
+  std::string text(bytes.begin(), bytes.end());
+  Wipe(bytes);
+  return text;
+}
+
+// One line typed at the terminal after `question`; nullopt without a terminal.
+std::optional<std::string> AskTerminal(const std::string& question) {
+  int fd = open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  std::string line;
+  if (write(fd, question.data(), question.size()) >= 0) {
+    char c = 0;
+    while (line.size() < 4096 && read(fd, &c, 1) == 1 && c != '\n') line += c;
+  }
+  close(fd);
+  return line;
+}
+
+int ReplaceAtTerminal(std::string& name) {
+  auto answer = AskTerminal("replace " + name + "? [y]es, [n]o, [A]ll, [N]one, [r]ename: ");
+  if (!answer || answer->empty()) return archive::kReplaceNo;
+  switch ((*answer)[0]) {
+    case 'y':
+      return archive::kReplaceYes;
+    case 'A':
+      return archive::kReplaceAll;
+    case 'N':
+      return archive::kReplaceNone;
+    case 'r': {
+      auto renamed = AskTerminal("new name: ");
+      if (!renamed || renamed->empty()) return archive::kReplaceNo;
+      name = *renamed;
+      return archive::kReplaceRename;
+    }
+    default:
+      return archive::kReplaceNo;
+  }
+}
+
+// A password callback: the given password once, or what is typed at the terminal.
+archive::PasswordCallback PasswordSource(std::string given) {
+  auto used = std::make_shared<bool>(false);
+  return [given, used](std::string& answer, std::string_view prompt, std::string_view name) {
+    if (!given.empty()) {
+      if (*used && prompt.rfind("Verify", 0) != 0) return archive::kPasswordCancel;
+      *used = true;
+      answer = given;
+      return archive::kPasswordEntered;
+    }
+    try {
+      // unzip names the entry after its prompt; zip's prompts stand alone.
+      bool names_entry = prompt.rfind("Enter password for", 0) == 0;
+      Bytes typed = ReadPassword("", std::string(prompt) + (names_entry ? std::string(name) + " " : ""));
+      answer.assign(typed.begin(), typed.end());
+      Wipe(typed);
+      return archive::kPasswordEntered;
+    } catch (const CommandError&) {
+      return archive::kPasswordError;
+    }
+  };
+}
+
+void PrintListing(const std::vector<archive::ListedEntry>& entries, std::FILE* out) {
+  std::fprintf(out, "  Length      Date    Time    Name\n---------  ---------- -----   ----\n");
+  uint64_t total = 0;
+  for (const archive::ListedEntry& e : entries) {
+    uint32_t year = e.year < 80 ? 2000 + e.year : 1900 + e.year;
+    std::fputs(fmt::format("{:9}  {:04}-{:02}-{:02} {:02}:{:02}   {}\n", e.size, year, e.month,
+                           e.day, e.hour, e.minute, e.name).c_str(), out);
+    total += e.size;
+  }
+  std::fputs(fmt::format("---------                     -------\n{:9}                     {} "
+                         "file{}\n", total, entries.size(), entries.size() == 1 ? "" : "s")
+                 .c_str(), out);
+}
+
+}  // namespace
+
+int RunZipCommand(const ZipCommandLine& line, std::FILE* out) {
+  archive::ZipOptions options;
+  options.recurse = line.recurse ? 1 : 0;
+  options.junk_dir = line.junk_paths ? 1 : 0;
+  options.encrypt = line.encrypt ? 1 : 0;
+  options.update = line.update ? 1 : 0;
+  options.quiet = line.quiet ? 1 : 0;
+  archive::ZipCallbacks callbacks;
+  callbacks.print = PrintTo(out);
+  try {
+    callbacks.password = PasswordSource(GivenPassword(line.password, line.password_file));
+  } catch (const CommandError& error) {
+    std::fprintf(stderr, "pelmora zip: %s\n", error.what());
+    return archive::kZipParms;
+  }
+  return archive::RunZip(options, line.archive, line.names, callbacks);
+}
+
+int RunUnzipCommand(const UnzipCommandLine& line, std::FILE* out) {
+  archive::DecompressionControl dcl;
+  dcl.zip_file_name = line.archive;
+  dcl.extract_dir = line.extract_dir;
+  dcl.test = line.test ? 1 : 0;
+  dcl.list = line.list ? 1 : 0;
+  dcl.overwrite = line.overwrite ? 1 : 0;
+  dcl.prompt_to_overwrite = line.overwrite || line.never_overwrite ? 0 : 1;
+  dcl.extract_only_newer = line.newer_only ? 1 : 0;
+  dcl.honor_directories = line.junk_paths ? 0 : 1;
+  dcl.quiet = line.quiet ? 1 : 0;
+  archive::UnzipCallbacks callbacks;
+  callbacks.print = PrintTo(out);
+  callbacks.replace = &ReplaceAtTerminal;
+  std::vector<archive::ListedEntry> listed;
+  callbacks.message = [&](const archive::ListedEntry& entry) { listed.push_back(entry); };
+  try {
+    callbacks.password = PasswordSource(GivenPassword(line.password, line.password_file));
+  } catch (const CommandError& error) {
+    std::fprintf(stderr, "pelmora unzip: %s\n", error.what());
+    return archive::kUnzipMem2;
+  }
+  int rc = archive::RunUnzip(dcl, callbacks, {line.names, {}});
+  if (line.list && rc == archive::kUnzipOk) PrintListing(listed, out);
+  return rc;
+}
+
+void AddZipCommand(CLI::App& app, CommandAction& action) {
+  auto zip_line = std::make_shared<ZipCommandLine>();
+  CLI::App* zip = app.add_subcommand("zip", "create or update a zip archive");
+  zip->add_flag("-r", zip_line->recurse, "recurse into folders");
+  zip->add_flag("-j", zip_line->junk_paths, "store names without their folders");
+  zip->add_flag("-e", zip_line->encrypt, "encrypt (asks for the password)");
+  zip->add_flag("-u", zip_line->update, "add new files, replace only with newer ones");
+  zip->add_flag("-q", zip_line->quiet, "no messages but errors");
+  zip->add_option("-P", zip_line->password, "the password (visible to other users)");
+  zip->add_option("--password-file", zip_line->password_file, "read the password from a file");
+  zip->add_option("archive", zip_line->archive, "the archive")->required();
+  zip->add_option("names", zip_line->names, "files, folders, wildcards")->required();
+  zip->callback([&action, zip_line] {
+    action = [zip_line] { return RunZipCommand(*zip_line, stdout); };
+  });
+  auto unzip_line = std::make_shared<UnzipCommandLine>();
+  CLI::App* unzip = app.add_subcommand("unzip", "extract, test or list a zip archive");
+  unzip->add_flag("-t", unzip_line->test, "test the archive");
+  unzip->add_flag("-l", unzip_line->list, "list the archive");
+  unzip->add_flag("-o", unzip_line->overwrite, "overwrite files without asking");
+  unzip->add_flag("-n", unzip_line->never_overwrite, "never overwrite files");
+  unzip->add_flag("-u", unzip_line->newer_only, "extract only newer or missing files");
+  unzip->add_flag("-j", unzip_line->junk_paths, "extract without folders");
+  unzip->add_flag("-q", unzip_line->quiet, "fewer messages");
+  unzip->add_option("-d", unzip_line->extract_dir, "extract into this folder");
+  unzip->add_option("-P", unzip_line->password, "the password (visible to other users)");
+  unzip->add_option("--password-file", unzip_line->password_file, "read the password from a file");
+  unzip->add_option("archive", unzip_line->archive, "the archive")->required();
+  unzip->add_option("names", unzip_line->names, "entries to process (wildcards allowed)");
+  unzip->callback([&action, unzip_line] {
+    action = [unzip_line] { return RunUnzipCommand(*unzip_line, stdout); };
+  });
+}
+
+}  // namespace pelmora_tool
