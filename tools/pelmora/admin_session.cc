@@ -12,6 +12,7 @@
 #include "pelmora/common/error.h"
 #include "pelmora/common/error_texts.h"
 #include "tools/pelmora/crypto_io.h"
+#include "tools/pelmora/log_lines.h"
 
 namespace pelmora_tool {
 namespace {
@@ -94,6 +95,10 @@ HostSession::HostSession(HostTarget target, const AdminOptions& options,
       output_(output),
       client_(std::make_unique<pelmora::admin::AdminClient>()) {
   if (target_.port == 0) target_.port = options.port;
+  // The library's lines go where `pelmora log tail` looks for them.
+  std::string log_root = ToolLogRoot();
+  MakeLogRoot(log_root);
+  Fso().SetLogPath(log_root);
 }
 
 HostSession::~HostSession() = default;

@@ -42,6 +42,10 @@ void AddHttpCommand(CLI::App& app, CommandAction& action);
 // (--host) or of a fleet (--hosts, --hosts-file); see `pelmora admin --help`.
 void AddAdminCommand(CLI::App& app, CommandAction& action);
 
+// `pelmora log tail [--root DIR] [-n LINES] [--date YYYYMMDD] [--errors]`: the day's log lines
+// of the library, in time order.
+void AddLogCommand(CLI::App& app, CommandAction& action);
+
 }  // namespace pelmora_tool
 
 #endif  // TOOLS_PELMORA_COMMANDS_H_

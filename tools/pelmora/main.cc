@@ -6,6 +6,7 @@
 //   pelmora zip|unzip ...               zip archives (exit status: the archive return code)
 //   pelmora http get|head|post|put URL  HTTP and HTTPS requests (see --help)
 //   pelmora admin [OPTIONS] COMMAND ... the administration service of a host or a fleet
+//   pelmora log tail [--root DIR]       the day's log lines of the library
 //
 // Exit status: 0 on success, 2 for a usage error; each command documents its other values.
 #include <CLI/CLI.hpp>
@@ -23,6 +24,7 @@ int main(int argc, char** argv) {
   pelmora_tool::AddZipCommand(app, action);
   pelmora_tool::AddHttpCommand(app, action);
   pelmora_tool::AddAdminCommand(app, action);
+  pelmora_tool::AddLogCommand(app, action);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

@@ -1,0 +1,79 @@
+#include "tools/pelmora/log_lines.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include "pelmora/common/system.h"
+
+namespace pelmora_tool {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr size_t kStampLength = 19;  // "yyyy-mm-dd hh:nn:ss"
+
+bool EndsWith(const std::string& text, const std::string& end) {
+  return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+// The lines of one file, from at most its last kMostLogBytes (a cut first line is dropped).
+void AppendLines(const fs::path& path, std::vector<std::string>& out) {
+  std::error_code error;
+  std::uintmax_t size = fs::file_size(path, error);
+  std::ifstream file(path, std::ios::binary);
+  if (error || !file) return;
+  bool cut = size > kMostLogBytes;
+  if (cut) file.seekg(static_cast<std::streamoff>(size - kMostLogBytes));
+  std::string line;
+  if (cut) std::getline(file, line);
+  while (std::getline(file, line)) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (!line.empty()) out.push_back(line);
+  }
+}
+
+const char* Environment(const char* name) {
+  const char* value = std::getenv(name);
+  return value != nullptr && *value != '\0' ? value : nullptr;
+}
+
+}  // namespace
+
+std::string ToolLogRoot() {
+  if (const char* root = Environment("PELMORA_LOG_ROOT")) return root;
+  std::string library = pelmora::LibraryFolder();
+  std::error_code error;
+  if (!library.empty() && fs::is_directory(library + "/../Log", error)) return library + "/../Log";
+  if (const char* state = Environment("XDG_STATE_HOME")) return std::string(state) + "/pelmora/log";
+  if (const char* home = Environment("HOME")) return std::string(home) + "/.local/state/pelmora/log";
+  return pelmora::GetTempFolder() + "pelmora-log";
+}
+
+void MakeLogRoot(const std::string& root) {
+  std::error_code error;
+  fs::create_directories(root, error);
+}
+
+std::vector<std::string> DayLogLines(const std::string& root, const std::string& day,
+                                     bool errors_only) {
+  fs::path folder = fs::path(root) / day.substr(0, 6);
+  std::vector<fs::path> files;
+  std::error_code error;
+  for (const auto& entry : fs::directory_iterator(folder, error)) {
+    std::string name = entry.path().filename().string();
+    if (EndsWith(name, day + ".err") || (!errors_only && EndsWith(name, day + ".log"))) {
+      files.push_back(entry.path());
+    }
+  }
+  std::sort(files.begin(), files.end());
+  std::vector<std::string> lines;
+  for (const fs::path& file : files) AppendLines(file, lines);
+  std::stable_sort(lines.begin(), lines.end(), [](const std::string& a, const std::string& b) {
+    return a.compare(0, kStampLength, b, 0, kStampLength) < 0;
+  });
+  return lines;
+}
+
+}  // namespace pelmora_tool

@@ -1,0 +1,35 @@
+// Reading the library's day log files back for `pelmora log tail`.
+//
+//   DayLogLines("/opt/pelmora/Log", "20090314", false)
+//     // every line of 200903/*20090314.log and *.err, in time order
+#ifndef TOOLS_PELMORA_LOG_LINES_H_
+#define TOOLS_PELMORA_LOG_LINES_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace pelmora_tool {
+
+// The folder of the tool's logs: $PELMORA_LOG_ROOT when set; else the folder beside the library
+// (<library folder>/../Log) when it exists; else $XDG_STATE_HOME/pelmora/log or
+// ~/.local/state/pelmora/log; else a folder under the temporary folder. Does not create it.
+std::string ToolLogRoot();
+
+// Creates `root` when it is missing, so that the library's log writer (which never creates its
+// root) can write there. Quietly does nothing when it cannot.
+void MakeLogRoot(const std::string& root);
+
+// The most bytes read from the end of one log file; earlier lines of a larger file are skipped.
+inline constexpr std::uintmax_t kMostLogBytes = 64u << 20;
+
+// The lines of the day `day` (YYYYMMDD) under `root`: every file in root/YYYYMM whose name ends
+// with YYYYMMDD.err or (unless `errors_only`) YYYYMMDD.log, with or without a prefix. Lines lose
+// their CR LF and are merged by their leading time stamp, lines of the same second keeping the
+// order of their files. A missing folder gives no lines. Reads the files; never throws.
+std::vector<std::string> DayLogLines(const std::string& root, const std::string& day,
+                                     bool errors_only);
+
+}  // namespace pelmora_tool
+
+#endif  // TOOLS_PELMORA_LOG_LINES_H_
