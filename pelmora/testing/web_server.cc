@@ -264,15 +264,22 @@ std::string WebServer::TlsUrl(Cert cert, std::string_view path) const {
 }
 
 std::string WebServer::WriteDocument(std::string_view name, std::string_view bytes) const {
-  std::filesystem::path path = std::filesystem::path(DocumentRoot()) / name;
+  return WriteFileUnder(DocumentRoot(), name, bytes);
+}
+
+std::string WebServer::ErrorLog() const { return ReadWholeFile(folder_ + "/error.log"); }
+
+std::string WriteFileUnder(const std::string& root, std::string_view name,
+                           std::string_view bytes) {
+  std::filesystem::path path = std::filesystem::path(root) / name;
   std::filesystem::create_directories(path.parent_path());
   std::ofstream out(path, std::ios::binary);
   out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
   return path.string();
 }
 
-std::string WebServer::ErrorLog() const {
-  std::ifstream in(folder_ + "/error.log");
+std::string ReadWholeFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
   std::stringstream text;
   text << in.rdbuf();
   return text.str();
