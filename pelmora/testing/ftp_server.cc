@@ -3,8 +3,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "pelmora/testing/web_server.h"
 
@@ -59,18 +57,9 @@ std::string FtpServer::Url(std::string_view user, std::string_view password,
 }
 
 std::string FtpServer::WriteFile(std::string_view name, std::string_view bytes) const {
-  std::filesystem::path path = std::filesystem::path(folder_) / "root" / name;
-  std::filesystem::create_directories(path.parent_path());
-  std::ofstream out(path, std::ios::binary);
-  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  return path.string();
+  return WriteFileUnder(folder_ + "/root", name, bytes);
 }
 
-std::string FtpServer::Log() const {
-  std::ifstream in(folder_ + "/server.log");
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
+std::string FtpServer::Log() const { return ReadWholeFile(folder_ + "/server.log"); }
 
 }  // namespace pelmora::testing

@@ -52,7 +52,7 @@ void AddExtension(X509* cert, X509* issuer, int nid, const char* value) {
 }
 
 // What one certificate says about itself.
-struct CertSpec {
+struct CertProfile {
   const char* common_name;
   const char* alt_names;  // null for the authority
   long valid_from;        // seconds from now
@@ -60,25 +60,25 @@ struct CertSpec {
 };
 
 // A certificate for `key` signed by `issuer` (itself when null).
-CertPtr MakeCert(const CertSpec& spec, EVP_PKEY* key, X509* issuer, EVP_PKEY* issuer_key) {
+CertPtr MakeCert(const CertProfile& profile, EVP_PKEY* key, X509* issuer, EVP_PKEY* issuer_key) {
   static long serial = 1000;
   CertPtr cert(X509_new(), &X509_free);
   X509_set_version(cert.get(), 2);
   ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), ++serial);
-  X509_gmtime_adj(X509_getm_notBefore(cert.get()), spec.valid_from);
-  X509_gmtime_adj(X509_getm_notAfter(cert.get()), spec.valid_until);
+  X509_gmtime_adj(X509_getm_notBefore(cert.get()), profile.valid_from);
+  X509_gmtime_adj(X509_getm_notAfter(cert.get()), profile.valid_until);
   X509_set_pubkey(cert.get(), key);
   X509_NAME* name = X509_get_subject_name(cert.get());
   X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
-                             reinterpret_cast<const unsigned char*>(spec.common_name), -1, -1, 0);
+                             reinterpret_cast<const unsigned char*>(profile.common_name), -1, -1, 0);
   X509* signer = issuer != nullptr ? issuer : cert.get();
   X509_set_issuer_name(cert.get(), X509_get_subject_name(signer));
-  bool authority = spec.alt_names == nullptr;
+  bool authority = profile.alt_names == nullptr;
   AddExtension(cert.get(), signer, NID_basic_constraints,
                authority ? "critical,CA:TRUE" : "CA:FALSE");
   AddExtension(cert.get(), signer, NID_subject_key_identifier, "hash");
   if (authority) AddExtension(cert.get(), signer, NID_key_usage, "critical,keyCertSign,cRLSign");
-  if (!authority) AddExtension(cert.get(), signer, NID_subject_alt_name, spec.alt_names);
+  if (!authority) AddExtension(cert.get(), signer, NID_subject_alt_name, profile.alt_names);
   if (X509_sign(cert.get(), issuer_key != nullptr ? issuer_key : key, EVP_sha256()) == 0) {
     Fail("cannot sign a certificate");
   }
@@ -224,7 +224,7 @@ void WebServer::MakeCertificates() const {
                         nullptr);
   WritePem(CaFile(), ca.get(), nullptr);
   const char* local = "DNS:localhost,IP:127.0.0.1";
-  const CertSpec specs[kCertCount] = {
+  const CertProfile profiles[kCertCount] = {
       {"localhost", local, -kDay, 30 * kDay},
       {"localhost", local, -30 * kDay, -kDay},
       {"localhost", local, kDay, 30 * kDay},
@@ -234,7 +234,7 @@ void WebServer::MakeCertificates() const {
   for (int i = 0; i < kCertCount; ++i) {
     KeyPtr key = NewKey();
     bool self_signed = static_cast<Cert>(i) == Cert::kSelfSigned;
-    CertPtr cert = MakeCert(specs[i], key.get(), self_signed ? nullptr : ca.get(),
+    CertPtr cert = MakeCert(profiles[i], key.get(), self_signed ? nullptr : ca.get(),
                             self_signed ? nullptr : ca_key.get());
     WritePem(folder_ + "/" + CertFileName(i) + ".pem", cert.get(), key.get());
   }
@@ -264,15 +264,22 @@ std::string WebServer::TlsUrl(Cert cert, std::string_view path) const {
 }
 
 std::string WebServer::WriteDocument(std::string_view name, std::string_view bytes) const {
-  std::filesystem::path path = std::filesystem::path(DocumentRoot()) / name;
+  return WriteFileUnder(DocumentRoot(), name, bytes);
+}
+
+std::string WebServer::ErrorLog() const { return ReadWholeFile(folder_ + "/error.log"); }
+
+std::string WriteFileUnder(const std::string& root, std::string_view name,
+                           std::string_view bytes) {
+  std::filesystem::path path = std::filesystem::path(root) / name;
   std::filesystem::create_directories(path.parent_path());
   std::ofstream out(path, std::ios::binary);
   out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
   return path.string();
 }
 
-std::string WebServer::ErrorLog() const {
-  std::ifstream in(folder_ + "/error.log");
+std::string ReadWholeFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
   std::stringstream text;
   text << in.rdbuf();
   return text.str();

@@ -74,6 +74,12 @@ std::string MakeScratchFolder(std::string_view purpose);
 pid_t SpawnWithLog(const char* const* argv, const std::string& extra_env,
                    const std::string& log_file);
 
+// Writes `bytes` to `root`/`name`, making folders as needed; returns the file's path.
+std::string WriteFileUnder(const std::string& root, std::string_view name, std::string_view bytes);
+
+// The whole contents of a file ("" when it cannot be read).
+std::string ReadWholeFile(const std::string& path);
+
 // Stops a process started by SpawnWithLog (SIGTERM, then waits for it).
 void StopProcess(pid_t pid);
 
