@@ -171,6 +171,30 @@ void PrintComment(const UnzipCallbacks& callbacks, zip_t* archive) {
   }
 }
 
+// Lists, tests or extracts the selected entries of an open archive in order.
+int ProcessEntries(zip_t* archive, uint64_t count, const std::vector<CentralFlags>& flags,
+                   const DecompressionControl& dcl, const UnzipCallbacks& callbacks,
+                   const EntrySelection& selection, UnzipRun& run) {
+  Selector selector(selection, dcl.case_insensitive != 0);
+  bool listing = dcl.list != 0 || dcl.zipinfo != 0;
+  if (!listing && !run.OpenFolder()) return run.Code();
+  for (uint64_t i = 0; i < count; ++i) {
+    auto entry = ReadEntry(archive, i, flags);
+    if (!entry) {
+      callbacks.print(fmt::format("error:  cannot read entry {} of {}\n", i, dcl.zip_file_name));
+      run.Note(kUnzipBadErr);
+      continue;
+    }
+    if (!selector.Takes(entry->name)) continue;
+    if (listing && callbacks.message) callbacks.message(internal::MakeListedEntry(*entry));
+    if (!listing && !run.ProcessEntry(*entry)) return run.Code();
+  }
+  if (listing) return kUnzipOk;
+  if (selector.ReportUnmatched(callbacks.print)) run.Note(kUnzipFind);
+  run.Finish(selection.include.empty());
+  return run.Code();
+}
+
 }  // namespace
 
 int RunUnzip(const DecompressionControl& dcl, const UnzipCallbacks& callbacks,
@@ -186,32 +210,15 @@ int RunUnzip(const DecompressionControl& dcl, const UnzipCallbacks& callbacks,
     callbacks.print(fmt::format("warning [{}]:  zipfile is empty\n", dcl.zip_file_name));
     return kUnzipWarn;
   }
-  std::vector<CentralFlags> flags = ReadFlags(dcl.zip_file_name, size, count);
-  if (flags.size() != count) flags.clear();
-  Selector selector(selection, dcl.case_insensitive != 0);
-  UnzipRun run(dcl, callbacks, archive.get(),
-               {size, limits.max_total_bytes, limits.max_ratio, limits.ratio_floor, 0});
   if (dcl.comment_only != 0) {
     PrintComment(callbacks, archive.get());
     return kUnzipOk;
   }
-  bool listing = dcl.list != 0 || dcl.zipinfo != 0;
-  if (!listing && !run.OpenFolder()) return run.Code();
-  for (uint64_t i = 0; i < count; ++i) {
-    auto entry = ReadEntry(archive.get(), i, flags);
-    if (!entry) {
-      callbacks.print(fmt::format("error:  cannot read entry {} of {}\n", i, dcl.zip_file_name));
-      run.Note(kUnzipBadErr);
-      continue;
-    }
-    if (!selector.Takes(entry->name)) continue;
-    if (listing && callbacks.message) callbacks.message(internal::MakeListedEntry(*entry));
-    if (!listing && !run.ProcessEntry(*entry)) return run.Code();
-  }
-  if (listing) return kUnzipOk;
-  if (selector.ReportUnmatched(callbacks.print)) run.Note(kUnzipFind);
-  run.Finish(selection.include.empty());
-  return run.Code();
+  std::vector<CentralFlags> flags = ReadFlags(dcl.zip_file_name, size, count);
+  if (flags.size() != count) flags.clear();
+  UnzipRun run(dcl, callbacks, archive.get(),
+               {size, limits.max_total_bytes, limits.max_ratio, limits.ratio_floor, 0});
+  return ProcessEntries(archive.get(), count, flags, dcl, callbacks, selection, run);
 }
 
 }  // namespace pelmora::archive

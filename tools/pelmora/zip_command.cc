@@ -114,6 +114,16 @@ void PrintListing(const std::vector<archive::ListedEntry>& entries, std::FILE* o
                  .c_str(), out);
 }
 
+// The options both commands share: -j, -q, -P, --password-file and the archive.
+template <class Line>
+void AddSharedOptions(CLI::App* command, Line& line) {
+  command->add_flag("-j", line.junk_paths, "leave out the folders of the names");
+  command->add_flag("-q", line.quiet, "fewer messages");
+  command->add_option("-P", line.password, "the password (visible to other users)");
+  command->add_option("--password-file", line.password_file, "read the password from a file");
+  command->add_option("archive", line.archive, "the archive")->required();
+}
+
 }  // namespace
 
 int RunZipCommand(const ZipCommandLine& line, std::FILE* out) {
@@ -165,13 +175,9 @@ void AddZipCommand(CLI::App& app, CommandAction& action) {
   auto zip_line = std::make_shared<ZipCommandLine>();
   CLI::App* zip = app.add_subcommand("zip", "create or update a zip archive");
   zip->add_flag("-r", zip_line->recurse, "recurse into folders");
-  zip->add_flag("-j", zip_line->junk_paths, "store names without their folders");
   zip->add_flag("-e", zip_line->encrypt, "encrypt (asks for the password)");
   zip->add_flag("-u", zip_line->update, "add new files, replace only with newer ones");
-  zip->add_flag("-q", zip_line->quiet, "no messages but errors");
-  zip->add_option("-P", zip_line->password, "the password (visible to other users)");
-  zip->add_option("--password-file", zip_line->password_file, "read the password from a file");
-  zip->add_option("archive", zip_line->archive, "the archive")->required();
+  AddSharedOptions(zip, *zip_line);
   zip->add_option("names", zip_line->names, "files, folders, wildcards")->required();
   zip->callback([&action, zip_line] {
     action = [zip_line] { return RunZipCommand(*zip_line, stdout); };
@@ -183,12 +189,8 @@ void AddZipCommand(CLI::App& app, CommandAction& action) {
   unzip->add_flag("-o", unzip_line->overwrite, "overwrite files without asking");
   unzip->add_flag("-n", unzip_line->never_overwrite, "never overwrite files");
   unzip->add_flag("-u", unzip_line->newer_only, "extract only newer or missing files");
-  unzip->add_flag("-j", unzip_line->junk_paths, "extract without folders");
-  unzip->add_flag("-q", unzip_line->quiet, "fewer messages");
   unzip->add_option("-d", unzip_line->extract_dir, "extract into this folder");
-  unzip->add_option("-P", unzip_line->password, "the password (visible to other users)");
-  unzip->add_option("--password-file", unzip_line->password_file, "read the password from a file");
-  unzip->add_option("archive", unzip_line->archive, "the archive")->required();
+  AddSharedOptions(unzip, *unzip_line);
   unzip->add_option("names", unzip_line->names, "entries to process (wildcards allowed)");
   unzip->callback([&action, unzip_line] {
     action = [unzip_line] { return RunUnzipCommand(*unzip_line, stdout); };

@@ -122,6 +122,10 @@ int ZipRun::Run(const std::vector<std::string>& names) {
   for (const std::string& name : unmatched) Warn("name not matched: " + name);
   if (plan.empty()) return Fail(kZipNothingToDo, shown_name_);
   if (int rc = OpenArchive(); rc != kZipOk) return rc;
+  return AddAll(std::move(plan));
+}
+
+int ZipRun::AddAll(std::vector<PlanItem> plan) {
   std::vector<Step> steps;
   std::vector<CompressJob> jobs;
   bool any = false;
@@ -133,8 +137,10 @@ int ZipRun::Run(const std::vector<std::string>& names) {
     jobs.push_back({item.path, static_cast<uint64_t>(item.st.st_size), !in_memory});
     steps.push_back({std::move(item), action});
   }
-  if (!any) return options_.update != 0 || options_.freshen != 0
-                       ? kZipNothingToDo : Fail(kZipNothingToDo, shown_name_);
+  if (!any) {
+    bool newer_only = options_.update != 0 || options_.freshen != 0;
+    return newer_only ? kZipNothingToDo : Fail(kZipNothingToDo, shown_name_);
+  }
   spool_ = Spool::Create(FolderOf(path_));
   if (!spool_) return Fail(kZipTemp, shown_name_);
   CompressInOrder(jobs, level_, tuning_.threads, tuning_.window_bytes,

@@ -42,6 +42,7 @@ class ZipRun {
   int AskPassword();
   int OpenArchive();
   Action Decide(const PlanItem& item) const;
+  int AddAll(std::vector<PlanItem> plan);
   bool Consume(const Step& step, Compressed&& result);
   bool SpoolLarge(const PlanItem& item, Compressed& meta, SpooledData& spooled);
   bool AddData(const Step& step, const SpooledData& spooled);
