@@ -132,14 +132,19 @@ bool Reply(int fd, const Bytes& packet_received, const Bytes& data) {
 // until the client closes.
 void ServeTransfers(int fd, int64_t size) {
   Bytes packet(admin::kPacketSize);
-  if (!Exactly(fd, packet.data(), packet.size()) || !Reply(fd, packet, admin::BuildResultReply(true, 0, ""))) return;
+  if (!Exactly(fd, packet.data(), packet.size()) ||
+      !Reply(fd, packet, admin::BuildResultReply(true, 0, "")))
+    return;
   Bytes request(2 * admin::kPacketSize);
   while (Exactly(fd, request.data(), request.size())) {
     const bool upload = request[admin::kPacketSize] == 0;
     if (upload) {
-      if (!Exactly(fd, packet.data(), packet.size()) || !Reply(fd, packet, admin::BuildGoReply(true))) return;
+      if (!Exactly(fd, packet.data(), packet.size()) ||
+          !Reply(fd, packet, admin::BuildGoReply(true)))
+        return;
       const int64_t pieces = (size + 1499) / 1500;
-      if (!Drain(fd, pieces * 1500) || !Reply(fd, packet, admin::BuildResultReply(true, 0, ""))) return;
+      if (!Drain(fd, pieces * 1500) || !Reply(fd, packet, admin::BuildResultReply(true, 0, "")))
+        return;
       continue;
     }
     admin::TransferHeader header;

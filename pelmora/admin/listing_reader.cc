@@ -20,9 +20,7 @@ bool ListingReader::Feed(std::span<const std::uint8_t> bytes,
   return !failed_;
 }
 
-bool ListingReader::Finish() const {
-  return !failed_ && length_held_ == 0 && record_size_ == 0;
-}
+bool ListingReader::Finish() const { return !failed_ && length_held_ == 0 && record_size_ == 0; }
 
 // Gathers the 4 length bytes; a complete length R > 0 starts a record, R <= 0 is skipped.
 bool ListingReader::TakeLength(std::span<const std::uint8_t>& bytes) {

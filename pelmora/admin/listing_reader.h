@@ -48,8 +48,8 @@ class ListingReader {
   bool Emit(std::span<const std::uint8_t> record, std::vector<FileInfoRecord>& records);
 
   std::array<std::uint8_t, 4> length_bytes_{};
-  std::size_t length_held_ = 0;  // bytes of the current entry's length held so far
-  std::size_t record_size_ = 0;  // R of the entry being read; 0 while reading a length
+  std::size_t length_held_ = 0;        // bytes of the current entry's length held so far
+  std::size_t record_size_ = 0;        // R of the entry being read; 0 while reading a length
   std::vector<std::uint8_t> pending_;  // the record bytes held so far
   bool failed_ = false;
 };

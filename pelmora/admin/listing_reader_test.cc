@@ -44,7 +44,7 @@ std::pair<std::vector<FileInfoRecord>, bool> Read(const Bytes& data, size_t piec
 TEST(ListingReader, ReadsEntriesWhateverThePieceSize) {
   Bytes data;
   AppendEntry(data, BuildFileInfoRecord(Record("a.txt")));
-  internal::AppendInt32(data, 0);   // empty entries carry no record
+  internal::AppendInt32(data, 0);  // empty entries carry no record
   internal::AppendInt32(data, -5);
   AppendEntry(data, BuildFileInfoRecord(Record("b")));
   for (size_t piece : {size_t{1}, size_t{3}, size_t{4}, size_t{7}, size_t{64}, data.size()}) {

@@ -47,9 +47,9 @@ TEST(RCFileInfoClass, EveryPropertyIsReadWriteByName) {
   ObjectRef info = CreateObject("pelmora.rcfileinfo");
   const Date when = *Date::FromCivil({2009, 3, 14, 8, 5, 9});
   const std::vector<std::pair<const char*, Variant>> values = {
-      {"FileAttribues", Variant(int32_t{0x21})},  {"CreationTime", Variant(when)},
-      {"LastAccessTime", Variant(when)},          {"LastWriteTime", Variant(when)},
-      {"FileSize", Variant(int32_t{705032704})},  {"FileName", Variant("a.txt")},
+      {"FileAttribues", Variant(int32_t{0x21})}, {"CreationTime", Variant(when)},
+      {"LastAccessTime", Variant(when)},         {"LastWriteTime", Variant(when)},
+      {"FileSize", Variant(int32_t{705032704})}, {"FileName", Variant("a.txt")},
       {"FullPathName", Variant("C:\\d\\a.txt")}, {"ParentPath", Variant("C:\\d")}};
   for (const auto& [name, value] : values) {
     SetProperty(info, name, value);

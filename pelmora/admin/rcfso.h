@@ -267,6 +267,7 @@ class RCFSO {
 
   // Transfer helpers (rcfso_transfer.cc).
   void TransferLog(std::string_view routine, std::string_view text, bool failure = false) const;
+  bool OpenUploadSource(const std::string& local, internal::LocalFile& file);
   bool UploadAnnounced(internal::LocalFile& file);
   bool UploadContent(internal::LocalFile& file, int32_t size);
   std::optional<TransferHeader> ReceiveTransferHeader();

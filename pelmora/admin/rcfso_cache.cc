@@ -61,8 +61,8 @@ bool RCFSO::getUpdatedServerFileToTempFolder(std::string_view sRemoteFile,
   const std::optional<std::string> cache_path = CachePathOf(sRemoteFile);
   if (!cache_path) {
     sLocalFile.clear();
-    SetError(kPathAccessError, std::string(RuntimeErrorText(kPathAccessError).value_or("")) +
-                                   ": " + socket_.RemoteHost() + " " + std::string(sRemoteFile));
+    SetError(kPathAccessError, std::string(RuntimeErrorText(kPathAccessError).value_or("")) + ": " +
+                                   socket_.RemoteHost() + " " + std::string(sRemoteFile));
     LogFailure(err_description_, "RCFSO", kCacheRoutine, 1);
     return false;
   }

@@ -91,9 +91,14 @@ TEST_F(RCFSOCache, RefusesWhatWouldLeaveTheCacheFolder) {
   const struct {
     const char* host;
     const char* remote;
-  } cases[] = {{"..", kRemote},         {"", kRemote},        {"a/b", kRemote},
-               {"srv", "C:\\..\\x"},    {"srv", "C:\\a\\..\\..\\..\\x"},
-               {"srv", "C:/../../x"},   {"srv", "/:\\x"},     {"srv", ""},
+  } cases[] = {{"..", kRemote},
+               {"", kRemote},
+               {"a/b", kRemote},
+               {"srv", "C:\\..\\x"},
+               {"srv", "C:\\a\\..\\..\\..\\x"},
+               {"srv", "C:/../../x"},
+               {"srv", "/:\\x"},
+               {"srv", ""},
                {"srv", "C:\\a\\.."}};
   for (const auto& c : cases) {
     RCFSOTestAccess::Socket(fso_).SetRemoteHost(c.host);

@@ -95,7 +95,8 @@ const ClassRegistrar kRCFSOClass(
                 })
         .Method("GetFolderFiles",
                 [](O& o, S sRemoteFolder) {
-                  return std::make_shared<RCFileInfoCollection>(o.fso.GetFolderFiles(sRemoteFolder));
+                  return std::make_shared<RCFileInfoCollection>(
+                      o.fso.GetFolderFiles(sRemoteFolder));
                 })
         .Method("GetFileInfo",
                 [](O& o, S sFileName, Variant& oFileInfo) {

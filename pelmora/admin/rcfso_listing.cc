@@ -47,7 +47,8 @@ int32_t RCFSO::StreamRawBytes(int64_t count, int32_t piece, const RawConsumer& c
     const auto wanted = static_cast<int32_t>(std::min<int64_t>(count, piece));
     int32_t e = socket_.GetData(data, wanted);
     // A peer that closes early delivers fewer bytes (or none: `wanted` zeros) without an error.
-    if (e == sckSuccess && (data.size() < static_cast<size_t>(wanted) || ClosedBeforeAnyByte(data))) {
+    if (e == sckSuccess &&
+        (data.size() < static_cast<size_t>(wanted) || ClosedBeforeAnyByte(data))) {
       e = sckConnectionReset;
     }
     if (e != sckSuccess) return e;
@@ -75,9 +76,8 @@ RCFileInfoCollection RCFSO::GetFolderFiles(std::string_view sRemoteFolder) {
   }
   ListingReader reader;
   std::vector<FileInfoRecord> records;
-  const int32_t e = StreamRawBytes(*size, kListingPiece, [&](std::span<const uint8_t> bytes) {
-    reader.Feed(bytes, records);
-  });
+  const int32_t e = StreamRawBytes(
+      *size, kListingPiece, [&](std::span<const uint8_t> bytes) { reader.Feed(bytes, records); });
   if (e != sckSuccess) {
     LogFailure(HandlePrefix() + "**Get data info content fail", "RSFSO", "GetFolderFiles");
     SetSocketError(e);

@@ -24,8 +24,8 @@ using pelmora::testing::ExpectRequest;
 using pelmora::testing::LogCapture;
 using pelmora::testing::LogIn;
 using pelmora::testing::ScriptedPeer;
-using pelmora::testing::UnicodeRequestBlock;
 using pelmora::testing::SizeData;
+using pelmora::testing::UnicodeRequestBlock;
 
 std::string Handle(const RCFSO& fso) { return RCFSOTestAccess::Handle(fso); }
 
@@ -145,7 +145,8 @@ TEST(RCFSOListing, ArgumentsAndConnectionAreCheckedFirst) {
   EXPECT_EQ(fso.ErrDescription(), "Empty file name");
   EXPECT_EQ(fso.GetFolderFiles("C:\\").Count(), 0);
   EXPECT_EQ(fso.ErrCode(), 8117);
-  EXPECT_TRUE(log.Has(".log", {"I", "RSFSO", "GetFolderFiles", Handle(fso) + "** send request fail"}));
+  EXPECT_TRUE(
+      log.Has(".log", {"I", "RSFSO", "GetFolderFiles", Handle(fso) + "** send request fail"}));
 }
 
 TEST(RCFSOListing, GetFileInfoReadsAPaddedRecord) {
@@ -201,8 +202,8 @@ TEST(RCFSOListing, GetFileInfoFailuresLeaveTheObjectUntouched) {
   cut.fso().set_timeout(100);
   EXPECT_FALSE(cut.fso().GetFileInfo("C:\\a", info));
   EXPECT_EQ(cut.fso().ErrCode(), 10060);
-  EXPECT_TRUE(log.Has(".log", {"I", "RSFSO", "GetFileInfo",
-                               Handle(cut.fso()) + "** Get file info data fail"}));
+  EXPECT_TRUE(log.Has(
+      ".log", {"I", "RSFSO", "GetFileInfo", Handle(cut.fso()) + "** Get file info data fail"}));
   EXPECT_EQ(info.FileName(), "before");
 }
 

@@ -30,11 +30,21 @@ constexpr uint64_t kTicksPerMillisecond = 10000;
 
 int16_t Code(RequestCode code) { return static_cast<int16_t>(code); }
 
-// Fills the part of the last piece past `filled` bytes with what the send buffer held there from
-// the piece before (`previous`), as a reused 1500-byte buffer would.
-void KeepStaleTail(std::span<uint8_t> last, size_t filled, std::span<const uint8_t> previous) {
-  std::copy(previous.begin() + static_cast<std::ptrdiff_t>(filled), previous.end(),
-            last.begin() + static_cast<std::ptrdiff_t>(filled));
+// Makes the first `count` bytes of `block` whole pieces and returns how many: a short last piece
+// keeps, past its end, what a reused 1500-byte buffer holds there from the piece before (the
+// piece before in `block`, or `previous`, the last piece of the block sent before).
+size_t CompletePieces(std::span<uint8_t> block, size_t count, std::span<const uint8_t> previous) {
+  const size_t pieces = (count + kPacketSize - 1) / kPacketSize;
+  const size_t filled = count % kPacketSize;
+  if (filled != 0) {
+    const size_t last = (pieces - 1) * kPacketSize;
+    const std::span<const uint8_t> before =
+        pieces > 1 ? std::span<const uint8_t>(block).subspan(last - kPacketSize, kPacketSize)
+                   : previous;
+    std::copy(before.begin() + static_cast<std::ptrdiff_t>(filled), before.end(),
+              block.begin() + static_cast<std::ptrdiff_t>(last + filled));
+  }
+  return pieces;
 }
 
 }  // namespace
@@ -55,6 +65,16 @@ bool RCFSO::Upload(std::string_view sLocalFile, std::string_view sRemoteFile) {
     TransferLog("Upload", "Empty remote filename", true);
     return false;
   }
+  LocalFile file;
+  if (!OpenUploadSource(local, file)) return false;
+  if (!SendRequestUnicode(sRemoteFile, Code(RequestCode::kUpload))) {
+    TransferLog("Upload", HandlePrefix() + "send request fail ");
+    return false;
+  }
+  return UploadAnnounced(file) && RecvResult();
+}
+
+bool RCFSO::OpenUploadSource(const std::string& local, internal::LocalFile& file) {
   if (!internal::IsRegularFile(local)) {
     std::string text = "File " + local + " does not exist !";
     RaiseEvent(&RCFSOEvents::FSOError, text);
@@ -62,18 +82,12 @@ bool RCFSO::Upload(std::string_view sLocalFile, std::string_view sRemoteFile) {
     TransferLog("Upload", text, true);
     return false;
   }
-  LocalFile file = LocalFile::OpenForReading(local);
+  file = LocalFile::OpenForReading(local);
   TransferLog("Upload", HandlePrefix() + "handle = " + std::to_string(file.Handle()));
-  if (!file.IsOpen()) {
-    SetError(8118, "Cannot open file " + local);
-    TransferLog("Upload", HandlePrefix() + "create file fail ");
-    return false;
-  }
-  if (!SendRequestUnicode(sRemoteFile, Code(RequestCode::kUpload))) {
-    TransferLog("Upload", HandlePrefix() + "send request fail ");
-    return false;
-  }
-  return UploadAnnounced(file) && RecvResult();
+  if (file.IsOpen()) return true;
+  SetError(8118, "Cannot open file " + local);
+  TransferLog("Upload", HandlePrefix() + "create file fail ");
+  return false;
 }
 
 bool RCFSO::UploadAnnounced(internal::LocalFile& file) {
@@ -107,24 +121,16 @@ bool RCFSO::UploadContent(internal::LocalFile& file, int32_t size) {
   Bytes block(kPiecesPerSend * kPacketSize, 0);
   Bytes previous(kPacketSize, 0);  // the piece sent last: the stale tail of a short last piece
   int64_t sent = 0;
-  for (;;) {
-    const int64_t n = file.ReadFull(block);
-    if (n <= 0) break;
-    const auto count = static_cast<size_t>(n);
-    const size_t pieces = (count + kPacketSize - 1) / kPacketSize;
-    const std::span<uint8_t> last = std::span(block).subspan((pieces - 1) * kPacketSize, kPacketSize);
-    if (count % kPacketSize != 0) {
-      KeepStaleTail(last, count % kPacketSize,
-                    pieces > 1 ? std::span<const uint8_t>(last.data() - kPacketSize, kPacketSize)
-                               : std::span<const uint8_t>(previous));
-    }
+  for (int64_t n = file.ReadFull(block); n > 0; n = file.ReadFull(block)) {
+    const size_t pieces = CompletePieces(block, static_cast<size_t>(n), previous);
     if (!SendPacket(std::span(block).first(pieces * kPacketSize))) {
-      TransferLog("Upload", HandlePrefix() + "send file content fail,bytes sent = " +
-                                std::to_string(sent));
+      TransferLog("Upload",
+                  HandlePrefix() + "send file content fail,bytes sent = " + std::to_string(sent));
       return false;
     }
     sent += n;
-    std::copy(last.begin(), last.end(), previous.begin());
+    const auto last = block.begin() + static_cast<std::ptrdiff_t>((pieces - 1) * kPacketSize);
+    std::copy(last, last + static_cast<std::ptrdiff_t>(kPacketSize), previous.begin());
   }
   TransferLog("Upload", std::to_string(sent) + " bytes sent" + std::to_string(size));
   const int handle = file.Handle();
@@ -194,7 +200,8 @@ bool RCFSO::DownloadContent(const std::string& local, const TransferHeader& head
   SendGoReply(true);
   if (!ReceiveContent(file, header.size)) return false;
   // The last-write time goes through calendar fields with milliseconds and back: whole ms.
-  const uint64_t last_write = header.last_write_time - header.last_write_time % kTicksPerMillisecond;
+  const uint64_t last_write =
+      header.last_write_time - header.last_write_time % kTicksPerMillisecond;
   file.SetTimes(header.last_access_time, last_write);
   file.Close();
   return true;
@@ -210,13 +217,16 @@ bool RCFSO::ReceiveContent(internal::LocalFile& file, int32_t size) {
   while (remaining > 0) {
     const auto wanted = static_cast<int32_t>(std::min<int64_t>(remaining, kReceiveBlock));
     int32_t e = socket_.GetData(block, wanted);
-    if (e == sckSuccess && (block.size() < static_cast<size_t>(wanted) || ClosedBeforeAnyByte(block))) {
+    if (e == sckSuccess &&
+        (block.size() < static_cast<size_t>(wanted) || ClosedBeforeAnyByte(block))) {
       e = sckConnectionReset;
     }
     size_t usable = block.size();
     if (e != sckSuccess) {
       // A receive that brought nothing leaves `wanted` zero bytes behind.
-      usable = block.size() < static_cast<size_t>(wanted) ? block.size() - block.size() % kPacketSize : 0;
+      usable = block.size() < static_cast<size_t>(wanted)
+                   ? block.size() - block.size() % kPacketSize
+                   : 0;
     }
     file.WriteAll(std::span(block).first(usable));
     remaining -= static_cast<int64_t>(usable);

@@ -30,8 +30,8 @@ using pelmora::testing::ExpectRequest;
 using pelmora::testing::LogCapture;
 using pelmora::testing::LogIn;
 using pelmora::testing::LogLine;
-using pelmora::testing::ResultData;
 using pelmora::testing::ReadWholeFile;
+using pelmora::testing::ResultData;
 using pelmora::testing::ScriptedPeer;
 using pelmora::testing::UnicodeRequestBlock;
 
@@ -48,8 +48,9 @@ Bytes Pattern(size_t n) {
 }
 
 void WriteFile(const std::string& path, const Bytes& bytes) {
-  std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
-                                              static_cast<std::streamsize>(bytes.size()));
+  std::ofstream(path, std::ios::binary)
+      .write(reinterpret_cast<const char*>(bytes.data()),
+             static_cast<std::streamsize>(bytes.size()));
 }
 
 // The data of a framed packet the client sent.
@@ -122,7 +123,7 @@ TEST_P(UploadSizes, SendsTheSizeMessageAndWholePieces) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Sizes, UploadSizes,
-                         ::testing::Values(0, 1, 1499, 1500, 1501, 3000, 3001, 100000));
+                         ::testing::Values(0, 1, 1499, 1500, 1501, 3000, 3001, 66001, 100000));
 
 TEST_F(RCFSOTransfer, UploadsLastShortPieceCarriesThePreviousPiecesTail) {
   // 3001 bytes: pieces 1 and 2 whole, piece 3 is byte 3000 then bytes 1501..2999 of piece 2.
@@ -212,11 +213,11 @@ TEST_P(DownloadSizes, WritesTheContentAndSetsTheTimes) {
   EXPECT_EQ(times->last_access, kAccess);
   EXPECT_EQ(times->last_write, kWrite - kWrite % 10000);
   EXPECT_EQ(ReadWholeFile(local), content);
-  EXPECT_TRUE(log_.Has(".log", {"I", "RFSO", "Download",
-                                Handle(fso_) + "Download file size = " +
-                                    std::to_string(content.size())}));
-  EXPECT_TRUE(log_.Has(".log", {"I", "RFSO", "Download",
-                                "** Download " + local + " =>D:\\out\\f.bin **"}));
+  EXPECT_TRUE(
+      log_.Has(".log", {"I", "RFSO", "Download",
+                        Handle(fso_) + "Download file size = " + std::to_string(content.size())}));
+  EXPECT_TRUE(
+      log_.Has(".log", {"I", "RFSO", "Download", "** Download " + local + " =>D:\\out\\f.bin **"}));
 }
 
 INSTANTIATE_TEST_SUITE_P(Sizes, DownloadSizes,
@@ -268,8 +269,8 @@ TEST_F(RCFSOTransfer, DownloadCutShortKeepsThePiecesReceived) {
     EXPECT_EQ(fso.ErrCode(), close ? 10054 : 10060);
     EXPECT_EQ(fso.ErrDescription(), DescribeError(fso.ErrCode()));
     EXPECT_EQ(ReadWholeFile(local), Bytes(content.begin(), content.begin() + 1500));
-    EXPECT_TRUE(log_.Has(".log", {"I", "RFSO", "Download",
-                                  Handle(fso) + "Get file content fail ,remain = 1500"}));
+    EXPECT_TRUE(log_.Has(
+        ".log", {"I", "RFSO", "Download", Handle(fso) + "Get file content fail ,remain = 1500"}));
     fso.Disconnect();
   }
 }
@@ -284,8 +285,8 @@ TEST_F(RCFSOTransfer, DownloadWithoutASizeMessageSaysNoAndKeepsTheReceiveError) 
   ASSERT_TRUE(peer_.Finish()) << peer_.Failure();
   EXPECT_EQ(DataOf(peer_.Received(3), 4), BuildGoReply(false));
   EXPECT_TRUE(log_.Has(".log", {"I", "RFSO", "Download", Handle(fso_) + "Recv Data Size fail"}));
-  EXPECT_TRUE(log_.Has(".log", {"I", "RFSO", "Download",
-                                Handle(fso_) + "errdesc = " + DescribeError(10060)}));
+  EXPECT_TRUE(log_.Has(
+      ".log", {"I", "RFSO", "Download", Handle(fso_) + "errdesc = " + DescribeError(10060)}));
 }
 
 TEST_F(RCFSOTransfer, DownloadRefusesBlankNamesBeforeSending) {
