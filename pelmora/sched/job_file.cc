@@ -62,8 +62,8 @@ void PutU32(std::string& out, uint32_t value) {
 
 SystemTime ReadSystemTime(Cursor& in) {
   SystemTime t;
-  for (uint16_t* field : {&t.year, &t.month, &t.day_of_week, &t.day, &t.hour, &t.minute,
-                          &t.second, &t.milliseconds}) {
+  for (uint16_t* field : {&t.year, &t.month, &t.day_of_week, &t.day, &t.hour, &t.minute, &t.second,
+                          &t.milliseconds}) {
     *field = in.U16();
   }
   return t;
@@ -225,8 +225,8 @@ std::optional<JobFile> ParseJobFile(std::string_view bytes) {
 
 std::string SerializeJobFile(const JobFile& job) {
   std::string body;  // from the application name to the end of the reserved data
-  for (const std::string* text : {&job.application_name, &job.parameters,
-                                  &job.working_directory, &job.author, &job.comment}) {
+  for (const std::string* text : {&job.application_name, &job.parameters, &job.working_directory,
+                                  &job.author, &job.comment}) {
     PutString(body, *text);
   }
   PutSized(body, job.user_data);
@@ -238,14 +238,14 @@ std::string SerializeJobFile(const JobFile& job) {
   out.append(reinterpret_cast<const char*>(job.uuid.data()), job.uuid.size());
   PutU16(out, kAppNameOffset);
   PutU16(out, static_cast<uint16_t>(kAppNameOffset + body.size()));
-  for (uint16_t v : {job.error_retry_count, job.error_retry_interval, job.idle_deadline,
-                     job.idle_wait}) {
+  for (uint16_t v :
+       {job.error_retry_count, job.error_retry_interval, job.idle_deadline, job.idle_wait}) {
     PutU16(out, v);
   }
   PutU32(out, job.priority);
   PutU32(out, job.max_run_time);
-  out += SerializeJobState({job.exit_code, job.status, job.flags, job.last_run,
-                            job.instance_count});
+  out +=
+      SerializeJobState({job.exit_code, job.status, job.flags, job.last_run, job.instance_count});
   out += body;
   size_t count = std::min<size_t>(job.triggers.size(), 0xFFFF);
   PutU16(out, static_cast<uint16_t>(count));

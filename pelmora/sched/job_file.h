@@ -57,8 +57,10 @@ struct SystemTime {
   uint16_t minute = 0;
   uint16_t second = 0;
   uint16_t milliseconds = 0;
-  bool IsZero() const { return year == 0 && month == 0 && day == 0 && hour == 0 && minute == 0 &&
-                               second == 0 && milliseconds == 0 && day_of_week == 0; }
+  bool IsZero() const {
+    return year == 0 && month == 0 && day == 0 && hour == 0 && minute == 0 && second == 0 &&
+           milliseconds == 0 && day_of_week == 0;
+  }
   friend bool operator==(const SystemTime&, const SystemTime&) = default;
 };
 

@@ -11,9 +11,11 @@
 
 namespace pelmora::sched {
 
-// Connects to the administration service of `computer` ("\\host"). Raises pelmora::Error
-// (source "Pelmora.TaskScheduler") when the computer cannot be reached or the client cannot move
-// files. Blocks for the connection and login.
+// Connects to the administration service of `computer` ("\\host", or "\\host:port" for a
+// service on another port than 8002) and asks it for the folder under the path key "Tasks".
+// Raises pelmora::Error (source "Pelmora.TaskScheduler") with the client's error when the
+// computer cannot be reached or refuses the login, and 0x80070002 when the service publishes no
+// task folder. Blocks for the connection, the login and one request.
 std::shared_ptr<TaskStore> OpenRemoteTaskStore(const std::string& computer);
 
 }  // namespace pelmora::sched

@@ -34,9 +34,9 @@ inline constexpr uint32_t kSchedAccountNotSet = 0x8004130F;
 inline constexpr uint32_t kNotImplemented = 0x80004001;
 inline constexpr uint32_t kFail = 0x80004005;
 inline constexpr uint32_t kInvalidArg = 0x80070057;
-inline constexpr uint32_t kFileNotFound = 0x80070002;   // from Win32 error 2
-inline constexpr uint32_t kAccessDenied = 0x80070005;   // from Win32 error 5
-inline constexpr uint32_t kFileExists = 0x80070050;     // from Win32 error 80
+inline constexpr uint32_t kFileNotFound = 0x80070002;  // from Win32 error 2
+inline constexpr uint32_t kAccessDenied = 0x80070005;  // from Win32 error 5
+inline constexpr uint32_t kFileExists = 0x80070050;    // from Win32 error 80
 
 // The result code of a Win32 error number (0 stays 0).
 uint32_t ResultFromWin32(uint32_t win32);

@@ -63,9 +63,7 @@ void Task::SetErrorRetryCount(int16_t value) {
   job_.error_retry_count = static_cast<uint16_t>(value);
 }
 
-int16_t Task::ErrorRetryInterval() const {
-  return static_cast<int16_t>(job_.error_retry_interval);
-}
+int16_t Task::ErrorRetryInterval() const { return static_cast<int16_t>(job_.error_retry_interval); }
 
 void Task::SetErrorRetryInterval(int16_t value) {
   if (value < 0) throw RuntimeError(380, kSource);

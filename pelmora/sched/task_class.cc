@@ -78,16 +78,16 @@ const ClassRegistrar kTaskClass(
                                     false);
     });
 
-const ClassRegistrar kTaskSchedulerClass(
-    ClassBinder<TaskScheduler>("Pelmora.TaskScheduler")
-        .Method("ItemNames", &ItemNamesArray)
-        .Property("Item", &TaskScheduler::Item)
-        .Property("TargetComputer", &TaskScheduler::TargetComputer,
-                  &TaskScheduler::SetTargetComputer)
-        .Method("CreateTask", &TaskScheduler::CreateTask)
-        .Method("Add", &TaskScheduler::Add)
-        .Method("Refresh", &TaskScheduler::Refresh)
-        .Method("Remove", &TaskScheduler::Remove));
+const ClassRegistrar kTaskSchedulerClass(ClassBinder<TaskScheduler>("Pelmora.TaskScheduler")
+                                             .Method("ItemNames", &ItemNamesArray)
+                                             .Property("Item", &TaskScheduler::Item)
+                                             .Property("TargetComputer",
+                                                       &TaskScheduler::TargetComputer,
+                                                       &TaskScheduler::SetTargetComputer)
+                                             .Method("CreateTask", &TaskScheduler::CreateTask)
+                                             .Method("Add", &TaskScheduler::Add)
+                                             .Method("Refresh", &TaskScheduler::Refresh)
+                                             .Method("Remove", &TaskScheduler::Remove));
 
 }  // namespace
 }  // namespace pelmora

@@ -1,11 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
 #include "pelmora/automation/registry.h"
 #include "pelmora/common/error.h"
 #include "pelmora/common/variant.h"
-#include "pelmora/sched/internal/temp_folder_for_test.h"
+#include "pelmora/common/internal/log_test_support.h"
 #include "pelmora/testing/raised_error.h"
 
 namespace pelmora {
@@ -21,10 +19,8 @@ using pelmora::testing::RaisedError;
 // Points the local task folder at a fresh folder for one test.
 class TaskClassTest : public ::testing::Test {
  protected:
-  TaskClassTest() { setenv("PELMORA_TASKS_DIR", folder_.path().c_str(), 1); }
-  ~TaskClassTest() override { unsetenv("PELMORA_TASKS_DIR"); }
-
-  sched::testing::TempFolder folder_;
+  pelmora::internal::ScratchFolder folder_;
+  pelmora::internal::ScopedEnv tasks_dir_{"PELMORA_TASKS_DIR", folder_.Path()};
 };
 
 TEST_F(TaskClassTest, CreatesAddsAndReadsATaskByName) {
@@ -39,7 +35,8 @@ TEST_F(TaskClassTest, CreatesAddsAndReadsATaskByName) {
   ASSERT_EQ(names.ToArray().items.size(), 1u);
   EXPECT_EQ(names.ToArray().items[0], Variant("nightly.job"));
 
-  ObjectRef item = CallByName(scheduler, "Item", CallKind::kPropertyGet, {Variant("NIGHTLY")}).ToObject();
+  ObjectRef item =
+      CallByName(scheduler, "Item", CallKind::kPropertyGet, {Variant("NIGHTLY")}).ToObject();
   EXPECT_EQ(GetProperty(item, "ApplicationName"), Variant("/bin/true"));
   EXPECT_EQ(GetProperty(item, "flags"), Variant(4));
   EXPECT_EQ(GetProperty(item, "State"), Variant(267010));
@@ -51,14 +48,17 @@ TEST_F(TaskClassTest, CreatesAddsAndReadsATaskByName) {
 
 TEST_F(TaskClassTest, RaisesWithTheirNumbersSourcesAndTexts) {
   ObjectRef scheduler = CreateObject("Pelmora.TaskScheduler");
-  Error empty = RaisedError([&] { CallByName(scheduler, "CreateTask", CallKind::kMethod, {Variant("")}); });
+  Error empty =
+      RaisedError([&] { CallByName(scheduler, "CreateTask", CallKind::kMethod, {Variant("")}); });
   EXPECT_EQ(empty.Number(), 5);
   EXPECT_EQ(empty.Source(), "Add");
   ObjectRef unnamed = CreateObject("Pelmora.Task");
-  Error add = RaisedError([&] { CallByName(scheduler, "Add", CallKind::kMethod, {Variant(unnamed)}); });
+  Error add =
+      RaisedError([&] { CallByName(scheduler, "Add", CallKind::kMethod, {Variant(unnamed)}); });
   EXPECT_EQ(add.Number(), 5);
   EXPECT_EQ(add.Source(), "Add");
-  Error missing = RaisedError([&] { CallByName(scheduler, "Item", CallKind::kPropertyGet, {Variant("none")}); });
+  Error missing = RaisedError(
+      [&] { CallByName(scheduler, "Item", CallKind::kPropertyGet, {Variant("none")}); });
   EXPECT_EQ(missing.Number(), -2147024894);
   EXPECT_EQ(missing.Source(), "Pelmora.TaskScheduler");
   Error trigger = RaisedError([&] {

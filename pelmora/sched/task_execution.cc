@@ -63,7 +63,8 @@ bool WaitForRun(ChildProcess& child, std::optional<int64_t> limit) {
       }
       timeout = static_cast<int>(std::min<int64_t>(left, 1000));
     }
-    pollfd fds[2] = {{child.exit_fd(), POLLIN, 0}, {output_open ? child.output_fd() : -1, POLLIN, 0}};
+    pollfd fds[2] = {{child.exit_fd(), POLLIN, 0},
+                     {output_open ? child.output_fd() : -1, POLLIN, 0}};
     if (poll(fds, 2, timeout) > 0 && fds[1].revents != 0) {
       char sink[4096];
       ssize_t n = read(child.output_fd(), sink, sizeof sink);
@@ -74,8 +75,8 @@ bool WaitForRun(ChildProcess& child, std::optional<int64_t> limit) {
 }
 
 bool IsBare(char c) {
-  return std::isalnum(static_cast<unsigned char>(c)) || std::string_view("/._-+=:,@%").find(c) !=
-                                                            std::string_view::npos;
+  return std::isalnum(static_cast<unsigned char>(c)) ||
+         std::string_view("/._-+=:,@%").find(c) != std::string_view::npos;
 }
 
 }  // namespace
@@ -129,7 +130,7 @@ std::string TaskCommandLine(const JobFile& job) {
 std::string TaskAccount(const std::string& folder, const std::string& file_name) {
   std::string account;
   if (OpenLocalTaskStore(folder)->ReadAccount(file_name, account) == 0) return account;
-  struct stat info{};
+  struct stat info {};
   if (stat(PathOf(folder, file_name).c_str(), &info) != 0) return "";
   passwd entry{}, *found = nullptr;
   char buffer[4096];

@@ -21,7 +21,8 @@ TEST(TaskExecution, ParametersSplitLikeAProgramStartUp) {
       {"back\\slash", {"back\\slash"}},
       {"\"\"", {""}},
   };
-  for (const SplitCase& c : cases) EXPECT_EQ(SplitParameters(c.parameters), c.words) << c.parameters;
+  for (const SplitCase& c : cases)
+    EXPECT_EQ(SplitParameters(c.parameters), c.words) << c.parameters;
 }
 
 TEST(TaskExecution, ShellQuotingLeavesSafeWordsBareAndQuotesTheRest) {

@@ -202,7 +202,9 @@ class TaskRunner::Loop {
       bool due = entry.next && entry.next->ToUnixTime() * 1000 <= now;
       bool retry = entry.retry_at <= now;
       if (!due && !retry) continue;
-      if (due) entry.next = NextRunOf(UserTriggers(entry.job), std::max(*entry.next, LocalDate(now - 1000)));
+      if (due)
+        entry.next =
+            NextRunOf(UserTriggers(entry.job), std::max(*entry.next, LocalDate(now - 1000)));
       if (retry) entry.retry_at = kNever;
       if (running_.count(name) == 0 && (Enabled(entry.job) || retry)) StartRun(name, now, due);
     }

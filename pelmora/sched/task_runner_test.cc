@@ -1,5 +1,6 @@
 #include "pelmora/sched/task_runner.h"
 
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/inotify.h>
 #include <unistd.h>
@@ -9,11 +10,10 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <gtest/gtest.h>
 
 #include "pelmora/common/error.h"
 #include "pelmora/sched/internal/file_io.h"
-#include "pelmora/sched/internal/temp_folder_for_test.h"
+#include "pelmora/common/internal/log_test_support.h"
 #include "pelmora/sched/internal/time_zone_for_test.h"
 #include "pelmora/sched/sched_errors.h"
 #include "pelmora/sched/task_scheduler.h"
@@ -26,13 +26,13 @@ namespace {
 using std::chrono::steady_clock;
 using testing::At;
 using testing::ScopedTimeZone;
-using testing::TempFolder;
+using pelmora::internal::ScratchFolder;
 
 class TaskRunnerTest : public ::testing::Test {
  protected:
   TaskRunnerTest() {
     watch_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    inotify_add_watch(watch_, folder_.path().c_str(), IN_ALL_EVENTS);
+    inotify_add_watch(watch_, folder_.Path().c_str(), IN_ALL_EVENTS);
   }
   ~TaskRunnerTest() override { close(watch_); }
 
@@ -61,24 +61,24 @@ class TaskRunnerTest : public ::testing::Test {
 
   JobFile OnDisk(const std::string& name) {
     std::string bytes;
-    internal::ReadWholeFile(folder_.path() + "/" + name, 1 << 20, bytes);
+    internal::ReadWholeFile(folder_.Path() + "/" + name, 1 << 20, bytes);
     return ParseJobFile(bytes).value_or(JobFile{});
   }
 
   int64_t MsOf(const char* local) { return At(local).ToUnixTime() * 1000; }
 
   ScopedTimeZone zone_{"UTC"};
-  TempFolder folder_;
-  TaskScheduler scheduler_{OpenLocalTaskStore(folder_.path())};
+  ScratchFolder folder_;
+  TaskScheduler scheduler_{OpenLocalTaskStore(folder_.Path())};
   std::atomic<int64_t> now_{0};
   int watch_ = -1;
 };
 
 TEST_F(TaskRunnerTest, FiresADueTaskWithinASecondAndRecordsTheRun) {
   scheduler_.Add(Add("tick", "-c \"exit 4\"", "daily 02:30 from 2026-11-01"));
-  std::ofstream(folder_.path() + "/hostile.job") << "\x01\x00\x01\x00 short";
+  std::ofstream(folder_.Path() + "/hostile.job") << "\x01\x00\x01\x00 short";
   now_ = MsOf("2026-11-23 02:29:59") + 500;
-  TaskRunner runner({.folder = folder_.path(), .clock_ms = [this] { return now_.load(); }});
+  TaskRunner runner({.folder = folder_.Path(), .clock_ms = [this] { return now_.load(); }});
   runner.Start();
   EXPECT_EQ(runner.RunsStarted(), 0);
   now_ = MsOf("2026-11-23 02:30:00");
@@ -104,11 +104,11 @@ TEST_F(TaskRunnerTest, SkipsDisabledTasksAndDeletesDoneTasks) {
   once->Setflags(static_cast<int32_t>(TaskFlags::DeleteWhenDone));
   scheduler_.Add(once);
   now_ = MsOf("2026-11-23 02:59:00");
-  TaskRunner runner({.folder = folder_.path(), .clock_ms = [this] { return now_.load(); }});
+  TaskRunner runner({.folder = folder_.Path(), .clock_ms = [this] { return now_.load(); }});
   runner.Start();
   now_ = MsOf("2026-11-23 03:00:00");
   runner.Wake();
-  ASSERT_TRUE(WaitUntil([&] { return !std::filesystem::exists(folder_.path() + "/once.job"); }));
+  ASSERT_TRUE(WaitUntil([&] { return !std::filesystem::exists(folder_.Path() + "/once.job"); }));
   EXPECT_EQ(runner.RunsStarted(), 1);
   EXPECT_TRUE(OnDisk("off.job").last_run.IsZero());
 }
@@ -117,7 +117,7 @@ TEST_F(TaskRunnerTest, KillsARunPastMaxRunTime) {
   auto slow = Add("slow", "-c \"sleep 30\"", "daily 03:00");
   slow->SetMaxRunTime(300);
   scheduler_.Add(slow);
-  TaskRunner runner({.folder = folder_.path()});
+  TaskRunner runner({.folder = folder_.Path()});
   runner.Start();
   auto started = steady_clock::now();
   slow->Run();  // a request through the file: the runner watches
@@ -129,7 +129,7 @@ TEST_F(TaskRunnerTest, KillsARunPastMaxRunTime) {
 
 TEST_F(TaskRunnerTest, RunAndTerminateTravelThroughTheFile) {
   scheduler_.Add(Add("long", "-c \"sleep 30\"", "daily 03:00"));
-  TaskRunner runner({.folder = folder_.path()});
+  TaskRunner runner({.folder = folder_.Path()});
   runner.Start();
   scheduler_.Item("long")->Run();
   ASSERT_TRUE(WaitUntil([&] { return OnDisk("long.job").instance_count == 1; }));
@@ -148,7 +148,7 @@ TEST_F(TaskRunnerTest, RetriesAFailedRunErrorRetryCountTimes) {
   failing->SetErrorRetryCount(2);
   failing->SetErrorRetryInterval(0);
   scheduler_.Add(failing);
-  TaskRunner runner({.folder = folder_.path()});
+  TaskRunner runner({.folder = folder_.Path()});
   runner.Start();
   failing->Run();
   ASSERT_TRUE(WaitUntil([&] { return runner.RunsFinished() == 3; }));
@@ -158,10 +158,10 @@ TEST_F(TaskRunnerTest, RetriesAFailedRunErrorRetryCountTimes) {
 
 TEST_F(TaskRunnerTest, StartFiresSystemStartTasksAndOneRunnerHoldsTheFolder) {
   scheduler_.Add(Add("boot", "-c true", "atstart"));
-  TaskRunner runner({.folder = folder_.path()});
+  TaskRunner runner({.folder = folder_.Path()});
   runner.Start();
   ASSERT_TRUE(WaitUntil([&] { return runner.RunsFinished() == 1; }));
-  TaskRunner second({.folder = folder_.path()});
+  TaskRunner second({.folder = folder_.Path()});
   Error e = pelmora::testing::RaisedError([&] { second.Start(); });
   EXPECT_EQ(e.Number(), 32);
   EXPECT_EQ(e.Description(),
@@ -172,7 +172,7 @@ TEST_F(TaskRunnerTest, StartFiresSystemStartTasksAndOneRunnerHoldsTheFolder) {
 
 TEST_F(TaskRunnerTest, StopKillsRunsInProgressAndRecordsThemAsTerminated) {
   scheduler_.Add(Add("held", "-c \"sleep 30\"", "daily 03:00"));
-  TaskRunner runner({.folder = folder_.path()});
+  TaskRunner runner({.folder = folder_.Path()});
   runner.Start();
   scheduler_.Item("held")->Run();
   ASSERT_TRUE(WaitUntil([&] { return OnDisk("held.job").instance_count == 1; }));

@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <filesystem>
 #include <fstream>
 
@@ -9,7 +14,7 @@
 #include "pelmora/common/system.h"
 #include "pelmora/sched/internal/file_io.h"
 #include "pelmora/sched/internal/job_file_test_data.h"
-#include "pelmora/sched/internal/temp_folder_for_test.h"
+#include "pelmora/common/internal/log_test_support.h"
 #include "pelmora/sched/sched_errors.h"
 #include "pelmora/sched/trigger.h"
 #include "pelmora/testing/raised_error.h"
@@ -19,7 +24,7 @@ namespace {
 
 using pelmora::testing::RaisedError;
 using sched::testing::FromHex;
-using sched::testing::TempFolder;
+using pelmora::internal::ScratchFolder;
 
 constexpr int32_t kFileNotFoundNumber = -2147024894;
 constexpr int32_t kFileExistsNumber = -2147024816;
@@ -30,21 +35,21 @@ class TaskSchedulerTest : public ::testing::Test {
  protected:
   std::string ReadFile(const std::string& name) {
     std::string bytes;
-    EXPECT_EQ(sched::internal::ReadWholeFile(folder_.path() + "/" + name, 1 << 20, bytes), 0);
+    EXPECT_EQ(sched::internal::ReadWholeFile(folder_.Path() + "/" + name, 1 << 20, bytes), 0);
     return bytes;
   }
   void WriteFile(const std::string& name, const std::string& bytes) {
-    std::ofstream(folder_.path() + "/" + name, std::ios::binary) << bytes;
+    std::ofstream(folder_.Path() + "/" + name, std::ios::binary) << bytes;
   }
 
-  TempFolder folder_;
-  TaskScheduler scheduler_{sched::OpenLocalTaskStore(folder_.path())};
+  ScratchFolder folder_;
+  TaskScheduler scheduler_{sched::OpenLocalTaskStore(folder_.Path())};
 };
 
 TEST_F(TaskSchedulerTest, ItemNamesOfAnEmptyOrMissingFolderIsEmpty) {
   scheduler_.Refresh();
   EXPECT_TRUE(scheduler_.ItemNames().empty());
-  TaskScheduler missing(sched::OpenLocalTaskStore(folder_.path() + "/none"));
+  TaskScheduler missing(sched::OpenLocalTaskStore(folder_.Path() + "/none"));
   missing.Refresh();
   EXPECT_TRUE(missing.ItemNames().empty());
 }
@@ -66,7 +71,7 @@ TEST_F(TaskSchedulerTest, AddStoresTheTaskAndRefreshesTheNames) {
   std::string bytes = ReadFile("backup.job");
   EXPECT_EQ(bytes.size(), 220u);  // no strings, the placeholder trigger, a blank signature
   EXPECT_EQ(sched::ParseJobFile(bytes)->status, sched::kSchedTaskNotScheduled);
-  EXPECT_EQ(task->FileName(), folder_.path() + "/backup.job");
+  EXPECT_EQ(task->FileName(), folder_.Path() + "/backup.job");
 }
 
 TEST_F(TaskSchedulerTest, AddRefusesTakenNamesAndNamesWithDots) {
@@ -122,30 +127,40 @@ TEST_F(TaskSchedulerTest, RemoveDeletesTheFileAndDropsOnlyAHeldName) {
   EXPECT_EQ(scheduler_.ItemNames(), (std::vector<std::string>{"one.job", "two.job"}));
   scheduler_.Remove("ONE");
   EXPECT_EQ(scheduler_.ItemNames(), std::vector<std::string>{"two.job"});
-  EXPECT_FALSE(std::filesystem::exists(folder_.path() + "/one.job"));
+  EXPECT_FALSE(std::filesystem::exists(folder_.Path() + "/one.job"));
   EXPECT_EQ(RaisedError([&] { scheduler_.Remove("one"); }).Number(), kFileNotFoundNumber);
 }
 
 TEST_F(TaskSchedulerTest, TargetComputerIsTheLocalNameUntilAnotherIsSet) {
   EXPECT_EQ(scheduler_.TargetComputer(), "\\\\" + LocalComputerName());
-  TempFolder other;
+  ScratchFolder other;
   std::string asked;
   scheduler_.SetRemoteStoreOpener([&](const std::string& computer) {
     asked = computer;
-    return sched::OpenLocalTaskStore(other.path());
+    return sched::OpenLocalTaskStore(other.Path());
   });
-  std::ofstream(other.path() + "/remote.job") << "x";
+  std::ofstream(other.Path() + "/remote.job") << "x";
   scheduler_.SetTargetComputer("\\\\files01");
   EXPECT_EQ(asked, "\\\\files01");
   EXPECT_EQ(scheduler_.TargetComputer(), "\\\\files01");
   EXPECT_EQ(scheduler_.ItemNames(), std::vector<std::string>{"remote.job"});
 }
 
-TEST_F(TaskSchedulerTest, RemoteComputerWithoutATransferClientRaisesAClearError) {
-  TaskScheduler scheduler(sched::OpenLocalTaskStore(folder_.path()));
-  Error e = RaisedError([&] { scheduler.SetTargetComputer("\\\\files01"); });
-  EXPECT_EQ(e.Number(), static_cast<int32_t>(sched::kNotImplemented));
-  EXPECT_NE(e.Description().find("\\\\files01"), std::string::npos);
+TEST_F(TaskSchedulerTest, UnreachableComputerRaisesTheClientErrorAndKeepsTheTarget) {
+  int probe = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ASSERT_EQ(bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
+  close(probe);  // nothing listens on the port now
+  TaskScheduler scheduler(sched::OpenLocalTaskStore(folder_.Path()));
+  Error e = RaisedError([&] {
+    scheduler.SetTargetComputer("\\\\127.0.0.1:" + std::to_string(ntohs(address.sin_port)));
+  });
+  EXPECT_EQ(e.Number(), 10061);
+  EXPECT_EQ(e.Source(), "Pelmora.TaskScheduler");
   EXPECT_EQ(scheduler.TargetComputer(), "\\\\" + LocalComputerName());
 }
 

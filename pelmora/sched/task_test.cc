@@ -1,16 +1,16 @@
 #include "pelmora/sched/task.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/file.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <gtest/gtest.h>
 
 #include "pelmora/common/error.h"
 #include "pelmora/common/internal/platform.h"
 #include "pelmora/sched/internal/file_io.h"
-#include "pelmora/sched/internal/temp_folder_for_test.h"
+#include "pelmora/common/internal/log_test_support.h"
 #include "pelmora/sched/internal/time_zone_for_test.h"
 #include "pelmora/sched/sched_errors.h"
 #include "pelmora/sched/task_scheduler.h"
@@ -22,7 +22,7 @@ namespace {
 
 using pelmora::testing::RaisedError;
 using sched::testing::At;
-using sched::testing::TempFolder;
+using pelmora::internal::ScratchFolder;
 
 class TaskTest : public ::testing::Test {
  protected:
@@ -39,16 +39,16 @@ class TaskTest : public ::testing::Test {
   }
   sched::JobFile OnDisk(const std::string& file_name) {
     std::string bytes;
-    sched::internal::ReadWholeFile(folder_.path() + "/" + file_name, 1 << 20, bytes);
+    sched::internal::ReadWholeFile(folder_.Path() + "/" + file_name, 1 << 20, bytes);
     return sched::ParseJobFile(bytes).value_or(sched::JobFile{});
   }
   void PatchState(const std::string& file_name, const sched::JobState& state) {
-    sched::internal::PatchFile(folder_.path() + "/" + file_name, sched::kJobStateOffset,
+    sched::internal::PatchFile(folder_.Path() + "/" + file_name, sched::kJobStateOffset,
                                sched::SerializeJobState(state));
   }
 
-  TempFolder folder_;
-  TaskScheduler scheduler_{sched::OpenLocalTaskStore(folder_.path())};
+  ScratchFolder folder_;
+  TaskScheduler scheduler_{sched::OpenLocalTaskStore(folder_.Path())};
 };
 
 TEST_F(TaskTest, NewTaskHasThePlatformDefaults) {
@@ -66,7 +66,7 @@ TEST_F(TaskTest, NewTaskHasThePlatformDefaults) {
     EXPECT_EQ(text, "");
   }
   EXPECT_EQ(task->Name(), "fresh");
-  EXPECT_EQ(task->FileName(), folder_.path() + "/fresh.job");
+  EXPECT_EQ(task->FileName(), folder_.Path() + "/fresh.job");
   Error e = RaisedError([&] { task->GetAccountInfo(); });
   EXPECT_EQ(e.Number(), -2147024894);
   EXPECT_EQ(e.Source(), "Pelmora.Task");
@@ -173,15 +173,15 @@ TEST_F(TaskTest, RunAndTerminateRefuseTasksThatCannotRun) {
 
 TEST_F(TaskTest, RunWithARunnerWatchingLeavesARequestInTheFile) {
   auto task = Added("asked", "daily 03:00");
-  int lock = open(sched::RunnerLockPath(folder_.path()).c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0644);
+  int lock =
+      open(sched::RunnerLockPath(folder_.Path()).c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0644);
   ASSERT_GE(lock, 0);
   ASSERT_EQ(flock(lock, LOCK_EX), 0);
   task->Run();
   EXPECT_EQ(OnDisk("asked.job").flags & sched::kRunRequestFlag, sched::kRunRequestFlag);
   PatchState("asked.job", {0, sched::kSchedTaskRunning, 0, {2026, 11, 1, 23, 3, 0, 0, 0}, 1});
   task->Terminate();
-  EXPECT_EQ(OnDisk("asked.job").flags & sched::kTerminateRequestFlag,
-            sched::kTerminateRequestFlag);
+  EXPECT_EQ(OnDisk("asked.job").flags & sched::kTerminateRequestFlag, sched::kTerminateRequestFlag);
   EXPECT_EQ(task->flags(), 0);  // the request bits are not public flags
   close(lock);
 }
@@ -211,7 +211,7 @@ TEST_F(TaskTest, RunKillsTheProgramAfterMaxRunTime) {
 
 TEST_F(TaskTest, RunThatCannotStartRaisesItsStartErrorFromExitCode) {
   auto task = Added("nowhere", "daily 03:00");
-  task->SetWorkingDirectory(folder_.path() + "/missing");
+  task->SetWorkingDirectory(folder_.Path() + "/missing");
   task->Save();
   task->Run();
   Error e = RaisedError([&] { task->ExitCode(); });

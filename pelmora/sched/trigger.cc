@@ -96,9 +96,7 @@ JobTrigger NewTrigger(const Date& now) {
   return t;
 }
 
-bool IsTimeTrigger(const JobTrigger& trigger) {
-  return trigger.type <= TriggerType::kMonthlyDow;
-}
+bool IsTimeTrigger(const JobTrigger& trigger) { return trigger.type <= TriggerType::kMonthlyDow; }
 
 std::optional<Date> NextTriggerTime(const JobTrigger& t, const Date& after) {
   if ((t.flags & kTriggerDisabled) != 0 || !IsTimeTrigger(t)) return std::nullopt;

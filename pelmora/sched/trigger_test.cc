@@ -43,10 +43,8 @@ const NextRunCase kNextRuns[] = {
     {"monthly 29 08:00 in feb from 2026-01-01", "2026-01-01 00:00", "2028-02-29 08:00"},
     {"monthly 1,15 00:00 in mar,nov from 2026-01-01", "2026-03-01 00:00", "2026-03-15 00:00"},
     {"monthlydow last sun 02:30 from 2026-01-01", "2026-03-01 00:00", "2026-03-29 02:30"},
-    {"monthlydow second sun 02:30 in mar from 2026-01-01", "2026-01-01 00:00",
-     "2026-03-08 02:30"},
-    {"monthlydow first sun 01:30 in nov from 2026-01-01", "2026-01-01 00:00",
-     "2026-11-01 01:30"},
+    {"monthlydow second sun 02:30 in mar from 2026-01-01", "2026-01-01 00:00", "2026-03-08 02:30"},
+    {"monthlydow first sun 01:30 in nov from 2026-01-01", "2026-01-01 00:00", "2026-11-01 01:30"},
     {"once 2030-01-02 03:04", "2026-11-23 12:00", "2030-01-02 03:04"},
     {"once 2030-01-02 03:04", "2030-01-02 03:04", ""},
     {"daily 01:00 from 2026-11-01 repeat 30 for 120", "2026-11-01 01:10", "2026-11-01 01:30"},
@@ -113,10 +111,20 @@ TEST(Trigger, TextFormsReadBackToTheSameTrigger) {
 
 TEST(Trigger, MalformedTextIsRefused) {
   const char* texts[] = {
-      "",          "hourly 03:00",        "daily 24:00",          "daily 03:60",
-      "daily",     "weekly xyz 03:00",    "monthly 0 03:00",      "monthly 32 03:00",
-      "once 2030-02-30 03:00", "daily 03:00 every 0", "daily 03:00 in jan",
-      "monthlydow fifth mon 03:00", "daily 03:00 repeat 30 for 30", "daily 03:00 bogus",
+      "",
+      "hourly 03:00",
+      "daily 24:00",
+      "daily 03:60",
+      "daily",
+      "weekly xyz 03:00",
+      "monthly 0 03:00",
+      "monthly 32 03:00",
+      "once 2030-02-30 03:00",
+      "daily 03:00 every 0",
+      "daily 03:00 in jan",
+      "monthlydow fifth mon 03:00",
+      "daily 03:00 repeat 30 for 30",
+      "daily 03:00 bogus",
       "daily 03:00 from",
   };
   for (const char* text : texts) EXPECT_FALSE(ParseTrigger(text, kToday)) << text;

@@ -10,13 +10,12 @@
 namespace pelmora::sched {
 namespace {
 
-constexpr std::array<std::string_view, 7> kDays = {"sun", "mon", "tue", "wed",
-                                                   "thu", "fri", "sat"};
+constexpr std::array<std::string_view, 7> kDays = {"sun", "mon", "tue", "wed", "thu", "fri", "sat"};
 constexpr std::array<std::string_view, 12> kMonths = {"jan", "feb", "mar", "apr", "may", "jun",
                                                       "jul", "aug", "sep", "oct", "nov", "dec"};
 constexpr std::array<std::string_view, 5> kWeeks = {"first", "second", "third", "fourth", "last"};
-constexpr std::array<std::string_view, 8> kTypes = {
-    "once", "daily", "weekly", "monthly", "monthlydow", "onidle", "atstart", "atlogon"};
+constexpr std::array<std::string_view, 8> kTypes = {"once",       "daily",  "weekly",  "monthly",
+                                                    "monthlydow", "onidle", "atstart", "atlogon"};
 
 std::vector<std::string_view> Split(std::string_view text, char separator) {
   std::vector<std::string_view> parts;
@@ -100,7 +99,10 @@ class TriggerReader {
     if (next_ >= words_.size()) return std::nullopt;
     return words_[next_++];
   }
-  bool Clock() { auto w = Word(); return w && ReadClock(*w, t_); }
+  bool Clock() {
+    auto w = Word();
+    return w && ReadClock(*w, t_);
+  }
 
   template <size_t N>
   bool MaskInto(uint32_t& out, const std::array<std::string_view, N>* names) {
@@ -157,8 +159,8 @@ class TriggerReader {
       if (!n || *n == 0 || *n > 0xFFFF) return false;
       return (t_.data[0] = static_cast<uint16_t>(*n)), true;
     }
-    if (option == "in" && (t_.type == TriggerType::kMonthlyDate ||
-                           t_.type == TriggerType::kMonthlyDow)) {
+    if (option == "in" &&
+        (t_.type == TriggerType::kMonthlyDate || t_.type == TriggerType::kMonthlyDow)) {
       auto mask = Mask(*value, &kMonths);
       return mask && ((t_.data[2] = static_cast<uint16_t>(*mask)), true);
     }
@@ -226,8 +228,8 @@ std::string TypeFieldsText(const JobTrigger& t) {
     case TriggerType::kMonthlyDate:
       return " " + DatesText(t) + " " + ClockText(t) + months;
     case TriggerType::kMonthlyDow:
-      return " " + std::string(kWeeks[(t.data[0] + 4) % 5]) + " " + Names(t.data[1], kDays) +
-             " " + ClockText(t) + months;
+      return " " + std::string(kWeeks[(t.data[0] + 4) % 5]) + " " + Names(t.data[1], kDays) + " " +
+             ClockText(t) + months;
     default:
       return "";
   }

@@ -70,9 +70,9 @@ std::string DateText(const pelmora::Date& date, const char* none) {
 }
 
 const char* StateName(pelmora::TaskStatus state) {
-  static const char* const kNames[] = {"Ready",        "Running",    "Disabled",
-                                       "HasNotRun",    "NoMoreRuns", "NotScheduled",
-                                       "Terminated",   "NoValidTriggers", "EventTrigger"};
+  static const char* const kNames[] = {"Ready",      "Running",         "Disabled",
+                                       "HasNotRun",  "NoMoreRuns",      "NotScheduled",
+                                       "Terminated", "NoValidTriggers", "EventTrigger"};
   int32_t index = static_cast<int32_t>(state) - static_cast<int32_t>(pelmora::TaskStatus::Ready);
   return index >= 0 && index < 9 ? kNames[index] : "Unknown";
 }
@@ -108,8 +108,8 @@ int Show(const TasksOptions& o) {
   std::printf("Name: %s\nFile: %s\nApplication: %s\nParameters: %s\nWorking folder: %s\n",
               t->Name().c_str(), t->FileName().c_str(), t->ApplicationName().c_str(),
               t->CommandLine().c_str(), t->WorkingDirectory().c_str());
-  std::printf("Comment: %s\nCreator: %s\nAccount: %s\n", t->Comment().c_str(),
-              t->Creator().c_str(), AccountText(*t).c_str());
+  std::printf("Comment: %s\nCreator: %s\nAccount: %s\n", t->Comment().c_str(), t->Creator().c_str(),
+              AccountText(*t).c_str());
   std::printf("State: %s (%d)\nFlags: %d\nEnabled: %s\nPriority: %d\nMax run time: %d ms\n",
               StateName(t->State()), static_cast<int>(t->State()), t->flags(),
               t->Enabled() ? "yes" : "no", t->Priority(), t->MaxRunTime());
@@ -214,9 +214,9 @@ void AddSettingOptions(CLI::App& sub, TasksOptions& o) {
 void AddTasksCommand(CLI::App& app, CommandAction& action) {
   CLI::App* tasks = app.add_subcommand("tasks", "Scheduled tasks of this or another computer");
   tasks->require_subcommand(1);
-  const char* commands[][2] = {{"list", "List the tasks"},         {"show", "Show one task"},
-                               {"create", "Create a task"},        {"set", "Change a task"},
-                               {"run", "Run a task now"},          {"stop", "Stop a running task"},
+  const char* commands[][2] = {{"list", "List the tasks"},  {"show", "Show one task"},
+                               {"create", "Create a task"}, {"set", "Change a task"},
+                               {"run", "Run a task now"},   {"stop", "Stop a running task"},
                                {"rm", "Delete a task"}};
   for (const auto& [name, help] : commands) {
     auto o = std::make_shared<TasksOptions>();

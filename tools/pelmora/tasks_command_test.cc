@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "pelmora/sched/internal/temp_folder_for_test.h"
+#include "pelmora/common/internal/log_test_support.h"
 #include "tools/pelmora/commands.h"
 
 namespace pelmora_tool {
@@ -31,36 +31,36 @@ int Tasks(std::vector<std::string> args, const std::string& folder, std::string*
 }
 
 TEST(TasksCommand, CreatesRunsShowsAndRemovesATask) {
-  pelmora::sched::testing::TempFolder folder;
+  pelmora::internal::ScratchFolder folder;
   ASSERT_EQ(Tasks({"create", "nightly", "--app", "/bin/sh", "--params", "-c \"exit 3\"",
                    "--trigger", "weekly mon,fri 02:30", "--comment", "hi"},
-                  folder.path()),
+                  folder.Path()),
             0);
   std::string listed;
-  ASSERT_EQ(Tasks({"list"}, folder.path(), &listed), 0);
+  ASSERT_EQ(Tasks({"list"}, folder.Path(), &listed), 0);
   EXPECT_EQ(listed.substr(0, 11), "nightly.job");
   EXPECT_NE(listed.find("HasNotRun"), std::string::npos);
-  ASSERT_EQ(Tasks({"run", "nightly"}, folder.path()), 0);
+  ASSERT_EQ(Tasks({"run", "nightly"}, folder.Path()), 0);
   std::string shown;
-  ASSERT_EQ(Tasks({"show", "NIGHTLY"}, folder.path(), &shown), 0);
+  ASSERT_EQ(Tasks({"show", "NIGHTLY"}, folder.Path(), &shown), 0);
   EXPECT_NE(shown.find("Exit code: 3\n"), std::string::npos);
   EXPECT_NE(shown.find("State: Ready (267008)\n"), std::string::npos);
   EXPECT_NE(shown.find("Trigger: weekly mon,fri 02:30 from "), std::string::npos);
   EXPECT_NE(shown.find("Comment: hi\n"), std::string::npos);
-  ASSERT_EQ(Tasks({"set", "nightly", "--disabled", "--no-triggers"}, folder.path()), 0);
-  ASSERT_EQ(Tasks({"show", "nightly"}, folder.path(), &shown), 0);
+  ASSERT_EQ(Tasks({"set", "nightly", "--disabled", "--no-triggers"}, folder.Path()), 0);
+  ASSERT_EQ(Tasks({"show", "nightly"}, folder.Path(), &shown), 0);
   EXPECT_NE(shown.find("Flags: 4\n"), std::string::npos);
   EXPECT_EQ(shown.find("Trigger:"), std::string::npos);
-  EXPECT_EQ(Tasks({"rm", "nightly"}, folder.path()), 0);
-  EXPECT_EQ(Tasks({"rm", "nightly"}, folder.path()), 1);
+  EXPECT_EQ(Tasks({"rm", "nightly"}, folder.Path()), 0);
+  EXPECT_EQ(Tasks({"rm", "nightly"}, folder.Path()), 1);
 }
 
 TEST(TasksCommand, UsageErrorsExitWith2) {
-  pelmora::sched::testing::TempFolder folder;
-  EXPECT_EQ(Tasks({"create", "x"}, folder.path()), 2);  // no --app
-  EXPECT_EQ(Tasks({"create", "x", "--app", "/bin/true", "--trigger", "hourly"}, folder.path()), 2);
-  EXPECT_EQ(Tasks({"show"}, folder.path()), 2);  // no name
-  EXPECT_EQ(Tasks({"stop", "missing"}, folder.path()), 1);
+  pelmora::internal::ScratchFolder folder;
+  EXPECT_EQ(Tasks({"create", "x"}, folder.Path()), 2);  // no --app
+  EXPECT_EQ(Tasks({"create", "x", "--app", "/bin/true", "--trigger", "hourly"}, folder.Path()), 2);
+  EXPECT_EQ(Tasks({"show"}, folder.Path()), 2);  // no name
+  EXPECT_EQ(Tasks({"stop", "missing"}, folder.Path()), 1);
 }
 
 }  // namespace

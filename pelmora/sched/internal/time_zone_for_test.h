@@ -6,36 +6,27 @@
 #define PELMORA_SCHED_INTERNAL_TIME_ZONE_FOR_TEST_H_
 
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
 #include <optional>
-#include <string>
 
 #include "pelmora/common/date.h"
+#include "pelmora/common/internal/log_test_support.h"
 
 namespace pelmora::sched::testing {
 
 // Sets TZ for the life of the object and restores the previous value.
 class ScopedTimeZone {
  public:
-  explicit ScopedTimeZone(const char* zone) {
-    if (const char* old = std::getenv("TZ")) saved_ = old;
-    setenv("TZ", zone, 1);
-    tzset();
-  }
+  explicit ScopedTimeZone(const char* zone) : tz_(std::in_place, "TZ", zone) { tzset(); }
   ~ScopedTimeZone() {
-    if (saved_) {
-      setenv("TZ", saved_->c_str(), 1);
-    } else {
-      unsetenv("TZ");
-    }
+    tz_.reset();
     tzset();
   }
   ScopedTimeZone(const ScopedTimeZone&) = delete;
   ScopedTimeZone& operator=(const ScopedTimeZone&) = delete;
 
  private:
-  std::optional<std::string> saved_;
+  std::optional<pelmora::internal::ScopedEnv> tz_;
 };
 
 // The date of "yyyy-mm-dd hh:nn[:ss]"; the empty date when the text is malformed.
