@@ -246,3 +246,26 @@ TEST_F(ServiceLimits, RepeatedWrongPasswordsLockTheAddressOut) {
 
 }  // namespace
 }  // namespace pelmorad::testing
+
+namespace pelmorad::testing {
+namespace {
+
+class ServiceSessionLimit : public ServiceHostile {
+ protected:
+  ServiceSessionLimit() : ServiceHostile("[limits]\nsessions_per_address = 3\n") {}
+};
+
+TEST_F(ServiceSessionLimit, ConnectionsBeyondThePerAddressLimitAreClosed) {
+  RawClient first, second, third, fourth;
+  ASSERT_TRUE(Login(first));
+  ASSERT_TRUE(Login(second));
+  ASSERT_TRUE(Login(third));
+  ASSERT_TRUE(fourth.Connect(service_.port()));
+  EXPECT_TRUE(fourth.WaitForClose());
+  EXPECT_EQ(ResultOf(first, RequestCode::kFolderExists, "C:\\"), 0);
+  first.Close();
+  EXPECT_EQ(ResultOf(third, RequestCode::kFolderExists, "C:\\"), 0);
+}
+
+}  // namespace
+}  // namespace pelmorad::testing
