@@ -18,8 +18,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstring>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -57,7 +57,8 @@ void QueueRequest(Connection& c, const Bytes& login) {
     c.out = wire::BuildFramedPacket(c.sequence, login);
   } else {
     std::vector<Bytes> args = {wire::EncodeUnicodeArgument("C:\\")};
-    c.out = wire::BuildFramedPacket(c.sequence, wire::BuildSizeMessage(wire::RequestBlockTotal(args)));
+    c.out =
+        wire::BuildFramedPacket(c.sequence, wire::BuildSizeMessage(wire::RequestBlockTotal(args)));
     Bytes block = wire::BuildRequestBlock(wire::RequestCode::kFolderExists, args);
     c.out.insert(c.out.end(), block.begin(), block.end());
   }
@@ -213,8 +214,9 @@ pid_t StartService(const std::string& folder, int& port) {
   ::mkfifo(fifo.c_str(), 0600);
   int reader = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
   std::string binary = ServiceBinary();
-  std::vector<std::string> args = {binary, "--config", folder + "/pelmorad.toml", "--listen",
-                                   "127.0.0.1:0", "--port-file", fifo};
+  std::vector<std::string> args = {binary,     "--config",    folder + "/pelmorad.toml",
+                                   "--listen", "127.0.0.1:0", "--port-file",
+                                   fifo};
   std::vector<char*> argv;
   for (std::string& arg : args) argv.push_back(arg.data());
   argv.push_back(nullptr);
@@ -253,8 +255,8 @@ void BM_ServiceThousandSessions(benchmark::State& state) {
   std::string folder = "/tmp/pelmorad-bench-" + std::to_string(::getpid());
   int port = 0;
   pid_t pid = StartService(folder, port);
-  Bytes login = wire::BuildLoginMessage(wire::EncodeCredential("bench"),
-                                        wire::EncodeCredential("bench"));
+  Bytes login =
+      wire::BuildLoginMessage(wire::EncodeCredential("bench"), wire::EncodeCredential("bench"));
   for (auto _ : state) {
     if (port <= 0) {
       state.SkipWithError("pelmorad did not start");

@@ -11,7 +11,8 @@
 #include "pelmorad/drive_path.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  std::string text = pelmora::admin::DecodeUnicodeArgument(std::span<const std::uint8_t>(data, size));
+  std::string text =
+      pelmora::admin::DecodeUnicodeArgument(std::span<const std::uint8_t>(data, size));
   pelmorad::PathResult result = pelmorad::ParseDrivePath(text, 1024);
   PELMORA_FUZZ_CHECK(result.path.has_value() == (result.error == 0));
   if (!result.path) return 0;

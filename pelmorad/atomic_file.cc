@@ -1,13 +1,12 @@
 #include "pelmorad/atomic_file.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/random.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
-
-#include <fmt/format.h>
 
 #include "pelmorad/win_error.h"
 

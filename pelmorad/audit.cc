@@ -1,12 +1,11 @@
 #include "pelmorad/audit.h"
 
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <ctime>
 #include <mutex>
-
-#include <fmt/format.h>
 
 namespace pelmorad {
 namespace {
@@ -27,15 +26,6 @@ std::string Quoted(std::string_view text) {
   return out + '"';
 }
 
-std::string UtcNow() {
-  std::time_t now = std::time(nullptr);
-  std::tm fields{};
-  ::gmtime_r(&now, &fields);
-  char text[32] = {};
-  std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &fields);
-  return text;
-}
-
 void WriteLine(const std::string& line) {
   static std::mutex mutex;
   std::lock_guard<std::mutex> lock(mutex);
@@ -49,10 +39,23 @@ void WriteLine(const std::string& line) {
 
 }  // namespace
 
+std::string FormatNow(const char* pattern, bool utc) {
+  std::time_t now = std::time(nullptr);
+  std::tm fields{};
+  if (utc) {
+    ::gmtime_r(&now, &fields);
+  } else {
+    ::localtime_r(&now, &fields);
+  }
+  char text[64] = {};
+  std::strftime(text, sizeof(text), pattern, &fields);
+  return text;
+}
+
 std::string AuditLine(const AuditEntry& entry) {
-  return fmt::format("{} audit client={} account={} code={} path={} result={}", UtcNow(),
-                     entry.client, Quoted(entry.account), entry.code, Quoted(entry.path),
-                     entry.result);
+  return fmt::format("{} audit client={} account={} code={} path={} result={}",
+                     FormatNow("%Y-%m-%dT%H:%M:%SZ", true), entry.client, Quoted(entry.account),
+                     entry.code, Quoted(entry.path), entry.result);
 }
 
 void Audit(const AuditEntry& entry) { WriteLine(AuditLine(entry) + '\n'); }

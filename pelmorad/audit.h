@@ -29,6 +29,9 @@ std::string AuditLine(const AuditEntry& entry);
 // Writes AuditLine(entry) and a line end to standard error in one write. Thread-safe.
 void Audit(const AuditEntry& entry);
 
+// The current time formatted with strftime `pattern`, in UTC or in local time.
+std::string FormatNow(const char* pattern, bool utc);
+
 // Writes a service message ("pelmorad: ...") to standard error. Thread-safe.
 void ServiceMessage(std::string_view text);
 

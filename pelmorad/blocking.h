@@ -8,15 +8,14 @@
 #ifndef PELMORAD_BLOCKING_H_
 #define PELMORAD_BLOCKING_H_
 
-#include <type_traits>
-#include <utility>
-
 #include <asio/associated_executor.hpp>
 #include <asio/async_result.hpp>
 #include <asio/dispatch.hpp>
 #include <asio/post.hpp>
 #include <asio/thread_pool.hpp>
 #include <asio/use_awaitable.hpp>
+#include <type_traits>
+#include <utility>
 
 namespace pelmorad {
 
@@ -29,10 +28,10 @@ auto RunBlocking(asio::thread_pool& pool, Function function) {
     asio::post(pool, [handler = std::move(handler), work = std::move(work)]() mutable {
       Result result = work();
       auto executor = asio::get_associated_executor(handler);
-      asio::dispatch(executor, [handler = std::move(handler),
-                                result = std::move(result)]() mutable {
-        std::move(handler)(std::move(result));
-      });
+      asio::dispatch(executor,
+                     [handler = std::move(handler), result = std::move(result)]() mutable {
+                       std::move(handler)(std::move(result));
+                     });
     });
   };
   return asio::async_initiate<const asio::use_awaitable_t<>, void(Result)>(

@@ -1,14 +1,13 @@
 #include "pelmorad/config.h"
 
+#include <fmt/format.h>
 #include <sys/stat.h>
+#include <toml++/toml.h>
 
 #include <algorithm>
 #include <cctype>
 #include <fstream>
 #include <sstream>
-
-#include <fmt/format.h>
-#include <toml++/toml.h>
 
 #include "pelmora/common/error.h"
 
@@ -115,8 +114,8 @@ void ReadAccounts(const toml::table& root, std::string_view source, Config& conf
   }
 }
 
-void ReadLimit(const toml::table& limits, std::string_view key, std::string_view source,
-               int low, int high, int& value) {
+void ReadLimit(const toml::table& limits, std::string_view key, std::string_view source, int low,
+               int high, int& value) {
   toml::node_view<const toml::node> node = limits[key];
   if (!node) return;
   std::optional<int64_t> number = node.value<int64_t>();
@@ -170,8 +169,8 @@ void CheckNotWritableByOthers(const std::string& path) {
   struct stat parent {};
   if (::stat(folder.c_str(), &parent) == 0 && (parent.st_mode & S_IWOTH) != 0 &&
       (parent.st_mode & S_ISVTX) == 0) {
-    throw pelmora::Error(
-        5, fmt::format("{}: refused, its folder is writable by others", path), "pelmorad");
+    throw pelmora::Error(5, fmt::format("{}: refused, its folder is writable by others", path),
+                         "pelmorad");
   }
 }
 

@@ -25,11 +25,11 @@ inline constexpr std::string_view kDefaultConfigPath = "/etc/pelmora/pelmorad.to
 // One login account.
 struct Account {
   std::string name;
-  std::string password_hash;  // crypt(3) hash
-  std::vector<char> drives;   // upper-case letters the account may use; empty = every drive
-  bool read_only = false;     // refuses every request that changes files or folders
-  bool commands = false;      // may run command lines (code 20)
-  std::string run_as;         // Linux user for commands when the service runs as root
+  std::string password_hash;         // crypt(3) hash
+  std::vector<char> drives;          // upper-case letters the account may use; empty = every drive
+  bool read_only = false;            // refuses every request that changes files or folders
+  bool commands = false;             // may run command lines (code 20)
+  std::string run_as;                // Linux user for commands when the service runs as root
   std::string working_folder = "/";  // Linux folder commands start in
 
   // True when the account may use drive `letter` (upper case).
@@ -38,28 +38,28 @@ struct Account {
 
 // The limits that keep one client from starving the others.
 struct Limits {
-  int sessions = 1024;              // sessions at once, all clients together
-  int sessions_per_address = 256;   // sessions at once from one client address
-  int commands = 16;                // command lines running at once
-  int request_bytes = 65536;        // largest request block accepted
-  int path_length = 1024;           // longest path (characters) accepted
-  int idle_seconds = 300;           // a silent session is closed after this
-  int login_failures = 5;           // failed logins from one address before it is locked out
-  int lockout_seconds = 60;         // how long a locked-out address is refused
-  int login_delay_ms = 250;         // delay per earlier failure before a failed login is answered
-  int grace_seconds = 5;            // how long transfers may run on after SIGTERM
-  int workers = 4;                  // threads for blocking file work
-  int print_queue_seconds = 10;     // longest run of the print queue command
+  int sessions = 1024;             // sessions at once, all clients together
+  int sessions_per_address = 256;  // sessions at once from one client address
+  int commands = 16;               // command lines running at once
+  int request_bytes = 65536;       // largest request block accepted
+  int path_length = 1024;          // longest path (characters) accepted
+  int idle_seconds = 300;          // a silent session is closed after this
+  int login_failures = 5;          // failed logins from one address before it is locked out
+  int lockout_seconds = 60;        // how long a locked-out address is refused
+  int login_delay_ms = 250;        // delay per earlier failure before a failed login is answered
+  int grace_seconds = 5;           // how long transfers may run on after SIGTERM
+  int workers = 4;                 // threads for blocking file work
+  int print_queue_seconds = 10;    // longest run of the print queue command
 };
 
 // The whole configuration.
 struct Config {
   std::vector<std::string> listen = {"127.0.0.1:8002"};
-  std::map<char, std::string> drives;                   // letter -> Linux folder
+  std::map<char, std::string> drives;                      // letter -> Linux folder
   std::vector<std::pair<std::string, std::string>> paths;  // key -> drive-letter path
   std::string system_directory = "C:\\Windows\\system32";
-  std::string print_queue_command;                      // "" = no print queue
-  std::string shell = "/bin/sh";                        // runs command lines with -c
+  std::string print_queue_command;  // "" = no print queue
+  std::string shell = "/bin/sh";    // runs command lines with -c
   std::map<std::string, Account> accounts;
   Limits limits;
 

@@ -19,8 +19,8 @@ namespace pelmorad {
 // A parsed path: a drive letter and the names below the drive's root, without ".", ".." or empty
 // names. Names are compared as bytes (case-sensitive, as Linux does).
 struct DrivePath {
-  char drive = 'C';                 // upper case
-  std::vector<std::string> parts;   // empty for the drive's root
+  char drive = 'C';                // upper case
+  std::vector<std::string> parts;  // empty for the drive's root
 
   bool IsRoot() const { return parts.empty(); }
   // The names joined with "/", or "." for the root: for openat2 beneath the drive's folder.

@@ -31,18 +31,16 @@ TEST_P(ParseDrivePathTest, ParsesOrRefusesWithTheReplyNumber) {
 
 INSTANTIATE_TEST_SUITE_P(
     Paths, ParseDrivePathTest,
-    ::testing::Values(PathCase{"C:\\", 0, "C:\\", "."}, PathCase{"c:", 0, "C:\\", "."},
-                      PathCase{"C:\\Data\\shop.ini", 0, "C:\\Data\\shop.ini", "Data/shop.ini"},
-                      PathCase{"d:/logs//a/", 0, "D:\\logs\\a", "logs/a"},
-                      PathCase{"C:\\a\\.\\b\\..\\c", 0, "C:\\a\\c", "a/c"},
-                      PathCase{"C:\\a\\..\\..\\x", 5, "", ""},
-                      PathCase{"C:\\..\\..\\etc\\passwd", 5, "", ""},
-                      PathCase{"\\\\server\\share\\x", 123, "", ""},
-                      PathCase{"relative\\x", 123, "", ""}, PathCase{"", 123, "", ""},
-                      PathCase{std::string("C:\\a\0b", 6), 123, "", ""},
-                      PathCase{"C:\\a:stream", 123, "", ""}, PathCase{"C:\\a*", 123, "", ""},
-                      PathCase{"C:\\" + std::string(62, 'x'), 206, "", ""},
-                      PathCase{"1:\\x", 123, "", ""}));
+    ::testing::Values(
+        PathCase{"C:\\", 0, "C:\\", "."}, PathCase{"c:", 0, "C:\\", "."},
+        PathCase{"C:\\Data\\shop.ini", 0, "C:\\Data\\shop.ini", "Data/shop.ini"},
+        PathCase{"d:/logs//a/", 0, "D:\\logs\\a", "logs/a"},
+        PathCase{"C:\\a\\.\\b\\..\\c", 0, "C:\\a\\c", "a/c"},
+        PathCase{"C:\\a\\..\\..\\x", 5, "", ""}, PathCase{"C:\\..\\..\\etc\\passwd", 5, "", ""},
+        PathCase{"\\\\server\\share\\x", 123, "", ""}, PathCase{"relative\\x", 123, "", ""},
+        PathCase{"", 123, "", ""}, PathCase{std::string("C:\\a\0b", 6), 123, "", ""},
+        PathCase{"C:\\a:stream", 123, "", ""}, PathCase{"C:\\a*", 123, "", ""},
+        PathCase{"C:\\" + std::string(62, 'x'), 206, "", ""}, PathCase{"1:\\x", 123, "", ""}));
 
 TEST(DrivePath, ParentChildAndContainment) {
   DrivePath path = *ParseDrivePath("C:\\a\\b", 64).path;

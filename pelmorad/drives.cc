@@ -1,13 +1,12 @@
 #include "pelmorad/drives.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <linux/openat2.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
-
-#include <fmt/format.h>
 
 #include "pelmora/common/error.h"
 #include "pelmorad/win_error.h"

@@ -11,7 +11,6 @@
 #include <sys/types.h>
 
 #include <cstdint>
-
 #include <map>
 #include <memory>
 #include <string>

@@ -27,8 +27,8 @@ pelmora::admin::FileInfoRecord RecordFrom(const struct statx& info, const DriveP
   pelmora::admin::FileInfoRecord record;
   record.attributes = AttributesFor(info.stx_mode, path.Name());
   record.size = static_cast<int32_t>(static_cast<uint32_t>(info.stx_size));
-  const statx_timestamp& created = (info.stx_mask & STATX_BTIME) != 0 ? info.stx_btime
-                                                                         : info.stx_mtime;
+  const statx_timestamp& created =
+      (info.stx_mask & STATX_BTIME) != 0 ? info.stx_btime : info.stx_mtime;
   record.creation_time = ToFileTime(FromStatx(created));
   record.last_access_time = ToFileTime(FromStatx(info.stx_atime));
   record.last_write_time = ToFileTime(FromStatx(info.stx_mtime));

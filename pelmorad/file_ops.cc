@@ -38,8 +38,8 @@ int32_t CopyContent(int from, int to) {
     ssize_t moved = -1;
     if (!plain) {
       moved = ::copy_file_range(from, nullptr, to, nullptr, kCopyChunk, 0);
-      if (moved < 0 && (errno == EXDEV || errno == EINVAL || errno == ENOSYS ||
-                        errno == EOPNOTSUPP)) {
+      if (moved < 0 &&
+          (errno == EXDEV || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP)) {
         plain = true;
         buffer.resize(kCopyChunk);
         continue;

@@ -21,8 +21,8 @@ class LoginThrottle {
 
   // What to do with a login from `address` now.
   struct Decision {
-    bool locked = false;            // refuse without checking the password
-    Clock::duration delay{};        // wait this long before answering a failed login
+    bool locked = false;      // refuse without checking the password
+    Clock::duration delay{};  // wait this long before answering a failed login
   };
   Decision Check(const std::string& address, Clock::time_point now);
 

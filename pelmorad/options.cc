@@ -6,7 +6,9 @@
 namespace pelmorad {
 namespace {
 
-[[noreturn]] void Refuse(std::string text) { throw pelmora::Error(87, std::move(text), "pelmorad"); }
+[[noreturn]] void Refuse(std::string text) {
+  throw pelmora::Error(87, std::move(text), "pelmorad");
+}
 
 }  // namespace
 

@@ -4,13 +4,12 @@
 #ifndef PELMORAD_RUNTIME_H_
 #define PELMORAD_RUNTIME_H_
 
+#include <asio/io_context.hpp>
+#include <asio/thread_pool.hpp>
 #include <map>
 #include <memory>
 #include <set>
 #include <string>
-
-#include <asio/io_context.hpp>
-#include <asio/thread_pool.hpp>
 
 #include "pelmorad/config.h"
 #include "pelmorad/drives.h"

@@ -1,10 +1,7 @@
 #include "pelmorad/server.h"
 
+#include <fmt/format.h>
 #include <signal.h>
-
-#include <chrono>
-#include <fstream>
-#include <list>
 
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
@@ -14,7 +11,9 @@
 #include <asio/signal_set.hpp>
 #include <asio/steady_timer.hpp>
 #include <asio/use_awaitable.hpp>
-#include <fmt/format.h>
+#include <chrono>
+#include <fstream>
+#include <list>
 
 #include "pelmora/common/error.h"
 #include "pelmorad/audit.h"

@@ -7,12 +7,11 @@
 #ifndef PELMORAD_SERVER_H_
 #define PELMORAD_SERVER_H_
 
+#include <asio/ip/tcp.hpp>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
-
-#include <asio/ip/tcp.hpp>
 
 namespace pelmorad {
 

@@ -1,9 +1,8 @@
 // The small pieces of the service: the login throttle, UTF-8 splitting of command output, file
 // attributes and times, audit quoting, the errno mapping and the command line.
-#include <sys/stat.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <chrono>
@@ -52,11 +51,11 @@ TEST(LoginThrottle, SuccessForgetsFailures) {
 TEST(WholeUtf8Prefix, HoldsBackOnlyAnUnfinishedCharacter) {
   EXPECT_EQ(WholeUtf8Prefix("abc"), 3u);
   EXPECT_EQ(WholeUtf8Prefix(""), 0u);
-  EXPECT_EQ(WholeUtf8Prefix("caf\xC3"), 3u);              // lead byte of é, no continuation
-  EXPECT_EQ(WholeUtf8Prefix("caf\xC3\xA9"), 5u);          // é complete
-  EXPECT_EQ(WholeUtf8Prefix("x\xE2\x82"), 1u);            // two of the three bytes of €
-  EXPECT_EQ(WholeUtf8Prefix("x\xF0\x9F\x98\x80"), 5u);    // a four-byte character complete
-  EXPECT_EQ(WholeUtf8Prefix("x\xFF"), 2u);                // not UTF-8: never held back
+  EXPECT_EQ(WholeUtf8Prefix("caf\xC3"), 3u);               // lead byte of é, no continuation
+  EXPECT_EQ(WholeUtf8Prefix("caf\xC3\xA9"), 5u);           // é complete
+  EXPECT_EQ(WholeUtf8Prefix("x\xE2\x82"), 1u);             // two of the three bytes of €
+  EXPECT_EQ(WholeUtf8Prefix("x\xF0\x9F\x98\x80"), 5u);     // a four-byte character complete
+  EXPECT_EQ(WholeUtf8Prefix("x\xFF"), 2u);                 // not UTF-8: never held back
   EXPECT_EQ(WholeUtf8Prefix("\x80\x80\x80\x80\x80"), 5u);  // stray continuation bytes
 }
 
@@ -81,9 +80,8 @@ TEST(FileInfo, FileTimesRoundTripTo100Nanoseconds) {
 
 TEST(Audit, QuotesTextsAndEscapesControlCharacters) {
   std::string line = AuditLine({"127.0.0.1:5", "op", 9, "C:\\a\"b\nc", 2});
-  EXPECT_THAT(line, ::testing::EndsWith(
-                        " audit client=127.0.0.1:5 account=\"op\" code=9 "
-                        "path=\"C:\\\\a\\\"b\\x0ac\" result=2"));
+  EXPECT_THAT(line, ::testing::EndsWith(" audit client=127.0.0.1:5 account=\"op\" code=9 "
+                                        "path=\"C:\\\\a\\\"b\\x0ac\" result=2"));
 }
 
 struct ErrnoCase {
@@ -93,14 +91,13 @@ struct ErrnoCase {
 };
 
 TEST(WinError, ErrnoMapsToTheNumbersClientsExpect) {
-  for (ErrnoCase c : {ErrnoCase{ENOENT, Missing::kFile, 2}, ErrnoCase{ENOENT, Missing::kPath, 3},
-                      ErrnoCase{ENOTDIR, Missing::kFile, 3}, ErrnoCase{EXDEV, Missing::kFile, 5},
-                      ErrnoCase{ELOOP, Missing::kFile, 5}, ErrnoCase{EACCES, Missing::kFile, 5},
-                      ErrnoCase{EEXIST, Missing::kFile, 80},
-                      ErrnoCase{ENOTEMPTY, Missing::kFile, 145},
-                      ErrnoCase{ENOSPC, Missing::kFile, 112},
-                      ErrnoCase{ENAMETOOLONG, Missing::kFile, 206},
-                      ErrnoCase{EPROTO, Missing::kFile, 1}}) {
+  for (ErrnoCase c :
+       {ErrnoCase{ENOENT, Missing::kFile, 2}, ErrnoCase{ENOENT, Missing::kPath, 3},
+        ErrnoCase{ENOTDIR, Missing::kFile, 3}, ErrnoCase{EXDEV, Missing::kFile, 5},
+        ErrnoCase{ELOOP, Missing::kFile, 5}, ErrnoCase{EACCES, Missing::kFile, 5},
+        ErrnoCase{EEXIST, Missing::kFile, 80}, ErrnoCase{ENOTEMPTY, Missing::kFile, 145},
+        ErrnoCase{ENOSPC, Missing::kFile, 112}, ErrnoCase{ENAMETOOLONG, Missing::kFile, 206},
+        ErrnoCase{EPROTO, Missing::kFile, 1}}) {
     EXPECT_EQ(FromErrno(c.error, c.missing), c.code) << c.error;
   }
   EXPECT_EQ(ErrorText(145), "The directory is not empty.");
@@ -122,9 +119,11 @@ TEST(Options, ReadsEveryOption) {
 }
 
 TEST(Options, RefusesUnknownArgumentsMissingValuesAndBadAddresses) {
-  for (std::vector<std::string_view> arguments :
-       {std::vector<std::string_view>{"--bogus"}, {"--config"}, {"--listen", "localhost:1"},
-        {"--listen", "127.0.0.1"}, {"--listen", "127.0.0.1:70000"}}) {
+  for (std::vector<std::string_view> arguments : {std::vector<std::string_view>{"--bogus"},
+                                                  {"--config"},
+                                                  {"--listen", "localhost:1"},
+                                                  {"--listen", "127.0.0.1"},
+                                                  {"--listen", "127.0.0.1:70000"}}) {
     try {
       Parse(arguments);
       ADD_FAILURE() << "accepted " << arguments[0];

@@ -3,14 +3,13 @@
 #include <signal.h>
 
 #include <algorithm>
-#include <chrono>
-
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
 #include <asio/read.hpp>
 #include <asio/redirect_error.hpp>
 #include <asio/use_awaitable.hpp>
 #include <asio/write.hpp>
+#include <chrono>
 
 #include "pelmora/admin/wire_replies.h"
 #include "pelmorad/audit.h"
@@ -72,8 +71,10 @@ void Session::Start(ServiceContext& context, asio::ip::tcp::socket socket) {
     return;  // the socket closes as it goes
   }
   auto session = std::make_shared<Session>(context, std::move(socket), address);
-  asio::co_spawn(context.io, [session]() { return session->Run(); }, asio::detached);
-  asio::co_spawn(context.io, [session]() { return session->Watchdog(); }, asio::detached);
+  asio::co_spawn(
+      context.io, [session]() { return session->Run(); }, asio::detached);
+  asio::co_spawn(
+      context.io, [session]() { return session->Watchdog(); }, asio::detached);
 }
 
 void Session::Close() {
@@ -128,8 +129,8 @@ asio::awaitable<std::optional<Session::ClientMessage>> Session::ReadMessage() {
                                           (static_cast<uint32_t>(packet[6]) << 24));
   pelmora::admin::FramedMessage framed = pelmora::admin::ParseFramedPacket(packet, sequence);
   if (framed.fault != pelmora::admin::PacketFault::kNone) {
-    Audit({peer_, account_ ? account_->name : "", -1, "closed: malformed packet",
-           kInvalidParameter});
+    Audit(
+        {peer_, account_ ? account_->name : "", -1, "closed: malformed packet", kInvalidParameter});
     co_return std::nullopt;
   }
   sequence_ = sequence;
@@ -179,12 +180,12 @@ asio::awaitable<bool> Session::HandleMessage(const ClientMessage& message) {
 
 asio::awaitable<bool> Session::HandleAnnouncement(int32_t total) {
   if (total < 2 || total > limits().request_bytes) {
-    Audit({peer_, account_ ? account_->name : "", -1, "closed: request size " +
-           std::to_string(total), kInvalidParameter});
+    Audit({peer_, account_ ? account_->name : "", -1,
+           "closed: request size " + std::to_string(total), kInvalidParameter});
     co_return false;
   }
-  std::vector<uint8_t> raw(std::max<std::size_t>(pelmora::admin::kPacketSize,
-                                                 static_cast<std::size_t>(total)));
+  std::vector<uint8_t> raw(
+      std::max<std::size_t>(pelmora::admin::kPacketSize, static_cast<std::size_t>(total)));
   if (!co_await ReadExactly(raw)) co_return false;
   std::optional<RequestBlock> block =
       pelmora::admin::ParseRequestBlock(std::span<const uint8_t>(raw).first(total));
@@ -197,7 +198,7 @@ asio::awaitable<bool> Session::HandleAnnouncement(int32_t total) {
     refused_before_login_ += 1;
     AuditRequest(block->code, "refused: not logged in", kAccessDenied);
     bool sent = co_await Refuse(*block, kAccessDenied);
-    co_return sent && refused_before_login_ < kMaxRequestsBeforeLogin;
+    co_return sent&& refused_before_login_ < kMaxRequestsBeforeLogin;
   }
   co_return co_await Dispatch(*block);
 }

@@ -6,17 +6,16 @@
 #ifndef PELMORAD_SESSION_H_
 #define PELMORAD_SESSION_H_
 
+#include <asio/awaitable.hpp>
+#include <asio/ip/tcp.hpp>
+#include <asio/posix/stream_descriptor.hpp>
+#include <asio/steady_timer.hpp>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <vector>
-
-#include <asio/awaitable.hpp>
-#include <asio/ip/tcp.hpp>
-#include <asio/posix/stream_descriptor.hpp>
-#include <asio/steady_timer.hpp>
 
 #include "pelmora/admin/wire.h"
 #include "pelmorad/drive_path.h"

@@ -3,14 +3,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <memory>
-#include <optional>
-
 #include <asio/posix/stream_descriptor.hpp>
 #include <asio/redirect_error.hpp>
 #include <asio/steady_timer.hpp>
 #include <asio/use_awaitable.hpp>
+#include <chrono>
+#include <memory>
+#include <optional>
 
 #include "pelmora/admin/wire_replies.h"
 #include "pelmora/common/child_process.h"
@@ -77,11 +76,12 @@ int32_t StatusFor(const RunningCommand& command, const pelmora::ChildExit& exit)
 }  // namespace
 
 asio::awaitable<bool> Session::HandleCommand(const RequestBlock& block) {
-  std::optional<pelmora::admin::CommandRequest> request = pelmora::admin::ParseCommandRequest(block);
-  int32_t refusal = !request                                        ? kInvalidParameter
-                    : !account_->commands                           ? kAccessDenied
+  std::optional<pelmora::admin::CommandRequest> request =
+      pelmora::admin::ParseCommandRequest(block);
+  int32_t refusal = !request                                         ? kInvalidParameter
+                    : !account_->commands                            ? kAccessDenied
                     : context_.running_commands >= limits().commands ? kNotEnoughMemory
-                                                                    : kSuccess;
+                                                                     : kSuccess;
   if (refusal != kSuccess) {
     AuditRequest(block.code, request ? request->command : "", refusal);
     co_return co_await Refuse(block, refusal);
@@ -105,12 +105,12 @@ asio::awaitable<bool> Session::HandleCommand(const RequestBlock& block) {
   bool connected = co_await StreamCommand(command, request->timeout);
   command_group_ = 0;
   context_.running_commands -= 1;
-  pelmora::ChildExit exit = co_await RunBlocking(context_.pool, [&] {
-    return command->child->Wait();
-  });
+  pelmora::ChildExit exit =
+      co_await RunBlocking(context_.pool, [&] { return command->child->Wait(); });
   int32_t status = StatusFor(*command, exit);
-  AuditRequest(block.code, request->command + (exit.signalled ? " (signal " : " (exit ") +
-                               std::to_string(exit.code) + ")",
+  AuditRequest(block.code,
+               request->command + (exit.signalled ? " (signal " : " (exit ") +
+                   std::to_string(exit.code) + ")",
                command->client_gone ? kInvalidFunction : status);
   if (!connected || command->client_gone) co_return false;
   std::vector<uint8_t> reply = pelmora::admin::BuildCommandStatusReply(status);
@@ -162,9 +162,9 @@ asio::awaitable<bool> Session::ForwardOutput(asio::posix::stream_descriptor& out
   std::vector<char> buffer(pelmora::admin::kMaxCommandOutput);
   while (true) {
     asio::error_code error;
-    std::size_t got = co_await output.async_read_some(
-        asio::buffer(buffer.data(), buffer.size() - pending.size()),
-        asio::redirect_error(asio::use_awaitable, error));
+    std::size_t got =
+        co_await output.async_read_some(asio::buffer(buffer.data(), buffer.size() - pending.size()),
+                                        asio::redirect_error(asio::use_awaitable, error));
     if (error) break;
     pending.append(buffer.data(), got);
     std::size_t whole = WholeUtf8Prefix(pending);

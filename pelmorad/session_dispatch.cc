@@ -1,9 +1,8 @@
 // The login exchange, the choice of handler for each request code, the failure form of every
 // reply and the checks on path arguments.
-#include <chrono>
-
 #include <asio/steady_timer.hpp>
 #include <asio/use_awaitable.hpp>
+#include <chrono>
 
 #include "pelmora/admin/credentials.h"
 #include "pelmora/admin/wire_replies.h"
@@ -106,7 +105,7 @@ asio::awaitable<bool> Session::Refuse(const RequestBlock& block, int32_t error) 
   switch (static_cast<RequestCode>(block.code)) {
     case RequestCode::kUpload: {
       std::optional<ClientMessage> header = co_await ReadMessage();
-      co_return header && co_await SendMessage(pelmora::admin::BuildGoReply(false));
+      co_return header&& co_await SendMessage(pelmora::admin::BuildGoReply(false));
     }
     case RequestCode::kDownload: {
       pelmora::admin::TransferHeader refused;
@@ -146,8 +145,7 @@ Session::Target Session::ResolveArgument(const RequestBlock& block, std::size_t 
   target.path = *parsed.path;
   if (!runtime_->drives->IsMapped(target.path.drive)) {
     target.error = kPathNotFound;
-  } else if (!account_->MayUseDrive(target.path.drive) ||
-             (write && account_->read_only)) {
+  } else if (!account_->MayUseDrive(target.path.drive) || (write && account_->read_only)) {
     target.error = kAccessDenied;
   }
   return target;

@@ -78,9 +78,8 @@ asio::awaitable<bool> Session::HandleCopy(const RequestBlock& block) {
   if (result == kSuccess) {
     bool overwrite = !moves && FlagArgument(block, 2);
     auto drives = runtime_->drives;
-    result = co_await RunBlocking(context_.pool, [&] {
-      return RunCopy(*drives, code, from.path, to.path, overwrite);
-    });
+    result = co_await RunBlocking(
+        context_.pool, [&] { return RunCopy(*drives, code, from.path, to.path, overwrite); });
   }
   AuditRequest(block.code, from.text + " -> " + to.text, result);
   co_return co_await SendResult(result);

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "pelmora/admin/wire_replies.h"
+#include "pelmorad/audit.h"
 #include "pelmorad/session.h"
 #include "pelmorad/win_error.h"
 
@@ -56,15 +57,6 @@ bool IsOwnAddress(asio::ip::address client) {
   return false;
 }
 
-std::string LocalClockText() {
-  std::time_t now = std::time(nullptr);
-  std::tm fields{};
-  ::localtime_r(&now, &fields);
-  char text[32] = {};
-  std::strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &fields);
-  return text;
-}
-
 }  // namespace
 
 asio::awaitable<bool> Session::HandlePathWithKey(const RequestBlock& block) {
@@ -85,7 +77,8 @@ asio::awaitable<bool> Session::HandleSameMachine(const RequestBlock& block) {
 
 asio::awaitable<bool> Session::HandleText(const RequestBlock& block) {
   bool clock = static_cast<RequestCode>(block.code) == RequestCode::kGetSystemTime;
-  std::string text = clock ? LocalClockText() : runtime_->config.system_directory;
+  std::string text =
+      clock ? FormatNow("%Y-%m-%d %H:%M:%S", false) : runtime_->config.system_directory;
   AuditRequest(block.code, text, kSuccess);
   co_return co_await SendMessage(pelmora::admin::EncodeWireText(text));
 }

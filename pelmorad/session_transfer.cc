@@ -23,8 +23,8 @@ using pelmora::admin::TransferHeader;
 
 namespace {
 
-constexpr std::size_t kPiecesPerRead = 64;           // 96 000 bytes of upload per read
-constexpr std::size_t kDownloadChunk = 256 * 1024;   // bytes per download write
+constexpr std::size_t kPiecesPerRead = 64;          // 96 000 bytes of upload per read
+constexpr std::size_t kDownloadChunk = 256 * 1024;  // bytes per download write
 
 // An opened download source.
 struct Source {
@@ -59,8 +59,8 @@ Source OpenSource(const DriveTable& drives, const DrivePath& path) {
 int32_t ReadChunk(int fd, off_t offset, std::vector<uint8_t>& buffer) {
   std::size_t done = 0;
   while (done < buffer.size()) {
-    ssize_t got = ::pread(fd, buffer.data() + done, buffer.size() - done,
-                          offset + static_cast<off_t>(done));
+    ssize_t got =
+        ::pread(fd, buffer.data() + done, buffer.size() - done, offset + static_cast<off_t>(done));
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) {
       std::fill(buffer.begin() + static_cast<std::ptrdiff_t>(done), buffer.end(), 0);

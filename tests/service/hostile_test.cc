@@ -1,11 +1,10 @@
 // Hostile input: names that try to leave the drives, links out of them, requests before login,
 // wrong passwords, malformed frames, silent clients, and clients or services killed mid-transfer.
 #include <dirent.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <string>
 
@@ -59,6 +58,18 @@ class ServiceHostile : public ::testing::Test {
 
   std::string C(const std::string& relative) { return service_.Drive('C') + "/" + relative; }
 
+  // Announces a 150 000-byte upload to `path` and sends its first tenth only.
+  bool StartUpload(RawClient& client, std::string_view path) {
+    pelmora::admin::TransferHeader header;
+    header.size = 150000;
+    if (!client.RequestPath(RequestCode::kUpload, path) ||
+        !client.SendFramed(pelmora::admin::BuildTransferHeader(header))) {
+      return false;
+    }
+    auto go = client.ReadFramed();
+    return go && pelmora::admin::IsGoReply(*go) && client.Send(std::vector<uint8_t>(15000, 0x55));
+  }
+
   ServiceProcess service_;
   std::string outside_;
 };
@@ -75,11 +86,11 @@ TEST_F(ServiceHostile, NamesThatTryToLeaveTheDriveAreRefused) {
   ASSERT_EQ(::symlink("/proc/self/root/etc/passwd", C("magic-link").c_str()), 0);
   RawClient client;
   ASSERT_TRUE(Login(client));
-  for (Traversal t : {Traversal{"C:\\..\\..\\etc\\passwd", 5}, Traversal{"C:\\a\\..\\..\\x", 5},
-                      Traversal{"\\\\server\\share\\x", 123}, Traversal{"C:\\etc-link\\passwd", 5},
-                      Traversal{"C:\\abs-link", 5}, Traversal{"C:\\rel-link", 5},
-                      Traversal{"C:\\magic-link", 5}, Traversal{"Z:\\x", 3},
-                      Traversal{"C:\\x:stream", 123}}) {
+  for (Traversal t :
+       {Traversal{"C:\\..\\..\\etc\\passwd", 5}, Traversal{"C:\\a\\..\\..\\x", 5},
+        Traversal{"\\\\server\\share\\x", 123}, Traversal{"C:\\etc-link\\passwd", 5},
+        Traversal{"C:\\abs-link", 5}, Traversal{"C:\\rel-link", 5}, Traversal{"C:\\magic-link", 5},
+        Traversal{"Z:\\x", 3}, Traversal{"C:\\x:stream", 123}}) {
     EXPECT_EQ(ResultOf(client, RequestCode::kFileExists, t.path), t.code) << t.path;
   }
   std::string long_path = "C:\\" + std::string(2000, 'a');
@@ -167,13 +178,7 @@ TEST_F(ServiceHostile, ClientKilledMidUploadLeavesTheOldFile) {
   WriteFile(C("big.bin"), "old");
   RawClient client;
   ASSERT_TRUE(Login(client));
-  pelmora::admin::TransferHeader header;
-  header.size = 150000;
-  ASSERT_TRUE(client.RequestPath(RequestCode::kUpload, "C:\\big.bin"));
-  ASSERT_TRUE(client.SendFramed(pelmora::admin::BuildTransferHeader(header)));
-  auto go = client.ReadFramed();
-  ASSERT_TRUE(go && pelmora::admin::IsGoReply(*go));
-  ASSERT_TRUE(client.Send(std::vector<uint8_t>(15000, 0x55)));
+  ASSERT_TRUE(StartUpload(client, "C:\\big.bin"));
   client.Close(true);
   RawClient after;
   ASSERT_TRUE(Login(after));  // the service still serves, and the old file is intact
@@ -198,13 +203,7 @@ TEST_F(ServiceHostile, ClientKilledMidDownloadLeavesTheServiceServing) {
 TEST_F(ServiceHostile, ServiceKilledMidUploadLeavesNoPartialFile) {
   RawClient client;
   ASSERT_TRUE(Login(client));
-  pelmora::admin::TransferHeader header;
-  header.size = 150000;
-  ASSERT_TRUE(client.RequestPath(RequestCode::kUpload, "C:\\partial.bin"));
-  ASSERT_TRUE(client.SendFramed(pelmora::admin::BuildTransferHeader(header)));
-  auto go = client.ReadFramed();
-  ASSERT_TRUE(go && pelmora::admin::IsGoReply(*go));
-  ASSERT_TRUE(client.Send(std::vector<uint8_t>(15000, 0x55)));
+  ASSERT_TRUE(StartUpload(client, "C:\\partial.bin"));
   EXPECT_EQ(service_.Stop(SIGKILL), 128 + SIGKILL);
   ASSERT_TRUE(service_.Start());
   EXPECT_TRUE(Names(service_.Drive('C')).empty());
@@ -243,6 +242,29 @@ TEST_F(ServiceLimits, RepeatedWrongPasswordsLockTheAddressOut) {
   EXPECT_FALSE(right.Connect("127.0.0.1", service_.port(), "operator", kOperatorPassword, false));
   EXPECT_EQ(right.ErrCode(), 5);
   EXPECT_EQ(right.ErrDescription(), "Access is denied.");
+}
+
+}  // namespace
+}  // namespace pelmorad::testing
+
+namespace pelmorad::testing {
+namespace {
+
+class ServiceSessionLimit : public ServiceHostile {
+ protected:
+  ServiceSessionLimit() : ServiceHostile("[limits]\nsessions_per_address = 3\n") {}
+};
+
+TEST_F(ServiceSessionLimit, ConnectionsBeyondThePerAddressLimitAreClosed) {
+  RawClient first, second, third, fourth;
+  ASSERT_TRUE(Login(first));
+  ASSERT_TRUE(Login(second));
+  ASSERT_TRUE(Login(third));
+  ASSERT_TRUE(fourth.Connect(service_.port()));
+  EXPECT_TRUE(fourth.WaitForClose());
+  EXPECT_EQ(ResultOf(first, RequestCode::kFolderExists, "C:\\"), 0);
+  first.Close();
+  EXPECT_EQ(ResultOf(third, RequestCode::kFolderExists, "C:\\"), 0);
 }
 
 }  // namespace

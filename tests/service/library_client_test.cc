@@ -1,10 +1,9 @@
 // Transfers, listings and file information through the library's RCFSO, its server-file cache,
 // and a configuration reloaded with SIGHUP, against a real service.
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <string>
 
@@ -32,8 +31,8 @@ class ServiceLibraryClient : public ::testing::Test {
 };
 
 TEST_F(ServiceLibraryClient, UploadAndDownloadKeepBytesAndWriteTimes) {
-  for (std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{3000},
-                           std::size_t{1 << 20}}) {
+  for (std::size_t size :
+       {std::size_t{0}, std::size_t{1}, std::size_t{3000}, std::size_t{1 << 20}}) {
     std::string content(size, 'q');
     for (std::size_t i = 0; i < size; ++i) content[i] = static_cast<char>(i % 253);
     WriteFile(Local("up.bin"), content);
@@ -41,7 +40,8 @@ TEST_F(ServiceLibraryClient, UploadAndDownloadKeepBytesAndWriteTimes) {
     EXPECT_EQ(ReadFile(C("stored.bin")), content) << size;
     ASSERT_TRUE(fso_.Download(Local("down.bin"), "C:\\stored.bin")) << fso_.ErrDescription();
     EXPECT_EQ(ReadFile(Local("down.bin")), content) << size;
-    struct stat local {}, stored {};
+    struct stat local {
+    }, stored{};
     ASSERT_EQ(::stat(Local("up.bin").c_str(), &local), 0);
     ASSERT_EQ(::stat(C("stored.bin").c_str(), &stored), 0);
     EXPECT_EQ(stored.st_mtim.tv_sec, local.st_mtim.tv_sec);

@@ -1,9 +1,8 @@
 // The file, folder and machine requests through the library's RCFSO against a real service.
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -21,8 +20,8 @@ class ServiceRequests : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(service_.Start());
-    ASSERT_TRUE(Login(fso_, "operator", kOperatorPassword))
-        << fso_.ErrDescription() << "\n" << service_.ErrorOutput();
+    ASSERT_TRUE(Login(fso_, "operator", kOperatorPassword)) << fso_.ErrDescription() << "\n"
+                                                            << service_.ErrorOutput();
   }
 
   bool Login(RCFSO& fso, std::string_view user, std::string_view password) {

@@ -1,6 +1,8 @@
 #include "tests/service/service_process.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -9,16 +11,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <optional>
 #include <sstream>
 #include <vector>
-
-#include <fmt/format.h>
 
 #include "pelmora/admin/internal/built_in_secrets.h"
 #include "pelmorad/password.h"
@@ -117,8 +115,8 @@ bool ServiceProcess::Start(std::string listen) {
   ::unlink(fifo.c_str());
   ::mkfifo(fifo.c_str(), 0600);
   int reader = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  std::vector<std::string> args = {binary,   "--config",    config_path_, "--listen",
-                                    listen,  "--port-file", fifo};
+  std::vector<std::string> args = {binary, "--config",    config_path_, "--listen",
+                                   listen, "--port-file", fifo};
   std::vector<char*> argv;
   for (std::string& arg : args) argv.push_back(arg.data());
   argv.push_back(nullptr);

@@ -1,8 +1,7 @@
 // Uploads, downloads, file information and listings through the wire units.
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <string>
 
