@@ -10,6 +10,7 @@
 #include "pelmora/admin/wire.h"
 #include "pelmora/testing/admin_peer.h"
 #include "tools/pelmora/crypto_io.h"
+#include "tools/pelmora/recording_output.h"
 
 namespace pelmora_tool {
 namespace {
@@ -25,20 +26,6 @@ using pelmora::testing::SizeData;
 using pelmora::testing::StatusData;
 using pelmora::testing::TextData;
 using ::testing::ElementsAre;
-
-// Collects what a command writes and its failure line.
-class RecordingOutput : public HostOutput {
- public:
-  void Write(std::string_view text) override { pieces.emplace_back(text); }
-  void Fail(const HostFailure& failure) override { errors.push_back(ErrorLine("srv", failure)); }
-  std::string Text() const {
-    std::string all;
-    for (const std::string& piece : pieces) all += piece;
-    return all;
-  }
-  std::vector<std::string> pieces;
-  std::vector<std::string> errors;
-};
 
 // A peer that accepts the login, then plays the steps the test adds; the command runs with the
 // built-in account (and its access code) unless an account is set.

@@ -90,6 +90,7 @@ std::string ErrorLine(std::string_view host, const HostFailure& failure) {
 HostSession::HostSession(HostTarget target, const AdminOptions& options,
                          const Credentials& credentials, HostOutput& output)
     : target_(std::move(target)),
+      display_(target_.Display()),
       options_(options),
       credentials_(credentials),
       output_(output),

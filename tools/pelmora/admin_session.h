@@ -112,6 +112,8 @@ class HostSession {
   const HostTarget& Target() const { return target_; }
   // The host's name as given (for the cache and the messages).
   const std::string& HostName() const { return target_.name; }
+  // The host as the host list gave it ("name" or "name:port"), as reports show it.
+  const std::string& Display() const { return display_; }
 
   // Reports the RCFSO's last error and returns `status`.
   int FailFromClient(int status);
@@ -120,6 +122,7 @@ class HostSession {
 
  private:
   HostTarget target_;
+  std::string display_;
   const AdminOptions& options_;
   const Credentials& credentials_;
   HostOutput& output_;

@@ -83,7 +83,7 @@ int Stat(HostSession& session, const std::string& path) {
 
 int Get(HostSession& session, const std::string& remote, const std::string& local) {
   std::string target =
-      DownloadTarget(remote, local, session.Options().fleet ? session.Target().Display() : "");
+      DownloadTarget(remote, local, session.Options().fleet ? session.Display() : "");
   if (session.Options().fleet) {
     std::error_code error;
     fs::create_directories(fs::path(target).parent_path(), error);

@@ -16,6 +16,7 @@
 #include "pelmora/admin/wire.h"
 #include "pelmora/admin/wire_replies.h"
 #include "pelmora/testing/admin_peer.h"
+#include "tools/pelmora/recording_output.h"
 #include "tools/pelmora/transfer_watch.h"
 
 namespace pelmora_tool {
@@ -32,14 +33,6 @@ using pelmora::testing::SizeData;
 namespace fs = std::filesystem;
 
 constexpr uint64_t kWriteTime = 128930000000000000;  // a FILETIME in 2009
-
-class TextOutput : public HostOutput {
- public:
-  void Write(std::string_view piece) override { text.append(piece); }
-  void Fail(const HostFailure& failure) override { errors.push_back(ErrorLine("srv", failure)); }
-  std::string text;
-  std::vector<std::string> errors;
-};
 
 class AdminTransferTest : public ::testing::Test {
  protected:
@@ -67,7 +60,7 @@ class AdminTransferTest : public ::testing::Test {
   ScriptedPeer peer_;
   AdminOptions options_;
   Credentials secrets_;
-  TextOutput output_;
+  RecordingOutput output_;
 };
 
 FileInfoRecord Entry(std::string name, int32_t attributes, int32_t size) {
@@ -87,7 +80,7 @@ TEST_F(AdminTransferTest, LongListingShowsAttributesSizeTimeAndName) {
       .Send(listing);
   EXPECT_EQ(Run([](HostSession& s) { return ListFolder(s, "C:\\data", true); }), kExitOk);
   std::string when = pelmora::admin::FileTimeToDate(kWriteTime).Format("yyyy-mm-dd hh:nn:ss");
-  EXPECT_EQ(output_.text, "d----           0 " + when + " logs\n-r--a        1234 " + when +
+  EXPECT_EQ(output_.Text(), "d----           0 " + when + " logs\n-r--a        1234 " + when +
                               " app.ini\n");
   EXPECT_EQ(RequestArgument(2), "C:\\data");
 }
