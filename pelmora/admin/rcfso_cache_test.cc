@@ -28,7 +28,7 @@ using pelmora::testing::ExpectLogin;
 using pelmora::testing::ExpectRequest;
 using pelmora::testing::LogCapture;
 using pelmora::testing::LogIn;
-using pelmora::testing::ReadWholeFile;
+using pelmora::testing::ReadFileBytes;
 using pelmora::testing::ScriptedPeer;
 using pelmora::testing::SizeData;
 
@@ -125,7 +125,7 @@ TEST_F(RCFSOCache, FetchesAMissingFileOnceAndFindsItCurrent) {
   std::string local;
   EXPECT_TRUE(fso_.getUpdatedServerFileToTempFolder(kRemote, local)) << fso_.ErrDescription();
   EXPECT_EQ(local, Cached());
-  EXPECT_EQ(ReadWholeFile(local), content);
+  EXPECT_EQ(ReadFileBytes(local), content);
   EXPECT_TRUE(peer_.Finish()) << peer_.Failure();
 }
 
@@ -152,7 +152,7 @@ TEST_F(RCFSOCache, RefetchesOnlyWhenTheSecondsDiffer) {
     ASSERT_TRUE(LogIn(fso, peer));
     std::string local;
     EXPECT_TRUE(fso.getUpdatedServerFileToTempFolder(kRemote, local));
-    EXPECT_EQ(ReadWholeFile(local), c.fetched ? new_content : old_content);
+    EXPECT_EQ(ReadFileBytes(local), c.fetched ? new_content : old_content);
     EXPECT_TRUE(peer.Finish()) << peer.Failure();
   }
 }

@@ -30,7 +30,7 @@ using pelmora::testing::ExpectRequest;
 using pelmora::testing::LogCapture;
 using pelmora::testing::LogIn;
 using pelmora::testing::LogLine;
-using pelmora::testing::ReadWholeFile;
+using pelmora::testing::ReadFileBytes;
 using pelmora::testing::ResultData;
 using pelmora::testing::ScriptedPeer;
 using pelmora::testing::UnicodeRequestBlock;
@@ -212,7 +212,7 @@ TEST_P(DownloadSizes, WritesTheContentAndSetsTheTimes) {
   ASSERT_TRUE(times);
   EXPECT_EQ(times->last_access, kAccess);
   EXPECT_EQ(times->last_write, kWrite - kWrite % 10000);
-  EXPECT_EQ(ReadWholeFile(local), content);
+  EXPECT_EQ(ReadFileBytes(local), content);
   EXPECT_TRUE(
       log_.Has(".log", {"I", "RFSO", "Download",
                         Handle(fso_) + "Download file size = " + std::to_string(content.size())}));
@@ -268,7 +268,7 @@ TEST_F(RCFSOTransfer, DownloadCutShortKeepsThePiecesReceived) {
     EXPECT_FALSE(fso.Download(local, "D:\\f"));
     EXPECT_EQ(fso.ErrCode(), close ? 10054 : 10060);
     EXPECT_EQ(fso.ErrDescription(), DescribeError(fso.ErrCode()));
-    EXPECT_EQ(ReadWholeFile(local), Bytes(content.begin(), content.begin() + 1500));
+    EXPECT_EQ(ReadFileBytes(local), Bytes(content.begin(), content.begin() + 1500));
     EXPECT_TRUE(log_.Has(
         ".log", {"I", "RFSO", "Download", Handle(fso) + "Get file content fail ,remain = 1500"}));
     fso.Disconnect();

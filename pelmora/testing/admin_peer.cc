@@ -63,7 +63,7 @@ Bytes UnicodeRequestBlock(admin::RequestCode code, std::string_view argument) {
   return admin::BuildRequestBlock(code, args);
 }
 
-Bytes ReadWholeFile(const std::string& path) {
+Bytes ReadFileBytes(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return Bytes(std::istreambuf_iterator<char>(in), {});
 }

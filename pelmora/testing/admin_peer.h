@@ -57,7 +57,7 @@ Bytes KindData(int32_t kind, int32_t value);
 Bytes UnicodeRequestBlock(admin::RequestCode code, std::string_view argument);
 
 // The whole content of the file at `path` (empty when it cannot be read).
-Bytes ReadWholeFile(const std::string& path);
+Bytes ReadFileBytes(const std::string& path);
 
 // Script steps: receive the login packet and answer it with a result reply.
 ScriptedPeer& ExpectLogin(ScriptedPeer& peer, bool accept);
