@@ -22,7 +22,7 @@
 namespace pelmora::archive {
 
 // The zip option record: three strings, 28 flags and the level, in record order. Flags that
-// have no meaning on this platform are kept and ignored (see docs/platform-archive.md).
+// have no meaning on this platform are kept and ignored (see docs/platform.md, "Archives").
 struct ZipOptions {
   std::string date;
   std::string root_dir;   // names are taken relative to it; a relative archive path too
