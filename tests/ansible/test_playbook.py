@@ -1,6 +1,6 @@
 """Ansible over the connection plugin against several real pelmorad instances on loopback."""
 
-import json
+import re
 import os
 import pathlib
 import subprocess
@@ -37,8 +37,7 @@ def ansible(program, folder, *args):
                ANSIBLE_LOCAL_TEMP=str(folder / "local-tmp"),
                ANSIBLE_REMOTE_TMP=str(folder / "remote-tmp"),
                ANSIBLE_HOME=str(folder / "home"),
-               ANSIBLE_STDOUT_CALLBACK="json" if program == "ansible-playbook" else "default",
-               ANSIBLE_LOAD_CALLBACK_PLUGINS="1",
+               ANSIBLE_STDOUT_CALLBACK="default",
                ANSIBLE_NOCOLOR="1",
                ANSIBLE_TIMEOUT="10")
     return subprocess.run([program, *args], env=env, capture_output=True, text=True,
@@ -77,8 +76,9 @@ def test_playbook_copies_runs_and_fetches(fleet, tmp_path):
 """)
     done = ansible("ansible-playbook", folder, "-i", str(inventory), str(playbook))
     assert done.returncode == 0, done.stdout[-4000:] + done.stderr[-4000:]
-    stats = json.loads(done.stdout)["stats"]
-    assert {host: stats[host]["failures"] for host in stats} == {"host0": 0, "host1": 0}
+    recap = done.stdout[done.stdout.index("PLAY RECAP"):]
+    for host in ("host0", "host1"):
+        assert re.search(host + r"\s+: ok=4 .*failed=0", recap), recap
     for host in ("host0", "host1"):
         fetched = tmp_path / "fetched" / host / f"{target}-{host}.txt".lstrip("/")
         assert fetched.read_text() == "payload for the fleet\n"

@@ -106,7 +106,12 @@ void ServiceProcess::WriteConfig(const std::string& extra) {
 }
 
 bool ServiceProcess::Start(std::string listen) {
+  // The test's environment names the service; a test program built with the service's path
+  // compiled in (PELMORAD_DEFAULT_BINARY) can do without it.
   const char* binary = std::getenv("PELMORAD_BINARY");
+#ifdef PELMORAD_DEFAULT_BINARY
+  if (binary == nullptr) binary = PELMORAD_DEFAULT_BINARY;
+#endif
   if (binary == nullptr) {
     ADD_FAILURE() << "PELMORAD_BINARY is not set";
     return false;
