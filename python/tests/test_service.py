@@ -1,5 +1,6 @@
 """The module against a real pelmorad: sessions, streamed command output, transfers, threads."""
 
+import datetime
 import os
 import pathlib
 import threading
@@ -84,3 +85,19 @@ def test_blocking_calls_of_two_threads_overlap(service):
     elapsed = time.monotonic() - started
     assert results == [True, True]
     assert elapsed < 1.8
+
+
+def test_folder_listings_iterate_and_file_information_comes_back(service):
+    listed = service.drive / "listed"
+    listed.mkdir(exist_ok=True)
+    for name, size in (("a.txt", 1), ("b.bin", 1500)):
+        (listed / name).write_bytes(b"x" * size)
+    fso, connected = connect(service)
+    with fso:
+        assert connected, fso.ErrDescription
+        files = fso.GetFolderFiles("C:\\listed")
+        assert len(files) == 2
+        assert sorted((f.FileName, f.FileSize) for f in files) == [("a.txt", 1), ("b.bin", 1500)]
+        ok, info = fso.GetFileInfo("C:\\listed\\b.bin", None)
+        assert ok and info.FileSize == 1500
+        assert isinstance(info.LastWriteTime, datetime.datetime)
