@@ -142,6 +142,16 @@ void ReadLimits(const toml::table& root, std::string_view source, Limits& limits
   ReadLimit(*table, "print_queue_seconds", source, 1, 3600, limits.print_queue_seconds);
 }
 
+void ReadScheduler(const toml::table& root, std::string_view source, Config& config) {
+  toml::node_view<const toml::node> scheduler = root["scheduler"];
+  config.scheduler.enabled = Flag(scheduler["enabled"], source, "scheduler.enabled", false);
+  config.scheduler.folder = Text(scheduler["folder"], source, "scheduler.folder", "");
+  if (config.scheduler.enabled && !config.LinuxPathOf(config.scheduler.folder)) {
+    Fail(source, "scheduler.folder must be a drive path beneath a mapped drive, such as "
+                 "'C:\\pelmora\\tasks'");
+  }
+}
+
 void ReadSystem(const toml::table& root, std::string_view source, Config& config) {
   toml::node_view<const toml::node> system = root["system"];
   config.system_directory =
@@ -194,8 +204,28 @@ std::optional<std::string> Config::PathForKey(std::string_view key) const {
                       });
   };
   auto found = std::find_if(paths.begin(), paths.end(), same);
-  if (found == paths.end()) return std::nullopt;
-  return found->second;
+  if (found != paths.end()) return found->second;
+  if (scheduler.enabled && same({"Tasks", scheduler.folder})) return scheduler.folder;
+  return std::nullopt;
+}
+
+std::optional<std::string> Config::LinuxPathOf(std::string_view drive_path) const {
+  if (drive_path.size() < 3 || drive_path[1] != ':' ||
+      (drive_path[2] != '\\' && drive_path[2] != '/')) {
+    return std::nullopt;
+  }
+  auto drive = drives.find(static_cast<char>(std::toupper(static_cast<unsigned char>(drive_path[0]))));
+  if (drive == drives.end()) return std::nullopt;
+  std::string path = drive->second;
+  std::string_view rest = drive_path.substr(3);
+  while (!rest.empty()) {
+    std::size_t end = rest.find_first_of("\\/");
+    std::string_view piece = rest.substr(0, end);
+    if (piece == "..") return std::nullopt;
+    if (!piece.empty() && piece != ".") path += "/" + std::string(piece);
+    rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
+  }
+  return path;
 }
 
 Config ParseConfig(std::string_view text, std::string_view source) {
@@ -211,6 +241,7 @@ Config ParseConfig(std::string_view text, std::string_view source) {
   ReadDrives(root, source, config);
   ReadPaths(root, source, config);
   ReadSystem(root, source, config);
+  ReadScheduler(root, source, config);
   ReadAccounts(root, source, config);
   ReadLimits(root, source, config.limits);
   return config;

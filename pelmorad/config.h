@@ -52,6 +52,14 @@ struct Limits {
   int print_queue_seconds = 10;    // longest run of the print queue command
 };
 
+// The task runner the service hosts: `folder` is a drive path ('C:\pelmora\tasks') beneath a
+// mapped drive; it is also published under the path key "Tasks" so that other machines manage
+// the tasks through the file requests.
+struct SchedulerConfig {
+  bool enabled = false;
+  std::string folder;
+};
+
 // The whole configuration.
 struct Config {
   std::vector<std::string> listen = {"127.0.0.1:8002"};
@@ -62,11 +70,16 @@ struct Config {
   std::string shell = "/bin/sh";    // runs command lines with -c
   std::map<std::string, Account> accounts;
   Limits limits;
+  SchedulerConfig scheduler;
 
   // The account called `name`, or nullptr.
   const Account* FindAccount(std::string_view name) const;
   // The path registered under `key` (compared without regard to case), or nullopt.
+  // "Tasks" answers the scheduler's folder when no [paths] entry has that key.
   std::optional<std::string> PathForKey(std::string_view key) const;
+  // The Linux folder of a drive path beneath a mapped drive ("C:\a\b" -> "<C's folder>/a/b"), or
+  // nullopt for an unmapped drive, a path that is not absolute, or a ".." piece.
+  std::optional<std::string> LinuxPathOf(std::string_view drive_path) const;
 };
 
 // Parses and checks configuration text. Throws pelmora::Error 87 with a description naming

@@ -90,7 +90,20 @@ INSTANTIATE_TEST_SUITE_P(
         BadConfig{"[accounts.a]\npassword = \"$y$x\"\nread_only = 1", "read_only must be true"},
         BadConfig{"[limits]\nsessions = 0", "limits.sessions must be a whole number"},
         BadConfig{"[limits]\nidle_seconds = \"5\"", "limits.idle_seconds"},
-        BadConfig{"[system]\nshell = \"sh\"", "system.shell must be an absolute"}));
+        BadConfig{"[system]\nshell = \"sh\"", "system.shell must be an absolute"},
+        BadConfig{"[drives]\nC = \"/c\"\n[scheduler]\nenabled = true\nfolder = 'D:\\t'",
+                  "scheduler.folder must be a drive path"},
+        BadConfig{"[drives]\nC = \"/c\"\n[scheduler]\nenabled = true\nfolder = 'C:\\..\\t'",
+                  "scheduler.folder must be a drive path"}));
+
+TEST(Config, SchedulerFolderIsADrivePathPublishedUnderTasks) {
+  Config config = ParseConfig(
+      "[drives]\nC = \"/srv/c\"\n[scheduler]\nenabled = true\nfolder = 'C:\\pel/tasks\\'",
+      "s");
+  EXPECT_EQ(config.LinuxPathOf(config.scheduler.folder), "/srv/c/pel/tasks");
+  EXPECT_EQ(config.PathForKey("TASKS"), "C:\\pel/tasks\\");
+  EXPECT_EQ(ParseConfig("[drives]\nC = \"/c\"", "s").PathForKey("Tasks"), std::nullopt);
+}
 
 TEST(Config, RefusesAFileWritableByOthers) {
   char folder_template[] = "/tmp/pelmorad-config-XXXXXX";

@@ -1,11 +1,13 @@
 // pelmorad: the administration service. See options.h for the command line and docs/protocol.md
 // for what it answers.
 #include <iostream>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "pelmora/common/error.h"
+#include "pelmora/sched/task_runner.h"
 #include "pelmorad/config.h"
 #include "pelmorad/options.h"
 #include "pelmorad/password.h"
@@ -32,6 +34,17 @@ int CheckConfig(const std::string& path) {
   return 0;
 }
 
+// Starts the task runner that the configuration's [scheduler] section asks for; nullptr when it
+// asks for none. The runner keeps the folder it started with across reloads.
+std::unique_ptr<pelmora::sched::TaskRunner> StartScheduler(const std::string& config_path) {
+  pelmorad::Config config = pelmorad::LoadConfig(config_path);
+  if (!config.scheduler.enabled) return nullptr;
+  auto runner = std::make_unique<pelmora::sched::TaskRunner>(
+      pelmora::sched::TaskRunnerOptions{.folder = *config.LinuxPathOf(config.scheduler.folder)});
+  runner->Start();
+  return runner;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -49,8 +62,12 @@ int main(int argc, char** argv) {
       case pelmorad::Action::kServe:
         break;
     }
+    std::string config_path = options.server.config_path;
     pelmorad::Server server(std::move(options.server));
-    return server.Run();
+    std::unique_ptr<pelmora::sched::TaskRunner> scheduler = StartScheduler(config_path);
+    int status = server.Run();
+    if (scheduler) scheduler->Stop();
+    return status;
   } catch (const pelmora::Error& error) {
     std::cerr << "pelmorad: " << error.Description() << '\n';
     return error.Number() == 87 ? 2 : 1;
