@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <condition_variable>
 #include <fstream>
 #include <mutex>
@@ -33,8 +35,10 @@ using Env = std::vector<std::pair<std::string, std::string>>;
 
 constexpr std::chrono::seconds kLimit(20);
 
+// A scratch file of this test process (ctest runs the tests as parallel processes).
 std::string Scratch(const std::string& name) {
-  std::string path = ::testing::TempDir() + "pelmora-cli-" + name;
+  std::string path =
+      ::testing::TempDir() + "pelmora-cli-" + std::to_string(::getpid()) + "-" + name;
   std::ofstream(path).close();
   return path;
 }
