@@ -32,11 +32,11 @@ std::size_t WholeUtf8Prefix(std::string_view bytes) {
   return size;
 }
 
-std::optional<std::string> RunForOutput(const pelmora::ChildSpec& spec, std::size_t max_bytes,
+std::optional<std::string> RunForOutput(const pelmora::ChildSpec& launch, std::size_t max_bytes,
                                         std::chrono::milliseconds limit) {
   std::optional<pelmora::ChildProcess> child;
   try {
-    child.emplace(pelmora::ChildProcess::Start(spec));
+    child.emplace(pelmora::ChildProcess::Start(launch));
   } catch (const pelmora::Error&) {
     return std::nullopt;
   }

@@ -21,10 +21,10 @@ namespace pelmorad {
 // not UTF-8 at all are not held back (at most 3 bytes ever are).
 std::size_t WholeUtf8Prefix(std::string_view bytes);
 
-// Runs `spec` and returns its merged output, at most `max_bytes` of it; the process group is
+// Runs `launch` and returns its merged output, at most `max_bytes` of it; the process group is
 // killed once `limit` has passed or the output is full. nullopt when the command cannot start.
 // Blocks for at most `limit` (plus the kill).
-std::optional<std::string> RunForOutput(const pelmora::ChildSpec& spec, std::size_t max_bytes,
+std::optional<std::string> RunForOutput(const pelmora::ChildSpec& launch, std::size_t max_bytes,
                                         std::chrono::milliseconds limit);
 
 }  // namespace pelmorad

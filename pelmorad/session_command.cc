@@ -59,12 +59,12 @@ struct CommandIo {
 };
 
 pelmora::ChildSpec SpecFor(const Config& config, const Account& account, std::string command) {
-  pelmora::ChildSpec spec;
-  spec.command_line = std::move(command);
-  spec.shell = config.shell;
-  spec.working_folder = account.working_folder;
-  spec.run_as = account.run_as;
-  return spec;
+  pelmora::ChildSpec launch;
+  launch.command_line = std::move(command);
+  launch.shell = config.shell;
+  launch.working_folder = account.working_folder;
+  launch.run_as = account.run_as;
+  return launch;
 }
 
 int32_t StatusFor(const RunningCommand& command, const pelmora::ChildExit& exit) {
@@ -87,10 +87,10 @@ asio::awaitable<bool> Session::HandleCommand(const RequestBlock& block) {
     co_return co_await Refuse(block, refusal);
   }
   auto command = std::make_shared<RunningCommand>();
-  pelmora::ChildSpec spec = SpecFor(runtime_->config, *account_, request->command);
+  pelmora::ChildSpec launch = SpecFor(runtime_->config, *account_, request->command);
   command->start_error = co_await RunBlocking(context_.pool, [&] {
     try {
-      command->child.emplace(pelmora::ChildProcess::Start(spec));
+      command->child.emplace(pelmora::ChildProcess::Start(launch));
       return 0;
     } catch (const pelmora::Error& error) {
       return static_cast<int>(error.Number());
@@ -183,10 +183,10 @@ asio::awaitable<bool> Session::HandlePrintQueue(const RequestBlock& block) {
   const std::string& command_line = runtime_->config.print_queue_command;
   std::string text;
   if (!command_line.empty()) {
-    pelmora::ChildSpec spec = SpecFor(runtime_->config, *account_, command_line);
+    pelmora::ChildSpec launch = SpecFor(runtime_->config, *account_, command_line);
     auto limit = std::chrono::seconds(limits().print_queue_seconds);
     std::optional<std::string> output = co_await RunBlocking(
-        context_.pool, [&] { return RunForOutput(spec, kPrintQueueBytes, limit); });
+        context_.pool, [&] { return RunForOutput(launch, kPrintQueueBytes, limit); });
     text = output.value_or("");
   }
   AuditRequest(block.code, "print queue", kSuccess);

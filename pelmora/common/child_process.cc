@@ -179,14 +179,14 @@ struct LaunchPlan {
   std::vector<char*> envp;
 };
 
-LaunchPlan MakePlan(const ChildSpec& spec) {
+LaunchPlan MakePlan(const ChildSpec& launch) {
   LaunchPlan plan;
-  plan.identity = ResolveIdentity(spec.run_as);
-  plan.folder_given = !spec.working_folder.empty();
-  plan.folder = plan.folder_given ? spec.working_folder : plan.identity.home;
+  plan.identity = ResolveIdentity(launch.run_as);
+  plan.folder_given = !launch.working_folder.empty();
+  plan.folder = plan.folder_given ? launch.working_folder : plan.identity.home;
   if (plan.folder.empty()) plan.folder = "/";
-  plan.strings = {spec.shell, "-c", spec.command_line};
-  for (std::string& entry : BuildEnvironment(plan.identity, spec.environment)) {
+  plan.strings = {launch.shell, "-c", launch.command_line};
+  for (std::string& entry : BuildEnvironment(plan.identity, launch.environment)) {
     plan.strings.push_back(std::move(entry));
   }
   for (size_t i = 0; i < plan.strings.size(); ++i) {
@@ -288,8 +288,8 @@ void ReapQuietly(pid_t pid) {
 
 }  // namespace
 
-ChildProcess ChildProcess::Start(const ChildSpec& spec) {
-  LaunchPlan plan = MakePlan(spec);
+ChildProcess ChildProcess::Start(const ChildSpec& launch) {
+  LaunchPlan plan = MakePlan(launch);
   UniqueFd null_fd(open("/dev/null", O_RDONLY | O_CLOEXEC));
   if (null_fd.Get() < 0) throw StartError(ErrnoToSystemError(errno));
   Pipe output = MakePipe();

@@ -59,7 +59,7 @@ class ChildProcess {
   //   2 "The system cannot find the file specified." (no such shell), 5 "Access is denied."
   //   (shell not executable, or the identity change was refused), 3, 8, 4 or 87 for the other
   //   failures of fork/exec. Blocks only for the fork and exec.
-  static ChildProcess Start(const ChildSpec& spec);
+  static ChildProcess Start(const ChildSpec& launch);
 
   ChildProcess(ChildProcess&& other) noexcept;
   ChildProcess& operator=(ChildProcess&& other) noexcept;

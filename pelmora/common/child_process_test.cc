@@ -47,21 +47,21 @@ struct Result {
   ChildExit exit;
 };
 
-// A spec for `command_line` with every other member at its default.
+// A launch description for `command_line` with every other member at its default.
 ChildSpec Command(std::string command_line) {
-  ChildSpec spec;
-  spec.command_line = std::move(command_line);
-  return spec;
+  ChildSpec launch;
+  launch.command_line = std::move(command_line);
+  return launch;
 }
 
 ChildSpec Command(std::string command_line, std::string run_as) {
-  ChildSpec spec = Command(std::move(command_line));
-  spec.run_as = std::move(run_as);
-  return spec;
+  ChildSpec launch = Command(std::move(command_line));
+  launch.run_as = std::move(run_as);
+  return launch;
 }
 
-Result RunChild(const ChildSpec& spec) {
-  ChildProcess child = ChildProcess::Start(spec);
+Result RunChild(const ChildSpec& launch) {
+  ChildProcess child = ChildProcess::Start(launch);
   std::string output = ReadAll(child);
   return {output, child.Wait()};
 }
@@ -137,9 +137,9 @@ TEST(ChildProcess, RunsInACleanEnvironmentWithExtraEntries) {
   passwd* user = CurrentUser();
   ASSERT_NE(user, nullptr);
   std::string name = user->pw_name, home = user->pw_dir, shell = user->pw_shell;
-  ChildSpec spec = Command("/usr/bin/env | /usr/bin/sort");
-  spec.environment = {"PATH=/opt/bin", "ZED=a=b"};
-  Result r = RunChild(spec);
+  ChildSpec launch = Command("/usr/bin/env | /usr/bin/sort");
+  launch.environment = {"PATH=/opt/bin", "ZED=a=b"};
+  Result r = RunChild(launch);
   unsetenv("PELMORA_CHILD_SECRET");
   EXPECT_EQ(r.output, "HOME=" + home + "\nLOGNAME=" + name + "\nPATH=/opt/bin\nPWD=" + home +
                           "\nSHELL=" + shell + "\nUSER=" + name + "\nZED=a=b\n");
@@ -168,9 +168,9 @@ TEST(ChildProcess, RestoresDefaultSignalDispositionsAndMask) {
 
 TEST(ChildProcess, UsesTheGivenWorkingFolderOrTheHomeFolder) {
   std::string folder = std::filesystem::temp_directory_path();
-  ChildSpec spec = Command("pwd");
-  spec.working_folder = folder;
-  EXPECT_EQ(RunChild(spec).output, folder + "\n");
+  ChildSpec launch = Command("pwd");
+  launch.working_folder = folder;
+  EXPECT_EQ(RunChild(launch).output, folder + "\n");
   EXPECT_EQ(RunChild("pwd").output, std::string(CurrentUser()->pw_dir) + "\n");
 }
 
@@ -197,10 +197,10 @@ TEST(ChildProcess, RaisesANumberedErrorWhenItCannotStart) {
   };
   for (const Case& c : kCases) {
     SCOPED_TRACE(c.shell + " in " + c.folder);
-    ChildSpec spec = Command("true");
-    spec.shell = c.shell;
-    spec.working_folder = c.folder;
-    Error e = RaisedError([&] { ChildProcess::Start(spec); });
+    ChildSpec launch = Command("true");
+    launch.shell = c.shell;
+    launch.working_folder = c.folder;
+    Error e = RaisedError([&] { ChildProcess::Start(launch); });
     EXPECT_EQ(e.Number(), c.number);
     EXPECT_EQ(e.Description(), c.text);
     EXPECT_EQ(e.Source(), "ChildProcess");

@@ -143,14 +143,14 @@ std::string TaskAccount(const std::string& folder, const std::string& file_name)
 std::optional<ChildProcess> StartTaskRun(const std::string& folder, const std::string& file_name,
                                          const JobFile& job, const Date& now,
                                          uint32_t& start_error) {
-  ChildSpec spec;
-  spec.command_line = TaskCommandLine(job);
-  spec.working_folder = job.working_directory;
-  spec.run_as = TaskAccount(folder, file_name);
+  ChildSpec launch;
+  launch.command_line = TaskCommandLine(job);
+  launch.working_folder = job.working_directory;
+  launch.run_as = TaskAccount(folder, file_name);
   std::optional<ChildProcess> child;
   start_error = 0;
   try {
-    child.emplace(ChildProcess::Start(spec));
+    child.emplace(ChildProcess::Start(launch));
   } catch (const Error& e) {
     start_error = ResultFromWin32(static_cast<uint32_t>(e.Number()));
     WriteLog(1, file_name + ": " + e.Description(), "TaskRunner", "StartTaskRun", kLogEntryError);

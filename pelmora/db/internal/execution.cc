@@ -13,10 +13,10 @@ constexpr int32_t kInvalidArgument = 5;
 
 CallParameter ReadElement(const Variant& element) {
   if (!element.IsArray()) return CallParameter{SQL_PARAM_INPUT, element};
-  const VariantArray& spec = element.ToArray();
-  if (spec.items.size() < 2) throw RuntimeError(kInvalidArgument, "SQLDB");
-  int32_t direction = spec.At(spec.lower_bound + 1).ToLong();
-  Variant value = spec.items.size() > 2 ? spec.At(spec.lower_bound + 2) : Variant();
+  const VariantArray& parameter = element.ToArray();
+  if (parameter.items.size() < 2) throw RuntimeError(kInvalidArgument, "SQLDB");
+  int32_t direction = parameter.At(parameter.lower_bound + 1).ToLong();
+  Variant value = parameter.items.size() > 2 ? parameter.At(parameter.lower_bound + 2) : Variant();
   switch (direction) {
     case 1:
       return CallParameter{SQL_PARAM_INPUT, std::move(value)};
