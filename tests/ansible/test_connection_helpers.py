@@ -9,9 +9,9 @@ from ansible.errors import AnsibleError
 
 PLUGIN = (pathlib.Path(os.environ["PELMORA_SOURCE_DIR"]) /
           "ansible/ansible_collections/pelmora/admin/plugins/connection/pelmora.py")
-spec = importlib.util.spec_from_file_location("pelmora_connection", PLUGIN)
-plugin = importlib.util.module_from_spec(spec)
-spec.loader.exec_module(plugin)
+found = importlib.util.spec_from_file_location("pelmora_connection", PLUGIN)
+plugin = importlib.util.module_from_spec(found)
+found.loader.exec_module(plugin)
 
 
 @pytest.mark.parametrize("output, status, rest", [
