@@ -6,11 +6,11 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -28,6 +28,7 @@ class OutputCollector : public pelmora::admin::RCFSOEvents {
   void CommandOutput(std::string& text) override {
     pieces.push_back(text);
     times.push_back(std::chrono::steady_clock::now());
+    if (pieces.size() == 1 && after_first) after_first();
   }
   std::string All() const {
     std::string all;
@@ -36,6 +37,7 @@ class OutputCollector : public pelmora::admin::RCFSOEvents {
   }
   std::vector<std::string> pieces;
   std::vector<std::chrono::steady_clock::time_point> times;
+  std::function<void()> after_first;  // runs once the first piece has arrived
 };
 
 // True when process `pid` has ended within `milliseconds` (a zombie counts as ended).
@@ -81,16 +83,16 @@ TEST_F(ServiceCommands, NoOutputAndNonZeroExitsEndNormally) {
 TEST_F(ServiceCommands, SlowOutputIsForwardedBeforeTheCommandEnds) {
   std::string gate = Scratch("gate");
   ASSERT_EQ(::mkfifo(gate.c_str(), 0600), 0);
-  // The command prints, then blocks on the FIFO until the test has seen the first piece.
+  // The command prints, then blocks on the FIFO until the client has received the first piece,
+  // so the two lines can only arrive together if the service holds output back.
   std::string command = "echo first; read line < " + gate + "; echo second";
-  pid_t opener = ::fork();
-  if (opener == 0) {
+  output_.after_first = [&gate] {
     int fd = ::open(gate.c_str(), O_WRONLY);  // blocks until the command opens it
+    ASSERT_GE(fd, 0);
     (void)!::write(fd, "go\n", 3);
-    ::_exit(0);
-  }
+    ::close(fd);
+  };
   EXPECT_TRUE(fso_.SyncCreateProcess(command, 10000));
-  ::waitpid(opener, nullptr, 0);
   ASSERT_EQ(output_.pieces.size(), 2u);
   EXPECT_EQ(output_.pieces[0], "first\n");
   EXPECT_EQ(output_.pieces[1], "second\n");
