@@ -95,6 +95,9 @@ INSTANTIATE_TEST_SUITE_P(
                     true, 12031, "The connection with the server was reset"},
         FailureCase{"short body", "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n0123456789",
                     false, 12030, "The connection with the server was terminated abnormally"},
+        FailureCase{"far shorter body than announced",
+                    "HTTP/1.1 200 OK\r\nContent-Length: 900000000\r\n\r\n0123456789", false, 12030,
+                    "The connection with the server was terminated abnormally"},
         FailureCase{"bad chunk size", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n",
                     false, 12030, "The connection with the server was terminated abnormally"}));
 

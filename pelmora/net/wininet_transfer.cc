@@ -5,10 +5,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
+#include <cstdint>
 #include <optional>
+#include <stop_token>
+#include <thread>
 
 #include "pelmora/common/codepage.h"
 #include "pelmora/common/error.h"
@@ -73,16 +77,76 @@ int64_t ChunkedTotal(int64_t size, int64_t start, int64_t length, int64_t chunk)
   return total;
 }
 
-// Asks for huge pages under a large reserved result, which saves most of the page faults of
-// filling it; the advice is only a hint and its failure is ignored.
-void AdviseLargeBuffer(std::vector<uint8_t>& data) {
-  constexpr uintptr_t kHuge = uintptr_t{2} << 20;
-  if (data.capacity() < 4 * kHuge) return;
-  auto start = reinterpret_cast<uintptr_t>(data.data());
-  uintptr_t first = (start + kHuge - 1) & ~(kHuge - 1);
-  uintptr_t last = (start + data.capacity()) & ~(kHuge - 1);
-  ::madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
-}
+// Makes the pages of a large reserved result resident ahead of the bytes being copied into it.
+// Fresh anonymous memory costs a page fault and a zeroing per page on first touch, which on the
+// receiving thread costs more than the transfer itself; a helper thread faults the pages in
+// (as huge pages where the kernel has them) up to kWindow bytes ahead of what has arrived, so the
+// two overlap and a server announcing more than it sends cannot make much memory resident.
+// Where the kernel lacks MADV_POPULATE_WRITE the helper stops and pages fault in as usual.
+class ResultPrefaulter {
+ public:
+  static constexpr uintptr_t kHuge = uintptr_t{2} << 20;  // huge page size, also the step unit
+  static constexpr size_t kMinimum = size_t{16} << 20;
+  static constexpr size_t kStep = size_t{32} << 20;
+  static constexpr size_t kWindow = size_t{64} << 20;
+
+  // `data` must not reallocate while the prefaulter lives.
+  explicit ResultPrefaulter(std::vector<uint8_t>& data) {
+    if (data.capacity() < kMinimum) return;
+    auto start = reinterpret_cast<uintptr_t>(data.data());
+    begin_ = (start + kHuge - 1) & ~(kHuge - 1);
+    end_ = (start + data.capacity()) & ~(kHuge - 1);
+    offset_ = begin_ - start;
+    ::madvise(reinterpret_cast<void*>(begin_), end_ - begin_, MADV_HUGEPAGE);  // only a hint
+    helper_ = std::jthread([this](std::stop_token stop) { Run(stop); });
+  }
+  ~ResultPrefaulter() { Stop(); }
+  ResultPrefaulter(const ResultPrefaulter&) = delete;
+  ResultPrefaulter& operator=(const ResultPrefaulter&) = delete;
+
+  // Tells the helper how many bytes of the result are filled.
+  void Filled(size_t size) {
+    if (!helper_.joinable() || size < notified_ + kStep) return;
+    notified_ = size;
+    filled_.store(size);
+    filled_.notify_one();
+  }
+
+  // Ends the helper; the result may reallocate afterwards.
+  void Stop() {
+    if (!helper_.joinable()) return;
+    helper_.request_stop();
+    filled_.store(SIZE_MAX);
+    filled_.notify_one();
+    helper_.join();
+  }
+
+ private:
+  void Run(const std::stop_token& stop) {
+    uintptr_t next = begin_;
+    while (next < end_ && !stop.stop_requested()) {
+      size_t filled = filled_.load();
+      uintptr_t start = begin_ - offset_;
+      uintptr_t limit = filled >= end_ - start - std::min(kWindow, end_ - start)
+                            ? end_
+                            : (start + filled + kWindow) & ~(kHuge - 1);
+      if (next >= limit) {
+        filled_.wait(filled);
+        continue;
+      }
+      size_t length = std::min<uintptr_t>(kStep, limit - next);
+      if (::madvise(reinterpret_cast<void*>(next), length, MADV_POPULATE_WRITE) != 0) return;
+      next += length;
+    }
+  }
+
+  uintptr_t begin_ = 0;
+  uintptr_t end_ = 0;
+  size_t offset_ = 0;
+  size_t notified_ = 0;
+  std::atomic<size_t> filled_{0};
+  std::jthread helper_;
+};
 
 }  // namespace
 
@@ -158,20 +222,15 @@ Variant WinINet::OpenURL(const std::string& URL, int32_t DataType) {
   return GetResponse(DataType);
 }
 
-// Reads into `data` from its current size until `size` bytes are there or the response ends.
+// Appends to `data` until it holds `size` bytes or the response ends.
 void WinINet::ReadInto(std::vector<uint8_t>& data, size_t size) {
-  size_t used = data.size();
-  data.resize(size);
-  while (used < size && transfer_) {
+  while (data.size() < size && transfer_) {
     size_t got = 0;
-    if (int32_t error = transfer_->Read(data.data() + used, size - used, got); error != 0) {
-      data.resize(used);
+    if (int32_t error = transfer_->Read(data, size - data.size(), got); error != 0) {
       net_internal::RaiseWithText(error);
     }
     if (got == 0) break;
-    used += got;
   }
-  data.resize(used);
 }
 
 Variant WinINet::GetResponse(int32_t DataType) {
@@ -183,15 +242,17 @@ Variant WinINet::GetResponse(int32_t DataType) {
     // (one chunk more: the last, empty read needs room too).
     auto declared = std::min(std::strtoull(length->c_str(), nullptr, 10), 1ULL << 30);
     data.reserve(static_cast<size_t>(declared) + chunk);
-    AdviseLargeBuffer(data);
   }
+  ResultPrefaulter prefaulter(data);
   while (transfer_) {
     size_t before = data.size();
     if (data.capacity() < before + chunk) {
+      prefaulter.Stop();
       data.reserve(before + std::max(chunk, before / 4));  // bounded copying for long bodies
     }
     ReadInto(data, before + chunk);
     if (data.size() == before) break;
+    prefaulter.Filled(data.size());
     if (events_ != nullptr) events_->Receiving(static_cast<int32_t>(data.size()));
   }
   return ResultOf(std::move(data), DataType);

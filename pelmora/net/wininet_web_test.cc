@@ -17,6 +17,9 @@ using testing::RaisedError;
 using testing::WebServer;
 using Cert = WebServer::Cert;
 
+// Large enough for the result's pages to be made resident ahead of the copying.
+constexpr size_t kHugeSize = (size_t{40} << 20) + 12345;
+
 std::string Pattern(size_t size) {
   std::string text(size, '\0');
   for (size_t i = 0; i < size; ++i) text[i] = static_cast<char>('a' + (i * 7 + i / 251) % 26);
@@ -55,6 +58,7 @@ class WinINetWeb : public ::testing::Test {
   static void SetUpTestSuite() {
     web_ = new WebServer();
     web_->WriteDocument("big.bin", Pattern(1234567));
+    web_->WriteDocument("huge.bin", Pattern(kHugeSize));
     web_->WriteDocument("empty.txt", "");
     ::setenv("SSL_CERT_FILE", web_->CaFile().c_str(), 1);
   }
@@ -88,6 +92,21 @@ TEST_F(WinINetWeb, LargeBodyArrivesWholeWithGrowingReceivingTotals) {
   EXPECT_EQ(Bytes(inet.OpenURL(web_->HttpUrl("/big.bin"), icByteArray)), Pattern(1234567));
   EXPECT_EQ(recorder.totals, (std::vector<int32_t>{500000, 1000000, 1234567}));
   EXPECT_EQ(recorder.uploads, 0);
+}
+
+TEST_F(WinINetWeb, HugeBodyArrivesWholeAndCancellingItKeepsWhatWasRead) {
+  WinINet inet;
+  Recorder recorder(inet);
+  inet.SetChunkSize(4000000);
+  EXPECT_EQ(Bytes(inet.OpenURL(web_->HttpUrl("/huge.bin"), icByteArray)), Pattern(kHugeSize));
+  ASSERT_EQ(recorder.totals.size(), kHugeSize / 4000000 + 1);
+  EXPECT_EQ(recorder.totals[0], 4000000);
+  EXPECT_EQ(recorder.totals.back(), static_cast<int32_t>(kHugeSize));
+
+  Recorder canceller(inet, 3);
+  Variant body = inet.OpenURL(web_->HttpUrl("/huge.bin"), icByteArray);
+  EXPECT_EQ(canceller.totals.back(), 12000000);
+  EXPECT_EQ(Bytes(body), Pattern(12000000));
 }
 
 TEST_F(WinINetWeb, ChunkedResponseIsReassembled) {

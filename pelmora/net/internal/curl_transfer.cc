@@ -19,7 +19,7 @@ namespace {
 
 constexpr long kMaxRedirects = 30;
 // libcurl's receive buffer: larger reads than its 16 KiB default, as the curl program uses.
-constexpr long kReceiveBuffer = 128 * 1024;
+constexpr long kReceiveBuffer = 512 * 1024;
 
 // The SSL_CTX slot that leads the verify callback back to its transfer.
 int TransferSlot() {
@@ -182,32 +182,40 @@ int32_t CurlTransfer::Start() {
   return 0;
 }
 
-int32_t CurlTransfer::Read(uint8_t* out, size_t size, size_t& got) {
-  got = TakeStaged(out, size);
-  if (got == 0 && pending_error_ != 0) return std::exchange(pending_error_, 0);
-  if (got < size && !finished_ && pending_error_ == 0) {
-    sink_ = out + got;
-    sink_room_ = size - got;
-    int32_t error = Pump([this] { return sink_room_ == 0; });
+int32_t CurlTransfer::Read(std::vector<uint8_t>& out, size_t size, size_t& got) {
+  sink_ = &out;
+  sink_room_ = size;
+  TakeStaged();
+  got = size - sink_room_;
+  int32_t error = 0;
+  if (got == 0 && pending_error_ != 0) {
+    error = std::exchange(pending_error_, 0);
+  } else if (sink_room_ > 0 && !finished_ && pending_error_ == 0) {
+    int32_t pumped = Pump([this] { return sink_room_ == 0; });
     got = size - sink_room_;
-    sink_ = nullptr;
-    sink_room_ = 0;
-    if (error != 0 && got == 0) return error;
-    if (error != 0) pending_error_ = error;
+    if (pumped != 0 && got == 0) error = pumped;
+    if (pumped != 0 && got > 0) pending_error_ = pumped;
   }
-  if (got > 0 || size == 0) return 0;
+  sink_ = nullptr;
+  sink_room_ = 0;
+  if (error != 0 || got > 0 || size == 0) return error;
   return finished_ && result_ != CURLE_OK ? FailureNumber() : 0;
 }
 
-size_t CurlTransfer::TakeStaged(uint8_t* out, size_t size) {
-  size_t count = std::min(size, staged_.size() - staged_pos_);
-  if (count > 0) std::memcpy(out, staged_.data() + staged_pos_, count);
+void CurlTransfer::TakeStaged() {
+  size_t count = std::min(sink_room_, staged_.size() - staged_pos_);
+  Deliver(staged_.data() + staged_pos_, count);
   staged_pos_ += count;
   if (staged_pos_ == staged_.size()) {
     staged_.clear();
     staged_pos_ = 0;
   }
-  return count;
+}
+
+void CurlTransfer::Deliver(const uint8_t* data, size_t count) {
+  if (count == 0) return;
+  sink_->insert(sink_->end(), data, data + count);
+  sink_room_ -= count;
 }
 
 template <class Done>
@@ -259,12 +267,9 @@ size_t CurlTransfer::OnWrite(char* data, size_t size, size_t count, void* self_p
   self->active_ = true;
   self->body_started_ = true;
   self->headers_done_ = true;
+  const auto* bytes = reinterpret_cast<const uint8_t*>(data);
   size_t used = std::min(total, self->sink_room_);
-  if (used > 0) {
-    std::memcpy(self->sink_, data, used);
-    self->sink_ += used;
-    self->sink_room_ -= used;
-  }
+  self->Deliver(bytes, used);
   if (used == total) return total;
   size_t staged = self->staged_.size() - self->staged_pos_;
   if (used == 0 && staged >= kStagingLimit) {
@@ -275,7 +280,7 @@ size_t CurlTransfer::OnWrite(char* data, size_t size, size_t count, void* self_p
     self->staged_.erase(self->staged_.begin(), self->staged_.begin() + self->staged_pos_);
     self->staged_pos_ = 0;
   }
-  self->staged_.insert(self->staged_.end(), data + used, data + total);
+  self->staged_.insert(self->staged_.end(), bytes + used, bytes + total);
   return total;
 }
 

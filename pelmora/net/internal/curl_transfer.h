@@ -2,16 +2,17 @@
 //
 // The easy handle runs inside its own multi handle. Start sends the request and pumps until the
 // response headers are complete (HTTP), the first byte of data arrives (FTP, Gopher) or the
-// transfer ends. Read then copies the response in caller-sized pieces: bytes go straight into the
-// caller's buffer while a read waits, and otherwise into a small staging buffer; once that holds
+// transfer ends. Read then appends the response to the caller's vector in caller-sized pieces:
+// bytes go straight to the caller while a read waits, and otherwise into a small staging buffer
+// (no zero-filling of the caller's memory, one copy per byte); once that holds
 // kStagingLimit bytes the transfer is paused until the caller reads again, so memory stays
 // bounded whatever the size of the response. Every wait for data is bounded by the idle time-out:
 // when nothing arrives (and nothing is sent) for that long, the call fails with 12002.
 //
 //   CurlTransfer t(session, request);
 //   if (int32_t e = t.Start()) throw ...;        // WinInet number
-//   uint8_t buffer[4096]; size_t got = 0;
-//   while (t.Read(buffer, sizeof buffer, got) == 0 && got > 0) { ... }
+//   std::vector<uint8_t> body; size_t got = 0;
+//   while (t.Read(body, 4096, got) == 0 && got > 0) { ... }
 #ifndef PELMORA_NET_INTERNAL_CURL_TRANSFER_H_
 #define PELMORA_NET_INTERNAL_CURL_TRANSFER_H_
 
@@ -69,10 +70,10 @@ class CurlTransfer {
   // Sends the request and waits for the response headers. Returns 0 or the WinInet number.
   int32_t Start();
 
-  // Reads up to `size` bytes into `out`, waiting until that many arrived or the response ended;
+  // Appends up to `size` bytes to `out`, waiting until that many arrived or the response ended;
   // `got` 0 with the result 0 is the end. Returns 0 or the WinInet number (after every byte that
-  // arrived before the failure has been read).
-  int32_t Read(uint8_t* out, size_t size, size_t& got);
+  // arrived before the failure has been read). Reserve room in `out` first to avoid regrowth.
+  int32_t Read(std::vector<uint8_t>& out, size_t size, size_t& got);
 
   // The final response's header block (empty for FTP and Gopher).
   const ResponseHeaders& Headers() const { return headers_; }
@@ -96,7 +97,8 @@ class CurlTransfer {
   int32_t Pump(Done done);
   void CollectMessages();
   int32_t FailureNumber() const;
-  size_t TakeStaged(uint8_t* out, size_t size);
+  void TakeStaged();
+  void Deliver(const uint8_t* data, size_t count);
 
   TransferRequest request_;
   CURL* easy_ = nullptr;
@@ -114,8 +116,8 @@ class CurlTransfer {
   int32_t pending_error_ = 0;
   std::vector<uint8_t> staged_;
   size_t staged_pos_ = 0;
-  uint8_t* sink_ = nullptr;
-  size_t sink_room_ = 0;
+  std::vector<uint8_t>* sink_ = nullptr;  // the waiting read's vector
+  size_t sink_room_ = 0;                  // how much more it takes
   int64_t upload_sent_ = 0;
 };
 
