@@ -161,9 +161,15 @@ void ReportRss(benchmark::State& state, int64_t size) {
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * size);
 }
 
+// A scratch file removed when the benchmark program ends (it lives in memory under /dev/shm).
+struct ScratchFile {
+  std::string path;
+  ~ScratchFile() { ::unlink(path.c_str()); }
+};
+
 // The local file an upload reads: `size` bytes, made once.
 const std::string& UploadSource(int64_t size) {
-  static const std::string path = [size] {
+  static const ScratchFile file{[size] {
     std::string name = BenchFile("pelmora-bench-upload.bin");
     const int fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     const Bytes block(kBlock, 0xA5);
@@ -173,8 +179,8 @@ const std::string& UploadSource(int64_t size) {
     }
     ::close(fd);
     return name;
-  }();
-  return path;
+  }()};
+  return file.path;
 }
 
 int ConnectPlain(uint16_t port) {
