@@ -6,6 +6,9 @@
 // and the client writes them to the same kind of file with recv/write. BM_AdminUpload and
 // BM_PlainUpload do the reverse from a local file. Each run reports bytes_per_second and the
 // process's peak resident size (peak_rss_mib), which must stay far below the file's size.
+// The bytes follow a pattern that does not repeat at piece or block boundaries; after the timed
+// runs the admin benchmarks check that the downloaded file and the uploaded stream hold exactly
+// those bytes and that file times travelled (a mismatch fails the run; intact=1 reports success).
 //   build/h/bench/pelmora_bench --benchmark_filter='Download|Upload'
 // Files are kept in /dev/shm when it exists. The file size is 1 GiB;
 // PELMORA_BENCH_TRANSFER_BYTES overrides it (e.g. 2040109465, 1.9 GiB).
@@ -15,12 +18,15 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <thread>
@@ -30,6 +36,7 @@
 #include "pelmora/admin/rcfso.h"
 #include "pelmora/admin/wire.h"
 #include "pelmora/admin/wire_replies.h"
+#include "pelmora/common/date.h"
 #include "pelmora/common/system.h"
 
 namespace {
@@ -70,27 +77,82 @@ bool SendAll(int fd, const uint8_t* data, size_t n) {
   return true;
 }
 
-// Sends `count` bytes of a fixed pattern.
+// The content every transfer carries: byte `offset` is Pattern()[offset % kPeriod]. The period
+// is prime to the 1500-byte pieces and the 1 MiB blocks, so a piece or block out of place shows.
+constexpr size_t kPeriod = kBlock - 1;
+
+const Bytes& Pattern() {
+  static const Bytes pattern = [] {
+    Bytes bytes(2 * kPeriod);
+    for (size_t i = 0; i < bytes.size(); ++i) {
+      bytes[i] = static_cast<uint8_t>((i % kPeriod) * 7 + (i % kPeriod) / 4099);
+    }
+    return bytes;
+  }();
+  return pattern;
+}
+
+// The pattern from `offset` on; up to kPeriod bytes are valid.
+const uint8_t* PatternAt(int64_t offset) {
+  return Pattern().data() + static_cast<size_t>(offset % static_cast<int64_t>(kPeriod));
+}
+
+// Sends `count` bytes of the pattern.
 bool Pump(int fd, int64_t count) {
-  const Bytes block(kBlock, 0x5A);
-  for (int64_t left = count; left > 0;) {
-    const auto n = static_cast<size_t>(std::min<int64_t>(left, kBlock));
-    if (!SendAll(fd, block.data(), n)) return false;
-    left -= static_cast<int64_t>(n);
+  for (int64_t sent = 0; sent < count;) {
+    const auto n = static_cast<size_t>(std::min<int64_t>(count - sent, kBlock / 2));
+    if (!SendAll(fd, PatternAt(sent), n)) return false;
+    sent += static_cast<int64_t>(n);
   }
   return true;
 }
 
-// Receives and drops `count` bytes.
-bool Drain(int fd, int64_t count) {
-  Bytes block(kBlock);
-  for (int64_t left = count; left > 0;) {
-    const auto n = static_cast<size_t>(std::min<int64_t>(left, kBlock));
+// Receives `count` bytes; true when they all arrived and the first `expected` of them follow the
+// pattern (the rest is padding).
+bool Drain(int fd, int64_t count, int64_t expected) {
+  Bytes block(kBlock / 2);
+  bool intact = true;
+  for (int64_t got = 0; got < count;) {
+    const auto n = static_cast<size_t>(std::min<int64_t>(count - got, block.size()));
     if (!Exactly(fd, block.data(), n)) return false;
-    left -= static_cast<int64_t>(n);
+    const auto checked = static_cast<size_t>(std::clamp<int64_t>(expected - got, 0, n));
+    intact = intact && std::memcmp(block.data(), PatternAt(got), checked) == 0;
+    got += static_cast<int64_t>(n);
   }
-  return true;
+  return intact;
 }
+
+// Whether the file at `path` holds exactly `size` bytes of the pattern.
+bool FileHoldsPattern(const std::string& path, int64_t size) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  Bytes block(kBlock / 2);
+  int64_t offset = 0;
+  bool intact = true;
+  for (ssize_t n; intact && (n = ::read(fd, block.data(), block.size())) > 0;) {
+    intact = offset + n <= size &&
+             std::memcmp(block.data(), PatternAt(offset), static_cast<size_t>(n)) == 0;
+    offset += n;
+  }
+  ::close(fd);
+  return intact && offset == size;
+}
+
+// The file times the download peer announces: written (and created) 2021-05-06 07:08:09 UTC,
+// read a minute later.
+constexpr uint64_t kAnnouncedWrite = 132647584890000000ULL;
+constexpr uint64_t kAnnouncedAccess = kAnnouncedWrite + 600000000ULL;
+
+uint64_t FileTimeOf(const timespec& time) {
+  return static_cast<uint64_t>(time.tv_sec + pelmora::kFileTimeUnixEpochSeconds) * 10000000ULL +
+         static_cast<uint64_t>(time.tv_nsec) / 100;
+}
+
+// What the peer found in the uploads it received.
+struct UploadChecks {
+  std::atomic<bool> intact{true};
+  std::atomic<uint64_t> last_write_time{0};
+};
 
 // A loopback listener whose one connection is served by `serve` on a thread.
 class Peer {
@@ -129,8 +191,8 @@ bool Reply(int fd, const Bytes& packet_received, const Bytes& data) {
 }
 
 // The service's side: the login, then downloads (code 1) and uploads (code 0) of `size` bytes
-// until the client closes.
-void ServeTransfers(int fd, int64_t size) {
+// until the client closes; uploads are checked into `checks`.
+void ServeTransfers(int fd, int64_t size, UploadChecks* checks) {
   Bytes packet(admin::kPacketSize);
   if (!Exactly(fd, packet.data(), packet.size()) ||
       !Reply(fd, packet, admin::BuildResultReply(true, 0, "")))
@@ -142,13 +204,20 @@ void ServeTransfers(int fd, int64_t size) {
       if (!Exactly(fd, packet.data(), packet.size()) ||
           !Reply(fd, packet, admin::BuildGoReply(true)))
         return;
+      const auto header = admin::ParseTransferHeader(
+          admin::ParseFramedPacket(packet, SequenceOf(packet)).data);
+      if (!header || header->size != size) checks->intact = false;
+      if (header) checks->last_write_time = header->last_write_time;
       const int64_t pieces = (size + 1499) / 1500;
-      if (!Drain(fd, pieces * 1500) || !Reply(fd, packet, admin::BuildResultReply(true, 0, "")))
-        return;
+      if (!Drain(fd, pieces * 1500, size)) checks->intact = false;
+      if (!Reply(fd, packet, admin::BuildResultReply(true, 0, ""))) return;
       continue;
     }
     admin::TransferHeader header;
     header.size = static_cast<int32_t>(size);
+    header.creation_time = kAnnouncedWrite;
+    header.last_access_time = kAnnouncedAccess;
+    header.last_write_time = kAnnouncedWrite;
     if (!Reply(fd, request, admin::BuildTransferHeader(header))) return;
     if (!Exactly(fd, packet.data(), packet.size()) || !Pump(fd, size)) return;
   }
@@ -172,10 +241,10 @@ const std::string& UploadSource(int64_t size) {
   static const ScratchFile file{[size] {
     std::string name = BenchFile("pelmora-bench-upload.bin");
     const int fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    const Bytes block(kBlock, 0xA5);
-    for (int64_t left = size; left > 0; left -= static_cast<int64_t>(kBlock)) {
-      const auto n = static_cast<size_t>(std::min<int64_t>(left, kBlock));
-      if (::write(fd, block.data(), n) != static_cast<ssize_t>(n)) break;
+    for (int64_t written = 0; written < size;) {
+      const auto n = static_cast<size_t>(std::min<int64_t>(size - written, kBlock / 2));
+      if (::write(fd, PatternAt(written), n) != static_cast<ssize_t>(n)) break;
+      written += static_cast<int64_t>(n);
     }
     ::close(fd);
     return name;
@@ -195,7 +264,8 @@ int ConnectPlain(uint16_t port) {
 
 void BM_AdminDownload(benchmark::State& state) {
   const int64_t size = TransferBytes();
-  Peer peer([size](int fd) { ServeTransfers(fd, size); });
+  UploadChecks checks;
+  Peer peer([size, &checks](int fd) { ServeTransfers(fd, size, &checks); });
   admin::RCFSO fso;
   if (!fso.Connect("127.0.0.1", peer.Port(), "u", "p", true)) state.SkipWithError("login");
   const std::string local = BenchFile("pelmora-bench-download.bin");
@@ -203,6 +273,12 @@ void BM_AdminDownload(benchmark::State& state) {
     if (!fso.Download(local, "D:\\bench.bin")) state.SkipWithError("Download");
   }
   fso.Disconnect();
+  struct stat info {};  // before reading, which moves the access time
+  const bool intact = ::stat(local.c_str(), &info) == 0 &&
+                      FileTimeOf(info.st_mtim) == kAnnouncedWrite &&
+                      FileTimeOf(info.st_atim) == kAnnouncedAccess && FileHoldsPattern(local, size);
+  if (!intact) state.SkipWithError("the downloaded file differs in its bytes or times");
+  state.counters["intact"] = intact ? 1 : 0;
   ::unlink(local.c_str());
   ReportRss(state, size);
 }
@@ -232,13 +308,21 @@ BENCHMARK(BM_PlainDownload)->Iterations(2)->UseRealTime()->Unit(benchmark::kMill
 void BM_AdminUpload(benchmark::State& state) {
   const int64_t size = TransferBytes();
   const std::string& source = UploadSource(size);
-  Peer peer([size](int fd) { ServeTransfers(fd, size); });
-  admin::RCFSO fso;
-  if (!fso.Connect("127.0.0.1", peer.Port(), "u", "p", true)) state.SkipWithError("login");
-  for (auto _ : state) {
-    if (!fso.Upload(source, "D:\\bench.bin")) state.SkipWithError("Upload");
-  }
-  fso.Disconnect();
+  UploadChecks checks;
+  {
+    Peer peer([size, &checks](int fd) { ServeTransfers(fd, size, &checks); });
+    admin::RCFSO fso;
+    if (!fso.Connect("127.0.0.1", peer.Port(), "u", "p", true)) state.SkipWithError("login");
+    for (auto _ : state) {
+      if (!fso.Upload(source, "D:\\bench.bin")) state.SkipWithError("Upload");
+    }
+    fso.Disconnect();
+  }  // the peer has seen every upload
+  struct stat info {};
+  const bool intact = checks.intact && ::stat(source.c_str(), &info) == 0 &&
+                      checks.last_write_time == FileTimeOf(info.st_mtim);
+  if (!intact) state.SkipWithError("the uploaded stream differs in its bytes or times");
+  state.counters["intact"] = intact ? 1 : 0;
   ReportRss(state, size);
 }
 BENCHMARK(BM_AdminUpload)->Iterations(2)->UseRealTime()->Unit(benchmark::kMillisecond);
@@ -247,7 +331,7 @@ void BM_PlainUpload(benchmark::State& state) {
   const int64_t size = TransferBytes();
   const std::string& source = UploadSource(size);
   for (auto _ : state) {
-    Peer peer([size](int fd) { Drain(fd, size); });
+    Peer peer([size](int fd) { Drain(fd, size, size); });
     const int fd = ConnectPlain(peer.Port());
     const int file = ::open(source.c_str(), O_RDONLY | O_CLOEXEC);
     Bytes block(kBlock);
