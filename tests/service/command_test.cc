@@ -27,7 +27,6 @@ class OutputCollector : public pelmora::admin::RCFSOEvents {
  public:
   void CommandOutput(std::string& text) override {
     pieces.push_back(text);
-    times.push_back(std::chrono::steady_clock::now());
     if (pieces.size() == 1 && after_first) after_first();
   }
   std::string All() const {
@@ -36,7 +35,6 @@ class OutputCollector : public pelmora::admin::RCFSOEvents {
     return all;
   }
   std::vector<std::string> pieces;
-  std::vector<std::chrono::steady_clock::time_point> times;
   std::function<void()> after_first;  // runs once the first piece has arrived
 };
 
