@@ -36,7 +36,10 @@ constexpr uint64_t kWriteTime = 128930000000000000;  // a FILETIME in 2009
 
 class AdminTransferTest : public ::testing::Test {
  protected:
-  AdminTransferTest() : dir_(fs::path(::testing::TempDir()) / "pelmora-transfer-test") {
+  // One folder per test process: ctest runs the tests of this fixture in parallel processes.
+  AdminTransferTest()
+      : dir_(fs::path(::testing::TempDir()) /
+             ("pelmora-transfer-test-" + std::to_string(::getpid()))) {
     fs::remove_all(dir_);
     fs::create_directories(dir_);
     options_.host = "127.0.0.1";

@@ -1,6 +1,8 @@
 // Reading the day's log files back: which files count, merging by time stamp, line ends.
 #include "tools/pelmora/log_lines.h"
 
+#include <unistd.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -14,7 +16,9 @@ namespace fs = std::filesystem;
 
 class LogLinesTest : public ::testing::Test {
  protected:
-  LogLinesTest() : root_(fs::path(::testing::TempDir()) / "pelmora-log-lines") {
+  // One folder per test process: ctest runs the tests of this fixture in parallel processes.
+  LogLinesTest()
+      : root_(fs::path(::testing::TempDir()) / ("pelmora-log-lines-" + std::to_string(::getpid()))) {
     fs::remove_all(root_);
     fs::create_directories(root_ / "200903");
   }
