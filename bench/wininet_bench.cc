@@ -3,7 +3,8 @@
 //
 // BM_WinINetGetChunk reads the response with GetChunk in ChunkSize pieces (memory stays bounded:
 // the max_rss_growth_kib counter shows the resident growth during the run), BM_WinINetOpenUrl
-// fetches it whole as a Byte(), BM_CurlProgram runs `curl -s -o /dev/null` on the same URL.
+// fetches it whole as a Byte(), BM_CurlProgram runs `curl -s -o /dev/null` on the same URL and
+// BM_CurlProgramToMemory `curl -s -o /dev/shm/...` (the body kept in memory, like OpenURL's).
 // Compare bytes_per_second within one run:
 //   build/h/bench/pelmora_bench --benchmark_filter='WinINet|CurlProgram'
 #include <benchmark/benchmark.h>
@@ -85,22 +86,40 @@ void BM_WinINetOpenUrl(benchmark::State& state) {
 }
 BENCHMARK(BM_WinINetOpenUrl)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
 
+// Runs the curl program on `url`, writing the body to `output`; false when it fails.
+bool RunCurl(const std::string& url, const char* output) {
+  const char* argv[] = {"/usr/bin/curl", "-s", "-o", output, url.c_str(), nullptr};
+  pid_t pid = -1;
+  if (posix_spawn(&pid, argv[0], nullptr, nullptr, const_cast<char* const*>(argv), environ) != 0) {
+    return false;
+  }
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  return status == 0;
+}
+
 void BM_CurlProgram(benchmark::State& state) {
   std::string url = Server().HttpUrl("/gib.bin");
-  const char* argv[] = {"/usr/bin/curl", "-s", "-o", "/dev/null", url.c_str(), nullptr};
   for (auto _ : state) {
-    pid_t pid = -1;
-    if (posix_spawn(&pid, argv[0], nullptr, nullptr, const_cast<char* const*>(argv), environ) !=
-        0) {
-      state.SkipWithError("cannot start curl");
-      break;
-    }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    if (status != 0) state.SkipWithError("curl failed");
+    if (!RunCurl(url, "/dev/null")) state.SkipWithError("curl failed");
   }
   state.SetBytesProcessed(state.iterations() * kFileSize);
 }
 BENCHMARK(BM_CurlProgram)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
+
+// The curl program keeping the body in memory (a file in /dev/shm), as OpenURL does: the peer
+// for what filling 1 GiB of fresh memory costs on top of the transfer.
+void BM_CurlProgramToMemory(benchmark::State& state) {
+  std::string url = Server().HttpUrl("/gib.bin");
+  const std::string output = "/dev/shm/pelmora-bench-curl-" + std::to_string(::getpid());
+  for (auto _ : state) {
+    if (!RunCurl(url, output.c_str())) state.SkipWithError("curl failed");
+    state.PauseTiming();
+    ::unlink(output.c_str());
+    state.ResumeTiming();
+  }
+  state.SetBytesProcessed(state.iterations() * kFileSize);
+}
+BENCHMARK(BM_CurlProgramToMemory)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
 
 }  // namespace
