@@ -22,9 +22,10 @@ using internal::LocalFile;
 
 // Upload sends this many pieces per socket send.
 constexpr size_t kPiecesPerSend = 44;
-// Download asks the socket for this many bytes at a time (whole pieces; at least the socket's
-// read-ahead size, so that they are received straight into the block).
-constexpr int64_t kReceiveBlock = kPiecesPerSend * kPacketSize;
+// Download asks the socket for this many bytes at a time (whole pieces, about 1 MiB: far more
+// than the socket's read-ahead size, so that they are received straight into the block, and few
+// enough receives and file writes per gigabyte that their cost per call does not show).
+constexpr int64_t kReceiveBlock = 699 * kPacketSize;
 // FILETIME ticks per millisecond: the last-write time a download sets is cut to milliseconds.
 constexpr uint64_t kTicksPerMillisecond = 10000;
 
