@@ -1,6 +1,10 @@
 #include "pelmorad/password.h"
 
 #include <crypt.h>
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <openssl/hmac.h>
+#include <openssl/rand.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -45,6 +49,48 @@ bool VerifyPassword(std::string_view password, std::string_view hash) {
     difference |= static_cast<unsigned char>(computed[i] ^ hash[i]);
   }
   return difference == 0;
+}
+
+VerifiedPasswords::VerifiedPasswords() {
+  if (RAND_bytes(key_.data(), static_cast<int>(key_.size())) != 1) {
+    throw pelmora::Error(8, "cannot make a random key", "pelmorad");
+  }
+}
+
+VerifiedPasswords::Tag VerifiedPasswords::TagOf(std::string_view password,
+                                                std::string_view hash) const {
+  std::string message;
+  message.reserve(hash.size() + 1 + password.size());
+  message.append(hash).push_back('\0');
+  message.append(password);
+  Tag tag{};
+  unsigned int length = 0;
+  HMAC(EVP_sha256(), key_.data(), static_cast<int>(key_.size()),
+       reinterpret_cast<const unsigned char*>(message.data()), message.size(), tag.data(), &length);
+  OPENSSL_cleanse(message.data(), message.size());
+  return tag;
+}
+
+bool VerifiedPasswords::Verify(std::string_view password, std::string_view hash) {
+  Tag tag = TagOf(password, hash);
+  {
+    std::lock_guard lock(mutex_);
+    auto found = remembered_.find(std::string(hash));
+    if (found != remembered_.end() && CRYPTO_memcmp(found->second.data(), tag.data(), tag.size()) == 0) {
+      return true;
+    }
+    ++full_verifications_;
+  }
+  if (!VerifyPassword(password, hash)) return false;
+  std::lock_guard lock(mutex_);
+  if (remembered_.size() >= kMaxHashes) remembered_.clear();
+  remembered_[std::string(hash)] = tag;
+  return true;
+}
+
+int64_t VerifiedPasswords::FullVerifications() const {
+  std::lock_guard lock(mutex_);
+  return full_verifications_;
 }
 
 }  // namespace pelmorad

@@ -21,5 +21,24 @@ TEST(Password, MalformedHashesNeverMatch) {
   }
 }
 
+TEST(Password, RememberedPasswordsSkipTheHashOnlyForTheSamePasswordAndHash) {
+  std::string hash = HashPassword("fleet secret");
+  VerifiedPasswords remembered;
+  EXPECT_TRUE(remembered.Verify("fleet secret", hash));
+  EXPECT_TRUE(remembered.Verify("fleet secret", hash));
+  EXPECT_EQ(remembered.FullVerifications(), 1);
+  // Wrong passwords are verified in full every time and never remembered.
+  EXPECT_FALSE(remembered.Verify("fleet secreT", hash));
+  EXPECT_FALSE(remembered.Verify("fleet secreT", hash));
+  EXPECT_FALSE(remembered.Verify("", hash));
+  EXPECT_EQ(remembered.FullVerifications(), 4);
+  // A new hash (the password changed) does not accept the old password.
+  std::string changed = HashPassword("new secret");
+  EXPECT_FALSE(remembered.Verify("fleet secret", changed));
+  EXPECT_TRUE(remembered.Verify("new secret", changed));
+  EXPECT_TRUE(remembered.Verify("fleet secret", hash));
+  EXPECT_EQ(remembered.FullVerifications(), 6);
+}
+
 }  // namespace
 }  // namespace pelmorad

@@ -14,6 +14,7 @@
 #include "pelmorad/config.h"
 #include "pelmorad/drives.h"
 #include "pelmorad/login_throttle.h"
+#include "pelmorad/password.h"
 
 namespace pelmorad {
 
@@ -31,7 +32,8 @@ std::shared_ptr<const Runtime> MakeRuntime(Config config);
 
 class Session;
 
-// The service-wide state. Touched only on the I/O thread, except `pool`, which runs file work.
+// The service-wide state. Touched only on the I/O thread, except `pool`, which runs file work,
+// and `passwords`, which the pool's login checks share.
 struct ServiceContext {
   ServiceContext(asio::io_context& io_context, std::shared_ptr<const Runtime> first);
 
@@ -39,6 +41,7 @@ struct ServiceContext {
   asio::thread_pool pool;
   std::shared_ptr<const Runtime> runtime;
   LoginThrottle throttle;
+  VerifiedPasswords passwords;  // used from the pool
   std::set<Session*> sessions;
   std::map<std::string, int> sessions_per_address;
   int running_commands = 0;

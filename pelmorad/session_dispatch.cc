@@ -44,7 +44,7 @@ asio::awaitable<bool> Session::HandleLogin(std::span<const uint8_t> data) {
   const Account* account = runtime_->config.FindAccount(user);
   std::string hash = account != nullptr ? account->password_hash : std::string();
   bool accepted = co_await RunBlocking(context_.pool, [&] {
-    return VerifyPassword(password, hash.empty() ? UnknownAccountHash() : hash);
+    return context_.passwords.Verify(password, hash.empty() ? UnknownAccountHash() : hash);
   });
   accepted = accepted && account != nullptr && parts.has_value();
   if (accepted) {
