@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <optional>
 #include <stop_token>
+#include <system_error>
 #include <thread>
 
 #include "pelmora/common/codepage.h"
@@ -85,7 +86,7 @@ int64_t ChunkedTotal(int64_t size, int64_t start, int64_t length, int64_t chunk)
 // Where the kernel lacks MADV_POPULATE_WRITE the helper stops and pages fault in as usual.
 class ResultPrefaulter {
  public:
-  static constexpr uintptr_t kHuge = uintptr_t{2} << 20;  // huge page size, also the step unit
+  static constexpr uintptr_t kHuge = uintptr_t{2} << 20;  // huge page size: the helper aligns to it
   static constexpr size_t kMinimum = size_t{16} << 20;
   static constexpr size_t kStep = size_t{32} << 20;
   static constexpr size_t kWindow = size_t{64} << 20;
@@ -98,7 +99,11 @@ class ResultPrefaulter {
     end_ = (start + data.capacity()) & ~(kHuge - 1);
     offset_ = begin_ - start;
     ::madvise(reinterpret_cast<void*>(begin_), end_ - begin_, MADV_HUGEPAGE);  // only a hint
-    helper_ = std::jthread([this](std::stop_token stop) { Run(stop); });
+    try {
+      helper_ = std::jthread([this](std::stop_token stop) { Run(stop); });
+    } catch (const std::system_error&) {
+      // No thread to spare: the pages fault in as they are filled.
+    }
   }
   ~ResultPrefaulter() { Stop(); }
   ResultPrefaulter(const ResultPrefaulter&) = delete;
