@@ -201,8 +201,10 @@ CanonicalResult CanonicalizeUrl(std::string_view url) {
     std::string scheme = text.substr(0, separator);
     std::string rest = text.substr(separator + 3);
     if (SchemeNumber(scheme) == kSchemeFile) {
-      // "file:///c:/x" loses the slash before the drive letter.
-      bool drive = rest.size() >= 3 && rest[0] == '/' && rest[2] == ':';
+      // "file:///c:/x" loses the slash before the drive letter (only before a letter and a
+      // colon, so that canonicalising the result again changes nothing).
+      bool drive = rest.size() >= 3 && rest[0] == '/' &&
+                   std::isalpha(static_cast<unsigned char>(rest[1])) != 0 && rest[2] == ':';
       if (drive) rest.erase(0, 1);
       result.url = scheme + "://" + rest;
     } else {

@@ -37,6 +37,7 @@ constexpr CanonicalCase kCanonicalCases[] = {
     {"ftp://h/x/../y", "ftp://h/x/../y"},
     {"gopher://h/1 x", "gopher://h/1%20x"},
     {"file:///c:/x", "file://c:/x"},
+    {"file:////::/x", "file:////::/x"},  // no drive letter: nothing dropped
     {"http://h/a", "http://h/a"},
     {"http://h:8080/a/b?x=1#f", "http://h:8080/a/b?x=1#f"},
     {"https://u:p@h/", "https://u:p@h/"},
