@@ -29,12 +29,13 @@ namespace {
 constexpr int64_t kFileSize = int64_t{1} << 30;
 constexpr int32_t kChunk = 1 << 20;
 
-// The web server with a 1 GiB file, started once for the run. The file is written out in full
-// (not left sparse) so that it sits in the page cache before any timed read: otherwise the first
-// benchmark would also pay for the server's file system filling holes.
+// The web server with a 1 GiB file, started once for the run and stopped (its folder removed) when
+// the program ends. The file is written out in full (not left sparse) so that it sits in the page
+// cache before any timed read: otherwise the first benchmark would also pay for the server's file
+// system filling holes.
 const pelmora::testing::WebServer& Server() {
-  static const auto* server = [] {
-    auto* web = new pelmora::testing::WebServer();
+  static const std::unique_ptr<pelmora::testing::WebServer> server = [] {
+    auto web = std::make_unique<pelmora::testing::WebServer>();
     std::string path = web->WriteDocument("gib.bin", "");
     std::ofstream file(path, std::ios::binary);
     std::vector<char> block(kChunk);
