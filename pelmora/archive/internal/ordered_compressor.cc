@@ -18,14 +18,41 @@ namespace {
 
 constexpr size_t kReadChunk = 256 * 1024;
 
-struct DeflateEnd {
-  void operator()(z_stream* stream) const { deflateEnd(stream); }
+// A deflate stream kept by each thread and reset for every file: an archive of thousands of small
+// files would otherwise spend much of its time setting up and tearing down deflate state.
+class ThreadDeflater {
+ public:
+  ~ThreadDeflater() {
+    if (level_ >= 0) deflateEnd(&stream_);
+  }
+  // The thread's stream, ready for a new raw deflate stream at `level`; nullptr when zlib fails.
+  static z_stream* Fresh(int level) {
+    thread_local ThreadDeflater deflater;
+    return deflater.Reset(level);
+  }
+
+ private:
+  z_stream* Reset(int level) {
+    if (level_ == level) return deflateReset(&stream_) == Z_OK ? &stream_ : nullptr;
+    if (level_ >= 0) deflateEnd(&stream_);
+    level_ = -1;
+    stream_ = z_stream{};
+    if (deflateInit2(&stream_, level, Z_DEFLATED, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY) != Z_OK) {
+      return nullptr;
+    }
+    level_ = level;
+    return &stream_;
+  }
+
+  z_stream stream_{};
+  int level_ = -1;  // -1: no stream set up
 };
 
-// Reads the whole of `fd` in chunks, calling `chunk` for each; false on a read error.
+// Reads the whole of `fd` in chunks, calling `chunk` for each; false on a read error. `chunk` must
+// not call ReadChunks itself (the read buffer is the thread's).
 template <class F>
 bool ReadChunks(int fd, F chunk) {
-  std::vector<uint8_t> buffer(kReadChunk);
+  thread_local std::vector<uint8_t> buffer(kReadChunk);
   for (;;) {
     ssize_t n = read(fd, buffer.data(), buffer.size());
     if (n < 0 && errno == EINTR) continue;
@@ -62,11 +89,9 @@ bool CompressStreaming(const std::string& path, int level, const ByteSink& sink,
                        Compressed& result, uint64_t& compressed_size) {
   UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!fd.Valid()) return result.readable = false;
-  z_stream stream{};
-  if (deflateInit2(&stream, level, Z_DEFLATED, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY) != Z_OK) {
-    return false;
-  }
-  std::unique_ptr<z_stream, DeflateEnd> guard(&stream);
+  z_stream* deflater = ThreadDeflater::Fresh(level);
+  if (deflater == nullptr) return false;
+  z_stream& stream = *deflater;
   compressed_size = 0;
   result.crc = 0;
   result.size = 0;
