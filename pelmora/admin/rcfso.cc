@@ -31,6 +31,8 @@ RCFSO::RCFSO() {
   // and that refusal is of no consequence, as it always was.
   (void)socket_.SetSocketOption(sckSOL_SOCKET, sckSO_KEEPALIVE, -1);
   socket_.SetReceiveTimeout(kDefaultTimeout);
+  // No caller can reach this socket, so its small reads may be served from a read-ahead buffer.
+  socket_.SetReadAhead(true);
   connected_ = false;
   std::fill(std::begin(header_template_), std::end(header_template_), uint8_t{0xFF});
   LogLevel() = 3;

@@ -214,6 +214,7 @@ TEST_F(FaultyConnection, SmallReadsAreServedFromReadAheadAndLargeOnesContinueIt)
   peer_.Send(data).Stall();
   Connect();
   socket_.SetReceiveTimeout(10000);
+  socket_.SetReadAhead(true);
   Bytes got;
   std::vector<uint8_t> piece;
   for (int i = 0; i < 20; ++i) {
