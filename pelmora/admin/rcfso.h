@@ -249,6 +249,7 @@ class RCFSO {
   bool SendAnnouncedBlock(int32_t total, std::span<const uint8_t> block);
   bool RecvResult();
   int32_t ReadRawBytes(int32_t count, Bytes& out);
+  int32_t ReceiveRaw(int32_t wanted, Bytes& out);
 
   // Request helpers (rcfso_requests.cc).
   bool CheckArgument(std::string_view value, std::string_view description);
@@ -262,7 +263,6 @@ class RCFSO {
   // Raw data helpers (rcfso_listing.cc).
   using RawConsumer = std::function<void(std::span<const uint8_t>)>;
   int32_t StreamRawBytes(int64_t count, int32_t piece, const RawConsumer& consumer);
-  bool ClosedBeforeAnyByte(std::span<const uint8_t> data) const;
   void RefuseMalformed(std::string_view routine);
 
   // Transfer helpers (rcfso_transfer.cc).

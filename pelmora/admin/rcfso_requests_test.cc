@@ -317,6 +317,23 @@ TEST(RCFSORequests, RawTextCutShortByTheServerFails) {
   fso.Disconnect();
 }
 
+// Announced raw text is counted, not judged: zero characters are text, while a server that
+// closes before sending any of it has sent nothing.
+TEST(RCFSORequests, RawTextOfZerosIsTextAndNothingAtACloseIsAFailure) {
+  for (const bool send_text : {true, false}) {
+    ScriptedPeer peer;
+    RCFSO fso;
+    ExpectLogin(peer, true);
+    ExpectRequest(peer).ReplyWith(Answer(SizeData(4)));
+    if (send_text) peer.Send(Bytes(4, 0));
+    peer.Close();
+    ASSERT_TRUE(LogIn(fso, peer));
+    EXPECT_EQ(fso.GetPathWithKey("k"), send_text ? std::string(2, '\0') : "");
+    EXPECT_EQ(fso.ErrCode(), send_text ? 0 : 10054);
+    fso.Disconnect();
+  }
+}
+
 TEST(RCFSORequests, GetPrintQChecksTheAnnouncedSize) {
   LogCapture log;
   TextRequest negative({SizeData(-1)});
