@@ -129,7 +129,7 @@ bool RCFSO::Connect(std::string_view Host, int32_t lPort, std::string_view sUser
   connected_ = true;
   Bytes login = BuildLoginMessage(Utf8ToAnsi(user), Utf8ToAnsi(password));
   if (!SendMessage(static_cast<int32_t>(login.size()), login)) {
-    LogFailure(HandlePrefix() + "** Send login fail ", "RFSO", "Connect");
+    LogFailure(HandlePrefix() + "** Send login fail ", "RFSO", "Connect", 1);
     return false;
   }
   bool result = RecvResult();
