@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <locale.h>
 
+#include <ostream>
+
 #include "pelmora/common/internal/log_test_support.h"
 
 namespace pelmora::admin::internal {
@@ -39,6 +41,8 @@ struct DateCase {
   CivilTime month_first;  // read with the day and month order of a US locale
   CivilTime day_first;    // read with that of a British or German locale
 };
+
+void PrintTo(const DateCase& c, std::ostream* os) { *os << '"' << c.in << '"'; }
 
 class ParseServerDateTest : public ::testing::TestWithParam<DateCase> {};
 
