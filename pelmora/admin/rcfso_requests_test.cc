@@ -269,8 +269,11 @@ TEST(RCFSORequests, GetSystemTimeReadsTheServersClock) {
   TextRequest iso({TextData("2009-03-14 08:05:09")});
   EXPECT_EQ(iso.fso().GetSystemTime().ToCivil(), (CivilTime{2009, 3, 14, 8, 5, 9}));
   EXPECT_EQ(iso.Block()[0], 21);
-  TextRequest us({TextData("3/14/2009 8:05:09 PM")});
-  EXPECT_EQ(us.fso().GetSystemTime().ToCivil(), (CivilTime{2009, 3, 14, 20, 5, 9}));
+  for (const char* text : {"3/14/2009 8:05:09 PM", "14/03/2009 20:05:09", "14.03.2009 20:05:09"}) {
+    TextRequest clock({TextData(text)});
+    EXPECT_EQ(clock.fso().GetSystemTime().ToCivil(), (CivilTime{2009, 3, 14, 20, 5, 9})) << text;
+    EXPECT_EQ(clock.fso().ErrCode(), 0) << text;
+  }
   TextRequest junk({TextData("soon")});
   EXPECT_TRUE(junk.fso().GetSystemTime().IsEmpty());
   EXPECT_EQ(junk.fso().ErrCode(), 13);
