@@ -31,6 +31,8 @@ RCFSO::RCFSO() {
   // and that refusal is of no consequence, as it always was.
   (void)socket_.SetSocketOption(sckSOL_SOCKET, sckSO_KEEPALIVE, -1);
   socket_.SetReceiveTimeout(kDefaultTimeout);
+  // No caller can reach this socket, so its small reads may be served from a read-ahead buffer.
+  socket_.SetReadAhead(true);
   connected_ = false;
   std::fill(std::begin(header_template_), std::end(header_template_), uint8_t{0xFF});
   LogLevel() = 3;
@@ -127,7 +129,7 @@ bool RCFSO::Connect(std::string_view Host, int32_t lPort, std::string_view sUser
   connected_ = true;
   Bytes login = BuildLoginMessage(Utf8ToAnsi(user), Utf8ToAnsi(password));
   if (!SendMessage(static_cast<int32_t>(login.size()), login)) {
-    LogFailure(HandlePrefix() + "** Send login fail ", "RFSO", "Connect");
+    LogFailure(HandlePrefix() + "** Send login fail ", "RFSO", "Connect", 1);
     return false;
   }
   bool result = RecvResult();

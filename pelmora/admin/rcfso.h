@@ -201,14 +201,14 @@ class RCFSO {
   // The host text given to Connect (a name or an address, as the caller gave it, not resolved).
   std::string getRemoteIP() const;
   // Makes sure the cache holds a current copy of the server's file `sRemoteFile` (drive-letter
-  // form) and returns its local path in `sLocalFile`: CacheFolder() + getRemoteIP() + "/" + the
-  // drive letter + "$" + the rest of the path with "\" turned into "/". The file is downloaded
-  // when missing, then its last-write time is compared with the server's (whole seconds) and it
-  // is downloaded again when they differ. False when a download or the file information fails
-  // (their ErrCode/ErrDescription stand, a line goes to the .err log); a partial file may stay.
-  // A host text or path that would leave the cache folder ("..", "/", empty host) is refused
-  // with 75 "Path/File access error: <host> <path>", "" in `sLocalFile` and nothing written.
-  // Blocks as GetFileInfo and Download do.
+  // form) and returns its local path in `sLocalFile` whatever the outcome: CacheFolder() +
+  // getRemoteIP() + "/" + the first character + "$" + the path from its third character on, "\"
+  // turned into "/". The file is downloaded when missing, then its last-write time is compared
+  // with the server's (whole seconds) and it is downloaded again when they differ. False when a
+  // download or the file information fails (their ErrCode/ErrDescription stand, 8117 for an
+  // object never connected; a line goes to the .err log); a partial file may stay. A host text or
+  // path that would leave the cache folder ("..", "/") is refused with 75 "Path/File access
+  // error: <host> <path>" and nothing written. Blocks as GetFileInfo and Download do.
   bool getUpdatedServerFileToTempFolder(std::string_view sRemoteFile, std::string& sLocalFile);
 
   // --- Remote command ---
@@ -249,6 +249,7 @@ class RCFSO {
   bool SendAnnouncedBlock(int32_t total, std::span<const uint8_t> block);
   bool RecvResult();
   int32_t ReadRawBytes(int32_t count, Bytes& out);
+  int32_t ReceiveRaw(int32_t wanted, Bytes& out);
 
   // Request helpers (rcfso_requests.cc).
   bool CheckArgument(std::string_view value, std::string_view description);
@@ -262,7 +263,6 @@ class RCFSO {
   // Raw data helpers (rcfso_listing.cc).
   using RawConsumer = std::function<void(std::span<const uint8_t>)>;
   int32_t StreamRawBytes(int64_t count, int32_t piece, const RawConsumer& consumer);
-  bool ClosedBeforeAnyByte(std::span<const uint8_t> data) const;
   void RefuseMalformed(std::string_view routine);
 
   // Transfer helpers (rcfso_transfer.cc).
@@ -276,8 +276,10 @@ class RCFSO {
   bool ReceiveContent(internal::LocalFile& file, int32_t size);
   bool FailContent(internal::LocalFile& file, int32_t error, int64_t remaining);
 
-  // Cache helper (rcfso_cache.cc): the cache path of a remote file, nullopt when refused.
-  std::optional<std::string> CachePathOf(std::string_view remote_path) const;
+  // Cache helpers (rcfso_cache.cc): the cache path of a remote file, and whether it stays inside
+  // the cache folder.
+  std::string CachePathOf(std::string_view remote_path) const;
+  bool CachePathStaysInside(std::string_view remote_path) const;
 
   // Remote command helper (rcfso_command.cc).
   bool AwaitCommandEnd();

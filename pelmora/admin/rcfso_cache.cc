@@ -3,7 +3,7 @@
 // A remote file D:\Data\shop.ini of the server reached as "srv01" is cached at
 // <cache folder>srv01/D$/Data/shop.ini. The host text and the remote path come from callers and
 // servers: a host text or path that would name anything outside the cache folder is refused
-// before anything is written.
+// before anything is written (its path is still handed back, as for every other outcome).
 #include <string>
 
 #include "pelmora/admin/internal/local_file.h"
@@ -29,9 +29,18 @@ bool ClimbsUp(std::string_view path) {
   return false;
 }
 
+// Whether a host text names one folder inside the cache folder (empty names the cache folder
+// itself, as for an object that was never connected).
 bool SafeHostText(std::string_view host) {
-  return !host.empty() && host != "." && host != ".." &&
+  return host != "." && host != ".." &&
          host.find_first_of(std::string_view("/\\\0", 3)) == std::string_view::npos;
+}
+
+// The byte length of the UTF-8 character that starts `text` (1 for a stray byte).
+size_t FirstCharacterLength(std::string_view text) {
+  size_t n = 1;
+  while (n < text.size() && (static_cast<uint8_t>(text[n]) & 0xC0) == 0x80) ++n;
+  return n;
 }
 
 }  // namespace
@@ -40,33 +49,35 @@ std::string RCFSO::getLocalIP() const { return socket_.LocalIP(); }
 
 std::string RCFSO::getRemoteIP() const { return socket_.RemoteHost(); }
 
-std::optional<std::string> RCFSO::CachePathOf(std::string_view remote_path) const {
-  const std::string& host = socket_.RemoteHost();
-  if (!SafeHostText(host) || remote_path.empty()) return std::nullopt;
-  std::string rest(remote_path.size() > 2 ? remote_path.substr(2) : std::string_view());
-  for (char& c : rest) {
-    if (c == '\\') c = '/';
+std::string RCFSO::CachePathOf(std::string_view remote_path) const {
+  const size_t first = remote_path.empty() ? 0 : FirstCharacterLength(remote_path);
+  std::string_view rest = remote_path.substr(first);
+  rest.remove_prefix(rest.empty() ? 0 : FirstCharacterLength(rest));
+  std::string path = cache_folder_ + socket_.RemoteHost() + "/" +
+                     std::string(remote_path.substr(0, first)) + "$" + std::string(rest);
+  for (size_t i = cache_folder_.size(); i < path.size(); ++i) {
+    if (path[i] == '\\') path[i] = '/';
   }
-  const std::string drive = std::string(1, remote_path[0]) + "$";
-  if (drive.find_first_of(std::string_view("/\0", 2)) != std::string::npos || ClimbsUp(rest) ||
-      rest.find('\0') != std::string::npos) {
-    return std::nullopt;
-  }
-  return cache_folder_ + host + "/" + drive + rest;
+  return path;
+}
+
+bool RCFSO::CachePathStaysInside(std::string_view remote_path) const {
+  const std::string path = CachePathOf(remote_path);
+  const std::string_view inside = std::string_view(path).substr(cache_folder_.size());
+  return SafeHostText(socket_.RemoteHost()) && !ClimbsUp(inside) &&
+         inside.find('\0') == std::string_view::npos;
 }
 
 bool RCFSO::getUpdatedServerFileToTempFolder(std::string_view sRemoteFile,
                                              std::string& sLocalFile) {
   ClearError();
-  const std::optional<std::string> cache_path = CachePathOf(sRemoteFile);
-  if (!cache_path) {
-    sLocalFile.clear();
+  sLocalFile = CachePathOf(sRemoteFile);
+  if (!CachePathStaysInside(sRemoteFile)) {
     SetError(kPathAccessError, std::string(RuntimeErrorText(kPathAccessError).value_or("")) + ": " +
                                    socket_.RemoteHost() + " " + std::string(sRemoteFile));
     LogFailure(err_description_, "RCFSO", kCacheRoutine, 1);
     return false;
   }
-  sLocalFile = *cache_path;
   const std::string remote(sRemoteFile);
   pelmora::internal::CreateFolderPath(sLocalFile);
   if (!internal::IsRegularFile(sLocalFile) && !Download(sLocalFile, remote)) {

@@ -79,7 +79,7 @@ TEST_F(RCFSOCache, CachePathKeepsTheHostTextAndTheDriveLetter) {
   for (const char* host : {"srv01", "srv02", "localhost", "127.0.0.1"}) {
     socket.SetRemoteHost(host);
     EXPECT_EQ(fso_.getRemoteIP(), host);
-    paths.push_back(RCFSOTestAccess::CachePath(fso_, kRemote).value_or(""));
+    paths.push_back(RCFSOTestAccess::CachePath(fso_, kRemote));
   }
   EXPECT_EQ(paths[0], fso_.CacheFolder() + "srv01/D$/Data/shop.ini");
   EXPECT_EQ(paths[1], fso_.CacheFolder() + "srv02/D$/Data/shop.ini");
@@ -91,20 +91,14 @@ TEST_F(RCFSOCache, RefusesWhatWouldLeaveTheCacheFolder) {
   const struct {
     const char* host;
     const char* remote;
-  } cases[] = {{"..", kRemote},
-               {"", kRemote},
-               {"a/b", kRemote},
-               {"srv", "C:\\..\\x"},
-               {"srv", "C:\\a\\..\\..\\..\\x"},
-               {"srv", "C:/../../x"},
-               {"srv", "/:\\x"},
-               {"srv", ""},
-               {"srv", "C:\\a\\.."}};
+  } cases[] = {{"..", kRemote},       {"a/b", kRemote},
+               {"srv", "C:\\..\\x"},  {"srv", "C:\\a\\..\\..\\..\\x"},
+               {"srv", "C:/../../x"}, {"srv", "C:\\a\\.."}};
   for (const auto& c : cases) {
     RCFSOTestAccess::Socket(fso_).SetRemoteHost(c.host);
     std::string local = "before";
     EXPECT_FALSE(fso_.getUpdatedServerFileToTempFolder(c.remote, local)) << c.host << c.remote;
-    EXPECT_EQ(local, "");
+    EXPECT_EQ(local, RCFSOTestAccess::CachePath(fso_, c.remote));
     EXPECT_EQ(fso_.ErrCode(), 75);
     EXPECT_EQ(fso_.ErrDescription(),
               std::string("Path/File access error: ") + c.host + " " + c.remote);
@@ -113,6 +107,32 @@ TEST_F(RCFSOCache, RefusesWhatWouldLeaveTheCacheFolder) {
   // A dot that does not climb is a name like any other.
   RCFSOTestAccess::Socket(fso_).SetRemoteHost("srv");
   EXPECT_EQ(RCFSOTestAccess::CachePath(fso_, "C:\\a..\\.b"), fso_.CacheFolder() + "srv/C$/a../.b");
+}
+
+// The path comes back whatever the outcome; an object never connected (no host text yet) fails
+// the fetch with the framing's own 8117.
+TEST_F(RCFSOCache, HandsBackTheComputedPathInEveryOutcome) {
+  const struct {
+    const char* remote;
+    const char* path;  // below the cache folder
+    int32_t code;
+  } cases[] = {{kRemote, "/D$/Data/shop.ini", 8117},
+               {"\\\\srv\\share\\f", "//$srv/share/f", 8117},
+               {"\xc3\xa9:\\x", "/\xc3\xa9$/x", 8117},
+               {"", "/$", 8116}};
+  for (const auto& c : cases) {
+    std::string local = "before";
+    EXPECT_FALSE(fso_.getUpdatedServerFileToTempFolder(c.remote, local)) << c.remote;
+    EXPECT_EQ(local, fso_.CacheFolder() + c.path) << c.remote;
+    EXPECT_EQ(fso_.ErrCode(), c.code) << c.remote;
+  }
+  EXPECT_EQ(fso_.ErrDescription(), "Empty remote file name");
+  RCFSOTestAccess::Socket(fso_).SetRemoteHost("srv");
+  std::string local;
+  EXPECT_FALSE(fso_.getUpdatedServerFileToTempFolder(kRemote, local));
+  EXPECT_EQ(fso_.ErrCode(), 8117);
+  EXPECT_EQ(fso_.ErrDescription(), "Connection has not established");
+  EXPECT_EQ(local, fso_.CacheFolder() + "srv/D$/Data/shop.ini");
 }
 
 TEST_F(RCFSOCache, FetchesAMissingFileOnceAndFindsItCurrent) {

@@ -2,8 +2,9 @@
 //
 // Every framed message is one 1500-byte packet whose sequence number is the client's counter after
 // advancing it; a reply must carry the number of the last framed message sent. Packets with a bad
-// header or an old sequence number are skipped (their error stays set), so a stale reply never
-// desynchronises the session; a wrong data size ends the read.
+// header (an all-zero or short packet included) or an old sequence number are skipped (their error
+// stays set), so a stale reply never desynchronises the session; a wrong data size, a read that
+// brings nothing because the peer has closed, or a socket error ends the read.
 #include <algorithm>
 #include <chrono>
 #include <string>
@@ -17,10 +18,6 @@ namespace {
 // Raw data after a size message is read in pieces of at most this many bytes, so that memory
 // grows with the bytes that actually arrive, never with the size the peer announced.
 constexpr int32_t kRawChunk = 64 * 1024;
-
-bool AllZero(const std::vector<uint8_t>& bytes) {
-  return std::all_of(bytes.begin(), bytes.end(), [](uint8_t b) { return b == 0; });
-}
 
 }  // namespace
 
@@ -55,14 +52,12 @@ bool RCFSO::SendMessage(int32_t lMsgSize, std::span<const uint8_t> aMsg) {
   return FrameMessage(lMsgSize, aMsg, packet) && SendPacket(packet);
 }
 
-// Receives one packet of `size` bytes. A read that ends early (or brings nothing at all, which
-// the socket reports as `size` zero bytes) means the peer has closed the connection: reported as
-// 10054, so that a closed peer ends the read at once instead of being read again and again.
+// Receives one packet of `size` bytes. A read that brings nothing means the peer has closed the
+// connection: reported as 10054, so that a closed peer ends the read at once. A read that ends
+// early with some bytes gives a short packet, which the caller skips as a bad header.
 bool RCFSO::ReceivePacket(int32_t size, Bytes& packet) {
   int32_t e = socket_.GetData(packet, size);
-  if (e == sckSuccess && (packet.size() < static_cast<size_t>(size) || AllZero(packet))) {
-    e = sckConnectionReset;
-  }
+  if (e == sckSuccess && socket_.LastReceivedCount() == 0) e = sckConnectionReset;
   if (e == sckSuccess) return true;
   SetSocketError(e);
   LogFailure(err_description_, "RCFSO", "RecvMessage");
@@ -77,7 +72,9 @@ bool RCFSO::RecvMessage(int32_t lPacketSize, Bytes& aMsg, int32_t& lSeqNo) {
   Bytes packet;
   for (;;) {
     if (!ReceivePacket(std::max<int32_t>(lPacketSize, 1), packet)) return false;
-    const FramedMessage message = ParseFramedPacket(packet, sequence_);
+    FramedMessage message = ParseFramedPacket(packet, sequence_);
+    // A packet cut short (the peer closed part way) is skipped like a foreign one.
+    if (packet.size() < static_cast<size_t>(lPacketSize)) message.fault = PacketFault::kBadHeader;
     switch (message.fault) {
       case PacketFault::kNone:
         lSeqNo = message.sequence;
@@ -175,12 +172,28 @@ int32_t RCFSO::ReadRawBytes(int32_t count, Bytes& out) {
   while (out.size() < static_cast<size_t>(count)) {
     const auto wanted =
         static_cast<int32_t>(std::min<size_t>(static_cast<size_t>(count) - out.size(), kRawChunk));
-    int32_t e = socket_.GetData(piece, wanted);
-    if (e == sckSuccess && piece.size() < static_cast<size_t>(wanted)) e = sckConnectionReset;
-    if (e != sckSuccess) return e;
+    const int32_t e = ReceiveRaw(wanted, piece);
     out.insert(out.end(), piece.begin(), piece.end());
+    if (e != sckSuccess) return e;
   }
   return sckSuccess;
+}
+
+// Raw bytes are counted, not judged by their value: a block of zero bytes is data, and only a read
+// that brings nothing (the peer has closed) ends the stream early. A read cut short by the peer's
+// close keeps its bytes in `out`.
+int32_t RCFSO::ReceiveRaw(int32_t wanted, Bytes& out) {
+  int32_t e = socket_.GetData(out, wanted);
+  out.resize(static_cast<size_t>(socket_.LastReceivedCount()));
+  Bytes piece;
+  while (e == sckSuccess && out.size() < static_cast<size_t>(wanted) &&
+         socket_.LastReceivedCount() > 0 && !socket_.LastReceiveReachedEnd()) {
+    e = socket_.GetData(piece, wanted - static_cast<int32_t>(out.size()));
+    const auto got = static_cast<std::ptrdiff_t>(socket_.LastReceivedCount());
+    out.insert(out.end(), piece.begin(), piece.begin() + got);
+  }
+  if (e != sckSuccess) return e;
+  return out.size() < static_cast<size_t>(wanted) ? sckConnectionReset : sckSuccess;
 }
 
 }  // namespace pelmora::admin

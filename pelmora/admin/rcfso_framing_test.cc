@@ -92,6 +92,7 @@ TEST(RCFSOFraming, SkipsStaleAndForeignPacketsAndKeepsTheirError) {
       {FramedPacket(kFirstRequest - 1, ResultData(false, 1, "old")), 8004, "Invalid DataSize",
        "Invalid Sequence Number"},
       {bad_header, 8003, "Invalid Header", "Invalid Header"},
+      {Bytes(kPacketSize, 0), 8003, "Invalid Header", "Invalid Header"},
   };
   for (const Case& c : cases) {
     LogCapture log;
@@ -126,6 +127,7 @@ TEST(RCFSOFraming, DeclaredSizeOutsideThePacketEndsTheRead) {
 
 TEST(RCFSOFraming, PeerClosingMidReplyEndsTheReadAtOnce) {
   for (size_t sent : {0u, 11u, 700u}) {
+    LogCapture log;
     ScriptedPeer peer;
     RCFSO fso;
     Bytes partial = FramedPacket(kFirstRequest, ResultData(true));
@@ -139,6 +141,8 @@ TEST(RCFSOFraming, PeerClosingMidReplyEndsTheReadAtOnce) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
     EXPECT_EQ(fso.ErrCode(), 10054);
     EXPECT_EQ(fso.ErrDescription(), DescribeError(10054));
+    // A packet cut short is skipped like a foreign one before the close ends the read.
+    EXPECT_EQ(log.Has(".log", {"I", "RCFSO", "RecvMessage", "Invalid Header"}), sent > 0) << sent;
     EXPECT_TRUE(peer.Finish()) << peer.Failure();
   }
 }

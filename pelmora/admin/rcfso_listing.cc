@@ -3,8 +3,6 @@
 // A listing's length comes from the network: its bytes are read in bounded pieces and parsed as
 // they arrive (ListingReader), so memory follows the entries actually received. A malformed
 // listing or record is still read to its announced end, so the session stays in step.
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <string>
 
@@ -33,24 +31,11 @@ std::string_view WithoutTrailingSeparator(std::string_view path) {
 
 }  // namespace
 
-// GetData reports a peer that closed before sending anything as `wanted` zero bytes and success.
-// Only an all-zero piece can be that; it is, when the connection itself has reached its end.
-bool RCFSO::ClosedBeforeAnyByte(std::span<const uint8_t> data) const {
-  if (std::any_of(data.begin(), data.end(), [](uint8_t b) { return b != 0; })) return false;
-  uint8_t probe = 0;
-  return ::recv(socket_.SocketHandle(), &probe, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
-}
-
 int32_t RCFSO::StreamRawBytes(int64_t count, int32_t piece, const RawConsumer& consumer) {
   Bytes data;
   while (count > 0) {
     const auto wanted = static_cast<int32_t>(std::min<int64_t>(count, piece));
-    int32_t e = socket_.GetData(data, wanted);
-    // A peer that closes early delivers fewer bytes (or none: `wanted` zeros) without an error.
-    if (e == sckSuccess &&
-        (data.size() < static_cast<size_t>(wanted) || ClosedBeforeAnyByte(data))) {
-      e = sckConnectionReset;
-    }
+    const int32_t e = ReceiveRaw(wanted, data);
     if (e != sckSuccess) return e;
     consumer(data);
     count -= wanted;

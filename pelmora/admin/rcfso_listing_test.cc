@@ -133,6 +133,16 @@ TEST(RCFSOListing, GetFolderFilesCutShortGivesTheSocketError) {
   EXPECT_EQ(stalled.fso().ErrCode(), 10060);
 }
 
+// Empty entries are four zero bytes each; a server closing right after them has sent a whole,
+// empty listing. The close races the last read, so the case is repeated.
+TEST(RCFSOListing, GetFolderFilesOfEmptyEntriesSurvivesTheServerClosingAfterThem) {
+  for (int run = 0; run < 12; ++run) {
+    ListingExchange closed(12, Bytes(12, 0), true);
+    EXPECT_EQ(closed.fso().GetFolderFiles("C:\\Data").Count(), 0);
+    EXPECT_EQ(closed.fso().ErrCode(), 0) << "run " << run;
+  }
+}
+
 TEST(RCFSOListing, ArgumentsAndConnectionAreCheckedFirst) {
   LogCapture log;
   RCFSO fso;

@@ -269,8 +269,11 @@ TEST(RCFSORequests, GetSystemTimeReadsTheServersClock) {
   TextRequest iso({TextData("2009-03-14 08:05:09")});
   EXPECT_EQ(iso.fso().GetSystemTime().ToCivil(), (CivilTime{2009, 3, 14, 8, 5, 9}));
   EXPECT_EQ(iso.Block()[0], 21);
-  TextRequest us({TextData("3/14/2009 8:05:09 PM")});
-  EXPECT_EQ(us.fso().GetSystemTime().ToCivil(), (CivilTime{2009, 3, 14, 20, 5, 9}));
+  for (const char* text : {"3/14/2009 8:05:09 PM", "14/03/2009 20:05:09", "14.03.2009 20:05:09"}) {
+    TextRequest clock({TextData(text)});
+    EXPECT_EQ(clock.fso().GetSystemTime().ToCivil(), (CivilTime{2009, 3, 14, 20, 5, 9})) << text;
+    EXPECT_EQ(clock.fso().ErrCode(), 0) << text;
+  }
   TextRequest junk({TextData("soon")});
   EXPECT_TRUE(junk.fso().GetSystemTime().IsEmpty());
   EXPECT_EQ(junk.fso().ErrCode(), 13);
@@ -315,6 +318,23 @@ TEST(RCFSORequests, RawTextCutShortByTheServerFails) {
   EXPECT_TRUE(
       log.Has(".log", {"I", "RSFSO", "GetPathWithKey", Handle(fso) + "**Get Data content fail"}));
   fso.Disconnect();
+}
+
+// Announced raw text is counted, not judged: zero characters are text, while a server that
+// closes before sending any of it has sent nothing.
+TEST(RCFSORequests, RawTextOfZerosIsTextAndNothingAtACloseIsAFailure) {
+  for (const bool send_text : {true, false}) {
+    ScriptedPeer peer;
+    RCFSO fso;
+    ExpectLogin(peer, true);
+    ExpectRequest(peer).ReplyWith(Answer(SizeData(4)));
+    if (send_text) peer.Send(Bytes(4, 0));
+    peer.Close();
+    ASSERT_TRUE(LogIn(fso, peer));
+    EXPECT_EQ(fso.GetPathWithKey("k"), send_text ? std::string(2, '\0') : "");
+    EXPECT_EQ(fso.ErrCode(), send_text ? 0 : 10054);
+    fso.Disconnect();
+  }
 }
 
 TEST(RCFSORequests, GetPrintQChecksTheAnnouncedSize) {

@@ -5,6 +5,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <memory>
+
 #include "pelmora/admin/credentials.h"
 #include "pelmora/admin/internal/rcfso_test_access.h"
 #include "pelmora/admin/wire.h"
@@ -12,6 +15,7 @@
 #include "pelmora/common/error_texts.h"
 #include "pelmora/common/log.h"
 #include "pelmora/testing/admin_peer.h"
+#include "pelmora/testing/fault_socket_api.h"
 
 namespace pelmora::admin {
 namespace {
@@ -228,6 +232,25 @@ TEST(RCFSO, SendToAResetPeerRaisesFSODisconnect) {
   EXPECT_TRUE(log.Has(
       ".log", {"I", "RSFSO", "SendPacket", Handle(fso) + "**Send Packet fail err = 10054"}));
   EXPECT_TRUE(log.Has(".log", {"I", "RSFSO", "FileExists", Handle(fso) + "** Send request fail"}));
+}
+
+// A login that cannot be sent is an error line (the .err file), unlike the other session lines.
+TEST(RCFSO, LoginThatCannotBeSentIsLoggedAsAnErrorAndLeavesTheConnectionOpen) {
+  LogCapture log;
+  ScriptedPeer peer;
+  peer.Stall();
+  peer.Start();
+  auto api = std::make_shared<pelmora::testing::FaultSocketApi>();
+  RCFSO fso;
+  RCFSOTestAccess::Socket(fso) = WinSock(api);
+  api->FailNext(pelmora::testing::SocketCall::kSend, ECONNRESET);
+  EXPECT_FALSE(fso.Connect("127.0.0.1", peer.Port(), "u", "p", true));
+  EXPECT_EQ(fso.ErrCode(), 10054);
+  EXPECT_EQ(fso.ErrDescription(), DescribeError(10054));
+  EXPECT_TRUE(RCFSOTestAccess::Connected(fso));
+  EXPECT_TRUE(log.Has(".err", {"E", "RFSO", "Connect", Handle(fso) + "** Send login fail "}));
+  EXPECT_FALSE(log.Has(".log", {"I", "RFSO", "Connect", Handle(fso) + "** Send login fail "}));
+  fso.Disconnect();
 }
 
 TEST(RCFSO, FailureLinesAreWrittenAtLogLevelOneAndTracesAreNot) {

@@ -217,18 +217,9 @@ bool RCFSO::ReceiveContent(internal::LocalFile& file, int32_t size) {
   int64_t remaining = size;
   while (remaining > 0) {
     const auto wanted = static_cast<int32_t>(std::min<int64_t>(remaining, kReceiveBlock));
-    int32_t e = socket_.GetData(block, wanted);
-    if (e == sckSuccess &&
-        (block.size() < static_cast<size_t>(wanted) || ClosedBeforeAnyByte(block))) {
-      e = sckConnectionReset;
-    }
-    size_t usable = block.size();
-    if (e != sckSuccess) {
-      // A receive that brought nothing leaves `wanted` zero bytes behind.
-      usable = block.size() < static_cast<size_t>(wanted)
-                   ? block.size() - block.size() % kPacketSize
-                   : 0;
-    }
+    const int32_t e = ReceiveRaw(wanted, block);
+    const size_t usable =
+        e == sckSuccess ? block.size() : block.size() - block.size() % kPacketSize;
     file.WriteAll(std::span(block).first(usable));
     remaining -= static_cast<int64_t>(usable);
     if (e != sckSuccess) return FailContent(file, e, remaining);

@@ -275,6 +275,29 @@ TEST_F(RCFSOTransfer, DownloadCutShortKeepsThePiecesReceived) {
   }
 }
 
+// A server that closes right after the last byte must not cost the file its zero bytes: zeros
+// are data, and only a read that brings nothing is a close. The close races the last read, so
+// each case is repeated.
+TEST_F(RCFSOTransfer, DownloadKeepsAZeroFilledTailWhenTheServerClosesRightAfterIt) {
+  Bytes tailed = Pattern(1500);
+  tailed.resize(3000, 0);
+  const Bytes contents[] = {Bytes(1000, 0), Bytes(1500, 0), tailed};
+  for (const Bytes& content : contents) {
+    for (int run = 0; run < 12; ++run) {
+      ScriptedPeer peer;
+      RCFSO fso;
+      ScriptDownload(peer, static_cast<int32_t>(content.size()), content);
+      peer.Close();
+      ASSERT_TRUE(LogIn(fso, peer));
+      const std::string local = Path("zeros");
+      EXPECT_TRUE(fso.Download(local, "D:\\zeros")) << content.size() << " run " << run;
+      EXPECT_EQ(fso.ErrCode(), 0);
+      EXPECT_TRUE(ReadFileBytes(local) == content) << content.size() << " run " << run;
+      fso.Disconnect();
+    }
+  }
+}
+
 TEST_F(RCFSOTransfer, DownloadWithoutASizeMessageSaysNoAndKeepsTheReceiveError) {
   ExpectLogin(peer_, true);
   ExpectRequest(peer_).Receive(kPacketSize);

@@ -89,8 +89,12 @@ bool SocketClient::SendMessage(int32_t lMsgSize, std::span<const uint8_t> aMsg) 
 }
 
 bool SocketClient::RecvMessage(int32_t lPacketSize, std::vector<uint8_t>& aMsg) {
-  int32_t e = socket_.GetData(aMsg, lPacketSize);
-  if (e == sckSuccess) return true;
+  std::vector<uint8_t> received;
+  int32_t e = socket_.GetData(received, lPacketSize);
+  if (e == sckSuccess) {
+    aMsg = std::move(received);
+    return true;
+  }
   SetError(e, socket_.GetErrorDescription(e));
   WriteLogFile(e, err_description_, kModule, "RecvMessage", kLogEntryError);
   return false;

@@ -48,7 +48,8 @@ class SocketClient {
 
   // Connects to host:port and waits (up to 10 s) for the server's greeting block. True when the
   // greeting, as ANSI text, is not empty: NUL characters count, so a server that closes without a
-  // word still gives 512 NULs and true. Raises pelmora::Error as WinSock::Connect does (10061
+  // word still gives 512 NULs and true; a server that sends nothing within the 10 s gives false
+  // with 10060 (the connection stays open). Raises pelmora::Error as WinSock::Connect does (10061
   // refused, 10049 unknown host...).
   bool Connect(const std::string& host, int32_t port);
 
@@ -62,8 +63,9 @@ class SocketClient {
   bool SendMessage(int32_t lMsgSize, std::span<const uint8_t> aMsg);
 
   // Receives up to lPacketSize bytes: waits until that many came, the peer closed, or 10 s
-  // passed. aMsg receives the bytes that came (lPacketSize zero bytes when none came). False with
-  // the socket code (10060 time-out...) after logging it. Raises 40014 when lPacketSize < 1.
+  // passed. aMsg receives the bytes that came (lPacketSize zero bytes when the peer closed without
+  // sending). False with the socket code (10060 time-out...) after logging it, aMsg untouched.
+  // Raises 40014 when lPacketSize < 1.
   bool RecvMessage(int32_t lPacketSize, std::vector<uint8_t>& aMsg);
 
   // Sends sMsg as its UTF-16LE bytes without the last byte (so at most 256 characters; more, or

@@ -151,6 +151,26 @@ TEST_F(SocketClientTest, ConnectIsTrueForAnyGreetingEvenAnEmptyBlockFromAClosing
   EXPECT_TRUE(peer_.Finish()) << peer_.Failure();
 }
 
+// A greeting that never comes is a failed receive: the caller's array is left as it was, so an
+// empty greeting and a false Connect.
+TEST_F(SocketClientTest, ConnectIsFalseWhenTheGreetingNeverComesAndFailedReceivesKeepTheArray) {
+  peer_.Stall();
+  peer_.Start();
+  api_->silent_receives = 1;
+  EXPECT_FALSE(client_.Connect("127.0.0.1", peer_.Port()));
+  EXPECT_EQ(client_.ErrCode(), 10060);
+  EXPECT_EQ(client_.ErrDescription(), kTimedOut);
+  for (int silent : {1, 0}) {
+    api_->silent_receives = silent;
+    api_->failing_receives = 1 - silent;
+    std::vector<uint8_t> message = {1, 2, 3};
+    EXPECT_FALSE(client_.RecvMessage(SocketClient::kBlockSize, message));
+    EXPECT_EQ(message, Bytes({1, 2, 3}));
+  }
+  EXPECT_EQ(client_.ErrCode(), 10054);
+  client_.Disconnect();
+}
+
 TEST_F(SocketClientTest, ConnectRaisesWhenRefused) {
   uint16_t closed_port = 0;
   {

@@ -82,6 +82,9 @@ WinSock& WinSock::operator=(WinSock&& other) noexcept {
   read_ahead_ = std::move(other.read_ahead_);
   read_pos_ = std::exchange(other.read_pos_, 0);
   read_end_ = std::exchange(other.read_end_, 0);
+  read_ahead_enabled_ = other.read_ahead_enabled_;
+  last_received_ = other.last_received_;
+  peer_closed_ = other.peer_closed_;
   return *this;
 }
 

@@ -193,8 +193,8 @@ class WinSock {
 
   // Closes any socket the object holds (Disconnect), then adopts `hSocket` unchecked.
   void Attach(int32_t hSocket);
-  // Returns the handle and forgets it without closing it; the caller owns it from then on. Bytes
-  // that GetData had already read ahead from the socket are discarded.
+  // Returns the handle and forgets it without closing it; the caller owns it from then on, with
+  // every byte that GetData has not returned still in the socket (see SetReadAhead).
   int32_t Detach();
   // Reads a socket option into `OptVal`. SO_LINGER comes back as on/off in the low 16 bits and
   // linger seconds in the high 16 bits. False (OptVal untouched) with no socket (last error
@@ -243,6 +243,17 @@ class WinSock {
   // C++ only, not part of the automation interface: the code of the last failure (0 after a
   // success), as kept by every member above.
   int32_t LastError() const { return last_error_; }
+  // C++ only: how many bytes the last GetData received (0 when none came, although its buffer
+  // then holds Size zero bytes), and whether it ended because the peer had closed the connection.
+  // Together they tell a block of real zero bytes from a close.
+  int32_t LastReceivedCount() const { return last_received_; }
+  bool LastReceiveReachedEnd() const { return peer_closed_; }
+  // C++ only: lets GetData take up to 64 KiB from the system per receive and keep what it was not
+  // asked for, for the next GetData (far fewer system calls for small reads). Off by default, so
+  // that every byte GetData has not returned stays in the socket for whoever reads it next
+  // (through SocketHandle or after Detach). Only an owner that never lets anyone else read the
+  // socket may turn it on; Detach, Attach and Disconnect discard what was read ahead.
+  void SetReadAhead(bool enabled) { read_ahead_enabled_ = enabled; }
 
  private:
   [[noreturn]] void Raise(int32_t number);
@@ -275,6 +286,10 @@ class WinSock {
   std::unique_ptr<uint8_t[]> read_ahead_;
   size_t read_pos_ = 0;
   size_t read_end_ = 0;
+  bool read_ahead_enabled_ = false;
+  // How the last GetData ended (LastReceivedCount, LastReceiveReachedEnd).
+  int32_t last_received_ = 0;
+  bool peer_closed_ = false;
 };
 
 }  // namespace pelmora

@@ -1,5 +1,5 @@
-// WinSock's data transfer: GetData (event waits through poll, with a read-ahead buffer) and
-// SendData (whole-array sends that continue short sends).
+// WinSock's data transfer: GetData (event waits through poll, with a read-ahead buffer where the
+// owner allows it) and SendData (whole-array sends that continue short sends).
 #include <poll.h>
 
 #include <algorithm>
@@ -41,7 +41,9 @@ int32_t WinSock::GetData(WinSockBuffer& Buffer, int32_t Size, SckDataTypeConstan
     Raise(sckOutOfMemory);
   }
   int32_t received = 0;
+  peer_closed_ = false;
   int32_t result = ReceiveInto(bytes.data(), Size, received);
+  last_received_ = received;
   // Nothing received keeps all Size zero bytes: the result, not the length, says nothing came.
   if (received > 0 && received < Size) bytes.resize(static_cast<size_t>(received));
   if (DataType == sckByteArray) {
@@ -90,18 +92,22 @@ int32_t WinSock::ReceiveInto(uint8_t* out, int32_t size, int32_t& received) {
       drained = true;
       continue;
     }
-    if (got.value == 0) break;  // the peer closed the connection
+    if (got.value == 0) {  // the peer closed the connection
+      peer_closed_ = true;
+      break;
+    }
     received += static_cast<int32_t>(got.value);
   }
   last_error_ = 0;
   return 0;
 }
 
-// One receive without waiting, straight into `out` for large requests, otherwise through the
-// read-ahead buffer; the result counts the bytes delivered to `out`. `drained` tells whether the
-// receive took less than it asked for, so that the system holds nothing more for now.
+// One receive without waiting, straight into `out` for large requests or when reading ahead is
+// off, otherwise through the read-ahead buffer; the result counts the bytes delivered to `out`.
+// `drained` tells whether the receive took less than it asked for, so that the system holds
+// nothing more for now.
 SocketResult WinSock::ReceiveSome(uint8_t* out, size_t missing, bool& drained) {
-  if (missing >= kReadAheadSize) {
+  if (!read_ahead_enabled_ || missing >= kReadAheadSize) {
     SocketResult got = api_->Recv(handle_, out, missing, MSG_DONTWAIT);
     drained = got.ok() && static_cast<size_t>(got.value) < missing;
     return got;

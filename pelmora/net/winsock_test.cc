@@ -338,6 +338,7 @@ TEST(WinSock, LargeTransfersArriveWholeBothWays) {
   WinSock socket;
   ConnectTo(socket, peer.Port());
   socket.SetReceiveTimeout(20000);
+  socket.SetReadAhead(true);
   EXPECT_EQ(socket.SendData(outgoing), 0);
   // Half in one request, the rest in 1500-byte pieces through the read-ahead buffer.
   std::vector<uint8_t> first;

@@ -148,10 +148,13 @@ TEST_F(ServiceRequests, MachineRequestsAnswerFromTheConfiguration) {
   EXPECT_EQ(fso_.GetPrintQ(), "");
   EXPECT_EQ(fso_.ErrCode(), 0);
   EXPECT_TRUE(fso_.IsSameMachineWithSvr());
-  pelmora::Date before = pelmora::Date::FromUnixTime(::time(nullptr) - 2);
-  pelmora::Date clock = fso_.GetSystemTime();
+  // The service reads the same clock: its answer lies between the readings around the call.
+  const pelmora::Date before = pelmora::Date::FromUnixTime(::time(nullptr));
+  const pelmora::Date clock = fso_.GetSystemTime();
+  const pelmora::Date after = pelmora::Date::FromUnixTime(::time(nullptr));
   EXPECT_EQ(fso_.ErrCode(), 0) << fso_.ErrDescription();
-  EXPECT_GE(clock.Serial(), before.Serial());
+  EXPECT_GE(clock, before);
+  EXPECT_LE(clock, after);
 }
 
 TEST_F(ServiceRequests, ReadOnlyAccountReadsButChangesNothing) {

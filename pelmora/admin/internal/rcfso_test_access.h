@@ -42,7 +42,7 @@ class RCFSOTestAccess {
   static bool SendRequestTwo(RCFSO& fso, std::string_view a, std::string_view b, int16_t code) {
     return fso.SendRequestTwo(a, b, code);
   }
-  static std::optional<std::string> CachePath(const RCFSO& fso, std::string_view remote) {
+  static std::string CachePath(const RCFSO& fso, std::string_view remote) {
     return fso.CachePathOf(remote);
   }
 };

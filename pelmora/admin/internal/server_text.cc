@@ -1,8 +1,12 @@
 #include "pelmora/admin/internal/server_text.h"
 
+#include <langinfo.h>
+#include <locale.h>
+
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <utility>
 #include <vector>
 
 namespace pelmora::admin::internal {
@@ -92,14 +96,42 @@ std::optional<std::array<int, n>> Fields(std::string_view text, char sep) {
   return out;
 }
 
-bool ParseDatePart(std::string_view token, CivilTime& civil) {
-  bool iso = token.find('-') != std::string_view::npos;
-  auto f = Fields<3>(token, iso ? '-' : '/');
-  size_t year_digits = iso ? token.find('-') : token.size() - token.rfind('/') - 1;
-  if (!f || year_digits != 4) return false;
-  civil.year = iso ? (*f)[0] : (*f)[2];
-  civil.month = iso ? (*f)[1] : (*f)[0];
-  civil.day = iso ? (*f)[2] : (*f)[1];
+// A two-digit year as the automation conversion reads it: 00-29 are 2000-2029, 30-99 1930-1999.
+int WidenYear(int year, size_t digits) {
+  if (digits > 2) return year;
+  return year + (year < 30 ? 2000 : 1900);
+}
+
+bool ValidDay(int year, int month, int day) {
+  return Date::FromCivil({year, month, day, 0, 0, 0}).has_value();
+}
+
+// Three numeric fields joined by one of '/', '.' or '-': year first (4 digits), or day and month
+// first with a year of 4 or 2 digits last. Day and month come in the preferred order unless that
+// gives no date and the other order does.
+bool ParseDatePart(std::string_view token, DayOrder order, CivilTime& civil) {
+  const size_t at = token.find_first_of("/.-");
+  if (at == std::string_view::npos) return false;
+  const char sep = token[at];
+  const auto f = Fields<3>(token, sep);
+  if (!f) return false;
+  const size_t first_digits = at;
+  const size_t last_digits = token.size() - token.rfind(sep) - 1;
+  if (first_digits == 4 && last_digits <= 2) {
+    civil.year = (*f)[0];
+    civil.month = (*f)[1];
+    civil.day = (*f)[2];
+    return true;
+  }
+  if (last_digits != 4 && last_digits != 2) return false;
+  civil.year = WidenYear((*f)[2], last_digits);
+  const bool day_first = order == DayOrder::kDayFirst;
+  civil.day = (*f)[day_first ? 0 : 1];
+  civil.month = (*f)[day_first ? 1 : 0];
+  if (!ValidDay(civil.year, civil.month, civil.day) &&
+      ValidDay(civil.year, civil.day, civil.month)) {
+    std::swap(civil.day, civil.month);
+  }
   return true;
 }
 
@@ -127,7 +159,22 @@ bool ParseTimePart(std::string_view token, std::string_view meridiem, CivilTime&
 
 }  // namespace
 
+DayOrder LocaleDayOrder() {
+  const locale_t locale = ::newlocale(LC_TIME_MASK, "", static_cast<locale_t>(nullptr));
+  if (locale == static_cast<locale_t>(nullptr)) return DayOrder::kMonthFirst;
+  const std::string_view format = ::nl_langinfo_l(D_FMT, locale);
+  size_t day = format.find("%d");
+  if (day == std::string_view::npos) day = format.find("%e");
+  const size_t month = format.find("%m");
+  ::freelocale(locale);
+  return day < month ? DayOrder::kDayFirst : DayOrder::kMonthFirst;
+}
+
 std::optional<Date> ParseServerDate(std::string_view text) {
+  return ParseServerDate(text, LocaleDayOrder());
+}
+
+std::optional<Date> ParseServerDate(std::string_view text, DayOrder order) {
   std::vector<std::string_view> tokens;
   size_t pos = 0;
   text = Trim(text);
@@ -141,7 +188,7 @@ std::optional<Date> ParseServerDate(std::string_view text) {
   CivilTime civil;
   size_t next = 0;
   if (tokens[0].find(':') == std::string_view::npos) {
-    if (!ParseDatePart(tokens[0], civil)) return std::nullopt;
+    if (!ParseDatePart(tokens[0], order, civil)) return std::nullopt;
     next = 1;
   }
   if (next < tokens.size()) {
