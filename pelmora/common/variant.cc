@@ -68,8 +68,10 @@ bool operator==(const VariantArray& a, const VariantArray& b) {
 }
 
 Variant Variant::FromCurrency(double amount) {
-  double scaled = std::nearbyint(amount * 10000);
   if (!(std::fabs(amount) <= kCurrencyLimit)) Raise(6);
+  double scaled = std::nearbyint(amount * 10000);
+  // The largest amount has no exact double: the nearest one scales to just past the 64-bit range.
+  if (scaled >= 0x1p63) return Variant(Currency{std::numeric_limits<int64_t>::max()});
   return Variant(Currency{static_cast<int64_t>(scaled)});
 }
 

@@ -176,6 +176,9 @@ TEST(Variant, CurrencyKeepsFourDecimalsRoundingHalfToEven) {
   EXPECT_EQ(Variant(3.0 / 32).ToCurrency(), Currency{938});
   EXPECT_EQ(Variant("0.1").ToCurrency(), Currency{1000});
   EXPECT_EQ(Variant(7).ToCurrency(), Currency{70000});
+  // The limits themselves: the largest amount's nearest double lies just past the 64-bit range.
+  EXPECT_EQ(Variant("922337203685477.5807").ToCurrency(), Currency{INT64_MAX});
+  EXPECT_EQ(Variant("-922337203685477.5808").ToCurrency(), Currency{INT64_MIN});
   EXPECT_DOUBLE_EQ(Variant(Currency{12345}).ToDouble(), 1.2345);
 }
 
