@@ -55,19 +55,12 @@ bool IsFinalResponse(const ResponseHeaders& headers) {
 }
 
 curl_slist* HeaderList(const std::string& caller_lines) {
-  curl_slist* list = nullptr;
   // No Accept, Expect or made-up Content-Type of libcurl's own; keep the connection open.
-  for (const char* line : {"Accept:", "Expect:", "Content-Type:", "Connection: Keep-Alive"}) {
-    list = curl_slist_append(list, line);
-  }
-  std::string_view rest = caller_lines;
-  while (!rest.empty()) {
-    size_t end = rest.find('\n');
-    std::string line(rest.substr(0, end));
-    rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
-    while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.pop_back();
-    if (!line.empty()) list = curl_slist_append(list, line.c_str());
-  }
+  std::vector<std::string> lines = {"Accept:", "Expect:", "Content-Type:",
+                                    "Connection: Keep-Alive"};
+  AddOrReplaceHeaders(lines, caller_lines);
+  curl_slist* list = nullptr;
+  for (const std::string& line : lines) list = curl_slist_append(list, line.c_str());
   return list;
 }
 
