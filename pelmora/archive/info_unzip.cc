@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include "pelmora/archive/archive_prompt.h"
+#include "pelmora/common/codepage.h"
 
 namespace pelmora {
 namespace {
@@ -42,7 +43,7 @@ int OfferPassword(std::string& answer, std::string_view, std::string_view) {
     module.password_offered = 1;
     return 1;
   }
-  answer = module.password.substr(0, kPasswordSize - 1);
+  answer = Utf8ToAnsi(module.password).substr(0, kPasswordSize - 1);
   module.password_offered = 1;
   return 0;
 }

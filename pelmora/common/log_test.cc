@@ -149,6 +149,7 @@ TEST_F(LogTest, MessagesAreCleanedTheSameWayByBothWriters) {
       {"\r\r\n\n", "\r \n"}, {"\r\n\r\n", "  "},
       {"``", "''"},          {"", ""},
       {"x\r", "x\r"},        {std::string_view("a\0b", 3), std::string_view("a\0b", 3)},
+      {"\u00e9t\u00e9 \u20ac", "\xE9t\xE9 \x80"},  // lines are written in the ANSI code page
   };
   for (const Case& c : kCases) {
     SCOPED_TRACE(testing::PrintToString(std::string(c.message)));

@@ -174,7 +174,7 @@ void WinINet::Execute(const std::string& URL, const std::string& Operation, Vari
   net_internal::TransferRequest request = RequestFromParts();
   request.verb = verb;
   request.body = std::move(body);
-  request.headers = InputHdrs;
+  request.headers = Utf8ToAnsi(InputHdrs);
   StartRequest(std::move(request));
 }
 
@@ -199,7 +199,7 @@ int32_t WinINet::UploadFile(const std::string& FileName, int32_t Start, int32_t 
   length = std::min(length, size - Start);
   net_internal::TransferRequest request = RequestFromParts();
   request.verb = "POST";
-  request.headers = InputHdrs;
+  request.headers = Utf8ToAnsi(InputHdrs);
   request.upload = {.fd = fd, .offset = Start, .length = length};
   StartRequest(std::move(request));  // the transfer closes the file
   return static_cast<int32_t>(ChunkedTotal(size, Start, length, chunk_size_));
@@ -210,7 +210,7 @@ Variant WinINet::OpenURL(const std::string& URL, int32_t DataType) {
   Cancel();
   RequireHost();
   OpenSession();
-  net_internal::CrackedUrl url = net_internal::CrackUrl(this->URL());
+  net_internal::CrackedUrl url = net_internal::CrackUrl(Utf8ToAnsi(this->URL()));
   bool transfer_scheme = url.scheme >= InternetSchemeFtp && url.scheme <= InternetSchemeHttps;
   if (!url.ok || !transfer_scheme) {
     net_internal::RaiseWithText(net_internal::kErrorUnrecognizedScheme);
