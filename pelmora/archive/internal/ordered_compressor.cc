@@ -9,6 +9,8 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <new>
+#include <system_error>
 #include <thread>
 
 #include "pelmora/archive/internal/extraction_folder.h"
@@ -140,6 +142,18 @@ Compressed CompressInMemory(const std::string& path, int level) {
 
 namespace {
 
+// One job's result; a job that runs out of memory reports it instead of ending the process.
+Compressed Compress(const CompressJob& job, int level) {
+  if (job.skip) return {};
+  try {
+    return CompressInMemory(job.path, level);
+  } catch (const std::bad_alloc&) {
+    Compressed result;
+    result.out_of_memory = true;
+    return result;
+  }
+}
+
 // The shared state of one CompressInOrder run.
 class OrderedRun {
  public:
@@ -156,8 +170,7 @@ class OrderedRun {
         index = next_++;
         in_flight_ += Weight(jobs_[index]);
       }
-      Compressed result;
-      if (!jobs_[index].skip) result = CompressInMemory(jobs_[index].path, level_);
+      Compressed result = Compress(jobs_[index], level_);
       std::lock_guard lock(mutex_);
       done_.emplace(index, std::move(result));
       changed_.notify_all();
@@ -206,9 +219,19 @@ bool CompressInOrder(const std::vector<CompressJob>& jobs, int level, unsigned t
   if (threads == 0) threads = std::max(1u, std::thread::hardware_concurrency());
   OrderedRun run(jobs, level, window_bytes);
   std::vector<std::thread> workers;
-  for (unsigned i = 0; i < threads && i < jobs.size(); ++i) workers.emplace_back([&] { run.Work(); });
+  workers.reserve(std::min<size_t>(threads, jobs.size()));
+  for (unsigned i = 0; i < threads && i < jobs.size(); ++i) {
+    try {
+      workers.emplace_back([&] { run.Work(); });
+    } catch (const std::system_error&) {
+      break;  // no more threads to be had: the ones started do the work
+    }
+  }
   bool completed = true;
-  for (size_t i = 0; i < jobs.size() && completed; ++i) completed = consume(i, run.Take(i));
+  for (size_t i = 0; i < jobs.size() && completed; ++i) {
+    // Without a single worker the calling thread compresses each file itself.
+    completed = consume(i, workers.empty() ? Compress(jobs[i], level) : run.Take(i));
+  }
   run.Stop();
   for (std::thread& worker : workers) worker.join();
   return completed;
