@@ -63,7 +63,7 @@ void TaskScheduler::SetTargetComputer(const std::string& value) {
 
 std::shared_ptr<Task> TaskScheduler::CreateTask(const std::string& Name) const {
   if (Name.empty()) throw RuntimeError(5, "Add");
-  return std::make_shared<Task>(store_, Name, Name + ".job", sched::JobFile{}, false);
+  return std::make_shared<Task>(store_, Name, Name + ".job", sched::NewJobFile(), false);
 }
 
 void TaskScheduler::Add(const std::shared_ptr<Task>& NewTask) {
