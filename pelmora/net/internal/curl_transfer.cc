@@ -114,6 +114,7 @@ void CurlTransfer::Configure(const CurlSession& session) {
     if (IsHttp()) curl_easy_setopt(easy_, CURLOPT_HTTPAUTH, CURLAUTH_ANY);
   }
   if (request_.scheme == kSchemeHttps) ConfigureTls();
+  if (request_.scheme == kSchemeFtp) ConfigureFtp();
   if (IsHttp()) {
     header_list_ = HeaderList(request_.headers);
     curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, header_list_);
@@ -136,6 +137,20 @@ void CurlTransfer::ConfigureTls() {
   }
   if (const char* dir = std::getenv("SSL_CERT_DIR"); dir != nullptr && *dir != '\0') {
     curl_easy_setopt(easy_, CURLOPT_CAPATH, dir);
+  }
+}
+
+// The platform's FTP default is active mode: the client listens on the control connection's
+// address and announces it with PORT (EPRT over IPv6); passive mode asks with PASV.
+void CurlTransfer::ConfigureFtp() {
+  if (request_.ftp_passive) {
+    curl_easy_setopt(easy_, CURLOPT_FTP_USE_EPSV, 0L);
+    return;
+  }
+  curl_easy_setopt(easy_, CURLOPT_FTPPORT, "-");
+  curl_easy_setopt(easy_, CURLOPT_FTP_USE_EPRT, 0L);
+  if (request_.idle_timeout_ms > 0) {
+    curl_easy_setopt(easy_, CURLOPT_ACCEPTTIMEOUT_MS, static_cast<long>(request_.idle_timeout_ms));
   }
 }
 
