@@ -190,7 +190,12 @@ int32_t WinINet::UploadFile(const std::string& FileName, int32_t Start, int32_t 
   int fd = ::open(FileName.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) net_internal::RaiseWithText(FileErrorNumber(errno));
   struct stat info {};
-  int64_t size = ::fstat(fd, &info) == 0 ? static_cast<int64_t>(info.st_size & 0xFFFFFFFF) : 0;
+  bool is_file = ::fstat(fd, &info) == 0 && !S_ISDIR(info.st_mode);
+  if (!is_file) {
+    ::close(fd);  // a folder cannot be opened as a file: access denied
+    net_internal::RaiseWithText(FileErrorNumber(EISDIR));
+  }
+  int64_t size = static_cast<int64_t>(info.st_size & 0xFFFFFFFF);
   if (Start > size) {
     ::close(fd);
     RaiseBadArgument();
