@@ -83,7 +83,7 @@ TEST_F(InfoUnzipArchive, ArgumentsReplaceTheProperties) {
 }
 
 TEST_F(InfoUnzipArchive, PasswordIsOfferedAsAnsiBytes) {
-  // zip -P with the bytes E9 74 E9: "\u00e9t\u00e9" in code page 1252, not its UTF-8 form.
+  // zip -P with the bytes E9 74 E9: "été" in code page 1252, not its UTF-8 form.
   ASSERT_TRUE(archive::testing::MakeEncrypted(
       dir_.Path("src"), "zip -P \"$(printf '\\351t\\351')\" ../ansi.zip a.txt b.txt",
       dir_.Path("ansi.zip"), {"\u00e9t\u00e9"}));

@@ -173,7 +173,8 @@ TEST_F(InfoZipFiles, CreateWorksOnTheCallersThreadWhenNoThreadCanStart) {
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   ASSERT_TRUE(WIFEXITED(status));
-  if (WEXITSTATUS(status) == kThreadsStillStart) GTEST_SKIP() << "the process limit is not enforced";
+  if (WEXITSTATUS(status) == kThreadsStillStart)
+    GTEST_SKIP() << "the process limit is not enforced";
   EXPECT_EQ(WEXITSTATUS(status), 0);
   EXPECT_EQ(RunIn(dir_.Path(), "unzip -t a.zip"), 0);
 }

@@ -37,7 +37,7 @@ std::string Utf8ToUtf16Le(std::string_view utf8);
 std::string Utf16LeToUtf8(std::string_view utf16le);
 
 // `utf8` with every letter in lower case, as names that compare without regard to case are
-// compared: "\u00c9T\u00c9.txt" and "\u00e9t\u00e9.TXT" fold alike. Letters beyond ASCII fold by the
+// compared: "ÉTÉ.txt" and "été.TXT" fold alike. Letters beyond ASCII fold by the
 // Unicode case tables; invalid UTF-8 bytes stay as they are.
 std::string FoldCase(std::string_view utf8);
 

@@ -43,9 +43,10 @@ TEST(Dictionary, ComparesKeysWithoutCase) {
 }
 
 TEST(Dictionary, LettersBeyondAsciiFoldToo) {
-  const char* pairs[][2] = {{"\u00e9.txt", "\u00c9.TXT"}, {"\u0153uvre", "\u0152UVRE"},
-                            {"\u00ff", "\u0178"}, {"\u0434\u0430", "\u0414\u0410"},
-                            {"\u03c3", "\u03a3"}, {"\u00e5ngstr\u00f6m", "\u00c5NGSTR\u00d6M"}};
+  const char* pairs[][2] = {
+      {"\u00e9.txt", "\u00c9.TXT"}, {"\u0153uvre", "\u0152UVRE"},
+      {"\u00ff", "\u0178"},         {"\u0434\u0430", "\u0414\u0410"},
+      {"\u03c3", "\u03a3"},         {"\u00e5ngstr\u00f6m", "\u00c5NGSTR\u00d6M"}};
   for (const auto& pair : pairs) {
     Dictionary d;
     d.Add(pair[0], Variant(1));

@@ -1,7 +1,6 @@
 // The WinINet object against a scripted HTTP peer: the exact request bytes, and the replies real
 // servers do not give on demand (garbage, early closes, resets, stalls, short bodies).
 #include <gtest/gtest.h>
-
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -119,10 +118,9 @@ TEST(WinINetPeer, CallerHeadersAreAddedOrReplaceOnesOfTheSameName) {
   inet.Execute(peer.Url("/\u00e4"), "POST", body,
                "X-A: 1\r\nconnection: close\r\nX-A: 2\r\nAccept-Language:\r\n"
                "X-Name: Ren\u00e9\r\n");
-  EXPECT_EQ(peer.Request(),
-            "POST /%E4 HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(peer.Port()) +
-                "\r\nUser-Agent: Corvanta Inet Agent\r\nconnection: close\r\n"
-                "X-A: 2\r\nX-Name: Ren\xE9\r\nContent-Length: 2\r\n\r\nhi");
+  EXPECT_EQ(peer.Request(), "POST /%E4 HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(peer.Port()) +
+                                "\r\nUser-Agent: Corvanta Inet Agent\r\nconnection: close\r\n"
+                                "X-A: 2\r\nX-Name: Ren\xE9\r\nContent-Length: 2\r\n\r\nhi");
 }
 
 TEST(WinINetPeer, BareLineFeedHeadersReadBackWithCrLf) {

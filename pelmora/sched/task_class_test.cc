@@ -5,8 +5,8 @@
 
 #include "pelmora/automation/registry.h"
 #include "pelmora/common/error.h"
-#include "pelmora/common/variant.h"
 #include "pelmora/common/internal/log_test_support.h"
+#include "pelmora/common/variant.h"
 #include "pelmora/testing/raised_error.h"
 
 namespace pelmora {

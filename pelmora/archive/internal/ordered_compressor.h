@@ -47,9 +47,9 @@ struct CompressJob {
 };
 
 // Compresses `jobs` with up to `threads` workers (0: one per core; fewer when the system cannot
-// start that many, and none, compressing on the calling thread, when it cannot start one) and calls `consume(index, result)`
-// for each in order on the calling thread; a false from it stops the run (the workers are
-// joined before returning). Returns false when stopped.
+// start that many, and none, compressing on the calling thread, when it cannot start one) and calls
+// `consume(index, result)` for each in order on the calling thread; a false from it stops the run
+// (the workers are joined before returning). Returns false when stopped.
 bool CompressInOrder(const std::vector<CompressJob>& jobs, int level, unsigned threads,
                      uint64_t window_bytes,
                      const std::function<bool(size_t, Compressed&&)>& consume);

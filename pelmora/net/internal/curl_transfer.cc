@@ -56,8 +56,8 @@ bool IsFinalResponse(const ResponseHeaders& headers) {
 
 curl_slist* HeaderList(const std::string& caller_lines) {
   // No Accept, Expect or made-up Content-Type of libcurl's own; keep the connection open.
-  std::vector<std::string> lines = {"Accept:", "Expect:", "Content-Type:",
-                                    "Connection: Keep-Alive"};
+  std::vector<std::string> lines = {
+      "Accept:", "Expect:", "Content-Type:", "Connection: Keep-Alive"};
   AddOrReplaceHeaders(lines, caller_lines);
   curl_slist* list = nullptr;
   for (const std::string& line : lines) list = curl_slist_append(list, line.c_str());

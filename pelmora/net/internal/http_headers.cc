@@ -30,7 +30,8 @@ void AddOrReplaceHeaders(std::vector<std::string>& lines, std::string_view calle
   while (!caller_lines.empty()) {
     size_t end = caller_lines.find('\n');
     std::string_view line = WithoutLineEnd(caller_lines.substr(0, end));
-    caller_lines = end == std::string_view::npos ? std::string_view() : caller_lines.substr(end + 1);
+    caller_lines =
+        end == std::string_view::npos ? std::string_view() : caller_lines.substr(end + 1);
     std::string_view name = HeaderName(line);
     if (name.empty()) continue;
     std::string_view value = Trimmed(line.substr(line.find(':') + 1));

@@ -79,7 +79,8 @@ TEST(RequestHeaders, CallerLinesAreAddedOrReplaceTheirName) {
       {"", {"Accept:", "Connection: Keep-Alive"}},
       {"connection:  close \r\n", {"Accept:", "connection: close"}},
       {"X-A: 1\r\nX-A: 2", {"Accept:", "Connection: Keep-Alive", "X-A: 2"}},
-      {"Accept: text/html\nNoColon\r\n\r\nX-B:", {"Accept: text/html", "Connection: Keep-Alive", "X-B:"}},
+      {"Accept: text/html\nNoColon\r\n\r\nX-B:",
+       {"Accept: text/html", "Connection: Keep-Alive", "X-B:"}},
       {"Connection:", {"Accept:", "Connection:"}},  // an empty value sends no such header
   };
   for (const Case& c : kCases) {
