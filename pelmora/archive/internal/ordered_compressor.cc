@@ -6,10 +6,9 @@
 #include <zlib.h>
 
 #include <condition_variable>
-#include <map>
 #include <memory>
 #include <mutex>
-#include <new>
+#include <optional>
 #include <system_error>
 #include <thread>
 
@@ -147,7 +146,7 @@ Compressed Compress(const CompressJob& job, int level) {
   if (job.skip) return {};
   try {
     return CompressInMemory(job.path, level);
-  } catch (const std::bad_alloc&) {
+  } catch (...) {  // out of memory: nothing else in here throws
     Compressed result;
     result.out_of_memory = true;
     return result;
@@ -158,7 +157,7 @@ Compressed Compress(const CompressJob& job, int level) {
 class OrderedRun {
  public:
   OrderedRun(const std::vector<CompressJob>& jobs, int level, uint64_t window)
-      : jobs_(jobs), level_(level), window_(window) {}
+      : jobs_(jobs), level_(level), window_(window), done_(jobs.size()) {}
 
   void Work() {
     for (;;) {
@@ -172,7 +171,7 @@ class OrderedRun {
       }
       Compressed result = Compress(jobs_[index], level_);
       std::lock_guard lock(mutex_);
-      done_.emplace(index, std::move(result));
+      done_[index] = std::move(result);
       changed_.notify_all();
     }
   }
@@ -180,9 +179,9 @@ class OrderedRun {
   // Waits for result `index` and releases its share of the window.
   Compressed Take(size_t index) {
     std::unique_lock lock(mutex_);
-    changed_.wait(lock, [&] { return done_.count(index) != 0; });
-    Compressed result = std::move(done_[index]);
-    done_.erase(index);
+    changed_.wait(lock, [&] { return done_[index].has_value(); });
+    Compressed result = std::move(*done_[index]);
+    done_[index].reset();
     in_flight_ -= Weight(jobs_[index]);
     changed_.notify_all();
     return result;
@@ -208,7 +207,8 @@ class OrderedRun {
   size_t next_ = 0;
   uint64_t in_flight_ = 0;
   bool stop_ = false;
-  std::map<size_t, Compressed> done_;
+  // One slot per job, made before any worker starts, so a worker delivers without allocating.
+  std::vector<std::optional<Compressed>> done_;
 };
 
 }  // namespace
