@@ -211,6 +211,33 @@ class OrderedRun {
   std::vector<std::optional<Compressed>> done_;
 };
 
+// The workers of one run, stopped and joined however the run ends (an exception included).
+class WorkerPool {
+ public:
+  WorkerPool(OrderedRun& run, size_t wanted) : run_(run) {
+    workers_.reserve(wanted);
+    for (size_t i = 0; i < wanted; ++i) {
+      try {
+        workers_.emplace_back([this] { run_.Work(); });
+      } catch (const std::system_error&) {
+        break;  // no more threads to be had: the ones started do the work
+      }
+    }
+  }
+  ~WorkerPool() {
+    run_.Stop();
+    for (std::thread& worker : workers_) worker.join();
+  }
+  WorkerPool(const WorkerPool&) = delete;
+  WorkerPool& operator=(const WorkerPool&) = delete;
+
+  bool Empty() const { return workers_.empty(); }
+
+ private:
+  OrderedRun& run_;
+  std::vector<std::thread> workers_;
+};
+
 }  // namespace
 
 bool CompressInOrder(const std::vector<CompressJob>& jobs, int level, unsigned threads,
@@ -218,22 +245,12 @@ bool CompressInOrder(const std::vector<CompressJob>& jobs, int level, unsigned t
                      const std::function<bool(size_t, Compressed&&)>& consume) {
   if (threads == 0) threads = std::max(1u, std::thread::hardware_concurrency());
   OrderedRun run(jobs, level, window_bytes);
-  std::vector<std::thread> workers;
-  workers.reserve(std::min<size_t>(threads, jobs.size()));
-  for (unsigned i = 0; i < threads && i < jobs.size(); ++i) {
-    try {
-      workers.emplace_back([&] { run.Work(); });
-    } catch (const std::system_error&) {
-      break;  // no more threads to be had: the ones started do the work
-    }
-  }
+  WorkerPool pool(run, std::min<size_t>(threads, jobs.size()));
   bool completed = true;
   for (size_t i = 0; i < jobs.size() && completed; ++i) {
     // Without a single worker the calling thread compresses each file itself.
-    completed = consume(i, workers.empty() ? Compress(jobs[i], level) : run.Take(i));
+    completed = consume(i, pool.Empty() ? Compress(jobs[i], level) : run.Take(i));
   }
-  run.Stop();
-  for (std::thread& worker : workers) worker.join();
   return completed;
 }
 
