@@ -3,7 +3,11 @@
 
 #include <fmt/format.h>
 
+#include <new>
+
 #include "pelmora/archive/archive_prompt.h"
+#include "pelmora/common/codepage.h"
+#include "pelmora/common/error.h"
 
 namespace pelmora {
 namespace {
@@ -42,7 +46,7 @@ int OfferPassword(std::string& answer, std::string_view, std::string_view) {
     module.password_offered = 1;
     return 1;
   }
-  answer = module.password.substr(0, kPasswordSize - 1);
+  answer = Utf8ToAnsi(module.password).substr(0, kPasswordSize - 1);
   module.password_offered = 1;
   return 0;
 }
@@ -74,7 +78,21 @@ int RunExtraction(const archive::DecompressionControl& dcl,
   callbacks.password = &OfferPassword;
   callbacks.message = &ListEntry;
   callbacks.service = [](std::string_view, uint64_t) { return 0; };
-  return archive::RunUnzip(dcl, callbacks, {}, limits);
+  // A run-time error inside the call is its result: its number, and its text as the message.
+  try {
+    return archive::RunUnzip(dcl, callbacks, {}, limits);
+  } catch (const Error& e) {
+    module.message_text = e.Description();
+    return e.Number();
+  } catch (const std::bad_alloc&) {
+    Error e = RuntimeError(7);
+    module.message_text = e.Description();
+    return e.Number();
+  } catch (...) {
+    Error e = RuntimeError(51);
+    module.message_text = e.Description();
+    return e.Number();
+  }
 }
 
 }  // namespace

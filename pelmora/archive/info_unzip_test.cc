@@ -82,6 +82,17 @@ TEST_F(InfoUnzipArchive, ArgumentsReplaceTheProperties) {
   EXPECT_EQ(UnzipModule().password_offered, 1);
 }
 
+TEST_F(InfoUnzipArchive, PasswordIsOfferedAsAnsiBytes) {
+  // zip -P with the bytes E9 74 E9: "été" in code page 1252, not its UTF-8 form.
+  ASSERT_TRUE(archive::testing::MakeEncrypted(
+      dir_.Path("src"), "zip -P \"$(printf '\\351t\\351')\" ../ansi.zip a.txt b.txt",
+      dir_.Path("ansi.zip"), {"\u00e9t\u00e9"}));
+  InfoUnzip u;
+  u.Password("\u00e9t\u00e9");
+  ASSERT_TRUE(u.Unzip(dir_.Path("ansi.zip"), dir_.Path("out"))) << u.ErrDescription();
+  EXPECT_EQ(ReadFile(dir_.Path("out/b.txt")), "bee");
+}
+
 TEST_F(InfoUnzipArchive, WrongPasswordIsOfferedOnceAndItsMessagesKept) {
   InfoUnzip u;
   u.Password("wrong");

@@ -1,7 +1,11 @@
 // InfoZip and the zip module's callbacks.
 #include "pelmora/archive/info_zip.h"
 
+#include <new>
+
+#include "pelmora/archive/archive_codes.h"
 #include "pelmora/archive/archive_prompt.h"
+#include "pelmora/common/codepage.h"
 #include "pelmora/common/error.h"
 
 namespace pelmora {
@@ -19,7 +23,7 @@ int PrintToModule(std::string_view text) {
 int OfferPassword(std::string& answer, std::string_view, std::string_view) {
   const std::string& password = ZipModule().password;
   if (password.empty()) return 1;
-  answer = password;
+  answer = Utf8ToAnsi(password);  // the library keys the archive with the ANSI bytes
   return 0;
 }
 
@@ -27,6 +31,19 @@ int AskComment(std::string& comment) {
   std::string answer = archive::CurrentArchivePrompt().AskText("Enter the comment");
   if (!answer.empty()) comment = answer;
   return 1;
+}
+
+// The archive call, whose run-time failures end in a return code and never reach the caller.
+int RunZipQuietly(const archive::ZipOptions& options, const std::string& zip_file_name,
+                  const std::vector<std::string>& names, const archive::ZipCallbacks& callbacks,
+                  const archive::ZipTuning& tuning) {
+  try {
+    return archive::RunZip(options, zip_file_name, names, callbacks, tuning);
+  } catch (const std::bad_alloc&) {
+    return archive::kZipMem;
+  } catch (...) {
+    return archive::kZipLogic;
+  }
 }
 
 }  // namespace
@@ -55,7 +72,7 @@ bool InfoZip::Create() {
   callbacks.comment = &AskComment;
   callbacks.password = &OfferPassword;
   callbacks.service = [](std::string_view, uint64_t) { return 0; };
-  err_number_ = archive::RunZip(options_, zip_file_name_, files_.Keys(), callbacks, tuning_);
+  err_number_ = RunZipQuietly(options_, zip_file_name_, files_.Keys(), callbacks, tuning_);
   if (err_number_ != 0) {
     err_description_ = module.last_message;
     return false;

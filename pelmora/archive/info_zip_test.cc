@@ -2,8 +2,15 @@
 #include "pelmora/archive/info_zip.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cstdlib>
+#include <filesystem>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include "pelmora/archive/internal/test_archives.h"
@@ -108,12 +115,95 @@ TEST_F(InfoZipFiles, PasswordIsOfferedOnlyWhenEncrypted) {
   EXPECT_NE(RunIn(dir_.Path(), "unzip -t -P other e.zip"), 0);
 }
 
+TEST_F(InfoZipFiles, PasswordKeysTheArchiveWithItsAnsiBytes) {
+  zip_.AddFile("a.txt");
+  zip_.Encrypted(true);
+  zip_.Password("\u00e9t\u00e9");
+  ASSERT_TRUE(zip_.Create());
+  EXPECT_EQ(RunIn(dir_.Path(), "unzip -t -P \"$(printf '\\351t\\351')\" a.zip"), 0);
+}
+
+TEST_F(InfoZipFiles, NamesDifferingInCaseBeyondAsciiAreOne) {
+  zip_.AddFile("\u00e9.txt");
+  zip_.AddFile("\u00c9.txt");
+  EXPECT_EQ(zip_.ZipFileCount(), 1);
+}
+
 TEST_F(InfoZipFiles, EncryptedWithoutPasswordFailsWithTheCallbacksAnswer) {
   zip_.AddFile("a.txt");
   zip_.Encrypted(true);
   EXPECT_FALSE(zip_.Create());
   EXPECT_EQ(zip_.ErrNumber(), 1);
   EXPECT_FALSE(Exists(dir_.Path("a.zip")));
+}
+
+// Exit statuses of the child that creates an archive where no thread can be started.
+constexpr int kThreadsStillStart = 102;
+constexpr int kCreateThrew = 103;
+
+TEST_F(InfoZipFiles, CreateWorksOnTheCallersThreadWhenNoThreadCanStart) {
+  WriteFile(dir_.Path("src/b.txt"), std::string(5000, 'b'));
+  zip_.AddFile("a.txt");
+  zip_.AddFile("b.txt");
+  // The child runs as an ordinary user (the process limit does not bind root) in a folder it
+  // may write.
+  namespace fs = std::filesystem;
+  for (const auto& entry : fs::recursive_directory_iterator(dir_.Path())) {
+    fs::permissions(entry.path(), fs::perms::all, fs::perm_options::add);
+  }
+  fs::permissions(dir_.Path(), fs::perms::all, fs::perm_options::add);
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    rlimit no_processes{0, 0};
+    if ((getuid() == 0 && setuid(65534) != 0) || setrlimit(RLIMIT_NPROC, &no_processes) != 0) {
+      _exit(kThreadsStillStart);  // no way to limit threads here
+    }
+    try {
+      std::thread([] {}).join();
+      _exit(kThreadsStillStart);
+    } catch (const std::system_error&) {
+    }
+    try {
+      _exit(zip_.Create() ? 0 : 50 + zip_.ErrNumber());
+    } catch (...) {
+      _exit(kCreateThrew);
+    }
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  if (WEXITSTATUS(status) == kThreadsStillStart)
+    GTEST_SKIP() << "the process limit is not enforced";
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(RunIn(dir_.Path(), "unzip -t a.zip"), 0);
+}
+
+// Points TMPDIR somewhere for the life of the object.
+class ScopedTmpDir {
+ public:
+  explicit ScopedTmpDir(const std::string& folder) {
+    if (const char* old = std::getenv("TMPDIR")) saved_ = old;
+    setenv("TMPDIR", folder.c_str(), 1);
+  }
+  ~ScopedTmpDir() {
+    if (saved_.empty()) {
+      unsetenv("TMPDIR");
+    } else {
+      setenv("TMPDIR", saved_.c_str(), 1);
+    }
+  }
+
+ private:
+  std::string saved_;
+};
+
+TEST_F(InfoZipFiles, MissingTemporaryFolderIsAReturnCode) {
+  ScopedTmpDir missing(dir_.Path("gone"));
+  zip_.AddFile("a.txt");
+  zip_.ZipFileName(dir_.Path("gone/a.zip"));  // no folder to spool in beside the archive either
+  EXPECT_FALSE(zip_.Create());
+  EXPECT_EQ(zip_.ErrNumber(), archive::kZipTemp);
 }
 
 TEST_F(InfoZipFiles, LateBoundObjectCreatesTheArchive) {

@@ -1,7 +1,10 @@
 #include "pelmora/common/codepage.h"
 
 #include <iconv.h>
+#include <locale.h>
+#include <wctype.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -95,7 +98,75 @@ std::string Convert(const std::string& to, const std::string& from, std::string_
   return out;
 }
 
+// Appends the UTF-8 form of `c`.
+void AppendUtf8(std::string& out, char32_t c) {
+  if (c < 0x80) {
+    out += static_cast<char>(c);
+  } else if (c < 0x800) {
+    out += static_cast<char>(0xC0 | (c >> 6));
+    out += static_cast<char>(0x80 | (c & 0x3F));
+  } else if (c < 0x10000) {
+    out += static_cast<char>(0xE0 | (c >> 12));
+    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (c & 0x3F));
+  } else {
+    out += static_cast<char>(0xF0 | (c >> 18));
+    out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (c & 0x3F));
+  }
+}
+
+// Decodes the well-formed sequence of `n` bytes at `p`; false for a malformed one.
+bool DecodeUtf8(const unsigned char* p, size_t n, char32_t& c) {
+  if (n == 1) return false;
+  c = p[0] & (0x7F >> n);
+  for (size_t i = 1; i < n; ++i) {
+    if ((p[i] & 0xC0) != 0x80) return false;
+    c = (c << 6) | (p[i] & 0x3F);
+  }
+  static constexpr char32_t kMinimum[] = {0, 0, 0x80, 0x800, 0x10000};
+  return c >= kMinimum[n] && c <= 0x10FFFF && (c < 0xD800 || c > 0xDFFF);
+}
+
+// The lower-case form of a character beyond ASCII: the Unicode tables of the C.UTF-8 locale, or
+// Latin-1's own rule where that locale is missing.
+char32_t LowerBeyondAscii(char32_t c) {
+  static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr));
+  if (utf8 != static_cast<locale_t>(nullptr)) {
+    return static_cast<char32_t>(towlower_l(static_cast<wint_t>(c), utf8));
+  }
+  bool latin1_upper = c >= 0xC0 && c <= 0xDE && c != 0xD7;
+  return latin1_upper ? c + 0x20 : c;
+}
+
 }  // namespace
+
+std::string FoldCase(std::string_view utf8) {
+  std::string out;
+  out.reserve(utf8.size());
+  const auto* bytes = reinterpret_cast<const unsigned char*>(utf8.data());
+  for (size_t i = 0; i < utf8.size();) {
+    unsigned char lead = bytes[i];
+    if (lead < 0x80) {
+      out += static_cast<char>(lead >= 'A' && lead <= 'Z' ? lead + ('a' - 'A') : lead);
+      ++i;
+      continue;
+    }
+    size_t n = std::min(Utf8SequenceLength(lead), utf8.size() - i);
+    char32_t c = 0;
+    if (!DecodeUtf8(bytes + i, n, c)) {
+      out += static_cast<char>(lead);
+      ++i;
+      continue;
+    }
+    AppendUtf8(out, LowerBeyondAscii(c));
+    i += n;
+  }
+  return out;
+}
+
+bool EqualsFolded(std::string_view a, std::string_view b) { return FoldCase(a) == FoldCase(b); }
 
 bool SetAnsiCodePage(std::string_view code_page) {
   std::string name = IconvName(code_page);

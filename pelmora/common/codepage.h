@@ -36,6 +36,14 @@ std::string Utf8ToAnsi(std::string_view utf8);
 std::string Utf8ToUtf16Le(std::string_view utf8);
 std::string Utf16LeToUtf8(std::string_view utf16le);
 
+// `utf8` with every letter in lower case, as names that compare without regard to case are
+// compared: "ÉTÉ.txt" and "été.TXT" fold alike. Letters beyond ASCII fold by the
+// Unicode case tables; invalid UTF-8 bytes stay as they are.
+std::string FoldCase(std::string_view utf8);
+
+// Whether two UTF-8 texts are equal once folded (FoldCase).
+bool EqualsFolded(std::string_view a, std::string_view b);
+
 // The number of UTF-16 code units that `utf8` takes: the length automation callers see.
 size_t Utf16Length(std::string_view utf8);
 

@@ -1,16 +1,11 @@
 #include "pelmora/common/dictionary.h"
 
+#include "pelmora/common/codepage.h"
 #include "pelmora/common/error.h"
 
 namespace pelmora {
 
-std::string FoldKeyCase(std::string_view key) {
-  std::string folded(key);
-  for (char& c : folded) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + ('a' - 'A'));
-  }
-  return folded;
-}
+std::string FoldKeyCase(std::string_view key) { return FoldCase(key); }
 
 void RaiseDuplicateKey() { throw RuntimeError(457); }
 

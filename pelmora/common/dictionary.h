@@ -1,4 +1,4 @@
-// A string-keyed dictionary whose keys compare without regard to ASCII case and whose entries
+// A string-keyed dictionary whose keys compare without regard to case (FoldCase) and whose entries
 // keep the order in which they were added.
 //
 //   Dictionary files;
@@ -22,7 +22,7 @@
 
 namespace pelmora {
 
-// `key` with ASCII letters in lower case: the form under which keys are compared.
+// `key` with its letters in lower case (FoldCase): the form under which keys are compared.
 std::string FoldKeyCase(std::string_view key);
 
 // Raises 457 "This key is already associated with an element of this collection".

@@ -27,15 +27,32 @@ TEST(Dictionary, KeepsInsertionOrderAndFirstSpelling) {
   EXPECT_EQ(seen, (std::vector<std::string>{"Zeta=9", "alpha=2", "Mid=3"}));
 }
 
-TEST(Dictionary, ComparesKeysWithoutAsciiCase) {
+TEST(Dictionary, ComparesKeysWithoutCase) {
   Dictionary d;
   d.Add("C:\\Data\\File.TXT", Variant("x"));
   EXPECT_TRUE(d.Exists("c:\\data\\file.txt"));
   EXPECT_EQ(d.Item("C:\\DATA\\FILE.txt"), Variant("x"));
   EXPECT_FALSE(d.Exists("C:\\Data\\File.TX"));
   d.Add("Grüße", Variant(1));
-  EXPECT_FALSE(d.Exists("GRÜSSE"));  // only ASCII letters fold
+  EXPECT_TRUE(d.Exists("GRÜßE"));
+  EXPECT_FALSE(d.Exists("GRÜSSE"));  // a letter folds to one letter, never to two
   EXPECT_TRUE(d.Exists("gRüßE"));
+  d.Add("\xC9t\xC9", Variant(2));  // invalid UTF-8 bytes are kept and compared as they are
+  EXPECT_TRUE(d.Exists("\xC9T\xC9"));
+  EXPECT_FALSE(d.Exists("\xE9t\xE9"));
+}
+
+TEST(Dictionary, LettersBeyondAsciiFoldToo) {
+  const char* pairs[][2] = {
+      {"\u00e9.txt", "\u00c9.TXT"}, {"\u0153uvre", "\u0152UVRE"},
+      {"\u00ff", "\u0178"},         {"\u0434\u0430", "\u0414\u0410"},
+      {"\u03c3", "\u03a3"},         {"\u00e5ngstr\u00f6m", "\u00c5NGSTR\u00d6M"}};
+  for (const auto& pair : pairs) {
+    Dictionary d;
+    d.Add(pair[0], Variant(1));
+    EXPECT_TRUE(d.Exists(pair[1])) << pair[0];
+    EXPECT_EQ(testing::RaisedError([&] { d.Add(pair[1], Variant(2)); }).Number(), 457) << pair[0];
+  }
 }
 
 TEST(Dictionary, DuplicateKeyInAnyCaseRaises457) {

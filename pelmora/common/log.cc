@@ -4,6 +4,7 @@
 
 #include <optional>
 
+#include "pelmora/common/codepage.h"
 #include "pelmora/common/date.h"
 #include "pelmora/common/internal/platform.h"
 #include "pelmora/common/system.h"
@@ -67,7 +68,7 @@ bool WriteLevelledLine(std::string_view message, std::string_view module_name,
   std::string file = *folder + "/" + now.Format("yyyymmdd") + std::string(kind.extension);
   std::string line = fmt::format("{},{},{},[{}:{}],{}\r\n", stamp, kind.letter, *computer,
                                  module_name, procedure_name, CleanMessage(message));
-  return internal::AppendToFile(file, line);
+  return internal::AppendToFile(file, Utf8ToAnsi(line));  // log files are ANSI text
 }
 
 bool WriteLibraryLine(int32_t error_number, std::string_view message, std::string_view module_name,
@@ -84,7 +85,7 @@ bool WriteLibraryLine(int32_t error_number, std::string_view message, std::strin
   std::string line =
       fmt::format("{}`{}`{}`[{}:{}]`{}`{}`{}\r\n", stamp, kind.letter, LocalComputerName(),
                   module_name, procedure_name, detail_number, error_number, CleanMessage(message));
-  return internal::AppendToFile(file, line);
+  return internal::AppendToFile(file, Utf8ToAnsi(line));  // log files are ANSI text
 }
 
 }  // namespace

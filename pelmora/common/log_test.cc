@@ -144,11 +144,17 @@ TEST_F(LogTest, MessagesAreCleanedTheSameWayByBothWriters) {
     std::string_view written;
   };
   const Case kCases[] = {
-      {"a`b\r\nc", "a'b c"}, {"a\nb", "a\nb"},
-      {"a\rb", "a\rb"},      {"\n\r", "\n\r"},
-      {"\r\r\n\n", "\r \n"}, {"\r\n\r\n", "  "},
-      {"``", "''"},          {"", ""},
-      {"x\r", "x\r"},        {std::string_view("a\0b", 3), std::string_view("a\0b", 3)},
+      {"a`b\r\nc", "a'b c"},
+      {"a\nb", "a\nb"},
+      {"a\rb", "a\rb"},
+      {"\n\r", "\n\r"},
+      {"\r\r\n\n", "\r \n"},
+      {"\r\n\r\n", "  "},
+      {"``", "''"},
+      {"", ""},
+      {"x\r", "x\r"},
+      {std::string_view("a\0b", 3), std::string_view("a\0b", 3)},
+      {"\u00e9t\u00e9 \u20ac", "\xE9t\xE9 \x80"},  // lines are written in the ANSI code page
   };
   for (const Case& c : kCases) {
     SCOPED_TRACE(testing::PrintToString(std::string(c.message)));

@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#include "pelmora/common/codepage.h"
 #include "pelmora/common/error.h"
 #include "pelmora/db/internal/odbc.h"
 #include "pelmora/db/internal/odbc_values.h"
@@ -87,7 +88,7 @@ int32_t Recordset::FieldOrdinal(const Variant& index) const {
   }
   std::string name = index.ToString();
   for (size_t i = 0; i < columns_.size(); ++i) {
-    if (strcasecmp(columns_[i].name.c_str(), name.c_str()) == 0) return static_cast<int32_t>(i);
+    if (EqualsFolded(columns_[i].name, name)) return static_cast<int32_t>(i);
   }
   throw ObjectError(internal::kErrorItemNotFound);
 }

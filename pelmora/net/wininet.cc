@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "pelmora/common/codepage.h"
 #include "pelmora/common/error.h"
 #include "pelmora/common/error_texts.h"
 #include "pelmora/net/internal/curl_errors.h"
@@ -124,7 +125,8 @@ void WinINet::SetURL(std::string_view value) {
   } else if (separator == 0) {
     text = DefaultScheme(protocol_) + text;
   }
-  net_internal::CanonicalResult canonical = net_internal::CanonicalizeUrl(text);
+  // The URL is cracked as ANSI bytes: a character beyond ASCII is escaped as its code page byte.
+  net_internal::CanonicalResult canonical = net_internal::CanonicalizeUrl(Utf8ToAnsi(text));
   if (!canonical.ok) net_internal::RaiseWithText(canonical.error);
   CrackedUrl url = net_internal::CrackUrl(canonical.url);
   if (!url.ok) net_internal::RaiseWithText(url.error);
@@ -133,12 +135,12 @@ void WinINet::SetURL(std::string_view value) {
   if (!ProtocolOfScheme(url.scheme, protocol, service)) throw Error(35752, "URL is malformed");
   protocol_ = protocol;
   service_type_ = service;
-  scheme_ = std::move(url.scheme_text);
-  remote_host_ = std::move(url.host);
+  scheme_ = AnsiToUtf8(url.scheme_text);
+  remote_host_ = AnsiToUtf8(url.host);
   remote_port_ = url.port;
-  user_ = std::move(url.user);
-  password_ = std::move(url.password);
-  document_ = url.path + url.extra;
+  user_ = AnsiToUtf8(url.user);
+  password_ = AnsiToUtf8(url.password);
+  document_ = AnsiToUtf8(url.path + url.extra);
 }
 
 void WinINet::OpenSession() {
@@ -176,11 +178,11 @@ void WinINet::Apply(net_internal::TransferRequest& request) const {
 net_internal::TransferRequest WinINet::RequestFromParts() const {
   net_internal::TransferRequest request;
   request.scheme = protocol_ == icHTTPS ? InternetSchemeHttps : InternetSchemeHttp;
-  request.host = remote_host_;
+  request.host = Utf8ToAnsi(remote_host_);
   request.port = remote_port_;
-  request.user = user_;
-  request.password = password_;
-  request.document = document_;
+  request.user = Utf8ToAnsi(user_);
+  request.password = Utf8ToAnsi(password_);
+  request.document = Utf8ToAnsi(document_);
   Apply(request);
   return request;
 }

@@ -175,16 +175,17 @@ class WinINet {
 
   // Sends an HTTP or HTTPS request: `Operation` is the verb (upper-cased; empty is GET),
   // `InputData` the body (Empty, a String sent in the ANSI code page, or a Byte()), `InputHdrs`
-  // header lines separated by CR LF. For verbs other than PUT and POST the caller's InputData
-  // becomes an empty String (the body is still sent). Raises 35755 without a host or for FTP
-  // and Gopher, 35760 "Cannot coerce type" for another InputData type, 6 for a port above
+  // header lines separated by CR LF (in the ANSI code page), each added or replacing the header
+  // of the same name, so every name goes out once. For verbs other than PUT and POST the caller's
+  // InputData becomes an empty String (the body is still sent). Raises 35755 without a host or for
+  // FTP and Gopher, 35760 "Cannot coerce type" for another InputData type, 6 for a port above
   // 32767, WinInet numbers for the transfer. Blocks until the response headers arrive.
   void Execute(const std::string& URL, const std::string& Operation, Variant& InputData,
                const std::string& InputHdrs = "");
   // Execute without a body.
   void Execute(const std::string& URL = "", const std::string& Operation = "");
 
-  // Fetches `URL` (or the current URL) of any scheme (HTTP, HTTPS, FTP in passive mode,
+  // Fetches `URL` (or the current URL) of any scheme (HTTP, HTTPS, FTP in active mode,
   // Gopher) and returns the whole body as GetResponse does. Raises 35755 without a host and
   // WinInet numbers for the transfer.
   Variant OpenURL(const std::string& URL = "", int32_t DataType = icString);

@@ -1,8 +1,12 @@
-// The WinINet object's FTP downloads (through OpenURL, passive mode) against pyftpdlib.
+// The WinINet object's FTP downloads (through OpenURL, active mode) against pyftpdlib.
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
+#include "pelmora/net/internal/curl_session.h"
+#include "pelmora/net/internal/curl_transfer.h"
+#include "pelmora/net/internal/url_cracker.h"
 #include "pelmora/net/wininet.h"
 #include "pelmora/testing/ftp_server.h"
 #include "pelmora/testing/raised_error.h"
@@ -37,6 +41,45 @@ TEST_F(WinINetFtp, OpenUrlDownloadsAFile) {
   EXPECT_EQ(inet.protocol(), icFTP);
   auto bytes = inet.OpenURL(ftp_->Url("user", "secret", "/big.bin"), icByteArray).ToBytes();
   EXPECT_EQ(bytes.size(), 700000u);
+}
+
+// How many times the server received `command` (as the first word of a command line).
+size_t CountCommand(const std::string& log, const std::string& command) {
+  std::string marker = "<- " + command;
+  size_t count = 0;
+  for (size_t at = log.find(marker); at != std::string::npos; at = log.find(marker, at + 1)) {
+    char next = at + marker.size() < log.size() ? log[at + marker.size()] : '\n';
+    count += next == ' ' || next == '\n' ? 1 : 0;
+  }
+  return count;
+}
+
+TEST_F(WinINetFtp, OpenUrlUsesActiveModeAndPassiveIsAskedFor) {
+  size_t ports = CountCommand(ftp_->Log(), "PORT");
+  size_t pasvs = CountCommand(ftp_->Log(), "PASV");
+  WinINet inet;
+  EXPECT_EQ(inet.OpenURL(ftp_->Url("user", "secret", "/dir/file.txt")).ToString(),
+            "ftp file contents\n");
+  EXPECT_EQ(CountCommand(ftp_->Log(), "PORT"), ports + 1) << ftp_->Log();
+  EXPECT_EQ(CountCommand(ftp_->Log(), "PASV"), pasvs);
+
+  net_internal::CurlSession session("agent", icDirect, "");
+  net_internal::TransferRequest request;
+  request.scheme = net_internal::kSchemeFtp;
+  request.host = "127.0.0.1";
+  request.port = ftp_->Port();
+  request.user = "user";
+  request.password = "secret";
+  request.document = "/dir/file.txt";
+  request.ftp_passive = true;
+  net_internal::CurlTransfer transfer(session, request);
+  ASSERT_EQ(transfer.Start(), 0);
+  std::vector<uint8_t> data;
+  size_t got = 0;
+  ASSERT_EQ(transfer.Read(data, 100, got), 0);
+  EXPECT_EQ(std::string(data.begin(), data.end()), "ftp file contents\n");
+  EXPECT_EQ(CountCommand(ftp_->Log(), "PASV"), pasvs + 1) << ftp_->Log();
+  EXPECT_EQ(CountCommand(ftp_->Log(), "PORT"), ports + 1);
 }
 
 TEST_F(WinINetFtp, RefusedLoginRaises12015) {

@@ -1,14 +1,19 @@
 // The WinINet object against a scripted HTTP peer: the exact request bytes, and the replies real
 // servers do not give on demand (garbage, early closes, resets, stalls, short bodies).
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "pelmora/net/wininet.h"
 #include "pelmora/testing/raised_error.h"
 #include "pelmora/testing/scripted_peer.h"
+#include "pelmora/testing/web_server.h"
 
 namespace pelmora {
 namespace {
@@ -50,6 +55,72 @@ TEST(WinINetPeer, SendsExactlyTheExpectedRequest) {
   EXPECT_EQ(inet.OpenURL(Url(peer, "/a b/./c?q=1#frag")).ToString(), "ok");
   ASSERT_TRUE(peer.Finish()) << peer.Failure();
   EXPECT_EQ(peer.Received(0), B(expected));
+}
+
+// A peer at a port below 32768 (Execute takes the port as a 16-bit number) that records one
+// request with its body and answers it with an empty 200.
+class OneRequestPeer {
+ public:
+  OneRequestPeer() : listener_(testing::ListenOnFreeLoopbackPort(port_)) {
+    thread_ = std::thread([this] { Serve(); });
+  }
+  ~OneRequestPeer() {
+    if (thread_.joinable()) thread_.join();
+    ::close(listener_);
+  }
+  std::string Url(const std::string& path) const {
+    return "http://127.0.0.1:" + std::to_string(port_) + path;
+  }
+  uint16_t Port() const { return port_; }
+  // The whole request, once the exchange is over.
+  std::string Request() {
+    thread_.join();
+    return request_;
+  }
+
+ private:
+  void Serve() {
+    pollfd waiting{listener_, POLLIN, 0};
+    if (::poll(&waiting, 1, 10000) != 1) return;
+    int fd = ::accept(listener_, nullptr, nullptr);
+    if (fd < 0) return;
+    char buffer[4096];
+    while (request_.size() < (1 << 20) && !Complete()) {
+      pollfd readable{fd, POLLIN, 0};
+      if (::poll(&readable, 1, 10000) != 1) break;
+      ssize_t n = ::recv(fd, buffer, sizeof(buffer), 0);
+      if (n <= 0) break;
+      request_.append(buffer, static_cast<size_t>(n));
+    }
+    std::string reply = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
+    (void)::send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
+    ::close(fd);
+  }
+  // Whether the head and the body its Content-Length announces have arrived.
+  bool Complete() const {
+    size_t end = request_.find("\r\n\r\n");
+    if (end == std::string::npos) return false;
+    size_t length_at = request_.find("Content-Length: ");
+    size_t length = length_at < end ? std::stoul(request_.substr(length_at + 16)) : 0;
+    return request_.size() >= end + 4 + length;
+  }
+
+  uint16_t port_ = 0;
+  int listener_;
+  std::string request_;
+  std::thread thread_;
+};
+
+TEST(WinINetPeer, CallerHeadersAreAddedOrReplaceOnesOfTheSameName) {
+  OneRequestPeer peer;
+  WinINet inet;
+  Variant body(std::string("hi"));
+  inet.Execute(peer.Url("/\u00e4"), "POST", body,
+               "X-A: 1\r\nconnection: close\r\nX-A: 2\r\nAccept-Language:\r\n"
+               "X-Name: Ren\u00e9\r\n");
+  EXPECT_EQ(peer.Request(), "POST /%E4 HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(peer.Port()) +
+                                "\r\nUser-Agent: Corvanta Inet Agent\r\nconnection: close\r\n"
+                                "X-A: 2\r\nX-Name: Ren\xE9\r\nContent-Length: 2\r\n\r\nhi");
 }
 
 TEST(WinINetPeer, BareLineFeedHeadersReadBackWithCrLf) {

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "pelmora/common/codepage.h"
 #include "pelmora/testing/raised_error.h"
 
 namespace pelmora {
@@ -70,6 +71,17 @@ TEST(WinINet, UrlWithoutSchemeTakesTheProtocols) {
   EXPECT_EQ(inet.RemoteHost(), "spaced");
   EXPECT_EQ(inet.Document(), "/a%20b?q=a b");
   EXPECT_EQ(inet.protocol(), icHTTP);
+}
+
+TEST(WinINet, UrlCharactersBeyondAsciiAreEscapedAsTheirAnsiBytes) {
+  WinINet inet;
+  inet.SetURL("http://h/\u00e4?q=\u00e9");
+  EXPECT_EQ(inet.Document(), "/%E4?q=\u00e9");  // the query is not escaped
+  EXPECT_EQ(inet.URL(), "http://h/%E4?q=\u00e9");
+  ASSERT_TRUE(SetAnsiCodePage("65001"));
+  inet.SetURL("http://h/\u00e4");
+  EXPECT_EQ(inet.Document(), "/%C3%A4");
+  ASSERT_TRUE(SetAnsiCodePage("1252"));
 }
 
 TEST(WinINet, FtpUrlKeepsUserAndPasswordAndSwitchesProtocol) {

@@ -174,7 +174,7 @@ void WinINet::Execute(const std::string& URL, const std::string& Operation, Vari
   net_internal::TransferRequest request = RequestFromParts();
   request.verb = verb;
   request.body = std::move(body);
-  request.headers = InputHdrs;
+  request.headers = Utf8ToAnsi(InputHdrs);
   StartRequest(std::move(request));
 }
 
@@ -190,7 +190,12 @@ int32_t WinINet::UploadFile(const std::string& FileName, int32_t Start, int32_t 
   int fd = ::open(FileName.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) net_internal::RaiseWithText(FileErrorNumber(errno));
   struct stat info {};
-  int64_t size = ::fstat(fd, &info) == 0 ? static_cast<int64_t>(info.st_size & 0xFFFFFFFF) : 0;
+  bool is_file = ::fstat(fd, &info) == 0 && !S_ISDIR(info.st_mode);
+  if (!is_file) {
+    ::close(fd);  // a folder cannot be opened as a file: access denied
+    net_internal::RaiseWithText(FileErrorNumber(EISDIR));
+  }
+  int64_t size = static_cast<int64_t>(info.st_size & 0xFFFFFFFF);
   if (Start > size) {
     ::close(fd);
     RaiseBadArgument();
@@ -199,7 +204,7 @@ int32_t WinINet::UploadFile(const std::string& FileName, int32_t Start, int32_t 
   length = std::min(length, size - Start);
   net_internal::TransferRequest request = RequestFromParts();
   request.verb = "POST";
-  request.headers = InputHdrs;
+  request.headers = Utf8ToAnsi(InputHdrs);
   request.upload = {.fd = fd, .offset = Start, .length = length};
   StartRequest(std::move(request));  // the transfer closes the file
   return static_cast<int32_t>(ChunkedTotal(size, Start, length, chunk_size_));
@@ -210,7 +215,7 @@ Variant WinINet::OpenURL(const std::string& URL, int32_t DataType) {
   Cancel();
   RequireHost();
   OpenSession();
-  net_internal::CrackedUrl url = net_internal::CrackUrl(this->URL());
+  net_internal::CrackedUrl url = net_internal::CrackUrl(Utf8ToAnsi(this->URL()));
   bool transfer_scheme = url.scheme >= InternetSchemeFtp && url.scheme <= InternetSchemeHttps;
   if (!url.ok || !transfer_scheme) {
     net_internal::RaiseWithText(net_internal::kErrorUnrecognizedScheme);

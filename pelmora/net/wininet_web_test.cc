@@ -227,6 +227,9 @@ TEST_F(WinINetWeb, UploadFileSendsTheStretchAndReportsWholeChunks) {
   Error missing = RaisedError([&] { inet.UploadFile(source + ".missing"); });
   EXPECT_EQ(missing.Number(), 2);
   EXPECT_EQ(missing.Description(), "The system cannot find the file specified.");
+  Error folder = RaisedError([&] { inet.UploadFile(web_->DocumentRoot()); });
+  EXPECT_EQ(folder.Number(), 5);
+  EXPECT_EQ(folder.Description(), "Access is denied.");
   EXPECT_EQ(recorder.uploads, 0);
 }
 

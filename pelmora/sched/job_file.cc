@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <random>
 
 #include "pelmora/common/codepage.h"
 
@@ -208,6 +209,18 @@ void ReadSignature(Cursor& in, JobFile& job) {
 }
 
 }  // namespace
+
+JobFile NewJobFile() {
+  JobFile job;
+  std::random_device random;
+  for (size_t i = 0; i < job.uuid.size(); i += 4) {
+    uint32_t word = random();
+    std::memcpy(job.uuid.data() + i, &word, 4);
+  }
+  job.uuid[7] = static_cast<uint8_t>((job.uuid[7] & 0x0F) | 0x40);  // Data3's high byte: version 4
+  job.uuid[8] = static_cast<uint8_t>((job.uuid[8] & 0x3F) | 0x80);  // Data4[0]: the variant
+  return job;
+}
 
 std::optional<JobFile> ParseJobFile(std::string_view bytes) {
   if (bytes.size() > kMaxJobFileSize) return std::nullopt;

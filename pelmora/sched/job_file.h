@@ -130,6 +130,10 @@ struct JobState {
 // bytes. Does not block.
 std::optional<JobFile> ParseJobFile(std::string_view bytes);
 
+// A new task's settings: the defaults with a fresh random Job UUID (a version 4 GUID in the
+// file's byte layout).
+JobFile NewJobFile();
+
 // The bytes of `job`: empty strings as one NUL, a trigger offset computed from the lengths, the
 // signature kept or a blank one (versions 1, 1 and 64 zero bytes) written.
 std::string SerializeJobFile(const JobFile& job);

@@ -47,14 +47,24 @@ void SetTriggerTexts(Task& t, const VariantArray& texts) {
   t.SetTriggers(std::move(triggers));
 }
 
+// The error retry settings of the late-bound face answer E_NOTIMPL, as the platform's task
+// objects do; the C++ members keep the file's fields for the tool and the runner.
+int16_t RetryNotImplemented(Task&) {
+  sched::RaiseSchedError(sched::kNotImplemented, "Pelmora.Task");
+}
+
+void SetRetryNotImplemented(Task&, int16_t) {
+  sched::RaiseSchedError(sched::kNotImplemented, "Pelmora.Task");
+}
+
 const ClassRegistrar kTaskClass(
     ClassBinder<Task>("Pelmora.Task")
         .Property("ApplicationName", &Task::ApplicationName, &Task::SetApplicationName)
         .Property("CommandLine", &Task::CommandLine, &Task::SetCommandLine)
         .Property("Comment", &Task::Comment, &Task::SetComment)
         .Property("Creator", &Task::Creator, &Task::SetCreator)
-        .Property("ErrorRetryCount", &Task::ErrorRetryCount, &Task::SetErrorRetryCount)
-        .Property("ErrorRetryInterval", &Task::ErrorRetryInterval, &Task::SetErrorRetryInterval)
+        .Property("ErrorRetryCount", &RetryNotImplemented, &SetRetryNotImplemented)
+        .Property("ErrorRetryInterval", &RetryNotImplemented, &SetRetryNotImplemented)
         .Property("ExitCode", &Task::ExitCode)
         .Property("flags", &Task::flags, &Task::Setflags)
         .Property("Enabled", &Task::Enabled, &Task::SetEnabled)
@@ -74,7 +84,7 @@ const ClassRegistrar kTaskClass(
         .Method("ShowProperties", &Task::ShowProperties)
         .Property("Triggers", &TriggerTexts, &SetTriggerTexts),
     [] {
-      return std::make_shared<Task>(sched::OpenLocalTaskStore(), "", ".job", sched::JobFile{},
+      return std::make_shared<Task>(sched::OpenLocalTaskStore(), "", ".job", sched::NewJobFile(),
                                     false);
     });
 

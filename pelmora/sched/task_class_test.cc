@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <string>
+
 #include "pelmora/automation/registry.h"
 #include "pelmora/common/error.h"
-#include "pelmora/common/variant.h"
 #include "pelmora/common/internal/log_test_support.h"
+#include "pelmora/common/variant.h"
 #include "pelmora/testing/raised_error.h"
 
 namespace pelmora {
@@ -66,6 +69,45 @@ TEST_F(TaskClassTest, RaisesWithTheirNumbersSourcesAndTexts) {
   });
   EXPECT_EQ(trigger.Number(), -2147024809);
   EXPECT_TRUE(CallByName(scheduler, "ItemNames", CallKind::kMethod, {}).ToArray().items.empty());
+}
+
+// The Job UUID of a stored task's file.
+std::string JobUuid(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::string bytes(20, '\0');
+  in.read(bytes.data(), 20);
+  return in ? bytes.substr(4) : std::string();
+}
+
+TEST_F(TaskClassTest, NewTasksGetRandomJobUuidsThatSaveKeeps) {
+  ObjectRef scheduler = CreateObject("Pelmora.TaskScheduler");
+  for (const char* name : {"first", "second"}) {
+    Variant task = CallByName(scheduler, "CreateTask", CallKind::kMethod, {Variant(name)});
+    CallByName(scheduler, "Add", CallKind::kMethod, {task});
+  }
+  std::string first = JobUuid(folder_.Path() + "/first.job");
+  std::string second = JobUuid(folder_.Path() + "/second.job");
+  ASSERT_EQ(first.size(), 16u);
+  EXPECT_NE(first, std::string(16, '\0'));
+  EXPECT_NE(first, second);
+  EXPECT_EQ(static_cast<uint8_t>(first[7]) >> 4, 4);  // a version 4 GUID, Data3 little-endian
+  EXPECT_EQ(static_cast<uint8_t>(first[8]) >> 6, 2);
+  ObjectRef item =
+      CallByName(scheduler, "Item", CallKind::kPropertyGet, {Variant("first")}).ToObject();
+  SetProperty(item, "Comment", Variant("changed"));
+  CallByName(item, "Save", CallKind::kMethod, {});
+  EXPECT_EQ(JobUuid(folder_.Path() + "/first.job"), first);
+}
+
+TEST_F(TaskClassTest, ErrorRetrySettingsAreNotImplemented) {
+  ObjectRef task = CreateObject("Pelmora.Task");
+  for (const char* name : {"ErrorRetryCount", "ErrorRetryInterval"}) {
+    for (const Error& e : {RaisedError([&] { GetProperty(task, name); }),
+                           RaisedError([&] { SetProperty(task, name, Variant(int16_t{1})); })}) {
+      EXPECT_EQ(e.Number(), -2147467263) << name;  // E_NOTIMPL
+      EXPECT_EQ(e.Description(), "Not implemented") << name;
+    }
+  }
 }
 
 }  // namespace

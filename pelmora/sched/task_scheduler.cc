@@ -1,5 +1,6 @@
 #include "pelmora/sched/task_scheduler.h"
 
+#include "pelmora/common/codepage.h"
 #include "pelmora/common/error.h"
 #include "pelmora/common/system.h"
 #include "pelmora/sched/remote_task_store.h"
@@ -14,10 +15,7 @@ void Check(uint32_t code) {
   if (code != 0) sched::RaiseSchedError(code, kSource);
 }
 
-std::string Lower(std::string text) {
-  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return text;
-}
+std::string Lower(std::string_view text) { return FoldCase(text); }
 
 // The computer part of "\\host" or "host"; "" for the local computer.
 std::string ComputerOf(const std::string& value) {
@@ -65,7 +63,7 @@ void TaskScheduler::SetTargetComputer(const std::string& value) {
 
 std::shared_ptr<Task> TaskScheduler::CreateTask(const std::string& Name) const {
   if (Name.empty()) throw RuntimeError(5, "Add");
-  return std::make_shared<Task>(store_, Name, Name + ".job", sched::JobFile{}, false);
+  return std::make_shared<Task>(store_, Name, Name + ".job", sched::NewJobFile(), false);
 }
 
 void TaskScheduler::Add(const std::shared_ptr<Task>& NewTask) {

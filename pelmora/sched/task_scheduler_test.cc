@@ -80,6 +80,10 @@ TEST_F(TaskSchedulerTest, AddRefusesTakenNamesAndNamesWithDots) {
   EXPECT_EQ(taken.Number(), kFileExistsNumber);
   EXPECT_EQ(taken.Description(), "The file exists.");
   EXPECT_EQ(taken.Source(), "Pelmora.TaskScheduler");
+  scheduler_.Add(scheduler_.CreateTask("\u00e9t\u00e9"));
+  Error accented = RaisedError([&] { scheduler_.Add(scheduler_.CreateTask("\u00c9T\u00c9")); });
+  EXPECT_EQ(accented.Number(), kFileExistsNumber);  // names fold beyond A-Z too
+  EXPECT_EQ(scheduler_.Item("\u00c9t\u00c9")->Name(), "\u00c9t\u00c9.job");  // found as été.job
   Error dotted = RaisedError([&] { scheduler_.Add(scheduler_.CreateTask("backup.job")); });
   EXPECT_EQ(dotted.Number(), kInvalidArgNumber);
   EXPECT_EQ(dotted.Description(), "The parameter is incorrect.");

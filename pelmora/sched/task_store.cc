@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "pelmora/common/codepage.h"
 #include "pelmora/common/internal/platform.h"
 #include "pelmora/sched/internal/file_io.h"
 #include "pelmora/sched/job_file.h"
@@ -104,7 +105,7 @@ class LocalTaskStore : public TaskStore {
     std::vector<std::string> names;
     if (DIR* dir = opendir(folder_.c_str())) {
       while (dirent* entry = readdir(dir)) {
-        if (strcasecmp(entry->d_name, file_name.c_str()) == 0) names.push_back(entry->d_name);
+        if (EqualsFolded(entry->d_name, file_name)) names.push_back(entry->d_name);
       }
       closedir(dir);
     }

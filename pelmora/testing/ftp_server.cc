@@ -15,7 +15,7 @@ import logging, socket, sys
 from pyftpdlib.authorizers import DummyAuthorizer
 from pyftpdlib.handlers import FTPHandler
 from pyftpdlib.servers import FTPServer
-logging.basicConfig(level=logging.INFO)
+logging.basicConfig(level=logging.DEBUG)  # every command the client sends: "<- PORT ..."
 authorizer = DummyAuthorizer()
 authorizer.add_user(sys.argv[2], sys.argv[3], sys.argv[1], perm="elradfmwMT")
 FTPHandler.authorizer = authorizer

@@ -32,7 +32,7 @@ class FtpServer {
   std::string Url(std::string_view user, std::string_view password, std::string_view path) const;
   // Writes a file under the FTP root (folders created as needed); returns its local path.
   std::string WriteFile(std::string_view name, std::string_view bytes) const;
-  // The server's log (for failure messages).
+  // The server's log: every command it received ("<- PORT 127,0,0,1,...") and its replies.
   std::string Log() const;
 
  private:

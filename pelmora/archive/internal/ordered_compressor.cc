@@ -6,9 +6,10 @@
 #include <zlib.h>
 
 #include <condition_variable>
-#include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <system_error>
 #include <thread>
 
 #include "pelmora/archive/internal/extraction_folder.h"
@@ -140,11 +141,23 @@ Compressed CompressInMemory(const std::string& path, int level) {
 
 namespace {
 
+// One job's result; a job that runs out of memory reports it instead of ending the process.
+Compressed Compress(const CompressJob& job, int level) {
+  if (job.skip) return {};
+  try {
+    return CompressInMemory(job.path, level);
+  } catch (...) {  // out of memory: nothing else in here throws
+    Compressed result;
+    result.out_of_memory = true;
+    return result;
+  }
+}
+
 // The shared state of one CompressInOrder run.
 class OrderedRun {
  public:
   OrderedRun(const std::vector<CompressJob>& jobs, int level, uint64_t window)
-      : jobs_(jobs), level_(level), window_(window) {}
+      : jobs_(jobs), level_(level), window_(window), done_(jobs.size()) {}
 
   void Work() {
     for (;;) {
@@ -156,10 +169,9 @@ class OrderedRun {
         index = next_++;
         in_flight_ += Weight(jobs_[index]);
       }
-      Compressed result;
-      if (!jobs_[index].skip) result = CompressInMemory(jobs_[index].path, level_);
+      Compressed result = Compress(jobs_[index], level_);
       std::lock_guard lock(mutex_);
-      done_.emplace(index, std::move(result));
+      done_[index] = std::move(result);
       changed_.notify_all();
     }
   }
@@ -167,9 +179,9 @@ class OrderedRun {
   // Waits for result `index` and releases its share of the window.
   Compressed Take(size_t index) {
     std::unique_lock lock(mutex_);
-    changed_.wait(lock, [&] { return done_.count(index) != 0; });
-    Compressed result = std::move(done_[index]);
-    done_.erase(index);
+    changed_.wait(lock, [&] { return done_[index].has_value(); });
+    Compressed result = std::move(*done_[index]);
+    done_[index].reset();
     in_flight_ -= Weight(jobs_[index]);
     changed_.notify_all();
     return result;
@@ -195,7 +207,35 @@ class OrderedRun {
   size_t next_ = 0;
   uint64_t in_flight_ = 0;
   bool stop_ = false;
-  std::map<size_t, Compressed> done_;
+  // One slot per job, made before any worker starts, so a worker delivers without allocating.
+  std::vector<std::optional<Compressed>> done_;
+};
+
+// The workers of one run, stopped and joined however the run ends (an exception included).
+class WorkerPool {
+ public:
+  WorkerPool(OrderedRun& run, size_t wanted) : run_(run) {
+    workers_.reserve(wanted);
+    for (size_t i = 0; i < wanted; ++i) {
+      try {
+        workers_.emplace_back([this] { run_.Work(); });
+      } catch (const std::system_error&) {
+        break;  // no more threads to be had: the ones started do the work
+      }
+    }
+  }
+  ~WorkerPool() {
+    run_.Stop();
+    for (std::thread& worker : workers_) worker.join();
+  }
+  WorkerPool(const WorkerPool&) = delete;
+  WorkerPool& operator=(const WorkerPool&) = delete;
+
+  bool Empty() const { return workers_.empty(); }
+
+ private:
+  OrderedRun& run_;
+  std::vector<std::thread> workers_;
 };
 
 }  // namespace
@@ -205,12 +245,12 @@ bool CompressInOrder(const std::vector<CompressJob>& jobs, int level, unsigned t
                      const std::function<bool(size_t, Compressed&&)>& consume) {
   if (threads == 0) threads = std::max(1u, std::thread::hardware_concurrency());
   OrderedRun run(jobs, level, window_bytes);
-  std::vector<std::thread> workers;
-  for (unsigned i = 0; i < threads && i < jobs.size(); ++i) workers.emplace_back([&] { run.Work(); });
+  WorkerPool pool(run, std::min<size_t>(threads, jobs.size()));
   bool completed = true;
-  for (size_t i = 0; i < jobs.size() && completed; ++i) completed = consume(i, run.Take(i));
-  run.Stop();
-  for (std::thread& worker : workers) worker.join();
+  for (size_t i = 0; i < jobs.size() && completed; ++i) {
+    // Without a single worker the calling thread compresses each file itself.
+    completed = consume(i, pool.Empty() ? Compress(jobs[i], level) : run.Take(i));
+  }
   return completed;
 }
 

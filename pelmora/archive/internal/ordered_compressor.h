@@ -19,6 +19,7 @@ inline constexpr uint64_t kInMemoryLimit = uint64_t{8} << 20;
 struct Compressed {
   bool readable = true;
   bool stored = false;        // data holds the file as is (it did not shrink, or level 0)
+  bool out_of_memory = false;  // the data could not be held
   uint32_t crc = 0;
   uint64_t size = 0;
   std::vector<uint8_t> data;  // raw deflate data, or the file's bytes when stored
@@ -45,9 +46,10 @@ struct CompressJob {
   bool skip = false;  // not compressed here (folders, large files): delivered empty
 };
 
-// Compresses `jobs` with `threads` workers (0: one per core) and calls `consume(index, result)`
-// for each in order on the calling thread; a false from it stops the run (the workers are
-// joined before returning). Returns false when stopped.
+// Compresses `jobs` with up to `threads` workers (0: one per core; fewer when the system cannot
+// start that many, and none, compressing on the calling thread, when it cannot start one) and calls
+// `consume(index, result)` for each in order on the calling thread; a false from it stops the run
+// (the workers are joined before returning). Returns false when stopped.
 bool CompressInOrder(const std::vector<CompressJob>& jobs, int level, unsigned threads,
                      uint64_t window_bytes,
                      const std::function<bool(size_t, Compressed&&)>& consume);

@@ -14,7 +14,11 @@ namespace {
 UniqueFd OpenUnlinked(const std::string& folder) {
   int fd = open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
   if (fd >= 0) return UniqueFd(fd);
-  std::string pattern = (std::filesystem::temp_directory_path() / "pzspoolXXXXXX").string();
+  // A missing temporary folder is a failed spool, not an exception.
+  std::error_code error;
+  std::filesystem::path temp = std::filesystem::temp_directory_path(error);
+  if (error) return UniqueFd(-1);
+  std::string pattern = (temp / "pzspoolXXXXXX").string();
   fd = mkostemp(pattern.data(), O_CLOEXEC);
   if (fd >= 0) unlink(pattern.c_str());
   return UniqueFd(fd);

@@ -20,6 +20,10 @@ void ZipRun::Announce(const Step& step, const std::string& tail) const {
 bool ZipRun::Consume(const Step& step, Compressed&& result) {
   if (step.action == Action::kSkip) return true;
   if (step.item.is_folder) return AddFolder(step);
+  if (result.out_of_memory) {
+    failure_ = kZipMem;
+    return false;
+  }
   SpooledData spooled;
   if (static_cast<uint64_t>(step.item.st.st_size) > kInMemoryLimit) {
     if (!SpoolLarge(step.item, result, spooled) && result.readable) return false;

@@ -7,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include "pelmora/common/codepage.h"
 #include "pelmora/db/internal/odbc_values.h"
 
 namespace pelmora::db::internal {
@@ -81,7 +82,7 @@ std::vector<size_t> TableWriter::FindKey(const OdbcConnection& connection,
     Variant column = ReadColumn(statement, 4, ColumnInfo{});  // COLUMN_NAME
     if (column.IsNull()) continue;
     for (size_t i = 0; i < columns_.size(); ++i) {
-      if (strcasecmp(columns_[i].c_str(), column.ToString().c_str()) == 0) key.push_back(i);
+      if (EqualsFolded(columns_[i], column.ToString())) key.push_back(i);
     }
   }
   if (key.empty()) {

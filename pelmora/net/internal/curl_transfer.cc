@@ -55,19 +55,12 @@ bool IsFinalResponse(const ResponseHeaders& headers) {
 }
 
 curl_slist* HeaderList(const std::string& caller_lines) {
-  curl_slist* list = nullptr;
   // No Accept, Expect or made-up Content-Type of libcurl's own; keep the connection open.
-  for (const char* line : {"Accept:", "Expect:", "Content-Type:", "Connection: Keep-Alive"}) {
-    list = curl_slist_append(list, line);
-  }
-  std::string_view rest = caller_lines;
-  while (!rest.empty()) {
-    size_t end = rest.find('\n');
-    std::string line(rest.substr(0, end));
-    rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
-    while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.pop_back();
-    if (!line.empty()) list = curl_slist_append(list, line.c_str());
-  }
+  std::vector<std::string> lines = {
+      "Accept:", "Expect:", "Content-Type:", "Connection: Keep-Alive"};
+  AddOrReplaceHeaders(lines, caller_lines);
+  curl_slist* list = nullptr;
+  for (const std::string& line : lines) list = curl_slist_append(list, line.c_str());
   return list;
 }
 
@@ -121,6 +114,7 @@ void CurlTransfer::Configure(const CurlSession& session) {
     if (IsHttp()) curl_easy_setopt(easy_, CURLOPT_HTTPAUTH, CURLAUTH_ANY);
   }
   if (request_.scheme == kSchemeHttps) ConfigureTls();
+  if (request_.scheme == kSchemeFtp) ConfigureFtp();
   if (IsHttp()) {
     header_list_ = HeaderList(request_.headers);
     curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, header_list_);
@@ -143,6 +137,20 @@ void CurlTransfer::ConfigureTls() {
   }
   if (const char* dir = std::getenv("SSL_CERT_DIR"); dir != nullptr && *dir != '\0') {
     curl_easy_setopt(easy_, CURLOPT_CAPATH, dir);
+  }
+}
+
+// The platform's FTP default is active mode: the client listens on the control connection's
+// address and announces it with PORT (EPRT over IPv6); passive mode asks with PASV.
+void CurlTransfer::ConfigureFtp() {
+  if (request_.ftp_passive) {
+    curl_easy_setopt(easy_, CURLOPT_FTP_USE_EPSV, 0L);
+    return;
+  }
+  curl_easy_setopt(easy_, CURLOPT_FTPPORT, "-");
+  curl_easy_setopt(easy_, CURLOPT_FTP_USE_EPRT, 0L);
+  if (request_.idle_timeout_ms > 0) {
+    curl_easy_setopt(easy_, CURLOPT_ACCEPTTIMEOUT_MS, static_cast<long>(request_.idle_timeout_ms));
   }
 }
 

@@ -54,6 +54,7 @@ struct TransferRequest {
   bool ignore_cert_name = false;
   bool cookies = true;
   int32_t idle_timeout_ms = 30000;   // 0: no limit
+  bool ftp_passive = false;          // FTP data connections: PASV instead of PORT (or EPRT)
 };
 
 class CurlTransfer {
@@ -92,6 +93,7 @@ class CurlTransfer {
   void Configure(const CurlSession& session);
   void ConfigureTls();
   void ConfigureBody();
+  void ConfigureFtp();
   std::string Url() const;
   template <class Done>
   int32_t Pump(Done done);

@@ -1,5 +1,7 @@
 #include "pelmora/net/internal/http_headers.h"
 
+#include <algorithm>
+
 #include "pelmora/net/internal/url_cracker.h"
 
 namespace pelmora::net_internal {
@@ -16,7 +18,34 @@ std::string_view Trimmed(std::string_view text) {
   return text;
 }
 
+// The name of a "Name: value" line, blanks trimmed (empty without a colon).
+std::string_view HeaderName(std::string_view line) {
+  size_t colon = line.find(':');
+  return colon == std::string_view::npos ? std::string_view() : Trimmed(line.substr(0, colon));
+}
+
 }  // namespace
+
+void AddOrReplaceHeaders(std::vector<std::string>& lines, std::string_view caller_lines) {
+  while (!caller_lines.empty()) {
+    size_t end = caller_lines.find('\n');
+    std::string_view line = WithoutLineEnd(caller_lines.substr(0, end));
+    caller_lines =
+        end == std::string_view::npos ? std::string_view() : caller_lines.substr(end + 1);
+    std::string_view name = HeaderName(line);
+    if (name.empty()) continue;
+    std::string_view value = Trimmed(line.substr(line.find(':') + 1));
+    std::string entry = std::string(name) + (value.empty() ? ":" : ": " + std::string(value));
+    auto same = std::find_if(lines.begin(), lines.end(), [&](const std::string& existing) {
+      return EqualsIgnoringCase(HeaderName(existing), name);
+    });
+    if (same != lines.end()) {
+      *same = std::move(entry);
+    } else {
+      lines.push_back(std::move(entry));
+    }
+  }
+}
 
 int32_t ParseStatusCode(std::string_view status_line) {
   size_t space = status_line.find(' ');

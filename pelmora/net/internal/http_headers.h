@@ -52,6 +52,13 @@ class ResponseHeaders {
   bool ended_ = false;
 };
 
+// Adds a caller's request header lines (separated by CR LF or LF) to `lines` ("Name: value"
+// entries) with the add-or-replace rule: a line whose name (any case) is already present takes
+// that entry's place, any other line is added at the end, so each name goes out once with the
+// last value given. A line with an empty value becomes "Name:", which sends no such header at all.
+// Lines without a colon are ignored.
+void AddOrReplaceHeaders(std::vector<std::string>& lines, std::string_view caller_lines);
+
 // The status code of a status line ("HTTP/1.1 404 Not Found" gives 404), 0 when malformed.
 int32_t ParseStatusCode(std::string_view status_line);
 

@@ -4,6 +4,7 @@
 
 #include <initializer_list>
 #include <string>
+#include <vector>
 
 namespace pelmora::net_internal {
 namespace {
@@ -66,6 +67,26 @@ TEST(ResponseHeaders, StatusCodeNeedsThreeDigits) {
                  Case{"HTTP/1.1 20 OK", 0}, Case{"HTTP/1.1 2000 OK", 0}, Case{"HTTP/1.1", 0},
                  Case{"HTTX/1.1 200 OK", 0}, Case{"HTTP/1.1 2x0 OK", 0}}) {
     EXPECT_EQ(ParseStatusCode(c.line), c.status) << c.line;
+  }
+}
+
+TEST(RequestHeaders, CallerLinesAreAddedOrReplaceTheirName) {
+  struct Case {
+    const char* caller;
+    std::vector<std::string> sent;
+  };
+  const Case kCases[] = {
+      {"", {"Accept:", "Connection: Keep-Alive"}},
+      {"connection:  close \r\n", {"Accept:", "connection: close"}},
+      {"X-A: 1\r\nX-A: 2", {"Accept:", "Connection: Keep-Alive", "X-A: 2"}},
+      {"Accept: text/html\nNoColon\r\n\r\nX-B:",
+       {"Accept: text/html", "Connection: Keep-Alive", "X-B:"}},
+      {"Connection:", {"Accept:", "Connection:"}},  // an empty value sends no such header
+  };
+  for (const Case& c : kCases) {
+    std::vector<std::string> lines = {"Accept:", "Connection: Keep-Alive"};
+    AddOrReplaceHeaders(lines, c.caller);
+    EXPECT_EQ(lines, c.sent) << c.caller;
   }
 }
 
