@@ -173,16 +173,6 @@ TEST_F(ExecExtension, AccountWithoutCommandsIsRefused) {
   EXPECT_EQ(reader.ErrCode(), 8116);
 }
 
-// True when process `pid` ends within `milliseconds` (a zombie counts as ended).
-bool ProcessEnds(pid_t pid, int milliseconds) {
-  int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
-  if (pidfd < 0) return true;
-  pollfd entry{pidfd, POLLIN, 0};
-  bool ended = ::poll(&entry, 1, milliseconds) == 1;
-  ::close(pidfd);
-  return ended;
-}
-
 TEST_F(ExecExtension, ClientThatStopsReadingDoesNotStopTheTimeOut) {
   bool first = true;
   bool ended = false;
