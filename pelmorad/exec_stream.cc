@@ -117,8 +117,12 @@ bool ExecStream::Step() {
   fds[kExitWatch] = {exit_ ? -1 : child_.exit_fd(), POLLIN, 0};
   int ready = ::poll(fds, kSlots, PollTimeout());
   if (ready < 0 && errno != EINTR) return false;
-  if (fds[kSocket].revents & (POLLERR | POLLHUP | POLLNVAL)) return false;
-  if ((fds[kSocket].revents & POLLIN) && !ReadSocket()) return false;
+  // Frames that came before a close are read first: a client may send done and go at once.
+  if (fds[kSocket].revents & POLLIN) {
+    if (!ReadSocket()) return false;
+  } else if (fds[kSocket].revents & (POLLERR | POLLHUP | POLLNVAL)) {
+    return Finished();
+  }
   if ((fds[kSocket].revents & POLLOUT) && !FlushSocket()) return false;
   if (fds[kInput].revents) WriteInput();
   if (fds[kOutput].revents) ReadOutput(output_fd_, ExecFrameKind::kOutput);
