@@ -2,6 +2,7 @@
 // service speaks, and the run request (code 41), which starts a command line or an argument
 // vector with its own standard input and standard error and runs the stream phase on a thread
 // of its own (exec_stream.h), so a long command holds no thread of the file-work pool.
+#include <signal.h>
 #include <unistd.h>
 
 #include <asio/associated_executor.hpp>
@@ -10,6 +11,7 @@
 #include <asio/use_awaitable.hpp>
 #include <memory>
 #include <optional>
+#include <system_error>
 #include <thread>
 
 #include "pelmora/admin/exec_wire.h"
@@ -130,8 +132,15 @@ asio::awaitable<bool> Session::StreamExec(std::shared_ptr<ExecJob> job, int32_t 
   // The coroutine keeps the job alive while it waits; the lambda holds a plain pointer because
   // GCC 12 mis-copies non-trivial captures of lambdas made inside a coroutine.
   ExecJob* running = job.get();
-  ExecStreamResult result = co_await RunOnOwnThread(
-      [running] { return RunExecStream(running->socket_fd, *running->child, running->limits); });
+  ExecStreamResult result;
+  try {
+    result = co_await RunOnOwnThread(
+        [running] { return RunExecStream(running->socket_fd, *running->child, running->limits); });
+  } catch (const std::system_error&) {
+    // No thread to serve the command: it is killed and the session ends.
+    job->child->KillGroup();
+    result.exit = {pelmora::admin::ExecOutcome::kSignalled, SIGKILL};
+  }
   command_group_ = 0;
   context_.running_commands -= 1;
   AuditRequest(pelmora::admin::kExecRunCode, audit_text + OutcomeText(result.exit),
