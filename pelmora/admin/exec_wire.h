@@ -116,8 +116,8 @@ std::optional<std::int32_t> ParseExecHello(const RequestBlock& block);
 // What a run request asks for: a UTF-8 command line for the service's shell, or (arguments not
 // empty) an argument vector run without a shell.
 struct ExecRequest {
-  std::string command_line;
-  std::vector<std::string> arguments;
+  std::string command_line{};
+  std::vector<std::string> arguments{};
   std::int32_t timeout = 0;  // milliseconds; 0 or less: none
 
   bool operator==(const ExecRequest&) const = default;

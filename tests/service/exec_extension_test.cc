@@ -7,10 +7,12 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "pelmora/admin/rcfso.h"
+#include "tests/service/raw_client.h"
 #include "tests/service/service_process.h"
 
 namespace pelmorad::testing {
@@ -55,7 +57,7 @@ class ExecExtension : public ::testing::Test {
     return result;
   }
   Collected RunLine(std::string line, int32_t timeout = 20000) {
-    return Run(RemoteCommand{.command_line = std::move(line), .timeout = timeout});
+    return Run(RemoteCommand{.command_line = std::move(line), .arguments = {}, .timeout = timeout});
   }
 
   ServiceProcess service_;
@@ -191,6 +193,103 @@ TEST_F(ExecExtension, ClientThatStopsReadingDoesNotStopTheTimeOut) {
       << fso_.ErrDescription();
   EXPECT_TRUE(ended);
   EXPECT_EQ(exit.outcome, ExecOutcome::kTimedOut);
+}
+
+using pelmora::admin::BuildExecFrame;
+using pelmora::admin::ExecFrameKind;
+
+// A client speaking the stream frames itself: what the service does with frames the library's
+// client never sends.
+class ExecStreamPeer : public ExecExtension {
+ protected:
+
+  // Logs in, sends the run request for `line` and reads the start reply.
+  void Start(const std::string& line) {
+    ASSERT_TRUE(raw_.Connect(service_.port()));
+    auto login = raw_.Login("operator", kOperatorPassword);
+    ASSERT_TRUE(login && login->success);
+    auto code = static_cast<pelmora::admin::RequestCode>(pelmora::admin::kExecRunCode);
+    ASSERT_TRUE(raw_.Request(code, pelmora::admin::ExecRequestArguments({.command_line = line})));
+    auto started = raw_.ReadResult();
+    ASSERT_TRUE(started && started->success);
+  }
+  bool Grant(int32_t bytes) {
+    return raw_.Send(pelmora::admin::BuildExecGrant(ExecFrameKind::kGrant, bytes));
+  }
+  // The frames the service sends up to and including its exit frame.
+  // The frames the service sends up to and including the first of kind `last`.
+  std::vector<pelmora::admin::ExecFrame> ReadUpTo(ExecFrameKind last) {
+    std::vector<pelmora::admin::ExecFrame> frames;
+    while (frames.empty() || frames.back().kind != last) {
+      std::optional<Bytes> bytes = raw_.Read(reader_.Wanted());
+      if (!bytes) break;
+      reader_.Append(*bytes);
+      while (auto frame = reader_.Next()) frames.push_back(std::move(*frame));
+    }
+    return frames;
+  }
+  // True once the audit line of the run request says how the command ended.
+  bool Audited(const std::string& text) {
+    return service_.ErrorOutput().find("code=41 path=\"" + text) != std::string::npos;
+  }
+
+  RawClient raw_;
+  pelmora::admin::ExecFrameReader reader_{pelmora::admin::ExecPeer::kService};
+};
+
+TEST_F(ExecStreamPeer, ProtocolBreachesEndTheSessionAndKillTheCommand) {
+  struct Case {
+    const char* what;
+    std::function<void(RawClient&)> breach;
+  };
+  const Bytes piece(65536, 'x');
+  const Case cases[] = {
+      // 256 KiB of window plus what the pipe of a command that never reads takes in.
+      {"input beyond the window",
+       [&](RawClient& raw) {
+         for (int i = 0; i < 8 && raw.Send(BuildExecFrame(ExecFrameKind::kInput, piece)); ++i) {
+         }
+       }},
+      {"a reserved byte", [](RawClient& raw) { raw.Send(Bytes{1, 1, 0, 0, 1, 0, 0, 0, 'x'}); }},
+      {"input after its end",
+       [](RawClient& raw) {
+         raw.Send(BuildExecFrame(ExecFrameKind::kInputEnd, {}));
+         raw.Send(BuildExecFrame(ExecFrameKind::kInput, Bytes{'x'}));
+       }},
+      {"a frame of the service's kind",
+       [](RawClient& raw) { raw.Send(BuildExecFrame(ExecFrameKind::kOutput, Bytes{'x'})); }},
+  };
+  for (const Case& c : cases) {
+    raw_.Close();
+    Start("sleep 60");
+    Grant(4096);
+    c.breach(raw_);
+    EXPECT_TRUE(raw_.WaitForClose()) << c.what;
+  }
+  // Each session's audit line was written before its connection closed.
+  std::string audit = service_.ErrorOutput();
+  std::size_t killed = 0;
+  for (std::size_t at = 0; (at = audit.find("path=\"sleep 60 (signal 9)\" result=1", at)) !=
+                           std::string::npos;
+       ++at) {
+    ++killed;
+  }
+  EXPECT_EQ(killed, std::size(cases));
+}
+
+TEST_F(ExecStreamPeer, DoneBeforeTheExitCancelsAndTheSessionGoesOn) {
+  Start("echo $$; sleep 60");
+  Grant(4096);
+  ASSERT_FALSE(ReadUpTo(ExecFrameKind::kOutput).empty());  // the shell runs
+  raw_.Send(BuildExecFrame(ExecFrameKind::kDone, {}));
+  std::vector<pelmora::admin::ExecFrame> frames = ReadUpTo(ExecFrameKind::kExit);
+  ASSERT_FALSE(frames.empty());
+  EXPECT_EQ(pelmora::admin::ParseExecExit(frames.back().payload),
+            (ExecExit{ExecOutcome::kSignalled, 9}));
+  ASSERT_TRUE(raw_.RequestPath(pelmora::admin::RequestCode::kFolderExists, "C:\\"));
+  auto reply = raw_.ReadResult();
+  EXPECT_TRUE(reply && reply->success);
+  EXPECT_TRUE(Audited("echo $$; sleep 60 (signal 9)\" result=0"));
 }
 
 }  // namespace
