@@ -27,6 +27,7 @@ namespace pelmorad {
 inline constexpr int kMaxRequestsBeforeLogin = 3;
 
 struct RunningCommand;
+struct ExecJob;
 
 class Session : public std::enable_shared_from_this<Session> {
  public:
@@ -96,6 +97,10 @@ class Session : public std::enable_shared_from_this<Session> {
   // the connection is gone.
   asio::awaitable<bool> StreamCommand(std::shared_ptr<RunningCommand> command, int32_t timeout);
   asio::awaitable<bool> ForwardOutput(asio::posix::stream_descriptor& output);
+  // The extended command exchange (session_exec.cc): hello and run requests.
+  asio::awaitable<bool> HandleExec(const pelmora::admin::RequestBlock& block);
+  asio::awaitable<bool> StreamExec(std::shared_ptr<ExecJob> job, int32_t timeout,
+                                   std::string audit_text);
 
   // Checks argument `index` as a path; `write` when the request changes the file system.
   Target ResolveArgument(const pelmora::admin::RequestBlock& block, std::size_t index,

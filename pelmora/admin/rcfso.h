@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "pelmora/admin/rc_file_info.h"
+#include "pelmora/admin/remote_command.h"
 #include "pelmora/common/date.h"
 #include "pelmora/net/winsock.h"
 
@@ -219,6 +220,21 @@ class RCFSO {
   // "Create process fail", 9002 "Process terminated abnormally" or 9003 "Request time out".
   // Blocks until the status reply; each receive waits at most `timeout` ms.
   bool SyncCreateProcess(std::string_view command, int32_t lTimeout);
+
+  // --- Extended remote command (rcfso_exec.cc) ---
+  // The version of the extended command exchange the service speaks (request 40), 0 when it has
+  // none: the service's refusal is not kept as an error. Blocks for at most `timeout` ms.
+  int32_t ExtendedCommandVersion();
+  // Runs `command` through the extended exchange (request 41): standard input from `io`,
+  // standard output and standard error to its callbacks, byte-exact, and on true the exit status
+  // or signal in `exit`. Fails with 8116 "Empty command", 8117, the service's refusal (1
+  // "Incorrect function." from a service without the extension, 5 without the right to run
+  // commands, 8 when too many run, or why the command could not start), a socket number
+  // (10054 when the connection is lost, 10060 when no exit came within the command's time-out
+  // plus `timeout`) or 8004 "Invalid Data Size" for a malformed frame; after a failure in the
+  // stream phase the session is out of step. Blocks until the command ends (without limit when
+  // its time-out is 0).
+  bool RunCommand(const RemoteCommand& command, RemoteCommandIo& io, ExecExit& exit);
 
  private:
   friend class internal::RCFSOTestAccess;

@@ -43,6 +43,39 @@ using S = const std::string&;
 
 AutomationBool Flag(int16_t raw) { return AutomationBool::FromRaw(raw); }
 
+// RunCommand by name: `command` a String (a line for the service's shell) or an array of
+// Strings (a program and its arguments, no shell); `input` bytes or a String (Empty: none). The
+// output and the error output come back as byte arrays; a String input travels as UTF-8. Returns the shell status (0-255, 128 + N
+// for signal N), -2 when the command's time-out ran out, -1 when the call failed (ErrCode and
+// ErrDescription say why).
+int32_t RunCommandByName(RCFSO& fso, const Variant& command, int32_t lTimeout,
+                         const Variant& input, Variant& output, Variant& error_output) {
+  RemoteCommand request{.timeout = lTimeout};
+  if (command.IsArray()) {
+    for (const Variant& item : command.ToArray().items) request.arguments.push_back(item.ToString());
+  } else {
+    request.command_line = command.ToString();
+  }
+  std::vector<uint8_t> input_bytes;
+  if (input.Type() == VariantType::kString) {
+    std::string text = input.ToString();  // UTF-8, as the command reads it
+    input_bytes.assign(text.begin(), text.end());
+  } else if (!input.IsEmpty()) {
+    input_bytes = input.ToBytes();
+  }
+  std::vector<uint8_t> out, err;
+  RemoteCommandIo io;
+  io.input = std::string_view(reinterpret_cast<const char*>(input_bytes.data()), input_bytes.size());
+  io.output = [&out](std::span<const uint8_t> b) { out.insert(out.end(), b.begin(), b.end()); };
+  io.error = [&err](std::span<const uint8_t> b) { err.insert(err.end(), b.begin(), b.end()); };
+  ExecExit exit;
+  bool ran = fso.RunCommand(request, io, exit);
+  output = Variant(std::move(out));
+  error_output = Variant(std::move(err));
+  if (!ran) return -1;
+  return exit.outcome == ExecOutcome::kTimedOut ? -2 : exit.ShellStatus();
+}
+
 const ClassRegistrar kRCFSOClass(
     ClassBinder<O>("Pelmora.RCFSO")
         .Method("Connect",
@@ -92,6 +125,12 @@ const ClassRegistrar kRCFSOClass(
         .Method("SyncCreateProcess",
                 [](O& o, S command, int32_t lTimeout) {
                   return o.fso.SyncCreateProcess(command, lTimeout);
+                })
+        .Method("ExtendedCommandVersion", [](O& o) { return o.fso.ExtendedCommandVersion(); })
+        .Method("RunCommand",
+                [](O& o, const Variant& command, int32_t lTimeout, const Variant& input,
+                   Variant& output, Variant& error_output) {
+                  return RunCommandByName(o.fso, command, lTimeout, input, output, error_output);
                 })
         .Method("GetFolderFiles",
                 [](O& o, S sRemoteFolder) {

@@ -12,9 +12,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <optional>
+#include <string_view>
 #include <utility>
 
 #include "pelmora/common/error.h"
@@ -169,12 +172,26 @@ std::vector<std::string> BuildEnvironment(const Identity& identity,
   return env;
 }
 
+// `name` looked up in the child's PATH when it has no '/'; unchanged when no entry has it (the
+// exec then fails with "cannot find the file").
+std::string FindProgram(const std::string& name) {
+  if (name.find('/') != std::string::npos) return name;
+  std::string_view folders = std::string_view(kPath).substr(5);
+  while (!folders.empty()) {
+    std::string_view folder = folders.substr(0, folders.find(':'));
+    std::string candidate = std::string(folder) + "/" + name;
+    if (access(candidate.c_str(), X_OK) == 0) return candidate;
+    folders.remove_prefix(std::min(folders.size(), folder.size() + 1));
+  }
+  return name;
+}
+
 // Everything the child needs, prepared before the fork.
 struct LaunchPlan {
   Identity identity;
   std::string folder;
   bool folder_given = false;  // otherwise a home folder that cannot be entered falls back to "/"
-  std::vector<std::string> strings;  // shell, "-c", command line, then the environment
+  std::vector<std::string> strings;  // the arguments (shell, "-c", command line), then the environment
   std::vector<char*> argv;
   std::vector<char*> envp;
 };
@@ -185,12 +202,16 @@ LaunchPlan MakePlan(const ChildSpec& launch) {
   plan.folder_given = !launch.working_folder.empty();
   plan.folder = plan.folder_given ? launch.working_folder : plan.identity.home;
   if (plan.folder.empty()) plan.folder = "/";
-  plan.strings = {launch.shell, "-c", launch.command_line};
+  plan.strings = launch.arguments.empty()
+                     ? std::vector<std::string>{launch.shell, "-c", launch.command_line}
+                     : launch.arguments;
+  size_t argument_count = plan.strings.size();
+  if (!launch.arguments.empty()) plan.strings[0] = FindProgram(plan.strings[0]);
   for (std::string& entry : BuildEnvironment(plan.identity, launch.environment)) {
     plan.strings.push_back(std::move(entry));
   }
   for (size_t i = 0; i < plan.strings.size(); ++i) {
-    (i < 3 ? plan.argv : plan.envp).push_back(plan.strings[i].data());
+    (i < argument_count ? plan.argv : plan.envp).push_back(plan.strings[i].data());
   }
   plan.argv.push_back(nullptr);
   plan.envp.push_back(nullptr);
@@ -209,14 +230,21 @@ LaunchPlan MakePlan(const ChildSpec& launch) {
 // Keeps `fd` clear of 0..3 so the dup2 calls below cannot overwrite one another's sources.
 int LiftFd(int fd) { return fd > kStatusFd ? fd : fcntl(fd, F_DUPFD_CLOEXEC, kStatusFd + 1); }
 
-void ArrangeFds(int output_fd, int null_fd, int status_fd) {
+// The child's ends of its standard input, output and error.
+struct ChildFds {
+  int input;
+  int output;
+  int error;
+};
+
+void ArrangeFds(ChildFds fds, int status_fd) {
   int lifted_status_fd = LiftFd(status_fd);
   if (lifted_status_fd < 0) FailChild(Stage::kExec, status_fd);
   status_fd = lifted_status_fd;
-  output_fd = LiftFd(output_fd);
-  null_fd = LiftFd(null_fd);
-  if (output_fd < 0 || null_fd < 0 || dup2(null_fd, 0) < 0 || dup2(output_fd, 1) < 0 ||
-      dup2(output_fd, 2) < 0 || dup3(status_fd, kStatusFd, O_CLOEXEC) < 0) {
+  fds = {LiftFd(fds.input), LiftFd(fds.output), LiftFd(fds.error)};
+  if (fds.output < 0 || fds.input < 0 || fds.error < 0 || dup2(fds.input, 0) < 0 ||
+      dup2(fds.output, 1) < 0 || dup2(fds.error, 2) < 0 ||
+      dup3(status_fd, kStatusFd, O_CLOEXEC) < 0) {
     FailChild(Stage::kExec, status_fd);
   }
   if (syscall(SYS_close_range, kStatusFd + 1, ~0U, 0) != 0) {
@@ -239,8 +267,8 @@ void BecomeUser(const Identity& identity) {
   }
 }
 
-[[noreturn]] void RunChild(const LaunchPlan& plan, int output_fd, int null_fd, int status_fd) {
-  ArrangeFds(output_fd, null_fd, status_fd);
+[[noreturn]] void RunChild(const LaunchPlan& plan, ChildFds fds, int status_fd) {
+  ArrangeFds(fds, status_fd);
   ResetSignals();
   setpgid(0, 0);
   BecomeUser(plan.identity);
@@ -258,12 +286,12 @@ void BecomeUser(const Identity& identity) {
 
 // Forks with every signal blocked, so no handler of the parent runs in the child before the
 // child has restored the default dispositions.
-pid_t ForkChild(const LaunchPlan& plan, int output_fd, int null_fd, int status_fd) {
+pid_t ForkChild(const LaunchPlan& plan, ChildFds fds, int status_fd) {
   sigset_t all, previous;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &previous);
   pid_t pid = fork();
-  if (pid == 0) RunChild(plan, output_fd, null_fd, status_fd);
+  if (pid == 0) RunChild(plan, fds, status_fd);
   int fork_error = errno;
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   if (pid < 0) throw StartError(ErrnoToSystemError(fork_error));
@@ -294,21 +322,39 @@ ChildProcess ChildProcess::Start(const ChildSpec& launch) {
   if (null_fd.Get() < 0) throw StartError(ErrnoToSystemError(errno));
   Pipe output = MakePipe();
   Pipe status = MakePipe();
-  pid_t pid = ForkChild(plan, output.write.Get(), null_fd.Get(), status.write.Get());
+  std::optional<Pipe> input, error;
+  if (launch.separate_streams) {
+    input.emplace(MakePipe());
+    error.emplace(MakePipe());
+  }
+  ChildFds fds{input ? input->read.Get() : null_fd.Get(), output.write.Get(),
+               error ? error->write.Get() : output.write.Get()};
+  pid_t pid = ForkChild(plan, fds, status.write.Get());
   status.write.Reset();
   output.write.Reset();
+  if (input) {
+    input->read.Reset();
+    error->write.Reset();
+  }
   if (std::optional<ChildFailure> failure = ReadFailure(status.read.Get())) {
     ReapQuietly(pid);
     throw FailureError(*failure);
   }
   UniqueFd exit_fd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
-  if (exit_fd.Get() < 0 || fcntl(output.read.Get(), F_SETFL, O_NONBLOCK) != 0) {
+  if (exit_fd.Get() < 0 || fcntl(output.read.Get(), F_SETFL, O_NONBLOCK) != 0 ||
+      (input && (fcntl(input->write.Get(), F_SETFL, O_NONBLOCK) != 0 ||
+                 fcntl(error->read.Get(), F_SETFL, O_NONBLOCK) != 0))) {
     int error = errno;
     kill(-pid, SIGKILL);
     ReapQuietly(pid);
     throw StartError(ErrnoToSystemError(error));
   }
-  return ChildProcess(pid, output.read.Release(), exit_fd.Release());
+  ChildProcess child(pid, output.read.Release(), exit_fd.Release());
+  if (input) {
+    child.input_fd_ = input->write.Release();
+    child.error_fd_ = error->read.Release();
+  }
+  return child;
 }
 
 ChildProcess::ChildProcess(pid_t pid, int output_fd, int exit_fd)
@@ -318,6 +364,8 @@ ChildProcess::ChildProcess(ChildProcess&& other) noexcept
     : pid_(std::exchange(other.pid_, 0)),
       output_fd_(std::exchange(other.output_fd_, -1)),
       exit_fd_(std::exchange(other.exit_fd_, -1)),
+      input_fd_(std::exchange(other.input_fd_, -1)),
+      error_fd_(std::exchange(other.error_fd_, -1)),
       exit_(std::exchange(other.exit_, std::nullopt)) {}
 
 ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept {
@@ -326,6 +374,8 @@ ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept {
     pid_ = std::exchange(other.pid_, 0);
     output_fd_ = std::exchange(other.output_fd_, -1);
     exit_fd_ = std::exchange(other.exit_fd_, -1);
+    input_fd_ = std::exchange(other.input_fd_, -1);
+    error_fd_ = std::exchange(other.error_fd_, -1);
     exit_ = std::exchange(other.exit_, std::nullopt);
   }
   return *this;
@@ -340,7 +390,17 @@ void ChildProcess::Release() noexcept {
   }
   if (output_fd_ >= 0) close(std::exchange(output_fd_, -1));
   if (exit_fd_ >= 0) close(std::exchange(exit_fd_, -1));
+  CloseStreams();
   pid_ = 0;
+}
+
+void ChildProcess::CloseStreams() noexcept {
+  CloseInput();
+  if (error_fd_ >= 0) close(std::exchange(error_fd_, -1));
+}
+
+void ChildProcess::CloseInput() {
+  if (input_fd_ >= 0) close(std::exchange(input_fd_, -1));
 }
 
 void ChildProcess::KillGroup() {

@@ -28,6 +28,12 @@ struct ChildSpec {
   // Run as `shell -c command_line`.
   std::string command_line;
   std::string shell = "/bin/sh";
+  // When not empty, run this argument vector instead, without a shell; a first argument without
+  // a '/' is looked up in the child's PATH.
+  std::vector<std::string> arguments;
+  // Standard input from a pipe (input_fd()) and standard error on a pipe of its own
+  // (error_fd()), instead of /dev/null and the output pipe.
+  bool separate_streams = false;
   // The child's working folder; empty: the home folder of the user it runs as when that exists,
   // otherwise "/".
   std::string working_folder;
@@ -72,6 +78,12 @@ class ChildProcess {
   // pipe has ended or closed it. -1 after a move.
   int output_fd() const { return output_fd_; }
 
+  // With separate_streams: the non-blocking, close-on-exec write end of the child's standard
+  // input and the read end of its standard error (-1 otherwise). CloseInput() ends the input.
+  int input_fd() const { return input_fd_; }
+  int error_fd() const { return error_fd_; }
+  void CloseInput();
+
   // The process descriptor (pidfd_open): readable once the child has exited. -1 after a move.
   int exit_fd() const { return exit_fd_; }
 
@@ -93,12 +105,15 @@ class ChildProcess {
 
  private:
   ChildProcess(pid_t pid, int output_fd, int exit_fd);
+  void CloseStreams() noexcept;
   std::optional<ChildExit> Reap(bool block);
   void Release() noexcept;
 
   pid_t pid_ = 0;
   int output_fd_ = -1;
   int exit_fd_ = -1;
+  int input_fd_ = -1;
+  int error_fd_ = -1;
   std::optional<ChildExit> exit_;
 };
 

@@ -22,10 +22,13 @@ description and source. Calls release the GIL while the member runs; event callb
 thread that raised the event, with the GIL held.
 """
 
+import collections
+
 from . import _pelmora
 from ._pelmora import ListClasses, Object
 
-__all__ = ["CreateObject", "Error", "ListClasses", "Null", "Object"]
+__all__ = ["CommandResult", "CreateObject", "Error", "ListClasses", "Null", "Object",
+           "run_command"]
 
 
 class Error(Exception):
@@ -100,3 +103,25 @@ Object.__enter__ = _enter
 Object.__exit__ = _exit
 Object.__len__ = _len
 Object.__iter__ = _iter
+
+
+CommandResult = collections.namedtuple("CommandResult", "status stdout stderr timed_out")
+CommandResult.__doc__ = """How a remote command ended: status as a shell gives it (0-255, 128 + N
+for signal N; None when the command's time-out ran out and timed_out is True), and its standard
+output and standard error as bytes."""
+
+
+def run_command(fso, command, input=b"", timeout=0):
+    """Runs command on the service of the connected Pelmora.RCFSO fso, through the extended
+    command exchange: command is a str (a line for the service's shell) or a list of str (a
+    program and its arguments, run without a shell); input (bytes or str) is its standard input;
+    timeout is in milliseconds, 0 for none. Returns a CommandResult. Raises pelmora.Error with
+    the client's error when the call fails, also when the service has no extended exchange
+    (fso.ExtendedCommandVersion() is then 0)."""
+    status, out, err = fso.RunCommand(list(command) if isinstance(command, (list, tuple))
+                                      else command, timeout, input, None, None)
+    if status == -1:
+        raise Error(fso.ErrCode, fso.ErrDescription, "RunCommand")
+    if status == -2:
+        return CommandResult(None, bytes(out or b""), bytes(err or b""), True)
+    return CommandResult(status, bytes(out or b""), bytes(err or b""), False)

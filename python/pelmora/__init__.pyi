@@ -1,6 +1,6 @@
 import datetime
 import decimal
-from typing import Any, Callable, Iterator, List, Union
+from typing import Any, Callable, Iterator, List, NamedTuple, Optional, Sequence, Union
 
 Value = Union[None, bool, int, float, str, bytes, decimal.Decimal, datetime.datetime, list,
               "Object", "_NullType"]
@@ -27,4 +27,13 @@ class Object:
     def off(self, cookie: int) -> None: ...
 
 def CreateObject(prog_id: str) -> Object: ...
+
+class CommandResult(NamedTuple):
+    status: Optional[int]
+    stdout: bytes
+    stderr: bytes
+    timed_out: bool
+
+def run_command(fso: Object, command: Union[str, Sequence[str]],
+                input: Union[bytes, str] = ..., timeout: int = ...) -> CommandResult: ...
 def ListClasses() -> List[str]: ...

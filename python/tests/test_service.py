@@ -54,6 +54,23 @@ def test_command_output_streams_through_the_event(service):
     assert "".join(pieces) == "one\ntwo\n"
 
 
+def test_run_command_gives_status_both_streams_and_takes_input(service):
+    fso, connected = connect(service)
+    with fso:
+        assert connected, fso.ErrDescription
+        assert fso.ExtendedCommandVersion() == 1
+        result = pelmora.run_command(fso, "cat; echo oops >&2; exit 3", input=b"\x00\xffabc")
+        assert result == pelmora.CommandResult(3, b"\x00\xffabc", b"oops\n", False)
+        argv = pelmora.run_command(fso, ["printf", "%s|", "a b", "Привет"])
+        assert argv.stdout == "a b|Привет|".encode()
+        assert pelmora.run_command(fso, "kill -9 $$").status == 137
+        slow = pelmora.run_command(fso, "sleep 30", timeout=200)
+        assert slow.timed_out and slow.status is None
+        with pytest.raises(pelmora.Error) as refused:
+            pelmora.run_command(fso, ["no-such-program-here"])
+        assert refused.value.number == 2
+
+
 def test_files_go_up_and_come_back_with_equal_bytes(service, tmp_path):
     local = tmp_path / "up.bin"
     local.write_bytes(os.urandom(3 * 1500 + 7))

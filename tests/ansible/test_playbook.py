@@ -54,6 +54,24 @@ def test_ad_hoc_command_runs_on_every_reachable_host(fleet):
     assert "1326" in done.stdout
 
 
+def test_ad_hoc_shell_keeps_status_and_standard_error_apart(fleet):
+    folder, inventory = fleet
+    done = ansible("ansible", folder, "host0", "-i", str(inventory), "-m", "shell",
+                   "-a", "echo to-out; echo to-err >&2; exit 3")
+    assert "host0 | FAILED | rc=3" in done.stdout, done.stdout + done.stderr
+    assert "__pelmora_status_" not in done.stdout
+    out_at, err_at = done.stdout.find(">>\nto-out"), done.stdout.find("to-err")
+    assert out_at >= 0 and err_at > out_at, done.stdout
+    assert "to-out\nto-err" not in done.stdout
+
+
+def test_pipelined_modules_run_when_the_service_takes_input(fleet):
+    folder, inventory = fleet
+    done = ansible("ansible", folder, "host0:host1", "-i", str(inventory), "-m", "ping",
+                   "-e", "ansible_pipelining=true")
+    assert done.stdout.count("SUCCESS") == 2, done.stdout + done.stderr
+
+
 def test_playbook_copies_runs_and_fetches(fleet, tmp_path):
     folder, inventory = fleet
     source = tmp_path / "payload.txt"

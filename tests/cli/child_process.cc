@@ -44,8 +44,8 @@ std::vector<std::string> Environment(const std::vector<std::pair<std::string, st
 }
 
 // In the child, before exec: only async-signal-safe calls.
-[[noreturn]] void ExecChild(char** argv, char** envp) {
-  int null = open("/dev/null", O_RDONLY);
+[[noreturn]] void ExecChild(char** argv, char** envp, const char* input) {
+  int null = open(input, O_RDONLY);
   dup2(null, STDIN_FILENO);
   execve(argv[0], argv, envp);
   _exit(127);
@@ -60,13 +60,14 @@ std::string ToolPath() {
 
 ChildProcess::ChildProcess(std::vector<std::string> args,
                            std::vector<std::pair<std::string, std::string>> env, Attach attach,
-                           std::string program) {
+                           std::string program, std::string input_file) {
+  if (input_file.empty()) input_file = "/dev/null";
   args.insert(args.begin(), program.empty() ? ToolPath() : program);
   CStrings argv(args);
   CStrings envp(Environment(env));
   if (attach == Attach::kTerminal) {
     pid_ = forkpty(&out_fd_, nullptr, nullptr, nullptr);
-    if (pid_ == 0) ExecChild(argv.Get(), envp.Get());
+    if (pid_ == 0) ExecChild(argv.Get(), envp.Get(), input_file.c_str());
   } else {
     int out[2], err[2];
     if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) std::abort();
@@ -75,7 +76,7 @@ ChildProcess::ChildProcess(std::vector<std::string> args,
       if (attach == Attach::kPipesNoTerminal) setsid();
       dup2(out[1], STDOUT_FILENO);
       dup2(err[1], STDERR_FILENO);
-      ExecChild(argv.Get(), envp.Get());
+      ExecChild(argv.Get(), envp.Get(), input_file.c_str());
     }
     close(out[1]);
     close(err[1]);

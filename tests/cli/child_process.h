@@ -33,10 +33,12 @@ class ChildProcess {
   };
 
   // Starts `program` (the tool when empty: $PELMORA_TOOL) with `args`, the test's environment
-  // plus `env`, standard input from /dev/null. Aborts the test program when it cannot fork.
+  // plus `env`, standard input from `input_file` (/dev/null when empty). Aborts the test
+  // program when it cannot fork.
   ChildProcess(std::vector<std::string> args,
                std::vector<std::pair<std::string, std::string>> env = {},
-               Attach attach = Attach::kPipes, std::string program = "");
+               Attach attach = Attach::kPipes, std::string program = "",
+               std::string input_file = "");
   // Kills the child if it is still running.
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;

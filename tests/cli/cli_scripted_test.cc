@@ -75,10 +75,21 @@ class Gate {
   bool open_ = false;
 };
 
+// A plain peer's answer to the hello: the failure of an unknown request.
+void RefuseHello(ScriptedPeer& peer) {
+  ExpectRequest(peer).ReplyWith(
+      Answer(pelmora::testing::ResultData(false, 1, "Incorrect function.")));
+}
+
+constexpr const char* kUnknownStatus =
+    "pelmora: 127.0.0.1: the command ended, but the service does not report exit statuses: the "
+    "status is unknown\n";
+
 TEST(CliScripted, ExecShowsEachLineBeforeTheCommandEnds) {
   ScriptedPeer peer;
   Gate first_line_seen;
   ExpectLogin(peer, true);
+  RefuseHello(peer);
   ExpectRequest(peer).ReplyWith(Answer(OutputData("first line\n")));
   // The status is held back until the tool has printed the first line.
   peer.ReplyWith([&](const std::vector<Bytes>& received) {
@@ -90,9 +101,9 @@ TEST(CliScripted, ExecShowsEachLineBeforeTheCommandEnds) {
   EXPECT_TRUE(tool.WaitForOutput("first line\n", kLimit));
   first_line_seen.Open();
   ChildProcess::Result result = tool.Finish(kLimit);
-  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.status, 255);
   EXPECT_EQ(result.out, "first line\nsecond line\n");
-  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(result.err, kUnknownStatus);
 }
 
 struct StatusCase {
@@ -106,6 +117,7 @@ class CliExecStatus : public ::testing::TestWithParam<StatusCase> {};
 TEST_P(CliExecStatus, ExitStatusAndOneLineError) {
   ScriptedPeer peer;
   ExpectLogin(peer, true);
+  RefuseHello(peer);
   ExpectRequest(peer).ReplyWith(Answer(StatusData(GetParam().status)));
   peer.Start();
   ChildProcess::Result result =
@@ -116,10 +128,41 @@ TEST_P(CliExecStatus, ExitStatusAndOneLineError) {
 
 INSTANTIATE_TEST_SUITE_P(
     CliScripted, CliExecStatus,
-    ::testing::Values(StatusCase{9000, 0, ""},
-                      StatusCase{9001, 4, "pelmora: 127.0.0.1: 9001 Create process fail\n"},
-                      StatusCase{9002, 5, "pelmora: 127.0.0.1: 9002 Process terminated abnormally\n"},
-                      StatusCase{9003, 6, "pelmora: 127.0.0.1: 9003 Request time out\n"}));
+    ::testing::Values(StatusCase{9000, 255, kUnknownStatus},
+                      StatusCase{9001, 255, "pelmora: 127.0.0.1: 9001 Create process fail\n"},
+                      StatusCase{9002, 255,
+                                 "pelmora: 127.0.0.1: 9002 Process terminated abnormally\n"},
+                      StatusCase{9003, 255, "pelmora: 127.0.0.1: 9003 Request time out\n"}));
+
+TEST(CliScripted, ExecRefusesWhatAPlainPeersCodePageCannotCarry) {
+  ScriptedPeer peer;
+  ExpectLogin(peer, true);
+  RefuseHello(peer);
+  peer.Start();
+  ChildProcess::Result result =
+      ChildProcess(Admin(peer, {"exec", "ls -d /tmp/x/Привет"}), BaseEnv()).Finish(kLimit);
+  EXPECT_EQ(result.status, 255);
+  EXPECT_THAT(result.err, HasSubstr("cannot carry"));
+  EXPECT_TRUE(peer.Finish()) << peer.Failure();
+  EXPECT_EQ(peer.ReceivedChunks().size(), 3u);  // login, the hello's size message and block
+}
+
+TEST(CliScripted, FleetOfPlainPeersReportsTheStatusUnknown) {
+  ScriptedPeer peer;
+  ExpectLogin(peer, true);
+  RefuseHello(peer);
+  ExpectRequest(peer).ReplyWith(Answer(StatusData(9000)));
+  peer.Start();
+  ChildProcess::Result result =
+      ChildProcess({"admin", "--hosts", "127.0.0.1:" + std::to_string(peer.Port()), "--json",
+                    "exec", "true"},
+                   BaseEnv())
+          .Finish(kLimit);
+  EXPECT_EQ(result.status, 1);
+  nlohmann::json line = nlohmann::json::parse(result.out);
+  EXPECT_EQ(line["remote_status"], "unknown");
+  EXPECT_EQ(line["result"], "failed");
+}
 
 TEST(CliScripted, RefusedConnectionExitsThreeWithTheLibraryText) {
   int port = 0;
@@ -178,7 +221,7 @@ TEST(CliScripted, WithoutPasswordOrTerminalTheAccountIsRefused) {
 TEST(CliScripted, ExecWithTheBuiltInAccountNeedsTheAccessCode) {
   Env env = {{"PELMORA_HOME", ::testing::TempDir() + "pelmora-cli-home"}};
   ChildProcess::Result result = ChildProcess({"admin", "exec", "true"}, env).Finish(kLimit);
-  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.status, 255);
   EXPECT_THAT(result.err, HasSubstr("needs the command access code"));
 }
 

@@ -10,6 +10,7 @@
 
 #include "pelmora/admin/internal/built_in_secrets.h"
 #include "tests/cli/child_process.h"
+#include "pelmorad/password.h"
 #include "tests/service/service_process.h"
 
 namespace pelmora_cli_test {
@@ -120,10 +121,97 @@ TEST_F(CliServiceTest, ExecStreamsOutputAndReportsHowTheCommandEnded) {
   }
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.out, "one\ntwo\n");
-  EXPECT_EQ(Admin({"exec", "kill -9 $$"}).status, 5);
   ChildProcess::Result slow = Admin({"exec", "--timeout", "300", "sleep 5"});
-  EXPECT_EQ(slow.status, 6);
+  EXPECT_EQ(slow.status, 255);
   EXPECT_EQ(slow.err, "pelmora: 127.0.0.1: 9003 Request time out\n");
+}
+
+TEST_F(CliServiceTest, ExecExitsWithTheRemoteStatusAsSshDoes) {
+  struct Case {
+    const char* line;
+    int status;
+  };
+  for (const Case& c : {Case{"true", 0}, Case{"false", 1}, Case{"exit 3", 3},
+                        Case{"exit 255", 255}, Case{"kill -9 $$", 137},
+                        Case{"ls /no/such/folder 2>/dev/null", 2}}) {
+    ChildProcess::Result result = Admin({"exec", c.line});
+    EXPECT_EQ(result.status, c.status) << c.line;
+    EXPECT_EQ(result.err, "") << c.line;
+  }
+  // ssh-style scripts: the status decides.
+  EXPECT_EQ(Admin({"exec", "test -d /"}).status, 0);
+  EXPECT_EQ(Admin({"exec", "test -f /no/such/file"}).status, 1);
+}
+
+TEST_F(CliServiceTest, ExecKeepsEveryByteAndTheStreamsApart) {
+  std::ifstream program("/bin/true", std::ios::binary);
+  std::string expected(std::istreambuf_iterator<char>(program), {});
+  ChildProcess::Result binary = Admin({"exec", "cat /bin/true"});
+  EXPECT_EQ(binary.status, 0);
+  EXPECT_TRUE(binary.out == expected) << binary.out.size() << " of " << expected.size();
+  ChildProcess::Result split = Admin({"exec", "echo out; echo err >&2; exit 4"});
+  EXPECT_EQ(split.status, 4);
+  EXPECT_EQ(split.out, "out\n");
+  EXPECT_EQ(split.err, "err\n");
+  ChildProcess::Result vector = Admin({"exec", "--", "printf", "%s|", "a  b", "Привет 日本 €"});
+  EXPECT_EQ(vector.status, 0) << vector.err;
+  EXPECT_EQ(vector.out, "a  b|Привет 日本 €|");
+  ChildProcess::Result line = Admin({"exec", "printf '%s' 'Привет *?'"});
+  EXPECT_EQ(line.out, "Привет *?");
+}
+
+TEST_F(CliServiceTest, ExecForwardsStandardInputUnlessTold) {
+  std::string input(300000, '\0');
+  std::mt19937 random(11);
+  for (char& c : input) c = static_cast<char>(random());
+  std::ofstream(Local("stdin.bin"), std::ios::binary) << input;
+  std::vector<std::string> args = {"admin", "--host", "127.0.0.1", "--port",
+                                   std::to_string(service_.port()), "exec", "cat"};
+  ChildProcess::Result piped =
+      ChildProcess(args, env_, Attach::kPipes, "", Local("stdin.bin")).Finish(kLimit);
+  EXPECT_EQ(piped.status, 0) << piped.err;
+  EXPECT_TRUE(piped.out == input) << piped.out.size();
+  args.insert(args.end() - 1, "-n");
+  ChildProcess::Result ignored =
+      ChildProcess(args, env_, Attach::kPipes, "", Local("stdin.bin")).Finish(kLimit);
+  EXPECT_EQ(ignored.status, 0) << ignored.err;
+  EXPECT_EQ(ignored.out, "");
+}
+
+TEST_F(CliServiceTest, FleetShowsTheHostWhoseCommandFailed) {
+  // A second service whose account works in a folder without the marker file.
+  std::string marked = Local("marked");
+  fs::create_directories(marked);
+  std::ofstream(marked + "/marker").close();
+  auto account = [](const std::string& folder) {
+    return "[accounts.fleet]\npassword = \"" +
+           pelmorad::HashPassword(std::string(pelmorad::testing::kOperatorPassword)) +
+           "\"\ncommands = true\nworking_folder = \"" + folder + "\"\n";
+  };
+  pelmorad::testing::ServiceProcess with(account(marked));
+  pelmorad::testing::ServiceProcess without(account("/"));
+  ASSERT_TRUE(with.Start());
+  ASSERT_TRUE(without.Start());
+  std::string hosts = "127.0.0.1:" + std::to_string(with.port()) + ",127.0.0.1:" +
+                      std::to_string(without.port());
+  std::string failed_file = Local("failed.txt");
+  ChildProcess::Result json =
+      ChildProcess({"admin", "--account", "fleet", "--hosts", hosts, "--json", "--failed-file",
+                    failed_file, "exec", "test -e marker"},
+                   env_)
+          .Finish(kLimit);
+  EXPECT_EQ(json.status, 1);
+  EXPECT_THAT(json.out, HasSubstr("\"status\":0,\"remote_status\":0,\"result\":\"ok\""));
+  EXPECT_THAT(json.out, HasSubstr("\"status\":1,\"remote_status\":1,\"result\":\"failed\""));
+  std::ifstream failed(failed_file);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(failed), {}),
+            "127.0.0.1:" + std::to_string(without.port()) + "\n");
+  ChildProcess::Result table = ChildProcess({"admin", "--account", "fleet", "--hosts", hosts,
+                                             "exec", "test -e marker"},
+                                            env_)
+                                   .Finish(kLimit);
+  EXPECT_THAT(table.out, HasSubstr("2 hosts: 1 ok, 1 failed"));
+  EXPECT_THAT(table.out, MatchesRegex("(.|\n)*failed +1 (.|\n)*"));
 }
 
 TEST_F(CliServiceTest, FleetOfSessionsSummarisesEveryHost) {
@@ -137,7 +225,8 @@ TEST_F(CliServiceTest, FleetOfSessionsSummarisesEveryHost) {
           .Finish(kLimit);
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 3);
-  EXPECT_THAT(result.out, HasSubstr("\"port\":1,\"status\":3,\"result\":\"failed\""));
+  EXPECT_THAT(result.out,
+              HasSubstr("\"port\":1,\"status\":3,\"remote_status\":null,\"result\":\"failed\""));
   ChildProcess::Result table =
       ChildProcess({"admin", "--hosts", "127.0.0.1:" + port + ",localhost:" + port, "time"}, env_)
           .Finish(kLimit);

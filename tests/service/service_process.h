@@ -60,6 +60,10 @@ class ServiceProcess {
 void WriteFile(const std::string& path, std::string_view content);
 // The content of `path` ("" when it cannot be read).
 std::string ReadFile(const std::string& path);
+// True when process `pid` ends within `milliseconds` (a zombie counts as ended, and so does a
+// process that is already gone). Waits on a process descriptor, not by polling.
+bool ProcessEnds(pid_t pid, int milliseconds);
+
 // True when `path` exists (links not followed).
 bool PathExists(const std::string& path);
 

@@ -37,6 +37,7 @@ struct LeafArgs {
   bool overwrite = false;
   bool unicode = false;
   bool long_form = false;
+  bool no_input = false;  // exec -n
 };
 
 // Builds a command's request from its parsed arguments.

@@ -7,12 +7,15 @@
 //
 // Exit status (also each host's in the summary table): 0 success; 1 the request failed or the
 // answer is "no"; 2 usage, credentials or local files; 3 the connection or the login failed;
-// exec: 4 the command could not start, 5 it ended abnormally, 6 it timed out. A fleet run exits
-// with 0 only when every host succeeded, otherwise 1. Failures print one line:
+// exec: 4 the command could not start, 5 it ended abnormally, 6 it timed out. A single-host exec
+// exits with the remote command's status instead (0-255, 128 + N for signal N) and with 255 for
+// any failure of its own. A fleet run exits with 0 only when every host succeeded, otherwise 1.
+// Failures print one line:
 // "pelmora: <host>: <number> <description>".
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -33,14 +36,20 @@ constexpr const char* kAdminExamples = R"(Examples:
   pelmora admin --hosts-file fleet.txt --gather --failed-file failed.txt version 'C:\qel\bin\qel.exe'
 Passwords are never taken from the command line: --password-file, PELMORA_PASSWORD or the prompt.
 Exit status: 0 success, 1 request failed or "no", 2 usage or credentials, 3 connection or login
-failed; exec: 4 could not start, 5 ended abnormally, 6 timed out. Fleet runs: 0 only when every
-host succeeded, otherwise 1.)";
+failed. exec on one host: the command's own status (0-255, 128 + N for signal N), 255 when
+pelmora itself fails (see exec --help). Fleet runs: 0 only when every host succeeded, otherwise
+1; each host's status (exec: 4 could not start, 5 ended abnormally, 6 timed out) is in the
+report.)";
 
 // One host's results straight to the console.
 class ConsoleOutput : public HostOutput {
  public:
   ConsoleOutput(Console& console, std::string host) : console_(console), host_(std::move(host)) {}
   void Write(std::string_view text) override { console_.Out(text); }
+  void WriteError(std::string_view text) override { console_.Err(text); }
+  void RemoteStatus(std::optional<int> status) override { remote_status_ = status; }
+  // A single-host exec's exit status: the remote status, or kExitExecFailure.
+  int ExecStatus() const { return remote_status_.value_or(kExitExecFailure); }
   void Fail(const HostFailure& failure) override {
     console_.Err(ErrorLine(host_, failure) + "\n");
   }
@@ -55,6 +64,7 @@ class ConsoleOutput : public HostOutput {
   Console& console_;
   std::string host_;
   std::unique_ptr<TransferProgress> progress_;
+  std::optional<int> remote_status_;
 };
 
 std::vector<HostTarget> FleetHosts(const AdminCli& cli) {
@@ -156,10 +166,13 @@ int RunAdmin(const AdminCli& cli, HostRequest request, bool needs_access_code) {
     run->request = std::move(request);
     if (cli.IsFleet()) return RunFleetCommand(cli, std::move(hosts), run, console);
     ConsoleOutput output(console, cli.options.host);
-    return RunOnHost({cli.options.host, 0}, run->options, run->credentials, output, run->request);
+    int status =
+        RunOnHost({cli.options.host, 0}, run->options, run->credentials, output, run->request);
+    // Only exec needs the access code; it exits with the remote command's status.
+    return needs_access_code ? output.ExecStatus() : status;
   } catch (const CommandError& e) {
     console.Err(std::string("pelmora: ") + e.what() + "\n");
-    return kExitUsage;
+    return needs_access_code && !cli.IsFleet() ? kExitExecFailure : kExitUsage;
   }
 }
 

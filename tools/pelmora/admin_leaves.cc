@@ -1,4 +1,6 @@
 // The commands of `pelmora admin`: each binds its arguments to one request of admin_requests.h.
+#include <unistd.h>
+
 #include <memory>
 #include <string>
 
@@ -8,6 +10,15 @@
 
 namespace pelmora_tool {
 namespace {
+
+constexpr const char* kExecStatusHelp = R"(Exit status, as ssh gives it: the command's own status (0-255; 128 + N when
+signal N ended it). When pelmora itself fails (usage, access code, connection, login, the
+command could not start or ran out of time, or the service cannot report the status) it exits
+with 255 and prints "pelmora: HOST: NUMBER TEXT" on standard error; a command that exits with
+255 itself prints no such line. Fleet runs report each host's status in the table and in
+--json ("remote_status"), where pelmora's own failures keep their numbers (2 usage, 3
+connection, 4 not started, 6 timed out) and are never a remote status.
+Standard input is forwarded when it is not a terminal (not in fleet runs); -n turns it off.)";
 
 using OneArgument = int (*)(HostSession&, const std::string&);
 using TwoArguments = int (*)(HostSession&, const std::string&, const std::string&);
@@ -50,19 +61,25 @@ void AddTwo(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminC
 
 void AddExec(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli) {
   auto args = std::make_shared<LeafArgs>();
+  args->timeout_ms = 0;
   CLI::App* leaf = AddAdminLeaf(
-      admin, action, cli, "exec", "Run a command line on the host; its output streams as it comes",
+      admin, action, cli, "exec",
+      "Run a command on the host; its output streams as it comes, and pelmora exits with its "
+      "status",
       [](const LeafArgs& a) {
-        std::string line;
-        for (const std::string& word : a.words) line += (line.empty() ? "" : " ") + word;
-        return [line, timeout = a.timeout_ms](HostSession& s) { return Exec(s, line, timeout); };
+        ExecArgs exec{a.words, a.timeout_ms, !a.no_input && ::isatty(0) == 0};
+        return [exec](HostSession& s) { return Exec(s, exec); };
       },
       args, true);
-  leaf->add_option("--timeout", args->timeout_ms, "The command's time-out, in ms")
+  leaf->add_option("--timeout", args->timeout_ms, "The command's time-out, in ms (0: none)")
       ->capture_default_str()
       ->check(CLI::Range(0, 2147482647));
-  leaf->add_option("COMMANDLINE", args->words, "The command line (quote it, or put -- first)")
+  leaf->add_flag("-n", args->no_input, "Do not forward standard input to the command");
+  leaf->add_option("COMMAND", args->words,
+                   "One word: a command line for the service's shell (quote it); several words "
+                   "(after --): a program and its arguments, run without a shell")
       ->required();
+  leaf->footer(kExecStatusHelp);
 }
 
 void AddCopy(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli) {

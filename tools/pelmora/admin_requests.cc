@@ -11,52 +11,6 @@ namespace {
 using pelmora::admin::RCFSO;
 using pelmora::admin::RCFSOEvents;
 
-constexpr int32_t kCommandMargin = 1000;  // the session waits this much past the command
-constexpr int32_t kOverflow = 6;
-constexpr int32_t kSocketTimeOut = 10060;
-
-// Passes each piece of a remote command's output on as it arrives.
-class OutputForwarder : public RCFSOEvents {
- public:
-  OutputForwarder(RCFSO& fso, HostOutput& output) : fso_(fso), output_(output) {
-    fso_.AddEventSink(this);
-  }
-  ~OutputForwarder() override { fso_.RemoveEventSink(this); }
-  OutputForwarder(const OutputForwarder&) = delete;
-  OutputForwarder& operator=(const OutputForwarder&) = delete;
-  void CommandOutput(std::string& text) override { output_.Write(text); }
-
- private:
-  RCFSO& fso_;
-  HostOutput& output_;
-};
-
-// The exit status for a command that did not end normally, by the session's error.
-int CommandStatus(int32_t code) {
-  switch (code) {
-    case 9001:
-      return kExitNotStarted;
-    case 9002:
-      return kExitAbnormal;
-    case 9003:
-    case kSocketTimeOut:
-      return kExitTimedOut;
-    default:
-      return code >= 10000 && code < 12000 ? kExitConnect : kExitFailed;
-  }
-}
-
-// A command under the caller's own account: the session waits for the command's time-out plus
-// a margin, as the built-in account's call does, and gets its own time-out back afterwards.
-bool RunUnderAccount(HostSession& session, const std::string& command_line, int32_t timeout_ms) {
-  RCFSO& fso = session.Fso();
-  const int32_t kept = fso.timeout();
-  fso.set_timeout(timeout_ms + kCommandMargin);
-  bool ended = fso.SyncCreateProcess(command_line, timeout_ms);
-  fso.set_timeout(kept);
-  return ended;
-}
-
 // 0 when the last request succeeded, otherwise the session's error with kExitFailed.
 int Checked(HostSession& session, bool ok) {
   return ok ? kExitOk : session.FailFromClient(kExitFailed);
@@ -79,29 +33,6 @@ int TextAnswer(HostSession& session, const std::string& text) {
 bool MeansMissing(int32_t code) { return code == 0 || code == 2 || code == 3; }
 
 }  // namespace
-
-int Exec(HostSession& session, const std::string& command_line, int32_t timeout_ms) {
-  if (timeout_ms < 0 || timeout_ms > std::numeric_limits<int32_t>::max() - kCommandMargin) {
-    return session.Fail(kExitUsage, {kOverflow, std::string(pelmora::RuntimeErrorText(kOverflow)
-                                                                .value_or("Overflow"))});
-  }
-  OutputForwarder forwarder(session.Fso(), session.Output());
-  bool ended = false;
-  if (session.Secrets().account.empty()) {
-    std::string collected;
-    int32_t exit_code = 0;
-    ended = session.Client().RemoteCommandCall(command_line, timeout_ms,
-                                               session.Secrets().access_code, collected, exit_code);
-    // A refused access code records nothing and sends nothing.
-    if (!ended && session.Client().ErrNumber() == 0) {
-      return session.Fail(kExitUsage, {0, "the command access code was refused"});
-    }
-  } else {
-    ended = RunUnderAccount(session, command_line, timeout_ms);
-  }
-  if (ended) return kExitOk;
-  return session.FailFromClient(CommandStatus(session.Fso().ErrCode()));
-}
 
 int Time(HostSession& session) {
   pelmora::Date now = session.Client().RemoteSystemTime();

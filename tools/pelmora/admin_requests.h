@@ -10,16 +10,30 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "tools/pelmora/admin_session.h"
 
 namespace pelmora_tool {
 
-// Runs `command_line` on the host with the command's time-out `timeout_ms` (forwarded to the
-// service; the session waits that long plus one second for each reply). Output is written as it
-// arrives. 0 for a normal end; 4 could not start (9001), 5 ended abnormally (9002), 6 timed out
-// (9003 or no reply in time), 3 connection lost, 2 access code refused (built-in account).
-int Exec(HostSession& session, const std::string& command_line, int32_t timeout_ms);
+// What exec runs: one word is a command line for the service's shell, several words an
+// argument vector run without a shell (joined with shell quoting for a service that has only
+// the plain command exchange).
+struct ExecArgs {
+  std::vector<std::string> words;
+  int32_t timeout_ms = 0;      // the command's time-out; 0: none
+  bool forward_input = false;  // the tool's standard input goes to the command
+};
+
+// Runs a command on the host. With a service that speaks the extended command exchange, its
+// standard output and standard error go to the output's Write and WriteError byte for byte, the
+// tool's standard input is forwarded when asked, and the result is the remote status (0-255,
+// 128 + N for signal N), also passed to RemoteStatus. Otherwise the plain exchange: output as
+// text, the status unknown (RemoteStatus(nullopt), a failure line, kExitFailed), and a command
+// line the service's code page cannot carry is refused before anything is sent (kExitUsage).
+// The tool's failures: 2 usage or access code refused, 3 connection lost, 4 could not start,
+// 6 timed out. Blocks until the command ends (without limit when its time-out is 0).
+int Exec(HostSession& session, const ExecArgs& args);
 
 // The server's clock as "yyyy-mm-dd hh:nn:ss".
 int Time(HostSession& session);

@@ -48,6 +48,16 @@ class AdminRequestTest : public ::testing::Test {
     ExpectLogin(peer_, true);
     ExpectRequest(peer_, block_size).ReplyWith(Answer(std::move(replies)));
   }
+  // Login accepted, the hello refused as a plain peer refuses an unknown request, then the plain
+  // command request answered with `replies`.
+  void PlainCommand(std::vector<Bytes> replies) {
+    ExpectLogin(peer_, true);
+    ExpectRequest(peer_, 1500).ReplyWith(Answer(ResultData(false, 1, "Incorrect function.")));
+    ExpectRequest(peer_, 1500).ReplyWith(Answer(std::move(replies)));
+  }
+  static HostRequest ExecOf(std::vector<std::string> words, int32_t timeout_ms) {
+    return [words, timeout_ms](HostSession& s) { return Exec(s, {words, timeout_ms, false}); };
+  }
 
   ScriptedPeer peer_;
   AdminOptions options_;
@@ -55,16 +65,41 @@ class AdminRequestTest : public ::testing::Test {
   RecordingOutput output_;
 };
 
-TEST_F(AdminRequestTest, ExecPassesOutputOnPieceByPieceAndEndsWithZero) {
-  OneRequest({OutputData("line 1\n"), OutputData("line 2\nli"), OutputData("ne 3\n"),
-              StatusData(9000)});
-  EXPECT_EQ(Run([](HostSession& s) { return Exec(s, "seq 3", 5000); }), kExitOk);
+TEST_F(AdminRequestTest, ExecOnAPlainPeerPassesOutputOnAndReportsTheStatusUnknown) {
+  PlainCommand({OutputData("line 1\n"), OutputData("line 2\nli"), OutputData("ne 3\n"),
+                StatusData(9000)});
+  EXPECT_EQ(Run(ExecOf({"seq 3"}, 5000)), kExitFailed);
   EXPECT_THAT(output_.pieces, ElementsAre("line 1\n", "line 2\nli", "ne 3\n"));
-  EXPECT_TRUE(output_.errors.empty());
-  // The command travels with the time-out as given.
-  Bytes block = peer_.Received(2);
+  EXPECT_THAT(output_.errors,
+              ElementsAre("pelmora: srv: the command ended, but the service does not report "
+                          "exit statuses: the status is unknown"));
+  ASSERT_EQ(output_.remote_statuses.size(), 1u);
+  EXPECT_FALSE(output_.remote_statuses[0].has_value());
+  // The hello asks for version 1; the command travels with the time-out as given.
+  Bytes hello = peer_.Received(2);
+  EXPECT_EQ(Bytes(hello.begin(), hello.begin() + 10), (Bytes{40, 1, 4, 0, 0, 0, 1, 0, 0, 0}));
+  Bytes block = peer_.Received(4);
   EXPECT_EQ(block[0], 20);
   EXPECT_EQ(Bytes(block.begin() + 16, block.begin() + 20), (Bytes{0x88, 0x13, 0, 0}));
+}
+
+TEST_F(AdminRequestTest, ExecOnAPlainPeerQuotesAnArgumentVectorIntoOneLine) {
+  PlainCommand({StatusData(9000)});
+  Run(ExecOf({"printf", "%s\n", "it's", "a b"}, 0));
+  Bytes block = peer_.Received(4);
+  std::string line(block.begin() + 6, block.begin() + 6 + block[2] - 1);
+  EXPECT_EQ(line, "printf '%s\n' 'it'\\''s' 'a b'");
+}
+
+TEST_F(AdminRequestTest, ExecOnAPlainPeerRefusesWhatTheCodePageCannotCarry) {
+  ExpectLogin(peer_, true);
+  ExpectRequest(peer_, 1500).ReplyWith(Answer(ResultData(false, 1, "Incorrect function.")));
+  EXPECT_EQ(Run(ExecOf({"ls -d /tmp/x/Привет"}, 0)), kExitUsage);
+  EXPECT_THAT(output_.errors,
+              ElementsAre("pelmora: srv: the command line holds characters that the service's "
+                          "code page cannot carry, and the service has only the plain command "
+                          "exchange: nothing was sent"));
+  EXPECT_EQ(peer_.ReceivedChunks().size(), 3u);  // login, hello size message and block
 }
 
 struct StatusCase {
@@ -76,8 +111,8 @@ struct StatusCase {
 class ExecStatus : public AdminRequestTest, public ::testing::WithParamInterface<StatusCase> {};
 
 TEST_P(ExecStatus, EachAbnormalEndHasItsExitStatusAndLine) {
-  OneRequest({OutputData("partial\n"), StatusData(GetParam().status)});
-  EXPECT_EQ(Run([](HostSession& s) { return Exec(s, "job", 1000); }), GetParam().exit_status);
+  PlainCommand({OutputData("partial\n"), StatusData(GetParam().status)});
+  EXPECT_EQ(Run(ExecOf({"job"}, 1000)), GetParam().exit_status);
   EXPECT_EQ(output_.Text(), "partial\n");
   EXPECT_THAT(output_.errors, ElementsAre(GetParam().line));
 }
@@ -92,15 +127,16 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(AdminRequestTest, ExecWithAWrongAccessCodeSendsNothing) {
   ExpectLogin(peer_, true);
   secrets_.access_code = "not the code";
-  EXPECT_EQ(Run([](HostSession& s) { return Exec(s, "rm -rf /", 1000); }), kExitUsage);
+  EXPECT_EQ(Run(ExecOf({"rm -rf /"}, 1000)), kExitUsage);
   EXPECT_THAT(output_.errors, ElementsAre("pelmora: srv: the command access code was refused"));
   EXPECT_EQ(peer_.ReceivedChunks().size(), 1u);
 }
 
 TEST_F(AdminRequestTest, AnAccountLogsInWithItsEncodedCredentialsAndNeedsNoAccessCode) {
-  OneRequest({StatusData(9000)});
+  PlainCommand({StatusData(9000)});
   secrets_ = {"operator", "s3cret", ""};
-  EXPECT_EQ(Run([](HostSession& s) { return Exec(s, "true", 1000); }), kExitOk);
+  Run(ExecOf({"true"}, 1000));
+  EXPECT_EQ(peer_.Received(4)[0], 20);
   std::vector<uint8_t> login = pelmora::admin::BuildLoginMessage(
       pelmora::admin::EncodeCredential("operator"), pelmora::admin::EncodeCredential("s3cret"));
   Bytes first = peer_.Received(0);

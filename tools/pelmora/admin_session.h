@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -32,6 +33,9 @@ inline constexpr int kExitConnect = 3;      // the connection or the login faile
 inline constexpr int kExitNotStarted = 4;   // exec: the command could not start (9001)
 inline constexpr int kExitAbnormal = 5;     // exec: the command ended abnormally (9002)
 inline constexpr int kExitTimedOut = 6;     // exec: the command's time-out expired (9003, 10060)
+// A single-host exec exits with the remote command's status; every failure of its own (any of
+// the numbers above, and a status the service cannot report) becomes this, as ssh does.
+inline constexpr int kExitExecFailure = 255;
 
 // The global options of `pelmora admin`.
 struct AdminOptions {
@@ -76,6 +80,11 @@ class HostOutput {
   virtual ~HostOutput() = default;
   // Standard-output text of the command, passed on as it comes.
   virtual void Write(std::string_view text) = 0;
+  // Standard-error bytes of a remote command, when the service keeps them apart.
+  virtual void WriteError(std::string_view text) { Write(text); }
+  // The remote command's status (0-255, 128 + N for signal N), or nullopt when the service
+  // cannot report it; called at most once, and only by exec.
+  virtual void RemoteStatus(std::optional<int> status) {}
   // The host's failure; called at most once per command.
   virtual void Fail(const HostFailure& failure) = 0;
   // Whether transfer progress is shown (TransferBytes is then called from a watcher thread).

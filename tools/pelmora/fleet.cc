@@ -58,6 +58,13 @@ class FleetHostOutput : public HostOutput {
     if (!lines.empty()) state_->console->Out(lines);
   }
 
+  void RemoteStatus(std::optional<int> status) override {
+    std::lock_guard lock(state_->mutex);
+    if (state_->closed) return;
+    state_->records[index_].remote_status = status;
+    state_->records[index_].remote_status_unknown = !status;
+  }
+
   void Fail(const HostFailure& failure) override {
     std::lock_guard lock(state_->mutex);
     if (state_->closed) return;

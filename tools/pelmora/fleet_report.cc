@@ -89,6 +89,9 @@ std::string JsonLine(const HostRecord& record) {
   line["host"] = record.target.name;
   line["port"] = record.port;
   line["status"] = record.status;
+  line["remote_status"] = nullptr;
+  if (record.remote_status) line["remote_status"] = *record.remote_status;
+  if (record.remote_status_unknown) line["remote_status"] = "unknown";
   line["result"] = record.Result();
   line["seconds"] = std::round(record.seconds * 1000) / 1000;
   line["output"] = record.output;
@@ -110,8 +113,9 @@ std::string SummaryTable(const std::vector<HostRecord>& records,
   for (const HostRecord& r : records) {
     ok += r.Ok() ? 1 : 0;
     std::string error = r.failure ? r.failure->Text() : "";
+    std::string exit = r.remote_status_unknown ? "?" : std::to_string(r.status);
     std::string line = fmt::format("{:<{}}  {:<9}  {:>4}  {:>7.3f}s  {}", r.target.Display(),
-                                   width, r.Result(), r.status, r.seconds, error);
+                                   width, r.Result(), exit, r.seconds, error);
     out += line.substr(0, line.find_last_not_of(' ') + 1) + "\n";
   }
   out += fmt::format("{} host{}: {} ok, {} failed, {:.3f} s\n", records.size(),

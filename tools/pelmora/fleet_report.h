@@ -25,6 +25,9 @@ struct HostRecord {
   int32_t port = 0;       // the port used (the target's, else the command line's)
   bool finished = false;  // false: still running when the overall time-out expired
   int status = 0;         // the host's exit status (admin_session.h)
+  // exec: the remote command's status; unknown when the service cannot report it.
+  std::optional<int> remote_status{};
+  bool remote_status_unknown = false;
   std::optional<HostFailure> failure{};
   std::string output{};   // kept only when a report needs it
   double seconds = 0;
@@ -56,7 +59,9 @@ std::string GroupBlock(const HostRecord& record);
 std::string GatherBlocks(const std::vector<HostRecord>& records);
 
 // One --json line (a JSON object and a line end):
-// {"host","port","status","result","seconds","output","error":null|{"number","description"}}.
+// {"host","port","status","remote_status","result","seconds","output",
+//  "error":null|{"number","description"}}; remote_status is exec's remote status, "unknown"
+// when the service cannot report it, null otherwise.
 // Bytes that are not UTF-8 are replaced.
 std::string JsonLine(const HostRecord& record);
 

@@ -62,7 +62,8 @@ TEST(FleetReport, GatherPrintsIdenticalOutputsOnceUnderTheirHosts) {
 
 TEST(FleetReport, JsonLineHasTheDocumentedShape) {
   EXPECT_EQ(JsonLine(Record("web01", 0, "up 3 days\n")),
-            R"({"host":"web01","port":8002,"status":0,"result":"ok","seconds":0.25,)"
+            R"({"host":"web01","port":8002,"status":0,"remote_status":null,"result":"ok",)"
+            R"("seconds":0.25,)"
             R"("output":"up 3 days\n","error":null})"
             "\n");
   HostRecord failed = Record("db1", 3, "", HostFailure{5, "Logon failure"}, 8003);
@@ -71,6 +72,25 @@ TEST(FleetReport, JsonLineHasTheDocumentedShape) {
   EXPECT_EQ(parsed["result"], "failed");
   EXPECT_EQ(parsed["error"]["number"], 5);
   EXPECT_EQ(parsed["error"]["description"], "Logon failure");
+}
+
+TEST(FleetReport, RemoteStatusIsKnownUnknownOrAbsentInTableAndJson) {
+  HostRecord exited = Record("web01", 1, "");
+  exited.remote_status = 1;
+  HostRecord plain = Record("web02", 1, "", HostFailure{0, "status unknown"});
+  plain.remote_status_unknown = true;
+  EXPECT_EQ(nlohmann::json::parse(JsonLine(exited))["remote_status"], 1);
+  EXPECT_EQ(nlohmann::json::parse(JsonLine(exited))["result"], "failed");
+  EXPECT_EQ(nlohmann::json::parse(JsonLine(plain))["remote_status"], "unknown");
+  std::string table = SummaryTable({exited, plain}, std::chrono::duration<double>(1));
+  EXPECT_NE(table.find("web01  failed        1"), std::string::npos) << table;
+  EXPECT_NE(table.find("web02  failed        ?"), std::string::npos) << table;
+  // Both count as failed for --failed-file.
+  std::string failed_file = ::testing::TempDir() + "/remote_status_failed.txt";
+  WriteFailedFile(failed_file, {exited, plain, Record("web03", 0, "")});
+  std::ifstream in(failed_file);
+  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  EXPECT_EQ(text, "web01\nweb02\n");
 }
 
 TEST(FleetReport, JsonLineReplacesBytesThatAreNotUtf8) {

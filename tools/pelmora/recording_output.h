@@ -3,6 +3,7 @@
 #ifndef TOOLS_PELMORA_RECORDING_OUTPUT_H_
 #define TOOLS_PELMORA_RECORDING_OUTPUT_H_
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,6 +15,8 @@ namespace pelmora_tool {
 class RecordingOutput : public HostOutput {
  public:
   void Write(std::string_view text) override { pieces.emplace_back(text); }
+  void WriteError(std::string_view text) override { error_text.append(text); }
+  void RemoteStatus(std::optional<int> status) override { remote_statuses.push_back(status); }
   void Fail(const HostFailure& failure) override { errors.push_back(ErrorLine("srv", failure)); }
   // Everything written, in order.
   std::string Text() const {
@@ -23,6 +26,8 @@ class RecordingOutput : public HostOutput {
   }
   std::vector<std::string> pieces;
   std::vector<std::string> errors;
+  std::string error_text;                       // standard error of a remote command
+  std::vector<std::optional<int>> remote_statuses;
 };
 
 }  // namespace pelmora_tool

@@ -6,8 +6,12 @@ name: pelmora
 short_description: Run tasks through the Pelmora administration service (pelmorad)
 description:
   - Runs commands and moves files through a pelmorad service with the pelmora Python module.
-  - Standard output and standard error arrive merged; the exit status is recovered from a marker
-    line the plugin appends to each command and removes from the output.
+  - With a service that speaks the extended command exchange, each command's exit status,
+    standard output and standard error come back apart and byte for byte, and module input can
+    be piped (pipelining).
+  - With an older service, standard output and standard error arrive merged and the exit status
+    is recovered from a marker line the plugin appends to each command and removes from the
+    output; pipelining is refused there.
 author: Pelmora developers
 options:
   remote_addr:
@@ -109,11 +113,12 @@ def drive_path(path, drive, root):
 
 class Connection(ConnectionBase):
     transport = "pelmora.admin.pelmora"
-    has_pipelining = False
+    has_pipelining = True
 
     def __init__(self, *args, **kwargs):
         super().__init__(*args, **kwargs)
         self._fso = None
+        self._extended = False
 
     def _failure(self, what):
         return f"{what} on {self.get_option('remote_addr')}: {self._fso.ErrCode} {self._fso.ErrDescription}"
@@ -133,13 +138,17 @@ class Connection(ConnectionBase):
             raise AnsibleConnectionFailure(
                 f"pelmora: {host}: {fso.ErrCode} {fso.ErrDescription}")
         self._fso = fso
+        self._extended = fso.ExtendedCommandVersion() >= 1
         self._connected = True
         return self
 
     def exec_command(self, cmd, in_data=None, sudoable=True):
         super().exec_command(cmd, in_data=in_data, sudoable=sudoable)
+        if self._extended:
+            return self._exec_extended(cmd, in_data)
         if in_data is not None:
-            raise AnsibleError("the pelmora connection does not support pipelining")
+            raise AnsibleError("this pelmora service cannot pipe input to commands: turn "
+                               "pipelining off for it")
         marker = "__pelmora_status_" + secrets.token_hex(8) + "="
         pieces = []
         cookie = self._fso.on("CommandOutput", pieces.append)
@@ -155,6 +164,20 @@ class Connection(ConnectionBase):
                 raise AnsibleConnectionFailure(self._failure("command failed"))
             status = 127 if self._fso.ErrCode == 9001 else 255
         return status, output.encode(), b""
+
+    def _exec_extended(self, cmd, in_data):
+        """The command through the extended exchange: no marker, streams apart, input piped."""
+        display.vvv(f"PELMORA EXEC {cmd}", host=self.get_option("remote_addr"))
+        try:
+            result = pelmora.run_command(self._fso, cmd, input=in_data or b"",
+                                         timeout=int(self.get_option("command_timeout")))
+        except pelmora.Error as error:
+            if error.number >= 10000:  # the connection itself failed
+                raise AnsibleConnectionFailure(self._failure("command failed")) from error
+            return 127, b"", str(error).encode() + b"\n"
+        if result.timed_out:
+            return 255, result.stdout, result.stderr + b"pelmora: the command timed out\n"
+        return result.status, result.stdout, result.stderr
 
     def _drive_path(self, path):
         return drive_path(path, self.get_option("drive"), self.get_option("drive_root"))
