@@ -38,6 +38,18 @@ class CliServiceTest : public ::testing::Test {
     return ChildProcess(args, env_).Finish(kLimit);
   }
   std::string Local(const std::string& name) const { return service_.folder() + "/" + name; }
+  // A server file of `size` bytes at C:\<name>.
+  void ServerFile(const std::string& name, size_t size) {
+    std::ofstream(service_.Drive('C') + "/" + name, std::ios::binary) << std::string(size, 'x');
+  }
+  // The names in a local folder, hidden ones included.
+  static std::vector<std::string> Names(const std::string& folder) {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(folder)) {
+      names.push_back(entry.path().filename().string());
+    }
+    return names;
+  }
 
   pelmorad::testing::ServiceProcess service_;
   Env env_;
@@ -67,6 +79,54 @@ TEST_F(CliServiceTest, PutListGetRoundTripKeepsEveryByte) {
   ChildProcess::Result stat = Admin({"stat", "C:\\in\\up.bin"});
   EXPECT_THAT(stat.out, HasSubstr("Size:       100000\n"));
   EXPECT_THAT(stat.out, HasSubstr("Path:       C:\\in\\up.bin\n"));
+}
+
+TEST_F(CliServiceTest, FailedDownloadsLeaveNothingUnderTheTargetName) {
+  ServerFile("big.bin", 200000);
+  fs::create_directory(Local("down"));
+  ChildProcess::Result missing = Admin({"get", "C:\\none.bin", Local("down/none.bin")});
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_EQ(missing.err, "pelmora: 127.0.0.1: 8004 Cannot open remote file\n");
+  // A file-size limit makes the local writes fail part-way, as a full disk does.
+  std::vector<std::string> limited = {
+      "-c", "trap '' XFSZ; ulimit -f 8; exec \"$0\" \"$@\"", ToolPath(), "admin", "--host",
+      "127.0.0.1", "--port", std::to_string(service_.port()), "get", "C:\\big.bin",
+      Local("down/big.bin")};
+  ChildProcess::Result too_large = ChildProcess(limited, env_, Attach::kPipes, "/bin/sh").Finish(kLimit);
+  EXPECT_EQ(too_large.status, 2);
+  EXPECT_EQ(too_large.err, "pelmora: cannot write " + Local("down/big.bin") +
+                               ": File too large (from 127.0.0.1)\n");
+  EXPECT_THAT(Names(Local("down")), ::testing::IsEmpty());
+  ChildProcess::Result full = Admin({"get", "C:\\big.bin", "/dev/full"});
+  EXPECT_EQ(full.status, 2);
+  EXPECT_EQ(full.err, "pelmora: cannot write /dev/full: No space left on device (from 127.0.0.1)\n");
+}
+
+TEST_F(CliServiceTest, ResumeKeepsAFileThatMatchesTheRemoteOne) {
+  ServerFile("r.txt", 5000);
+  std::string local = Local("r.txt");
+  ASSERT_EQ(Admin({"get", "C:\\r.txt", local}).status, 0);
+  // Same size and write time, other bytes: -C keeps them, a plain get replaces them.
+  auto written = fs::last_write_time(local);
+  std::ofstream(local, std::ios::binary) << std::string(5000, 'y');
+  fs::last_write_time(local, written);
+  ChildProcess::Result resumed = Admin({"get", "-C", "C:\\r.txt", local});
+  EXPECT_EQ(resumed.status, 0) << resumed.err;
+  std::ifstream kept(local, std::ios::binary);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(kept), {}), std::string(5000, 'y'));
+  std::ofstream(local, std::ios::binary) << "short";
+  ASSERT_EQ(Admin({"get", "--resume", "C:\\r.txt", local}).status, 0);
+  EXPECT_EQ(fs::file_size(local), 5000u);
+  fs::permissions(local, fs::perms(0640));
+  ASSERT_EQ(Admin({"get", "C:\\r.txt", local}).status, 0);
+  EXPECT_EQ(fs::status(local).permissions(), fs::perms(0640)) << "a replaced file keeps its mode";
+}
+
+TEST_F(CliServiceTest, TouchLeavesAnExistingFileAsItIs) {
+  ServerFile("t.txt", 10);
+  EXPECT_EQ(Admin({"touch", "C:\\t.txt"}).status, 0);
+  EXPECT_EQ(Admin({"touch", "-f", "C:\\t.txt"}).status, 0);
+  EXPECT_EQ(fs::file_size(service_.Drive('C') + "/t.txt"), 10u);
 }
 
 TEST_F(CliServiceTest, FileAndFolderCommandsWithTheirExitStatuses) {
@@ -143,6 +203,18 @@ TEST_F(CliServiceTest, FleetOfSessionsSummarisesEveryHost) {
           .Finish(kLimit);
   EXPECT_EQ(table.status, 0) << table.err;
   EXPECT_THAT(table.out, HasSubstr("2 hosts: 2 ok, 0 failed"));
+  ChildProcess::Result blanks =
+      ChildProcess({"admin", "--hosts", "127.0.0.1:" + port + " localhost:" + port, "time"}, env_)
+          .Finish(kLimit);
+  EXPECT_THAT(blanks.out, HasSubstr("2 hosts: 2 ok, 0 failed"));
+}
+
+TEST_F(CliServiceTest, AnEmptyHostListIsAnError) {
+  for (const char* hosts : {"", " , "}) {
+    ChildProcess::Result result = ChildProcess({"admin", "--hosts", hosts, "time"}, env_).Finish(kLimit);
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, "pelmora: --hosts names no host\n");
+  }
 }
 
 }  // namespace

@@ -60,7 +60,10 @@ class ConsoleOutput : public HostOutput {
 std::vector<HostTarget> FleetHosts(const AdminCli& cli) {
   std::vector<HostTarget> hosts = ParseHostList(cli.hosts);
   if (!cli.hosts_file.empty()) MergeHosts(hosts, ReadHostsFile(cli.hosts_file));
-  if (hosts.empty()) throw CommandError("the host list is empty");
+  if (hosts.empty()) {
+    throw CommandError(cli.hosts_file.empty() ? "--hosts names no host"
+                                              : "no host in --hosts or " + cli.hosts_file);
+  }
   return hosts;
 }
 
@@ -121,7 +124,9 @@ void AddGlobalOptions(CLI::App& admin, AdminCli& cli) {
 void AddFleetOptions(CLI::App& admin, AdminCli& cli) {
   FleetOptions& f = cli.fleet;
   const char* group = "Fleet";
-  admin.add_option("--hosts", cli.hosts, "Hosts to run on: h1,h2:8003,web[01-40],db[1-3,7]")
+  admin.add_option("--hosts", cli.hosts,
+                   "Hosts to run on, separated by commas or blanks: h1,h2:8003,web[01-40],db[1-3,7]")
+      ->each([&cli](const std::string&) { cli.hosts_given = true; })
       ->group(group);
   admin.add_option("--hosts-file", cli.hosts_file, "File of hosts, one a line, # comments")
       ->group(group);

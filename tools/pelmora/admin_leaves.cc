@@ -82,13 +82,14 @@ void AddCopy(CLI::App& admin, CommandAction& action, const std::shared_ptr<Admin
 void AddTouch(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli) {
   auto args = std::make_shared<LeafArgs>();
   CLI::App* leaf = AddAdminLeaf(
-      admin, action, cli, "touch", "Create an empty file on the server",
+      admin, action, cli, "touch", "Create an empty file on the server; an existing file is left as it is",
       [](const LeafArgs& a) {
-        return [a](HostSession& s) { return Touch(s, a.first, a.unicode, a.overwrite); };
+        return [a](HostSession& s) { return Touch(s, a.first, a.unicode); };
       },
       args);
   leaf->add_flag("--unicode", args->unicode, "Create a UTF-16 text file");
-  leaf->add_flag("-f,--force", args->overwrite, "Empty an existing file");
+  // Accepted for old scripts: an existing file is never emptied.
+  leaf->add_flag("-f,--force", args->overwrite)->group("");
   leaf->add_option("PATH", args->first, "File on the server")->required();
 }
 
@@ -121,8 +122,12 @@ void AddGet(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminC
   auto args = std::make_shared<LeafArgs>();
   CLI::App* leaf = AddAdminLeaf(
       admin, action, cli, "get", "Download a file (fleet: into LOCAL/<host>/)",
-      [](const LeafArgs& a) { return [a](HostSession& s) { return Get(s, a.first, a.second); }; },
+      [](const LeafArgs& a) {
+        return [a](HostSession& s) { return Get(s, a.first, a.second, a.resume); };
+      },
       args);
+  leaf->add_flag("-C,--resume", args->resume,
+                 "Keep a local file that already has the remote file's size and write time");
   leaf->add_option("REMOTE", args->first, "File on the server")->required();
   leaf->add_option("LOCAL", args->second, "Local file or folder (default: the remote name here)");
 }

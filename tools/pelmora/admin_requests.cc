@@ -193,8 +193,9 @@ int MakeFolder(HostSession& session, const std::string& path) {
   return Checked(session, session.Fso().CreateRemoteFolder(path));
 }
 
-int Touch(HostSession& session, const std::string& path, bool unicode, bool overwrite) {
-  return Checked(session, session.Fso().CreateRemoteFile(path, overwrite, unicode));
+int Touch(HostSession& session, const std::string& path, bool unicode) {
+  if (session.Fso().FileExists(path)) return kExitOk;
+  return Checked(session, session.Fso().CreateRemoteFile(path, false, unicode));
 }
 
 }  // namespace pelmora_tool

@@ -84,6 +84,7 @@ std::string HostFailure::Text() const {
 }
 
 std::string ErrorLine(std::string_view host, const HostFailure& failure) {
+  if (failure.local) return "pelmora: " + failure.Text() + " (from " + std::string(host) + ")";
   return "pelmora: " + std::string(host) + ": " + failure.Text();
 }
 

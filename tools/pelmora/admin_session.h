@@ -61,10 +61,11 @@ struct Credentials {
 Credentials ResolveCredentials(const AdminOptions& options, bool needs_access_code);
 
 // A failure to report for one host: a library error number with its text, or (number 0) a
-// plain text.
+// plain text. A `local` failure is one of this machine's files, not of the host.
 struct HostFailure {
   int32_t number = 0;
   std::string description;
+  bool local = false;
 
   // "<number> <description>", or the description alone when the number is 0.
   std::string Text() const;
@@ -86,7 +87,8 @@ class HostOutput {
   virtual void TransferEnded() {}
 };
 
-// The one-line error: "pelmora: <host>: <number> <description>".
+// The one-line error: "pelmora: <host>: <number> <description>", or for a local failure
+// "pelmora: <description> (from <host>)".
 std::string ErrorLine(std::string_view host, const HostFailure& failure);
 
 // The connected session with one host. Not thread-safe: each host runs on its own thread with its

@@ -2,7 +2,15 @@
 
 #include <fmt/format.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 
 #include "pelmora/admin/rc_file_info.h"
 #include "tools/pelmora/transfer_watch.h"
@@ -26,17 +34,106 @@ std::string LongLine(const RCFileInfo& info) {
                      info.FileSize(), info.LastWriteTime().Format(kDateForm), info.FileName());
 }
 
-// The remote file's size for the progress bar, asked only when a bar is shown; 0 when unknown.
-uint64_t RemoteSize(HostSession& session, const std::string& remote) {
-  RCFileInfo info;
-  if (!session.Output().ShowsProgress() || !session.Fso().GetFileInfo(remote, info)) return 0;
-  return info.FileSize() > 0 ? static_cast<uint64_t>(info.FileSize()) : 0;
-}
-
 uint64_t LocalSize(const std::string& path) {
   std::error_code error;
   uintmax_t size = fs::file_size(path, error);
   return error ? 0 : size;
+}
+
+// A failure of this machine's files, named by path and the system's text; never the host's.
+int FailLocal(HostSession& session, const std::string& what, const std::string& path,
+              int error) {
+  return session.Fail(kExitUsage,
+                      {0, what + " " + path + ": " + std::system_category().message(error), /*local=*/true});
+}
+
+// The mode new files get: 0666 less this process's umask (read without changing it, since
+// other hosts' threads may be creating files at the same time).
+mode_t NewFileMode() {
+  static const mode_t mode = [] {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+      if (line.rfind("Umask:", 0) == 0) return 0666 & ~std::strtoul(line.c_str() + 6, nullptr, 8);
+    }
+    return 0644ul;
+  }();
+  return mode;
+}
+
+// The file a download is written to before it takes the target's name, removed unless kept.
+class PartFile {
+ public:
+  // Creates an empty private file in `folder`; false (with errno) when it cannot.
+  bool Create(const fs::path& folder, const std::string& name) {
+    std::string pattern = (folder / ("." + name + ".pelmora-XXXXXX")).string();
+    int fd = mkstemp(pattern.data());
+    if (fd < 0) return false;
+    close(fd);
+    path_ = pattern;
+    return true;
+  }
+  ~PartFile() {
+    if (!path_.empty()) unlink(path_.c_str());
+  }
+  const std::string& Path() const { return path_; }
+  void Release() { path_.clear(); }
+
+ private:
+  std::string path_;
+};
+
+// Why `path` holds fewer bytes than `expected`: appends the missing count (as zeros) and returns
+// the errno the system gives, or 0 when it takes them (then the remote file changed instead).
+int ShortWriteCause(const std::string& path, uint64_t expected) {
+  int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+  if (fd < 0) return errno;
+  static const char kZeros[65536] = {};
+  uint64_t missing = expected - std::min(expected, LocalSize(path));
+  int cause = 0;
+  while (missing > 0 && cause == 0) {
+    ssize_t n = write(fd, kZeros, std::min<uint64_t>(missing, sizeof kZeros));
+    if (n < 0 && errno != EINTR) cause = errno;
+    if (n > 0) missing -= static_cast<uint64_t>(n);
+  }
+  if (close(fd) != 0 && cause == 0) cause = errno;
+  return cause;
+}
+
+// Copies `from` into the existing non-regular file `to` (a device, a pipe), every write checked.
+int CopyInto(const std::string& from, const std::string& to) {
+  int in = open(from.c_str(), O_RDONLY | O_CLOEXEC);
+  if (in < 0) return errno;
+  int out = open(to.c_str(), O_WRONLY | O_CLOEXEC);
+  if (out < 0) {
+    int error = errno;
+    close(in);
+    return error;
+  }
+  char buffer[65536];
+  int error = 0;
+  for (ssize_t n; error == 0 && (n = read(in, buffer, sizeof buffer)) != 0;) {
+    if (n < 0) {
+      if (errno != EINTR) error = errno;
+      continue;
+    }
+    for (ssize_t done = 0; error == 0 && done < n;) {
+      ssize_t w = write(out, buffer + done, static_cast<size_t>(n - done));
+      if (w < 0 && errno != EINTR) error = errno;
+      if (w > 0) done += w;
+    }
+  }
+  if (close(out) != 0 && error == 0) error = errno;
+  close(in);
+  return error;
+}
+
+// Whether `target` already holds the remote file: same size and last-write second.
+bool SameAsRemote(const std::string& target, const RCFileInfo& info) {
+  struct stat local{};
+  return stat(target.c_str(), &local) == 0 && S_ISREG(local.st_mode) &&
+         local.st_size == info.FileSize() &&
+         pelmora::Date::FromUnixTime(local.st_mtim.tv_sec) == info.LastWriteTime();
 }
 
 }  // namespace
@@ -81,18 +178,53 @@ int Stat(HostSession& session, const std::string& path) {
   return kExitOk;
 }
 
-int Get(HostSession& session, const std::string& remote, const std::string& local) {
+int Get(HostSession& session, const std::string& remote, const std::string& local,
+        bool resume) {
   std::string target =
       DownloadTarget(remote, local, session.Options().fleet ? session.Display() : "");
+  fs::path folder = fs::path(target).parent_path();
   if (session.Options().fleet) {
     std::error_code error;
-    fs::create_directories(fs::path(target).parent_path(), error);
-    if (error) return session.Fail(kExitUsage, {0, "cannot create " + target + ": " + error.message()});
+    fs::create_directories(folder, error);
+    if (error) return FailLocal(session, "cannot create", folder.string(), error.value());
   }
-  TransferWatch watch(session.Output(), target, RemoteSize(session, remote));
-  bool done = session.Fso().Download(target, remote);
-  watch.Stop(done ? std::optional<uint64_t>(LocalSize(target)) : std::nullopt);
-  return done ? kExitOk : session.FailFromClient(kExitFailed);
+  RCFileInfo info;
+  bool known = session.Fso().GetFileInfo(remote, info) && info.FileSize() >= 0;
+  if (resume && known && SameAsRemote(target, info)) return kExitOk;
+  // A device or a pipe is written in place; a file is written beside its final name and takes
+  // it only when complete, so a failure never leaves part of a file under that name.
+  struct stat existing{};
+  bool in_place = stat(target.c_str(), &existing) == 0 && !S_ISREG(existing.st_mode) &&
+                  !S_ISDIR(existing.st_mode);
+  PartFile part;
+  const char* temporary = std::getenv("TMPDIR");
+  fs::path part_folder = in_place ? fs::path(temporary != nullptr && *temporary ? temporary : "/tmp")
+                                  : (folder.empty() ? fs::path(".") : folder);
+  if (!part.Create(part_folder, RemoteName(remote))) {
+    return FailLocal(session, "cannot create a file in", part_folder.string(), errno);
+  }
+  chmod(part.Path().c_str(),
+        existing.st_mode != 0 && S_ISREG(existing.st_mode) ? existing.st_mode & 07777
+                                                           : NewFileMode());
+  TransferWatch watch(session.Output(), part.Path(),
+                      session.Output().ShowsProgress() && known ? info.FileSize() : 0);
+  bool done = session.Fso().Download(part.Path(), remote);
+  watch.Stop(done ? std::optional<uint64_t>(LocalSize(part.Path())) : std::nullopt);
+  if (!done) return session.FailFromClient(kExitFailed);
+  if (known && LocalSize(part.Path()) < static_cast<uint64_t>(info.FileSize())) {
+    int cause = ShortWriteCause(part.Path(), info.FileSize());
+    if (cause != 0) return FailLocal(session, "cannot write", target, cause);
+    return session.Fail(kExitFailed, {0, remote + " changed while it was downloaded"});
+  }
+  if (in_place) {
+    int error = CopyInto(part.Path(), target);
+    return error == 0 ? kExitOk : FailLocal(session, "cannot write", target, error);
+  }
+  if (rename(part.Path().c_str(), target.c_str()) != 0) {
+    return FailLocal(session, "cannot write", target, errno);
+  }
+  part.Release();
+  return kExitOk;
 }
 
 int Put(HostSession& session, const std::string& local, const std::string& remote) {

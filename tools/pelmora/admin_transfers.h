@@ -22,8 +22,14 @@ int Stat(HostSession& session, const std::string& path);
 
 // Downloads `remote` to `local`: "" means the remote file's name in the current folder, an
 // existing folder (or a name ending in "/") receives the file under its remote name. In a fleet
-// run each host's file goes to <local or .>/<host>/<name>. Local files that cannot be made give 2.
-int Get(HostSession& session, const std::string& remote, const std::string& local);
+// run each host's file goes to <local or .>/<host>/<name>. The file is written beside the target
+// and renamed when complete (a device or pipe target is written once the whole file is here), so
+// a failed download never leaves part of a file under the target's name. With `resume` a target
+// that already has the remote file's size and last-write second is left as it is (the download
+// request has no offset, so a partial file is downloaded again in full). Local files that cannot
+// be made or written give 2, named with the system's text.
+int Get(HostSession& session, const std::string& remote, const std::string& local,
+        bool resume = false);
 
 // Uploads `local` to `remote`; a remote name ending in "\" or "/" receives the local file's name.
 int Put(HostSession& session, const std::string& local, const std::string& remote);
