@@ -20,7 +20,7 @@ programs=(
   "clang clang" "zip zip" "unzip unzip" "curl curl" "nginx nginx" "python3 python3-dev"
   "pytest-3 python3-pytest" "sqlite3 sqlite3" "ip iproute2" "ansible ansible-core"
   "ansible-playbook ansible-core" "openssl openssl" "xxd xxd" "postgres postgresql"
-  "odbcinst unixodbc"
+  "odbcinst unixodbc" "uptime procps" "ldd libc-bin"
 )
 for entry in "${programs[@]}"; do
   read -r program package <<<"$entry"
