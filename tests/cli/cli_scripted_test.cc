@@ -279,3 +279,54 @@ TEST(CliScripted, BadHostRangeIsAUsageError) {
 
 }  // namespace
 }  // namespace pelmora_cli_test
+
+namespace pelmora_cli_test {
+namespace {
+
+struct MistakeCase {
+  std::vector<std::string> args;
+  std::string err;
+};
+
+class CliMistakes : public ::testing::TestWithParam<MistakeCase> {};
+
+TEST_P(CliMistakes, NameTheCommandAndWhatWasMeant) {
+  ChildProcess::Result result = ChildProcess(GetParam().args, BaseEnv()).Finish(kLimit);
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.err, GetParam().err);
+  EXPECT_EQ(result.out, "");
+}
+
+const char kAdminCommands[] =
+    "exec, time, approot, path, sysdir, printq, version, same-machine, exists, cp, mv, rm, rmdir, "
+    "mkdir, touch, ls, stat, get, put, fetch";
+
+INSTANTIATE_TEST_SUITE_P(
+    CliScripted, CliMistakes,
+    ::testing::Values(
+        MistakeCase{{"crypt"},
+                    "pelmora: no command \"crypt\"; did you mean crypto?\n"
+                    "pelmora: the commands of pelmora: demo, crypto, sql, tasks, zip, unzip, "
+                    "http, admin, log\n"},
+        MistakeCase{{"admin", "tim"},
+                    std::string("pelmora: admin: no command \"tim\"; did you mean time?\n"
+                                "pelmora: the commands of pelmora admin: ") +
+                        kAdminCommands + "\n"},
+        MistakeCase{{"admin"},
+                    std::string("pelmora: admin: a command is needed: ") + kAdminCommands + "\n"},
+        MistakeCase{{"admin", "--hots", "a,b", "time"},
+                    "pelmora: admin time: no option --hots; did you mean --hosts?\n"
+                    "pelmora: see pelmora admin time --help\n"},
+        MistakeCase{{"admin", "exec", "ls", "-la"},
+                    "pelmora: admin exec: no option -la\n"
+                    "pelmora: options of the remote command go after \"--\": "
+                    "pelmora admin exec -- COMMAND -la\n"},
+        MistakeCase{{"admin", "ls", "C:\\", "extra"},
+                    "pelmora: admin ls: unexpected argument \"extra\"; see pelmora admin ls "
+                    "--help\n"},
+        MistakeCase{{"admin", "--port", "0", "time"},
+                    "pelmora: admin time: --port: Value 0 not in range 1 to 65535; see pelmora "
+                    "admin time --help\n"}));
+
+}  // namespace
+}  // namespace pelmora_cli_test

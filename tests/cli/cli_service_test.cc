@@ -72,6 +72,8 @@ TEST_F(CliServiceTest, PutListGetRoundTripKeepsEveryByte) {
   ChildProcess::Result list = Admin({"ls", "-l", "C:\\in"});
   EXPECT_EQ(list.status, 0) << list.err;
   EXPECT_THAT(list.out, MatchesRegex("-...a      100000 [0-9: -]+ up\\.bin\n"));
+  ChildProcess::Result human = Admin({"ls", "-lh", "C:\\in"});
+  EXPECT_THAT(human.out, MatchesRegex("-...a   98K [0-9: -]+ up\\.bin\n")) << human.err;
   ChildProcess::Result get = Admin({"get", "C:\\in\\up.bin", Local("down.bin")});
   EXPECT_EQ(get.status, 0) << get.err;
   std::ifstream back(Local("down.bin"), std::ios::binary);

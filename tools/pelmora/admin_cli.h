@@ -39,6 +39,7 @@ struct LeafArgs {
   bool unicode = false;
   bool long_form = false;
   bool resume = false;
+  bool human = false;
 };
 
 // Builds a command's request from its parsed arguments.

@@ -111,10 +111,13 @@ void AddList(CLI::App& admin, CommandAction& action, const std::shared_ptr<Admin
   CLI::App* leaf = AddAdminLeaf(
       admin, action, cli, "ls", "List a folder on the server",
       [](const LeafArgs& a) {
-        return [a](HostSession& s) { return ListFolder(s, a.first, a.long_form); };
+        return [a](HostSession& s) { return ListFolder(s, a.first, a.long_form, a.human); };
       },
       args);
+  // -h is a size form here, as in ls -lh; help is --help.
+  leaf->set_help_flag("--help", "Print this help message and exit");
   leaf->add_flag("-l", args->long_form, "Attributes, size and last-write time too");
+  leaf->add_flag("-h,--human-readable", args->human, "Sizes as 1.5K, 20M, ... with -l");
   leaf->add_option("FOLDER", args->first, "Folder on the server")->required();
 }
 

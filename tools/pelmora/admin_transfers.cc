@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -29,9 +30,10 @@ std::string RemoteName(const std::string& remote) {
   return slash == std::string::npos ? remote : remote.substr(slash + 1);
 }
 
-std::string LongLine(const RCFileInfo& info) {
-  return fmt::format("{} {:>11} {} {}\n", AttributeLetters(info.FileAttribues()),
-                     info.FileSize(), info.LastWriteTime().Format(kDateForm), info.FileName());
+std::string LongLine(const RCFileInfo& info, bool human) {
+  std::string size = human ? HumanSize(info.FileSize()) : std::to_string(info.FileSize());
+  return fmt::format("{} {:>{}} {} {}\n", AttributeLetters(info.FileAttribues()), size,
+                     human ? 5 : 11, info.LastWriteTime().Format(kDateForm), info.FileName());
 }
 
 uint64_t LocalSize(const std::string& path) {
@@ -146,6 +148,26 @@ std::string AttributeLetters(int32_t attributes) {
   return letters;
 }
 
+std::string HumanSize(int64_t size) {
+  if (size < 1024) return std::to_string(size);
+  static constexpr char kUnits[] = "KMGTPE";
+  double value = static_cast<double>(size);
+  int unit = -1;
+  do {
+    value /= 1024;
+    ++unit;
+  } while (value >= 1024 && unit < 5);
+  // Rounded up, as ls -h does: one decimal below 10.
+  if (value < 10) {
+    double tenths = std::ceil(value * 10) / 10;
+    if (tenths < 10) return fmt::format("{:.1f}{}", tenths, kUnits[unit]);
+    value = tenths;
+  }
+  double whole = std::ceil(value);
+  if (whole >= 1024 && unit < 5) return fmt::format("1.0{}", kUnits[unit + 1]);
+  return fmt::format("{:.0f}{}", whole, kUnits[unit]);
+}
+
 std::string DownloadTarget(const std::string& remote, const std::string& local,
                            const std::string& host) {
   std::string name = RemoteName(remote);
@@ -156,11 +178,11 @@ std::string DownloadTarget(const std::string& remote, const std::string& local,
   return local;
 }
 
-int ListFolder(HostSession& session, const std::string& folder, bool long_form) {
+int ListFolder(HostSession& session, const std::string& folder, bool long_form, bool human) {
   pelmora::admin::RCFileInfoCollection entries = session.Fso().GetFolderFiles(folder);
   if (session.Fso().ErrCode() != 0) return session.FailFromClient(kExitFailed);
   std::string text;
-  for (const auto& entry : entries) text += long_form ? LongLine(*entry) : entry->FileName() + "\n";
+  for (const auto& entry : entries) text += long_form ? LongLine(*entry, human) : entry->FileName() + "\n";
   if (!text.empty()) session.Output().Write(text);
   return kExitOk;
 }

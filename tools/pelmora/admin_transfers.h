@@ -14,8 +14,13 @@
 namespace pelmora_tool {
 
 // The entries of a remote folder, one name a line, or with `long_form` their attributes
-// ("drhsa" letters), size, last-write time and name.
-int ListFolder(HostSession& session, const std::string& folder, bool long_form);
+// ("drhsa" letters), size (with `human` as HumanSize gives it), last-write time and name.
+int ListFolder(HostSession& session, const std::string& folder, bool long_form,
+               bool human = false);
+
+// A size as ls -h shows it: bytes below 1024, else K, M, G, ... rounded up, with one decimal
+// below 10 ("1023", "1.0K", "1.5K", "10K", "1.0M").
+std::string HumanSize(int64_t size);
 
 // One remote file's or folder's information, one field a line.
 int Stat(HostSession& session, const std::string& path);

@@ -132,6 +132,14 @@ TEST_F(AdminTransferTest, PutRefusedByTheServerReportsIt) {
   EXPECT_THAT(output_.errors, ::testing::ElementsAre("pelmora: srv: 8118 server create file fail"));
 }
 
+TEST(AdminTransfers, HumanSizesRoundUpAsLsDoes) {
+  const std::pair<int64_t, const char*> kSizes[] = {
+      {0, "0"},          {1023, "1023"},     {1024, "1.0K"},       {1025, "1.1K"},
+      {1536, "1.5K"},    {10239, "10K"},     {10240, "10K"},       {10241, "11K"},
+      {1048575, "1.0M"}, {1048576, "1.0M"},  {1572864, "1.5M"},    {2147483647, "2.0G"}};
+  for (auto [size, text] : kSizes) EXPECT_EQ(HumanSize(size), text) << size;
+}
+
 TEST(AdminTransfers, AttributeLettersFollowTheBits) {
   EXPECT_EQ(AttributeLetters(0), "-----");
   EXPECT_EQ(AttributeLetters(0x10), "d----");

@@ -12,9 +12,10 @@
 #include <CLI/CLI.hpp>
 
 #include "tools/pelmora/commands.h"
+#include "tools/pelmora/parse_errors.h"
 
 int main(int argc, char** argv) {
-  CLI::App app{"pelmora: the command-line tool over the Pelmora library"};
+  CLI::App app{"pelmora: the command-line tool over the Pelmora library", "pelmora"};
   app.require_subcommand(0, 1);
   pelmora_tool::CommandAction action;
   pelmora_tool::AddDemoCommand(app, action);
@@ -28,7 +29,7 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : 2;
+    return pelmora_tool::ReportParseError(app, error);
   }
   return action ? action() : pelmora_tool::RunDefaultDemo();
 }
