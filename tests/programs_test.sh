@@ -3,7 +3,7 @@
 # missing install step fails here instead of on a fresh machine.
 #   programs_test.sh SOURCE_DIR
 # 1. The programs the tests start (their Debian package beside them) must be on this machine
-#    and their package listed in scripts/bootstrap.
+#    and their package essential or listed in scripts/bootstrap.
 # 2. Every command word of the shell tests and scripts that is a program here must come from an
 #    essential (or required) package or from one scripts/bootstrap lists.
 set -uo pipefail
@@ -13,6 +13,12 @@ failures=0
 fail() { echo "FAIL $*"; failures=$((failures + 1)); }
 
 listed() { grep -Eq "(^|[( ])$1( |\)|$)" "$bootstrap"; }
+# Whether every Debian 12 system has the package, or scripts/bootstrap installs it.
+provided() {
+  local status
+  status=$(dpkg-query -W -f='${Essential} ${Priority}' "$1" 2>/dev/null)
+  [[ $status == yes* || $status == *required ]] || listed "$1"
+}
 
 # program  package  (postgres lives in a versioned folder outside PATH)
 programs=(
@@ -24,7 +30,7 @@ programs=(
 )
 for entry in "${programs[@]}"; do
   read -r program package <<<"$entry"
-  listed "$package" || fail "$program: its package $package is not in scripts/bootstrap"
+  provided "$package" || fail "$program: its package $package is not in scripts/bootstrap"
   found=$(command -v "$program" || true)
   if [[ -z $found && $program == postgres ]]; then
     found=$(ls /usr/lib/postgresql/*/bin/postgres 2>/dev/null | head -n 1)
@@ -48,8 +54,7 @@ for word in $words; do
     echo "note $word ($path) belongs to no Debian package"
     continue
   fi
-  status=$(dpkg-query -W -f='${Essential} ${Priority}' "$package" 2>/dev/null)
-  if [[ $status == yes* || $status == *required ]] || listed "$package"; then
+  if provided "$package"; then
     echo "ok   $word ($package)"
   else
     fail "$word comes from $package, which scripts/bootstrap does not install"
