@@ -134,7 +134,37 @@ TEST(CliScripted, RefusedConnectionExitsThreeWithTheLibraryText) {
   EXPECT_EQ(result.status, 3);
   EXPECT_EQ(result.err,
             "pelmora: 127.0.0.1: 10061 No connection could be made because the target machine "
-            "actively refused it.\n");
+            "actively refused it. (nothing accepts connections on 127.0.0.1:" +
+                std::to_string(port) + ")\n");
+}
+
+TEST(CliScripted, ConnectionFailuresSayWhatHappened) {
+  // A name with an empty label fails its look-up without asking any name server.
+  ChildProcess::Result unknown =
+      ChildProcess({"admin", "--host", "bad..example", "time"}, BaseEnv()).Finish(kLimit);
+  EXPECT_EQ(unknown.status, 3);
+  EXPECT_EQ(unknown.err,
+            "pelmora: bad..example: 10049 The requested address is not valid in its context. "
+            "(host name not found: bad..example)\n");
+
+  ScriptedPeer silent;
+  silent.Receive(1500).Stall();
+  silent.Start();
+  ChildProcess::Result timed_out =
+      ChildProcess(Admin(silent, {"--connect-timeout", "300", "time"}), BaseEnv()).Finish(kLimit);
+  EXPECT_EQ(timed_out.status, 3);
+  EXPECT_THAT(timed_out.err,
+              ::testing::EndsWith("to respond. (no login answer from 127.0.0.1:" +
+                                  std::to_string(silent.Port()) + " within 300 ms)\n"));
+
+  ScriptedPeer locked;
+  locked.Receive(1500).ReplyWith(Answer(pelmora::testing::ResultData(false, 5, "Access is denied.")));
+  locked.Start();
+  ChildProcess::Result refused = ChildProcess(Admin(locked, {"time"}), BaseEnv()).Finish(kLimit);
+  EXPECT_EQ(refused.status, 3);
+  EXPECT_EQ(refused.err,
+            "pelmora: 127.0.0.1: 5 Access is denied. (login refused: this address is locked out "
+            "for a while after repeated failed logins, or the service has no free session)\n");
 }
 
 TEST(CliScripted, PasswordOnTheCommandLineIsRefusedBeforeAnyConnection) {

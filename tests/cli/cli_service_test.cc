@@ -88,7 +88,7 @@ TEST_F(CliServiceTest, FailedDownloadsLeaveNothingUnderTheTargetName) {
   fs::create_directory(Local("down"));
   ChildProcess::Result missing = Admin({"get", "C:\\none.bin", Local("down/none.bin")});
   EXPECT_EQ(missing.status, 1);
-  EXPECT_EQ(missing.err, "pelmora: 127.0.0.1: 8004 Cannot open remote file\n");
+  EXPECT_EQ(missing.err, "pelmora: 127.0.0.1: 8004 Cannot open remote file (C:\\none.bin: not there)\n");
   // A file-size limit makes the local writes fail part-way, as a full disk does.
   std::vector<std::string> limited = {
       "-c", "trap '' XFSZ; ulimit -f 8; exec \"$0\" \"$@\"", ToolPath(), "admin", "--host",
@@ -129,6 +129,35 @@ TEST_F(CliServiceTest, TouchLeavesAnExistingFileAsItIs) {
   EXPECT_EQ(Admin({"touch", "C:\\t.txt"}).status, 0);
   EXPECT_EQ(Admin({"touch", "-f", "C:\\t.txt"}).status, 0);
   EXPECT_EQ(fs::file_size(service_.Drive('C') + "/t.txt"), 10u);
+}
+
+TEST_F(CliServiceTest, ErrorsNameThePathAndWhatIsWrongWithIt) {
+  ServerFile("f.txt", 3);
+  ASSERT_EQ(Admin({"mkdir", "C:\\d"}).status, 0);
+  struct Case {
+    std::vector<std::string> args;
+    std::string err;
+  };
+  const Case kCases[] = {
+      {{"ls", "C:\\nope"}, "8118 Cannot open remote folder (C:\\nope: not there)"},
+      {{"ls", "Q:\\x"}, "8118 Cannot open remote folder (Q:\\x: the server has no drive Q:)"},
+      {{"ls", "C:\\f.txt"}, "8118 Cannot open remote folder (C:\\f.txt: a file)"},
+      {{"ls", "data"}, "8118 Cannot open remote folder (data: server paths begin with a drive, as C:\\)"},
+      {{"get", "C:\\d", Local("x")}, "8004 Cannot open remote file (C:\\d: a folder: get copies files)"},
+      {{"rm", "C:\\d"}, "5 Access is denied. (C:\\d: a folder: use rmdir)"},
+      {{"cp", "C:\\d", "C:\\e"}, "5 Access is denied. (C:\\d: a folder: use cp -r)"},
+      {{"mkdir", "C:\\no\\sub"}, "3 The system cannot find the path specified. (C:\\no\\sub: no folder C:\\no)"},
+  };
+  for (const Case& c : kCases) {
+    ChildProcess::Result result = Admin(c.args);
+    EXPECT_EQ(result.status, 1) << c.args[0];
+    EXPECT_EQ(result.err, "pelmora: 127.0.0.1: " + c.err + "\n");
+  }
+  // Into an existing folder without a trailing separator: the file goes inside, as scp puts it.
+  std::ofstream(Local("in.txt")) << "inside";
+  ChildProcess::Result put = Admin({"put", Local("in.txt"), "C:\\d"});
+  EXPECT_EQ(put.status, 0) << put.err;
+  EXPECT_TRUE(fs::exists(service_.Drive('C') + "/d/in.txt"));
 }
 
 TEST_F(CliServiceTest, FileAndFolderCommandsWithTheirExitStatuses) {

@@ -108,8 +108,8 @@ void AddGlobalOptions(CLI::App& admin, AdminCli& cli) {
   admin.add_option("--timeout", o.timeout_ms, "Longest wait for each reply, in ms")
       ->capture_default_str()->check(CLI::NonNegativeNumber);
   admin.add_option("--connect-timeout", o.connect_timeout_ms,
-                   "Longest wait for each host's connection, in ms (0: the system's)")
-      ->check(CLI::NonNegativeNumber);
+                   "Longest wait for each host's connection, in ms (0: the system's, minutes)")
+      ->capture_default_str()->check(CLI::NonNegativeNumber);
   admin.add_flag("-q,--quiet", o.quiet, "No progress bar");
   // Refused outright, with the reason, rather than as an unknown option.
   admin.add_option("--password", cli.password_trap)->group("")->each([](const std::string&) {

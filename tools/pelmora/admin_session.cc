@@ -1,11 +1,14 @@
 #include "tools/pelmora/admin_session.h"
 
 #include <fcntl.h>
+#include <arpa/inet.h>
 #include <netdb.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 
@@ -18,6 +21,29 @@ namespace pelmora_tool {
 namespace {
 
 constexpr int32_t kTimedOut = 10060;  // WSAETIMEDOUT
+constexpr int32_t kAddressNotValid = 10049;
+constexpr int32_t kRefused = 10061;
+constexpr int32_t kAccessDenied = 5;
+
+bool Resolves(const std::string& host) {
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  addrinfo* found = nullptr;
+  if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0) return false;
+  freeaddrinfo(found);
+  return true;
+}
+
+std::string Seconds(int32_t ms) {
+  return ms % 1000 == 0 ? std::to_string(ms / 1000) + " s" : std::to_string(ms) + " ms";
+}
+
+// The parent folder of a server path ("C:\\a" for "C:\\a\\b"), "" when it has none.
+std::string ParentFolder(const std::string& path) {
+  size_t slash = path.find_last_of("\\/");
+  if (slash == std::string::npos || slash < 3) return path.size() > 3 ? path.substr(0, 3) : "";
+  return path.substr(0, slash);
+}
 
 std::string FromBytes(Bytes bytes) {
   std::string text(bytes.begin(), bytes.end());
@@ -33,14 +59,22 @@ std::string FileOrEnvironment(const std::string& file, const char* variable) {
   return value == nullptr ? "" : value;
 }
 
-// Whether a TCP connection to host:port is still not made after `timeout_ms`. Resolution
-// failures and refusals are not a time-out: the library's own connect reports them.
+// Whether a TCP connection to host:port is still not made after `timeout_ms`, found with a trial
+// connection of its own (closed at once) before the library's, which waits as long as the
+// system does. Resolution failures and refusals are not a time-out: the library's own connect
+// reports them.
 bool ConnectTimesOut(const std::string& host, int32_t port, int32_t timeout_ms) {
   addrinfo hints{};
   hints.ai_family = AF_INET;
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
   if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) return false;
+  // A loopback connection is made or refused at once: no need for a trial connection.
+  const auto* address = reinterpret_cast<const sockaddr_in*>(found->ai_addr);
+  if ((ntohl(address->sin_addr.s_addr) >> 24) == 127) {
+    freeaddrinfo(found);
+    return false;
+  }
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   bool timed_out = false;
   if (fd >= 0 && connect(fd, found->ai_addr, found->ai_addrlen) != 0 && errno == EINPROGRESS) {
@@ -107,8 +141,10 @@ HostSession::~HostSession() = default;
 
 bool HostSession::Connect() {
   const int32_t connect_limit = options_.connect_timeout_ms;
+  const std::string where = target_.name + ":" + std::to_string(target_.port);
   if (connect_limit > 0 && ConnectTimesOut(target_.name, target_.port, connect_limit)) {
-    Fail(kExitConnect, {kTimedOut, pelmora::DescribeError(kTimedOut)});
+    Fail(kExitConnect, {kTimedOut, pelmora::DescribeError(kTimedOut) + " (no connection to " +
+                                       where + " within " + Seconds(connect_limit) + ")"});
     return false;
   }
   Fso().set_timeout(connect_limit > 0 ? connect_limit : options_.timeout_ms);
@@ -118,7 +154,24 @@ bool HostSession::Connect() {
                        : Fso().Connect(target_.name, target_.port, credentials_.account,
                                        credentials_.password, false);
   if (!logged_in) {
-    FailFromClient(kExitConnect);
+    HostFailure failure{Fso().ErrCode(), Fso().ErrDescription()};
+    std::string cause;
+    if (failure.number == kAddressNotValid && !Resolves(target_.name)) {
+      cause = "host name not found: " + target_.name;
+    } else if (failure.number == kRefused) {
+      cause = "nothing accepts connections on " + where;
+    } else if (failure.number == kTimedOut) {
+      cause = "no login answer from " + where + " within " +
+              Seconds(connect_limit > 0 ? connect_limit : options_.timeout_ms);
+    } else if (failure.number == kAccessDenied) {
+      cause = "login refused: this address is locked out for a while after repeated failed "
+              "logins, or the service has no free session";
+    }
+    if (!cause.empty()) failure.description += " (" + cause + ")";
+    if (failure.number == 0 && failure.description.empty()) {
+      failure.description = "the service refused the login";
+    }
+    Fail(kExitConnect, failure);
     return false;
   }
   Fso().set_timeout(options_.timeout_ms);
@@ -130,6 +183,34 @@ int HostSession::FailFromClient(int status) {
     return Fail(status, {0, "the service refused the request"});
   }
   return Fail(status, {Fso().ErrCode(), Fso().ErrDescription()});
+}
+
+int HostSession::FailOnPath(int status, const std::string& path,
+                            const std::string& folder_hint) {
+  HostFailure failure{Fso().ErrCode(), Fso().ErrDescription()};
+  if (failure.number == 0 && failure.description.empty()) {
+    failure.description = "the service refused the request";
+  }
+  // Socket errors leave no session to ask.
+  if (failure.number >= 10000 && failure.number < 12000) return Fail(status, failure);
+  std::string cause;
+  bool drive_form = path.size() >= 2 && path[1] == ':' && std::isalpha(static_cast<unsigned char>(path[0]));
+  std::string parent = ParentFolder(path);
+  if (!drive_form) {
+    cause = "server paths begin with a drive, as C:\\" ;
+  } else if (!Fso().FolderExists(path.substr(0, 2) + "\\")) {
+    cause = "the server has no drive " + path.substr(0, 2);
+  } else if (Fso().FolderExists(path)) {
+    cause = "a folder" + (folder_hint.empty() ? "" : ": " + folder_hint);
+  } else if (Fso().FileExists(path)) {
+    cause = "a file";
+  } else if (!parent.empty() && !Fso().FolderExists(parent)) {
+    cause = "no folder " + parent;
+  } else {
+    cause = "not there";
+  }
+  failure.description += " (" + path + ": " + cause + ")";
+  return Fail(status, failure);
 }
 
 int HostSession::Fail(int status, HostFailure failure) {

@@ -41,7 +41,7 @@ struct AdminOptions {
   std::string password_file;
   std::string access_code_file;
   int32_t timeout_ms = 10000;    // the session's receive time-out
-  int32_t connect_timeout_ms = 0;  // 0: the system's own connect time-out
+  int32_t connect_timeout_ms = 10000;  // 0: the system's own connect time-out (minutes)
   bool quiet = false;
   bool fleet = false;  // several hosts at once: `get` puts each host's file in its own folder
 };
@@ -119,6 +119,10 @@ class HostSession {
 
   // Reports the RCFSO's last error and returns `status`.
   int FailFromClient(int status);
+  // As FailFromClient, naming `path` and what the server shows of it ("no drive Q:", "is a
+  // folder", "no folder C:\\x"), found by asking it after the failure; `folder_hint` is added
+  // when the path is a folder and a file was expected (as "use rmdir"). Blocks for those requests.
+  int FailOnPath(int status, const std::string& path, const std::string& folder_hint = "");
   // Reports `failure` and returns `status`.
   int Fail(int status, HostFailure failure);
 

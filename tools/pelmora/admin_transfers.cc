@@ -180,7 +180,7 @@ std::string DownloadTarget(const std::string& remote, const std::string& local,
 
 int ListFolder(HostSession& session, const std::string& folder, bool long_form, bool human) {
   pelmora::admin::RCFileInfoCollection entries = session.Fso().GetFolderFiles(folder);
-  if (session.Fso().ErrCode() != 0) return session.FailFromClient(kExitFailed);
+  if (session.Fso().ErrCode() != 0) return session.FailOnPath(kExitFailed, folder);
   std::string text;
   for (const auto& entry : entries) text += long_form ? LongLine(*entry, human) : entry->FileName() + "\n";
   if (!text.empty()) session.Output().Write(text);
@@ -189,7 +189,7 @@ int ListFolder(HostSession& session, const std::string& folder, bool long_form, 
 
 int Stat(HostSession& session, const std::string& path) {
   RCFileInfo info;
-  if (!session.Fso().GetFileInfo(path, info)) return session.FailFromClient(kExitFailed);
+  if (!session.Fso().GetFileInfo(path, info)) return session.FailOnPath(kExitFailed, path);
   session.Output().Write(fmt::format(
       "Name:       {}\nPath:       {}\nFolder:     {}\nSize:       {}\n"
       "Attributes: {} (0x{:X})\nCreated:    {}\nAccessed:   {}\nModified:   {}\n",
@@ -232,7 +232,7 @@ int Get(HostSession& session, const std::string& remote, const std::string& loca
                       session.Output().ShowsProgress() && known ? info.FileSize() : 0);
   bool done = session.Fso().Download(part.Path(), remote);
   watch.Stop(done ? std::optional<uint64_t>(LocalSize(part.Path())) : std::nullopt);
-  if (!done) return session.FailFromClient(kExitFailed);
+  if (!done) return session.FailOnPath(kExitFailed, remote, "get copies files");
   if (known && LocalSize(part.Path()) < static_cast<uint64_t>(info.FileSize())) {
     int cause = ShortWriteCause(part.Path(), info.FileSize());
     if (cause != 0) return FailLocal(session, "cannot write", target, cause);
@@ -251,14 +251,17 @@ int Get(HostSession& session, const std::string& remote, const std::string& loca
 
 int Put(HostSession& session, const std::string& local, const std::string& remote) {
   std::string target = remote;
+  std::string name = fs::path(local).filename().string();
   if (!target.empty() && (target.back() == '\\' || target.back() == '/')) {
-    target += fs::path(local).filename().string();
+    target += name;
+  } else if (session.Fso().FolderExists(target)) {
+    target += "\\" + name;  // into an existing folder, as cp and scp do
   }
   uint64_t size = LocalSize(local);
   TransferWatch watch(session.Output(), local, size);
   bool done = session.Fso().Upload(local, target);
   watch.Stop(done ? std::optional<uint64_t>(size) : std::nullopt);
-  return done ? kExitOk : session.FailFromClient(kExitFailed);
+  return done ? kExitOk : session.FailOnPath(kExitFailed, target);
 }
 
 int Fetch(HostSession& session, const std::string& remote) {

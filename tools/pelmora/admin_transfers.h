@@ -36,7 +36,8 @@ int Stat(HostSession& session, const std::string& path);
 int Get(HostSession& session, const std::string& remote, const std::string& local,
         bool resume = false);
 
-// Uploads `local` to `remote`; a remote name ending in "\" or "/" receives the local file's name.
+// Uploads `local` to `remote`; a remote name ending in "\" or "/", or naming an existing folder,
+// receives the local file under its own name.
 int Put(HostSession& session, const std::string& local, const std::string& remote);
 
 // Makes sure the local server-file cache holds the current `remote` and prints its local path.
