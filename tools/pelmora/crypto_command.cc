@@ -55,7 +55,7 @@ using CryptoWork = std::function<int(Crypto&, const CryptoOptions&)>;
 // Prints the object's last failure and returns `status`.
 int Failed(const Crypto& crypto, const CryptoOptions& o, int status = 1) {
   int32_t number = crypto.LastError();
-  std::fprintf(stderr, "pelmora crypto %s: error %d: %s\n", o.name.c_str(), number,
+  std::fprintf(stderr, "pelmora: crypto %s: error %d: %s\n", o.name.c_str(), number,
                pelmora::DescribeError(number).c_str());
   return status;
 }
@@ -68,10 +68,10 @@ int Run(const CryptoOptions& o, const CryptoWork& work) {
                                              : pelmora::CryptoStrongEncryption);
     return work(crypto, o);
   } catch (const pelmora::Error& e) {
-    std::fprintf(stderr, "pelmora crypto %s: error %d: %s\n", o.name.c_str(), e.Number(),
+    std::fprintf(stderr, "pelmora: crypto %s: error %d: %s\n", o.name.c_str(), e.Number(),
                  e.Description().c_str());
   } catch (const CommandError& e) {
-    std::fprintf(stderr, "pelmora crypto %s: %s\n", o.name.c_str(), e.what());
+    std::fprintf(stderr, "pelmora: crypto %s: %s\n", o.name.c_str(), e.what());
   }
   return 2;
 }

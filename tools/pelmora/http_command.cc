@@ -96,10 +96,10 @@ int Run(const HttpOptions& o) {
     }
     return std::fflush(out) == 0 ? 0 : 2;
   } catch (const pelmora::Error& e) {
-    std::fprintf(stderr, "pelmora http: error %d: %s\n", e.Number(), e.Description().c_str());
+    std::fprintf(stderr, "pelmora: http: error %d: %s\n", e.Number(), e.Description().c_str());
     return 1;
   } catch (const CommandError& e) {
-    std::fprintf(stderr, "pelmora http: %s\n", e.what());
+    std::fprintf(stderr, "pelmora: http: %s\n", e.what());
     return 2;
   }
 }

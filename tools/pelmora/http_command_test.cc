@@ -52,7 +52,7 @@ TEST(HttpCommand, FailureExitsWithOneAndNamesTheWinInetNumber) {
   std::string err = ::testing::internal::GetCapturedStderr();
   EXPECT_EQ(status, 1);
   EXPECT_EQ(err,
-            "pelmora http: error 12029: A connection with the server could not be established\n");
+            "pelmora: http: error 12029: A connection with the server could not be established\n");
   EXPECT_EQ(RunTool({"http", "post", "http://127.0.0.1:1/", "-d", "@/nonexistent/file"}), 2);
 }
 

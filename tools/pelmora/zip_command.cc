@@ -138,7 +138,7 @@ int RunZipCommand(const ZipCommandLine& line, std::FILE* out) {
   try {
     callbacks.password = PasswordSource(GivenPassword(line.password, line.password_file));
   } catch (const CommandError& error) {
-    std::fprintf(stderr, "pelmora zip: %s\n", error.what());
+    std::fprintf(stderr, "pelmora: zip: %s\n", error.what());
     return archive::kZipParms;
   }
   return archive::RunZip(options, line.archive, line.names, callbacks);
@@ -163,7 +163,7 @@ int RunUnzipCommand(const UnzipCommandLine& line, std::FILE* out) {
   try {
     callbacks.password = PasswordSource(GivenPassword(line.password, line.password_file));
   } catch (const CommandError& error) {
-    std::fprintf(stderr, "pelmora unzip: %s\n", error.what());
+    std::fprintf(stderr, "pelmora: unzip: %s\n", error.what());
     return archive::kUnzipMem2;
   }
   int rc = archive::RunUnzip(dcl, callbacks, {line.names, {}});
