@@ -233,11 +233,11 @@ TEST_F(CliServiceTest, FleetOfSessionsSummarisesEveryHost) {
       ChildProcess({"admin", "--hosts", "127.0.0.1:" + port + ",localhost:" + port, "time"}, env_)
           .Finish(kLimit);
   EXPECT_EQ(table.status, 0) << table.err;
-  EXPECT_THAT(table.out, HasSubstr("2 hosts: 2 ok, 0 failed"));
+  EXPECT_THAT(table.err, HasSubstr("2 hosts: 2 ok, 0 failed"));
   ChildProcess::Result blanks =
       ChildProcess({"admin", "--hosts", "127.0.0.1:" + port + " localhost:" + port, "time"}, env_)
           .Finish(kLimit);
-  EXPECT_THAT(blanks.out, HasSubstr("2 hosts: 2 ok, 0 failed"));
+  EXPECT_THAT(blanks.err, HasSubstr("2 hosts: 2 ok, 0 failed"));
 }
 
 TEST_F(CliServiceTest, AnEmptyHostListIsAnError) {

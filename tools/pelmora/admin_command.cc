@@ -80,6 +80,7 @@ int RunFleetCommand(const AdminCli& cli, std::vector<HostTarget> hosts,
   FleetOptions fleet = cli.fleet;
   fleet.hosts = std::move(hosts);
   fleet.default_port = cli.options.port;
+  fleet.quiet = cli.options.quiet;
   FleetOutcome outcome = RunFleet(
       fleet,
       [run](const HostTarget& target, HostOutput& output) {
@@ -110,7 +111,7 @@ void AddGlobalOptions(CLI::App& admin, AdminCli& cli) {
   admin.add_option("--connect-timeout", o.connect_timeout_ms,
                    "Longest wait for each host's connection, in ms (0: the system's, minutes)")
       ->capture_default_str()->check(CLI::NonNegativeNumber);
-  admin.add_flag("-q,--quiet", o.quiet, "No progress bar");
+  admin.add_flag("-q,--quiet", o.quiet, "No progress bar and no fleet summary: only output and errors");
   // Refused outright, with the reason, rather than as an unknown option.
   admin.add_option("--password", cli.password_trap)->group("")->each([](const std::string&) {
     std::fputs(

@@ -200,8 +200,9 @@ FleetOutcome RunFleet(const FleetOptions& options, HostRunner runner, Console& c
   }
   double elapsed = std::chrono::duration<double>(Clock::now() - state->start).count();
   if (options.gather) console.Out(GatherBlocks(outcome.records));
-  if (!options.json) {
-    console.Out(SummaryTable(outcome.records, std::chrono::duration<double>(elapsed)));
+  // On standard error, so that "> file" keeps only the hosts' output.
+  if (!options.json && !options.quiet) {
+    console.Err(SummaryTable(outcome.records, std::chrono::duration<double>(elapsed)));
   }
   if (!options.failed_file.empty()) WriteFailedFile(options.failed_file, outcome.records);
   if (!state->report_error.empty()) throw CommandError(state->report_error);
