@@ -340,7 +340,7 @@ INSTANTIATE_TEST_SUITE_P(
         MistakeCase{{"crypt"},
                     "pelmora: no command \"crypt\"; did you mean crypto?\n"
                     "pelmora: the commands of pelmora: demo, crypto, sql, tasks, zip, unzip, "
-                    "http, admin, log\n"},
+                    "http, admin, log, help\n"},
         MistakeCase{{"admin", "tim"},
                     std::string("pelmora: admin: no command \"tim\"; did you mean time?\n"
                                 "pelmora: the commands of pelmora admin: ") +
@@ -357,9 +357,34 @@ INSTANTIATE_TEST_SUITE_P(
         MistakeCase{{"admin", "ls", "C:\\", "extra"},
                     "pelmora: admin ls: unexpected argument \"extra\"; see pelmora admin ls "
                     "--help\n"},
+        MistakeCase{{"help", "admin", "lss"},
+                    std::string("pelmora: admin: no command \"lss\"; did you mean ls?\n"
+                                "pelmora: the commands of pelmora admin: ") +
+                        kAdminCommands + "\n"},
+        MistakeCase{{"admin", "ls", "-x", "C:\\"},
+                    "pelmora: admin ls: no option -x\npelmora: see pelmora admin ls --help\n"},
         MistakeCase{{"admin", "--port", "0", "time"},
                     "pelmora: admin time: --port: Value 0 not in range 1 to 65535; see pelmora "
                     "admin time --help\n"}));
+
+}  // namespace
+}  // namespace pelmora_cli_test
+
+namespace pelmora_cli_test {
+namespace {
+
+TEST(CliScripted, VersionAndHelpOfOneCommand) {
+  ChildProcess::Result version = ChildProcess({"--version"}, BaseEnv()).Finish(kLimit);
+  EXPECT_EQ(version.status, 0);
+  EXPECT_THAT(version.out,
+              ::testing::MatchesRegex("pelmora [0-9]+\\.[0-9]+\\.[0-9]+ \\(commit ([0-9a-f]+|unknown), "
+                                      "[A-Za-z]+ build\\)\n"));
+  ChildProcess::Result help = ChildProcess({"help", "admin", "ls"}, BaseEnv()).Finish(kLimit);
+  EXPECT_EQ(help.status, 0);
+  EXPECT_THAT(help.out, HasSubstr("Usage: pelmora admin ls [OPTIONS] FOLDER"));
+  EXPECT_THAT(help.out, HasSubstr("-h,--human-readable"));
+  EXPECT_EQ(help.out, ChildProcess({"admin", "ls", "--help"}, BaseEnv()).Finish(kLimit).out);
+}
 
 }  // namespace
 }  // namespace pelmora_cli_test

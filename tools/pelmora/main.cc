@@ -17,6 +17,8 @@
 int main(int argc, char** argv) {
   CLI::App app{"pelmora: the command-line tool over the Pelmora library", "pelmora"};
   app.require_subcommand(0, 1);
+  app.set_version_flag("--version", std::string("pelmora ") + PELMORA_VERSION + " (commit " +
+                                        PELMORA_COMMIT + ", " + PELMORA_BUILD_TYPE + " build)");
   pelmora_tool::CommandAction action;
   pelmora_tool::AddDemoCommand(app, action);
   pelmora_tool::AddCryptoCommand(app, action);
@@ -26,6 +28,7 @@ int main(int argc, char** argv) {
   pelmora_tool::AddHttpCommand(app, action);
   pelmora_tool::AddAdminCommand(app, action);
   pelmora_tool::AddLogCommand(app, action);
+  pelmora_tool::AddHelpCommand(app, action);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

@@ -1,6 +1,7 @@
 #include "tools/pelmora/parse_errors.h"
 
 #include <algorithm>
+#include <memory>
 #include <cstdio>
 #include <sstream>
 
@@ -119,15 +120,18 @@ std::string DescribeExtra(const CLI::App* command, const std::string& word) {
 }  // namespace
 
 std::string ClosestName(std::string_view word, const std::vector<std::string>& candidates) {
+  auto core = [](std::string_view name) { return name.substr(std::min(name.find_first_not_of('-'), name.size())); };
+  std::string_view typed = core(word);
   std::string best;
-  size_t best_distance = 3;
+  size_t best_distance = typed.size() <= 3 ? 2 : 3;  // one edit in short words, two in longer
   for (const std::string& candidate : candidates) {
-    size_t distance = EditDistance(word, candidate);
-    if (word.size() >= 2 && candidate.size() > word.size() && candidate.rfind(word, 0) == 0) {
-      distance = std::min<size_t>(distance, 1);
+    std::string_view name = core(candidate);
+    size_t distance = EditDistance(typed, name);
+    if (typed.size() >= 2 && name.size() > typed.size() && name.substr(0, typed.size()) == typed) {
+      distance = std::min<size_t>(distance, 1);  // a beginning of the name
     }
-    // Short names are too close to everything: only a real near miss counts.
-    if (distance >= std::max<size_t>(1, std::min(word.size(), candidate.size()) - 1)) continue;
+    // A one-letter name is one edit from every other letter: only real near misses count.
+    if (distance >= std::min(typed.size(), name.size())) continue;
     if (distance < best_distance) {
       best = candidate;
       best_distance = distance;
@@ -158,6 +162,34 @@ std::string DescribeParseError(const CLI::App& app, const CLI::ParseError& error
     return "pelmora: " + Where(command) + "a command is needed: " + Joined(commands) + "\n";
   }
   return "pelmora: " + Where(command) + message + "; see " + CommandPath(command) + " --help\n";
+}
+
+void AddHelpCommand(CLI::App& app, std::function<int()>& action) {
+  auto words = std::make_shared<std::vector<std::string>>();
+  CLI::App* help = app.add_subcommand("help", "The help of a command: pelmora help admin ls");
+  help->add_option("COMMAND", *words, "The command, and the command under it");
+  help->callback([&app, &action, words] {
+    action = [&app, words] {
+      const CLI::App* command = &app;
+      for (const std::string& word : *words) {
+        const CLI::App* next = nullptr;
+        for (const CLI::App* sub : command->get_subcommands({})) {
+          if (sub->get_name() == word) next = sub;
+        }
+        if (next == nullptr) {
+          std::fputs(UnknownCommand(command, word).c_str(), stderr);
+          return 2;
+        }
+        command = next;
+      }
+      // The command's own help: help() of an ancestor would show the parsed "help" command.
+      std::fputs(command->get_formatter()
+                     ->make_help(command, CommandPath(command), CLI::AppFormatMode::Normal)
+                     .c_str(),
+                 stdout);
+      return 0;
+    };
+  });
 }
 
 int ReportParseError(const CLI::App& app, const CLI::ParseError& error) {

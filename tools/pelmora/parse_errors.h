@@ -8,6 +8,7 @@
 #define TOOLS_PELMORA_PARSE_ERRORS_H_
 
 #include <CLI/CLI.hpp>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -21,6 +22,10 @@ std::string ClosestName(std::string_view word, const std::vector<std::string>& c
 // "pelmora: ..." lines, each ending in a line end. "" for a help or version request and for a
 // CLI::RuntimeError (thrown by an option that printed its own reason).
 std::string DescribeParseError(const CLI::App& app, const CLI::ParseError& error);
+
+// `pelmora help [COMMAND...]`: the help of the tool or of the command the words name, as
+// `pelmora COMMAND... --help` prints it; an unknown word is an error with the commands there.
+void AddHelpCommand(CLI::App& app, std::function<int()>& action);
 
 // Prints a help or version request on standard output (status 0) or the described error on
 // standard error (status 2); returns that status (a RuntimeError's own status).
