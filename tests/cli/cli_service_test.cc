@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <random>
 
 #include "pelmora/admin/internal/built_in_secrets.h"
@@ -81,6 +82,30 @@ TEST_F(CliServiceTest, PutListGetRoundTripKeepsEveryByte) {
   ChildProcess::Result stat = Admin({"stat", "C:\\in\\up.bin"});
   EXPECT_THAT(stat.out, HasSubstr("Size:       100000\n"));
   EXPECT_THAT(stat.out, HasSubstr("Path:       C:\\in\\up.bin\n"));
+
+  nlohmann::json record = nlohmann::json::parse(Admin({"stat", "--json", "C:\\in\\up.bin"}).out);
+  EXPECT_EQ(record["size"], 100000);
+  EXPECT_EQ(record["path"], "C:\\in\\up.bin");
+  EXPECT_EQ(record["type"], "file");
+  EXPECT_THAT(record["modified"].get<std::string>(),
+              MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}"));
+  nlohmann::json entries = nlohmann::json::parse(Admin({"ls", "--json", "C:\\"}).out);
+  ASSERT_TRUE(entries.is_array());
+  bool folder_seen = false;
+  for (const auto& entry : entries) {
+    if (entry["name"] == "in") folder_seen = entry["type"] == "folder";
+  }
+  EXPECT_TRUE(folder_seen) << entries.dump();
+}
+
+TEST_F(CliServiceTest, VerboseShowsTheConnectionSteps) {
+  ChildProcess::Result result = Admin({"-v", "--account", "operator", "time"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  std::string where = "127.0.0.1:" + std::to_string(service_.port());
+  EXPECT_THAT(result.err, HasSubstr("pelmora: 127.0.0.1: connecting to " + where + " (time-out 10 s)\n"
+                                    "pelmora: 127.0.0.1: logging in as operator\n"
+                                    "pelmora: 127.0.0.1: logged in from 127.0.0.1; replies wait up to 10 s\n"));
+  EXPECT_EQ(Admin({"time"}).err, "");
 }
 
 TEST_F(CliServiceTest, FailedDownloadsLeaveNothingUnderTheTargetName) {

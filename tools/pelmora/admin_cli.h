@@ -40,6 +40,7 @@ struct LeafArgs {
   bool long_form = false;
   bool resume = false;
   bool human = false;
+  bool json = false;
 };
 
 // Builds a command's request from its parsed arguments.

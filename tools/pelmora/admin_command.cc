@@ -50,6 +50,9 @@ class ConsoleOutput : public HostOutput {
     progress_->Update(done);
   }
   void TransferEnded() override { progress_.reset(); }
+  void Step(std::string_view text) override {
+    console_.Err("pelmora: " + host_ + ": " + std::string(text) + "\n");
+  }
 
  private:
   Console& console_;
@@ -111,6 +114,7 @@ void AddGlobalOptions(CLI::App& admin, AdminCli& cli) {
   admin.add_option("--connect-timeout", o.connect_timeout_ms,
                    "Longest wait for each host's connection, in ms (0: the system's, minutes)")
       ->capture_default_str()->check(CLI::NonNegativeNumber);
+  admin.add_flag("-v,--verbose", o.verbose, "Show each connection's steps on standard error");
   admin.add_flag("-q,--quiet", o.quiet, "No progress bar and no fleet summary: only output and errors");
   // Refused outright, with the reason, rather than as an unknown option.
   admin.add_option("--password", cli.password_trap)->group("")->each([](const std::string&) {

@@ -142,6 +142,11 @@ HostSession::~HostSession() = default;
 bool HostSession::Connect() {
   const int32_t connect_limit = options_.connect_timeout_ms;
   const std::string where = target_.name + ":" + std::to_string(target_.port);
+  const bool verbose = options_.verbose;
+  if (verbose) {
+    output_.Step("connecting to " + where +
+                 (connect_limit > 0 ? " (time-out " + Seconds(connect_limit) + ")" : ""));
+  }
   if (connect_limit > 0 && ConnectTimesOut(target_.name, target_.port, connect_limit)) {
     Fail(kExitConnect, {kTimedOut, pelmora::DescribeError(kTimedOut) + " (no connection to " +
                                        where + " within " + Seconds(connect_limit) + ")"});
@@ -149,6 +154,10 @@ bool HostSession::Connect() {
   }
   Fso().set_timeout(connect_limit > 0 ? connect_limit : options_.timeout_ms);
   Client().SetServicePort(target_.port);
+  if (verbose) {
+    output_.Step(credentials_.account.empty() ? "logging in with the built-in account"
+                                              : "logging in as " + credentials_.account);
+  }
   bool logged_in = credentials_.account.empty()
                        ? Client().Connect(target_.name)
                        : Fso().Connect(target_.name, target_.port, credentials_.account,
@@ -175,6 +184,10 @@ bool HostSession::Connect() {
     return false;
   }
   Fso().set_timeout(options_.timeout_ms);
+  if (verbose) {
+    output_.Step("logged in from " + Fso().getLocalIP() + "; replies wait up to " +
+                 Seconds(options_.timeout_ms));
+  }
   return true;
 }
 

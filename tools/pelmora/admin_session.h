@@ -43,6 +43,7 @@ struct AdminOptions {
   int32_t timeout_ms = 10000;    // the session's receive time-out
   int32_t connect_timeout_ms = 10000;  // 0: the system's own connect time-out (minutes)
   bool quiet = false;
+  bool verbose = false;  // the connection's steps on standard error
   bool fleet = false;  // several hosts at once: `get` puts each host's file in its own folder
 };
 
@@ -85,6 +86,8 @@ class HostOutput {
   virtual void TransferBytes(uint64_t done, uint64_t total) {}
   // The transfer has ended: its progress disappears.
   virtual void TransferEnded() {}
+  // A step of the connection, shown with -v ("connecting to web1:8002").
+  virtual void Step(std::string_view text) {}
 };
 
 // The one-line error: "pelmora: <host>: <number> <description>", or for a local failure

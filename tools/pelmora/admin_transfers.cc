@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <nlohmann/json.hpp>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,6 +30,23 @@ constexpr const char* kDateForm = "yyyy-mm-dd hh:nn:ss";
 std::string RemoteName(const std::string& remote) {
   size_t slash = remote.find_last_of("\\/");
   return slash == std::string::npos ? remote : remote.substr(slash + 1);
+}
+
+constexpr const char* kJsonDateForm = "yyyy-mm-ddThh:nn:ss";
+
+// One entry as a JSON record: the fields of `stat`, the times in the server's local time.
+nlohmann::ordered_json Record(const RCFileInfo& info) {
+  const int32_t bits = info.FileAttribues();
+  return {{"name", info.FileName()},
+          {"path", info.FullPathName()},
+          {"folder", info.ParentPath()},
+          {"type", (bits & 0x10) != 0 ? "folder" : "file"},
+          {"size", info.FileSize()},
+          {"attributes", AttributeLetters(bits)},
+          {"attribute_bits", bits},
+          {"created", info.CreationTime().Format(kJsonDateForm)},
+          {"accessed", info.LastAccessTime().Format(kJsonDateForm)},
+          {"modified", info.LastWriteTime().Format(kJsonDateForm)}};
 }
 
 std::string LongLine(const RCFileInfo& info, bool human) {
@@ -178,18 +197,29 @@ std::string DownloadTarget(const std::string& remote, const std::string& local,
   return local;
 }
 
-int ListFolder(HostSession& session, const std::string& folder, bool long_form, bool human) {
+int ListFolder(HostSession& session, const std::string& folder, bool long_form, bool human,
+               bool json) {
   pelmora::admin::RCFileInfoCollection entries = session.Fso().GetFolderFiles(folder);
   if (session.Fso().ErrCode() != 0) return session.FailOnPath(kExitFailed, folder);
+  if (json) {
+    nlohmann::ordered_json records = nlohmann::ordered_json::array();
+    for (const auto& entry : entries) records.push_back(Record(*entry));
+    session.Output().Write(records.dump() + "\n");
+    return kExitOk;
+  }
   std::string text;
   for (const auto& entry : entries) text += long_form ? LongLine(*entry, human) : entry->FileName() + "\n";
   if (!text.empty()) session.Output().Write(text);
   return kExitOk;
 }
 
-int Stat(HostSession& session, const std::string& path) {
+int Stat(HostSession& session, const std::string& path, bool json) {
   RCFileInfo info;
   if (!session.Fso().GetFileInfo(path, info)) return session.FailOnPath(kExitFailed, path);
+  if (json) {
+    session.Output().Write(Record(info).dump() + "\n");
+    return kExitOk;
+  }
   session.Output().Write(fmt::format(
       "Name:       {}\nPath:       {}\nFolder:     {}\nSize:       {}\n"
       "Attributes: {} (0x{:X})\nCreated:    {}\nAccessed:   {}\nModified:   {}\n",

@@ -14,16 +14,19 @@
 namespace pelmora_tool {
 
 // The entries of a remote folder, one name a line, or with `long_form` their attributes
-// ("drhsa" letters), size (with `human` as HumanSize gives it), last-write time and name.
+// ("drhsa" letters), size (with `human` as HumanSize gives it), last-write time and name; with
+// `json` one line holding an array of the records Stat gives.
 int ListFolder(HostSession& session, const std::string& folder, bool long_form,
-               bool human = false);
+               bool human = false, bool json = false);
 
 // A size as ls -h shows it: bytes below 1024, else K, M, G, ... rounded up, with one decimal
 // below 10 ("1023", "1.0K", "1.5K", "10K", "1.0M").
 std::string HumanSize(int64_t size);
 
-// One remote file's or folder's information, one field a line.
-int Stat(HostSession& session, const std::string& path);
+// One remote file's or folder's information, one field a line; with `json` one line holding a
+// record: name, path, folder, type ("file" or "folder"), size, attributes (letters),
+// attribute_bits, created, accessed, modified (the server's local time, yyyy-mm-ddThh:nn:ss).
+int Stat(HostSession& session, const std::string& path, bool json = false);
 
 // Downloads `remote` to `local`: "" means the remote file's name in the current folder, an
 // existing folder (or a name ending in "/") receives the file under its remote name. In a fleet

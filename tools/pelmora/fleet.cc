@@ -67,6 +67,11 @@ class FleetHostOutput : public HostOutput {
     }
   }
 
+  void Step(std::string_view text) override {
+    std::lock_guard lock(state_->mutex);
+    if (!state_->closed) state_->console->Err("pelmora: " + host_ + ": " + std::string(text) + "\n");
+  }
+
   // Records the host's end and prints the reports that are due now.
   void Finish(int status, double seconds) {
     std::lock_guard lock(state_->mutex);
