@@ -35,6 +35,14 @@ printf 'wrong\n' > badpw
 "$tool" crypto sign --key priv.strong --password-file badpw message >/dev/null 2>err
 check "sign with a wrong password" "1 pelmora: crypto sign: error -2146893819: Bad Data." "$? $(cat err)"
 
+# Keys are never overwritten, and the private one is its owner's alone.
+check "private blob mode" 600 "$(stat -c %a priv.strong)"
+cp pub.strong pub.before
+"$tool" crypto keygen --password-file pw --public pub.strong --private priv.new 2>err
+check "keygen over an existing key" "2 pelmora: crypto keygen: pub.strong exists: remove it first (keys are never overwritten)" "$? $(cat err)"
+check "the existing key is untouched" "" "$(cmp pub.strong pub.before)"
+check "no private blob made" "" "$(ls priv.new 2>/dev/null)"
+
 # Encryption round trip through the standard streams, with the password from a file.
 head -c 3000 /dev/urandom > plain
 "$tool" crypto encrypt --password-file pw < plain | "$tool" crypto decrypt --password-file pw - > back
@@ -46,6 +54,11 @@ check "known RC4 key of MD5(secret)" "$(printf abc | openssl enc -rc4 -nosalt -K
 # Hash, hex and unhex.
 check "md5 of abc" 900150983CD24FB0D6963F7D28E17F72 "$(printf abc | "$tool" crypto hash --hex)"
 check "raw md5 is 16 bytes" 16 "$(printf abc | "$tool" crypto hash | wc -c)"
+printf abc > abc.txt
+check "hash --sum is md5sum's line" "$(md5sum abc.txt)" "$("$tool" crypto hash --sum abc.txt)"
+check "hash --sum of standard input" "$(printf abc | md5sum)" "$(printf abc | "$tool" crypto hash --sum)"
+check "help says what the algorithms are for" 1 \
+  "$("$tool" crypto --help | grep -c 'not strong enough to protect new secrets')"
 check "hex" 00FF41 "$(printf '\000\377A' | "$tool" crypto hex)"
 check "unhex" 00ff41 "$(printf '00 ff\n41\n' | "$tool" crypto unhex | xxd -p)"
 printf 'xyz' | "$tool" crypto unhex >/dev/null 2>err
@@ -57,7 +70,9 @@ check "random 0" "1 pelmora: crypto random: error 87: The parameter is incorrect
 # Passwords: never without a terminal or a file.
 setsid -w "$tool" crypto encrypt plain </dev/null >/dev/null 2>err
 check "no terminal, no password file" \
-  "2 pelmora: crypto encrypt: no password: give --password-file FILE, or run on a terminal to type it" "$? $(cat err)"
+  "2 pelmora: crypto encrypt: no password: give --password-file FILE or PELMORA_PASSWORD, or run on a terminal to type it" "$? $(cat err)"
+check "PELMORA_PASSWORD stands in for the file" "$("$tool" crypto encrypt --password-file pw plain | md5sum)" \
+  "$(PELMORA_PASSWORD=secret setsid -w "$tool" crypto encrypt plain </dev/null | md5sum)"
 : > empty
 "$tool" crypto encrypt --password-file empty plain >/dev/null 2>err
 check "empty password file" "2 pelmora: crypto encrypt: the password is empty" "$? $(cat err)"
