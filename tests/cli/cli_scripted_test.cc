@@ -202,7 +202,8 @@ TEST(CliScripted, WithoutPasswordOrTerminalTheAccountIsRefused) {
           .Finish(kLimit);
   EXPECT_EQ(result.status, 2);
   EXPECT_EQ(result.err,
-            "pelmora: no password: give --password-file FILE, or run on a terminal to type it\n");
+            "pelmora: no password: give --password-file FILE or PELMORA_PASSWORD, or run on a "
+            "terminal to type it\n");
 }
 
 TEST(CliScripted, ExecWithTheBuiltInAccountNeedsTheAccessCode) {

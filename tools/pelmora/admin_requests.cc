@@ -64,8 +64,8 @@ int Checked(HostSession& session, bool ok) {
 
 // As Checked, naming `path` and what the server shows of it on failure.
 int CheckedOnPath(HostSession& session, bool ok, const std::string& path,
-                  const std::string& folder_hint = "") {
-  return ok ? kExitOk : session.FailOnPath(kExitFailed, path, folder_hint);
+                  const std::string& folder_hint = "", bool reading = true) {
+  return ok ? kExitOk : session.FailOnPath(kExitFailed, path, folder_hint, reading);
 }
 
 // Prints `text` as one or more lines: a line end is added when it lacks one.
@@ -202,12 +202,13 @@ int RemoveFolder(HostSession& session, const std::string& path) {
 }
 
 int MakeFolder(HostSession& session, const std::string& path) {
-  return CheckedOnPath(session, session.Fso().CreateRemoteFolder(path), path);
+  return CheckedOnPath(session, session.Fso().CreateRemoteFolder(path), path, "", false);
 }
 
 int Touch(HostSession& session, const std::string& path, bool unicode) {
   if (session.Fso().FileExists(path)) return kExitOk;
-  return CheckedOnPath(session, session.Fso().CreateRemoteFile(path, false, unicode), path);
+  return CheckedOnPath(session, session.Fso().CreateRemoteFile(path, false, unicode), path, "",
+                       false);
 }
 
 }  // namespace pelmora_tool

@@ -11,6 +11,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
+#include <optional>
 
 #include "pelmora/common/error.h"
 #include "pelmora/common/error_texts.h"
@@ -38,11 +39,10 @@ std::string Seconds(int32_t ms) {
   return ms % 1000 == 0 ? std::to_string(ms / 1000) + " s" : std::to_string(ms) + " ms";
 }
 
-// The parent folder of a server path ("C:\\a" for "C:\\a\\b"), "" when it has none.
+// The parent folder of a server path ("C:\\a" for "C:\\a\\b"), "" when it is the drive's root.
 std::string ParentFolder(const std::string& path) {
   size_t slash = path.find_last_of("\\/");
-  if (slash == std::string::npos || slash < 3) return path.size() > 3 ? path.substr(0, 3) : "";
-  return path.substr(0, slash);
+  return slash == std::string::npos || slash < 3 ? "" : path.substr(0, slash);
 }
 
 std::string FromBytes(Bytes bytes) {
@@ -198,30 +198,41 @@ int HostSession::FailFromClient(int status) {
   return Fail(status, {Fso().ErrCode(), Fso().ErrDescription()});
 }
 
-int HostSession::FailOnPath(int status, const std::string& path,
-                            const std::string& folder_hint) {
+int HostSession::FailOnPath(int status, const std::string& path, const std::string& folder_hint,
+                            bool reading) {
   HostFailure failure{Fso().ErrCode(), Fso().ErrDescription()};
   if (failure.number == 0 && failure.description.empty()) {
     failure.description = "the service refused the request";
   }
   // Socket errors leave no session to ask.
   if (failure.number >= 10000 && failure.number < 12000) return Fail(status, failure);
+  // Each question's answer; nullopt when the service could not answer (then nothing is guessed).
+  using Test = bool (pelmora::admin::RCFSO::*)(std::string_view);
+  auto ask = [this](Test test, const std::string& asked) -> std::optional<bool> {
+    if ((Fso().*test)(asked)) return true;
+    int32_t code = Fso().ErrCode();
+    if (code == 0 || code == 2 || code == 3) return false;
+    return std::nullopt;
+  };
+  using pelmora::admin::RCFSO;
   std::string cause;
   bool drive_form = path.size() >= 2 && path[1] == ':' && std::isalpha(static_cast<unsigned char>(path[0]));
   std::string parent = ParentFolder(path);
+  std::optional<bool> answer;
   if (!drive_form) {
-    cause = "server paths begin with a drive, as C:\\" ;
-  } else if (!Fso().FolderExists(path.substr(0, 2) + "\\")) {
-    cause = "the server has no drive " + path.substr(0, 2);
-  } else if (Fso().FolderExists(path)) {
-    cause = "a folder" + (folder_hint.empty() ? "" : ": " + folder_hint);
-  } else if (Fso().FileExists(path)) {
-    cause = "a file";
-  } else if (!parent.empty() && !Fso().FolderExists(parent)) {
-    cause = "no folder " + parent;
-  } else {
+    cause = "server paths begin with a drive, as C:\\";
+  } else if ((answer = ask(&RCFSO::FolderExists, path.substr(0, 2) + "\\")) != true) {
+    if (answer) cause = "the server has no drive " + path.substr(0, 2);
+  } else if ((answer = ask(&RCFSO::FolderExists, path)) != false) {
+    if (answer) cause = "a folder" + (folder_hint.empty() ? "" : ": " + folder_hint);
+  } else if ((answer = ask(&RCFSO::FileExists, path)) != false) {
+    if (answer) cause = "a file";
+  } else if (!parent.empty() && (answer = ask(&RCFSO::FolderExists, parent)) != true) {
+    if (answer) cause = "no folder " + parent;
+  } else if (reading) {
     cause = "not there";
   }
+  if (cause.empty()) return Fail(status, failure);
   failure.description += " (" + path + ": " + cause + ")";
   return Fail(status, failure);
 }

@@ -124,8 +124,11 @@ class HostSession {
   int FailFromClient(int status);
   // As FailFromClient, naming `path` and what the server shows of it ("no drive Q:", "is a
   // folder", "no folder C:\\x"), found by asking it after the failure; `folder_hint` is added
-  // when the path is a folder and a file was expected (as "use rmdir"). Blocks for those requests.
-  int FailOnPath(int status, const std::string& path, const std::string& folder_hint = "");
+  // when the path is a folder and a file was expected (as "use rmdir"); a path the request was
+  // to create (not `reading`) that is simply not there yet gets no cause. Nothing is guessed when
+  // the service cannot answer. Blocks for those requests.
+  int FailOnPath(int status, const std::string& path, const std::string& folder_hint = "",
+                 bool reading = true);
   // Reports `failure` and returns `status`.
   int Fail(int status, HostFailure failure);
 

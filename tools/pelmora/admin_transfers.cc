@@ -291,7 +291,7 @@ int Put(HostSession& session, const std::string& local, const std::string& remot
   TransferWatch watch(session.Output(), local, size);
   bool done = session.Fso().Upload(local, target);
   watch.Stop(done ? std::optional<uint64_t>(size) : std::nullopt);
-  return done ? kExitOk : session.FailOnPath(kExitFailed, target);
+  return done ? kExitOk : session.FailOnPath(kExitFailed, target, "", /*reading=*/false);
 }
 
 int Fetch(HostSession& session, const std::string& remote) {
