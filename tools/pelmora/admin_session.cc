@@ -39,6 +39,25 @@ std::string Seconds(int32_t ms) {
   return ms % 1000 == 0 ? std::to_string(ms / 1000) + " s" : std::to_string(ms) + " ms";
 }
 
+// What a failed connection and login means, in words, for the numbers a user cannot read; ""
+// for the others. `where` is "host:port"; `waited_ms` the login answer's time-out.
+std::string ConnectCause(int32_t number, const std::string& host, const std::string& where,
+                         int32_t waited_ms) {
+  switch (number) {
+    case kAddressNotValid:  // also the number of a failed look-up
+      return Resolves(host) ? "" : "host name not found: " + host;
+    case kRefused:
+      return "nothing accepts connections on " + where;
+    case kTimedOut:
+      return "no login answer from " + where + " within " + Seconds(waited_ms);
+    case kAccessDenied:
+      return "login refused: this address is locked out for a while after repeated failed "
+             "logins, or the service has no free session";
+    default:
+      return "";
+  }
+}
+
 // The parent folder of a server path ("C:\\a" for "C:\\a\\b"), "" when it is the drive's root.
 std::string ParentFolder(const std::string& path) {
   size_t slash = path.find_last_of("\\/");
@@ -164,18 +183,8 @@ bool HostSession::Connect() {
                                        credentials_.password, false);
   if (!logged_in) {
     HostFailure failure{Fso().ErrCode(), Fso().ErrDescription()};
-    std::string cause;
-    if (failure.number == kAddressNotValid && !Resolves(target_.name)) {
-      cause = "host name not found: " + target_.name;
-    } else if (failure.number == kRefused) {
-      cause = "nothing accepts connections on " + where;
-    } else if (failure.number == kTimedOut) {
-      cause = "no login answer from " + where + " within " +
-              Seconds(connect_limit > 0 ? connect_limit : options_.timeout_ms);
-    } else if (failure.number == kAccessDenied) {
-      cause = "login refused: this address is locked out for a while after repeated failed "
-              "logins, or the service has no free session";
-    }
+    std::string cause = ConnectCause(failure.number, target_.name, where,
+                                     connect_limit > 0 ? connect_limit : options_.timeout_ms);
     if (!cause.empty()) failure.description += " (" + cause + ")";
     if (failure.number == 0 && failure.description.empty()) {
       failure.description = "the service refused the login";

@@ -82,28 +82,6 @@ mode_t NewFileMode() {
   return mode;
 }
 
-// The file a download is written to before it takes the target's name, removed unless kept.
-class PartFile {
- public:
-  // Creates an empty private file in `folder`; false (with errno) when it cannot.
-  bool Create(const fs::path& folder, const std::string& name) {
-    std::string pattern = (folder / ("." + name + ".pelmora-XXXXXX")).string();
-    int fd = mkstemp(pattern.data());
-    if (fd < 0) return false;
-    close(fd);
-    path_ = pattern;
-    return true;
-  }
-  ~PartFile() {
-    if (!path_.empty()) unlink(path_.c_str());
-  }
-  const std::string& Path() const { return path_; }
-  void Release() { path_.clear(); }
-
- private:
-  std::string path_;
-};
-
 // Why `path` holds fewer bytes than `expected`: appends the missing count (as zeros) and returns
 // the errno the system gives, or 0 when it takes them (then the remote file changed instead).
 int ShortWriteCause(const std::string& path, uint64_t expected) {
@@ -148,6 +126,49 @@ int CopyInto(const std::string& from, const std::string& to) {
   close(in);
   return error;
 }
+
+// The file a download is written to before it reaches its target, removed unless delivered. A
+// file target is written beside its final name and takes it only when complete, so a failure
+// never leaves part of a file under that name; a device or a pipe is written in place at the end.
+class PartFile {
+ public:
+  // Creates the part file for `target` (mode: the replaced file's, else a new file's); a
+  // failure is reported on `session` and its status returned.
+  int CreateFor(HostSession& session, const std::string& target, const std::string& name) {
+    target_ = target;
+    struct stat existing{};
+    bool exists = stat(target.c_str(), &existing) == 0;
+    in_place_ = exists && !S_ISREG(existing.st_mode) && !S_ISDIR(existing.st_mode);
+    const char* temporary = std::getenv("TMPDIR");
+    fs::path folder = fs::path(target).parent_path();
+    if (in_place_) folder = temporary != nullptr && *temporary ? temporary : "/tmp";
+    if (folder.empty()) folder = ".";
+    std::string pattern = (folder / ("." + name + ".pelmora-XXXXXX")).string();
+    int fd = mkstemp(pattern.data());
+    if (fd < 0) return FailLocal(session, "cannot create a file in", folder.string(), errno);
+    path_ = pattern;
+    fchmod(fd, exists && S_ISREG(existing.st_mode) ? existing.st_mode & 07777 : NewFileMode());
+    close(fd);
+    return kExitOk;
+  }
+  ~PartFile() {
+    if (!path_.empty()) unlink(path_.c_str());
+  }
+  const std::string& Path() const { return path_; }
+
+  // Gives the complete file to its target: 0, or the errno of the failure.
+  int Deliver() {
+    if (in_place_) return CopyInto(path_, target_);
+    if (rename(path_.c_str(), target_.c_str()) != 0) return errno;
+    path_.clear();
+    return 0;
+  }
+
+ private:
+  std::string path_;
+  std::string target_;
+  bool in_place_ = false;
+};
 
 // Whether `target` already holds the remote file: same size and last-write second.
 bool SameAsRemote(const std::string& target, const RCFileInfo& info) {
@@ -243,21 +264,10 @@ int Get(HostSession& session, const std::string& remote, const std::string& loca
   RCFileInfo info;
   bool known = session.Fso().GetFileInfo(remote, info) && info.FileSize() >= 0;
   if (resume && known && SameAsRemote(target, info)) return kExitOk;
-  // A device or a pipe is written in place; a file is written beside its final name and takes
-  // it only when complete, so a failure never leaves part of a file under that name.
-  struct stat existing{};
-  bool in_place = stat(target.c_str(), &existing) == 0 && !S_ISREG(existing.st_mode) &&
-                  !S_ISDIR(existing.st_mode);
   PartFile part;
-  const char* temporary = std::getenv("TMPDIR");
-  fs::path part_folder = in_place ? fs::path(temporary != nullptr && *temporary ? temporary : "/tmp")
-                                  : (folder.empty() ? fs::path(".") : folder);
-  if (!part.Create(part_folder, RemoteName(remote))) {
-    return FailLocal(session, "cannot create a file in", part_folder.string(), errno);
+  if (int status = part.CreateFor(session, target, RemoteName(remote)); status != kExitOk) {
+    return status;
   }
-  chmod(part.Path().c_str(),
-        existing.st_mode != 0 && S_ISREG(existing.st_mode) ? existing.st_mode & 07777
-                                                           : NewFileMode());
   TransferWatch watch(session.Output(), part.Path(),
                       session.Output().ShowsProgress() && known ? info.FileSize() : 0);
   bool done = session.Fso().Download(part.Path(), remote);
@@ -268,15 +278,8 @@ int Get(HostSession& session, const std::string& remote, const std::string& loca
     if (cause != 0) return FailLocal(session, "cannot write", target, cause);
     return session.Fail(kExitFailed, {0, remote + " changed while it was downloaded"});
   }
-  if (in_place) {
-    int error = CopyInto(part.Path(), target);
-    return error == 0 ? kExitOk : FailLocal(session, "cannot write", target, error);
-  }
-  if (rename(part.Path().c_str(), target.c_str()) != 0) {
-    return FailLocal(session, "cannot write", target, errno);
-  }
-  part.Release();
-  return kExitOk;
+  int error = part.Deliver();
+  return error == 0 ? kExitOk : FailLocal(session, "cannot write", target, error);
 }
 
 int Put(HostSession& session, const std::string& local, const std::string& remote) {

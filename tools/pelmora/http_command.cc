@@ -91,30 +91,50 @@ bool CopyBody(WinINet& inet, std::FILE* out, std::optional<Clock::time_point> de
   return true;
 }
 
-int Run(const HttpOptions& o) {
+// Sends the request and waits for the response headers. A GET on a port the object's 16-bit
+// port property refuses (above 32767) is read whole through OpenURL, into `whole`.
+void StartRequest(WinINet& inet, const HttpOptions& o, std::optional<Bytes>& whole) {
   std::string headers;
   for (const std::string& line : o.headers) headers += (headers.empty() ? "" : "\r\n") + line;
+  Variant body;
+  if (o.data.rfind("@", 0) == 0) {
+    body = Variant(ReadSource(o.data.substr(1)));
+  } else if (!o.data.empty()) {
+    body = Variant(o.data);
+  }
   try {
-    Variant body;
-    if (o.data.rfind("@", 0) == 0) {
-      body = Variant(ReadSource(o.data.substr(1)));
-    } else if (!o.data.empty()) {
-      body = Variant(o.data);
-    }
+    inet.Execute(o.url, o.verb, body, headers);
+  } catch (const pelmora::Error& e) {
+    if (e.Number() != kOverflow || o.verb != "GET" || !headers.empty()) throw;
+    whole = inet.OpenURL(o.url, pelmora::icByteArray).ToBytes();
+  }
+}
+
+// Writes what the options ask for of the response (headers, body) to `out`.
+void WriteResponse(WinINet& inet, const HttpOptions& o, const std::string& head,
+                   const std::optional<Bytes>& whole, std::FILE* out,
+                   std::optional<Clock::time_point> deadline) {
+  bool written = true;
+  if (o.verb == "HEAD" || o.include) {
+    written = std::fwrite(head.data(), 1, head.size(), out) == head.size();
+  }
+  if (written && o.verb != "HEAD") {
+    written = whole ? std::fwrite(whole->data(), 1, whole->size(), out) == whole->size()
+                    : CopyBody(inet, out, deadline);
+  }
+  if (!written) throw CommandError("cannot write " + o.output);
+}
+
+int Run(const HttpOptions& o) {
+  try {
     WinINet inet;
     std::optional<Clock::time_point> deadline;
     if (o.max_time > 0) {
       inet.SetReceiveTimeout(static_cast<int32_t>(o.max_time * 1000));
       deadline = Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(o.max_time * 1000));
     }
-    inet.SetURL(o.url);
-    std::optional<std::vector<uint8_t>> whole;  // a GET read at once through OpenURL
-    try {
-      inet.Execute(o.url, o.verb, body, headers);
-    } catch (const pelmora::Error& e) {
-      if (e.Number() != kOverflow || o.verb != "GET" || !headers.empty()) throw;
-      whole = inet.OpenURL(o.url, pelmora::icByteArray).ToBytes();
-    }
+    std::optional<Bytes> whole;
+    StartRequest(inet, o, whole);
     std::string head = inet.GetHeader();
     std::string status = head.substr(0, head.find("\r\n"));
     int code = status.size() > 12 ? std::atoi(status.c_str() + status.find(' ') + 1) : 0;
@@ -127,15 +147,7 @@ int Run(const HttpOptions& o) {
     if (out == nullptr) throw CommandError("cannot write " + o.output);
     std::unique_ptr<std::FILE, int (*)(std::FILE*)> closer(out == stdout ? nullptr : out,
                                                            &std::fclose);
-    if (o.verb == "HEAD" || o.include) std::fwrite(head.data(), 1, head.size(), out);
-    if (o.verb == "HEAD") {
-    } else if (whole) {
-      if (std::fwrite(whole->data(), 1, whole->size(), out) != whole->size()) {
-        throw CommandError("cannot write " + o.output);
-      }
-    } else if (!CopyBody(inet, out, deadline)) {
-      throw CommandError("cannot write " + o.output);
-    }
+    WriteResponse(inet, o, head, whole, out, deadline);
     return std::fflush(out) == 0 ? 0 : 2;
   } catch (const pelmora::Error& e) {
     std::fprintf(stderr, "pelmora: http: error %d: %s\n", e.Number(), e.Description().c_str());
