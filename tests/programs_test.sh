@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
-# Every program the tests and scripts call is installed by `scripts/bootstrap --tests`, so a
-# missing install step fails here instead of on a fresh machine.
+# Every program the tests and scripts call is installed by `scripts/bootstrap --tests`, and every
+# header the shipped code includes by `scripts/bootstrap` alone, so a missing install step fails
+# here instead of on a fresh machine.
 #   programs_test.sh SOURCE_DIR
 # 1. The programs the tests start (their Debian package beside them) must be on this machine
 #    and their package essential or listed in scripts/bootstrap.
 # 2. Every command word of the shell tests and scripts that is a program here must come from an
 #    essential (or required) package or from one scripts/bootstrap lists.
+# 3. (below) the headers the shipped code includes come from the base set.
 set -uo pipefail
 source_dir=$1
 bootstrap=$source_dir/scripts/bootstrap
@@ -59,6 +61,24 @@ for word in $words; do
   else
     fail "$word comes from $package, which scripts/bootstrap does not install"
   fi
+done
+
+# 3. Every system header the library, the tool and the service include (tests aside) comes from a
+#    package of the base set, which is all scripts/run installs, or from the C and C++ libraries
+#    that build-essential brings.
+base=$(sed -n '/^base=(/,/^)/p' "$bootstrap")
+headers=$(grep -rhoE '^#include <[^>]+>' "$source_dir"/pelmora "$source_dir"/pelmorad "$source_dir"/tools \
+  --include='*.cc' --include='*.h' --exclude='*_test.cc' --exclude-dir=testing | sed -E 's/#include <(.*)>/\1/' | sort -u)
+for header in $headers; do
+  for folder in /usr/include /usr/include/x86_64-linux-gnu; do
+    [[ -e $folder/$header ]] || continue
+    package=$(dpkg -S "$folder/$header" 2>/dev/null | head -n 1)
+    package=${package%%:*}
+    [[ -z $package || $package =~ ^(libc6-dev|linux-libc-dev|libstdc\+\+-[0-9]+-dev)$ ]] && break
+    grep -Eq "(^|[( ])$package( |\)|$)" <<<"$base" ||
+      fail "<$header> comes from $package, which the base set of scripts/bootstrap lacks"
+    break
+  done
 done
 
 echo "$failures failure(s)"
