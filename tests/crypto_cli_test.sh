@@ -27,13 +27,21 @@ for level in strong base; do
   printf 'the message to sigN\n' > tampered
   "$tool" crypto verify --level $level --key pub.$level --signature sig.$level tampered 2>err
   check "verify tampered $level" 1 $?
-  check "verify tampered text" "pelmora crypto verify: error -2146893818: Invalid Signature." "$(cat err)"
+  check "verify tampered text" "pelmora: crypto verify: error -2146893818: Invalid Signature." "$(cat err)"
 done
 "$tool" crypto verify --key sig.strong --signature sig.strong message 2>/dev/null
 check "verify with a signature as key is another error" 2 $?
 printf 'wrong\n' > badpw
 "$tool" crypto sign --key priv.strong --password-file badpw message >/dev/null 2>err
-check "sign with a wrong password" "1 pelmora crypto sign: error -2146893819: Bad Data." "$? $(cat err)"
+check "sign with a wrong password" "1 pelmora: crypto sign: error -2146893819: Bad Data." "$? $(cat err)"
+
+# Keys are never overwritten, and the private one is its owner's alone.
+check "private blob mode" 600 "$(stat -c %a priv.strong)"
+cp pub.strong pub.before
+"$tool" crypto keygen --password-file pw --public pub.strong --private priv.new 2>err
+check "keygen over an existing key" "2 pelmora: crypto keygen: pub.strong exists: remove it first (keys are never overwritten)" "$? $(cat err)"
+check "the existing key is untouched" "" "$(cmp pub.strong pub.before)"
+check "no private blob made" "" "$(ls priv.new 2>/dev/null)"
 
 # Encryption round trip through the standard streams, with the password from a file.
 head -c 3000 /dev/urandom > plain
@@ -46,21 +54,28 @@ check "known RC4 key of MD5(secret)" "$(printf abc | openssl enc -rc4 -nosalt -K
 # Hash, hex and unhex.
 check "md5 of abc" 900150983CD24FB0D6963F7D28E17F72 "$(printf abc | "$tool" crypto hash --hex)"
 check "raw md5 is 16 bytes" 16 "$(printf abc | "$tool" crypto hash | wc -c)"
+printf abc > abc.txt
+check "hash --sum is md5sum's line" "$(md5sum abc.txt)" "$("$tool" crypto hash --sum abc.txt)"
+check "hash --sum of standard input" "$(printf abc | md5sum)" "$(printf abc | "$tool" crypto hash --sum)"
+check "help says what the algorithms are for" 1 \
+  "$("$tool" crypto --help | grep -c 'not strong enough to protect new secrets')"
 check "hex" 00FF41 "$(printf '\000\377A' | "$tool" crypto hex)"
 check "unhex" 00ff41 "$(printf '00 ff\n41\n' | "$tool" crypto unhex | xxd -p)"
 printf 'xyz' | "$tool" crypto unhex >/dev/null 2>err
-check "unhex of text that is not hex" "2 pelmora crypto unhex: the input is not hexadecimal digit pairs" "$? $(cat err)"
+check "unhex of text that is not hex" "2 pelmora: crypto unhex: the input is not hexadecimal digit pairs" "$? $(cat err)"
 check "random" 40 "$("$tool" crypto random 20 --hex | tr -d '\n' | wc -c)"
 "$tool" crypto random 0 2>err
-check "random 0" "1 pelmora crypto random: error 87: The parameter is incorrect." "$? $(cat err)"
+check "random 0" "1 pelmora: crypto random: error 87: The parameter is incorrect." "$? $(cat err)"
 
 # Passwords: never without a terminal or a file.
 setsid -w "$tool" crypto encrypt plain </dev/null >/dev/null 2>err
 check "no terminal, no password file" \
-  "2 pelmora crypto encrypt: no password: give --password-file FILE, or run on a terminal to type it" "$? $(cat err)"
+  "2 pelmora: crypto encrypt: no password: give --password-file FILE or PELMORA_PASSWORD, or run on a terminal to type it" "$? $(cat err)"
+check "PELMORA_PASSWORD stands in for the file" "$("$tool" crypto encrypt --password-file pw plain | md5sum)" \
+  "$(PELMORA_PASSWORD=secret setsid -w "$tool" crypto encrypt plain </dev/null | md5sum)"
 : > empty
 "$tool" crypto encrypt --password-file empty plain >/dev/null 2>err
-check "empty password file" "2 pelmora crypto encrypt: the password is empty" "$? $(cat err)"
+check "empty password file" "2 pelmora: crypto encrypt: the password is empty" "$? $(cat err)"
 "$tool" crypto encrypt --password secret plain >/dev/null 2>&1
 check "no password on the command line" 2 $?
 "$tool" crypto keygen --level weak --password-file pw --public a --private b >/dev/null 2>&1

@@ -177,7 +177,37 @@ TEST(CliScripted, RefusedConnectionExitsThreeWithTheLibraryText) {
   EXPECT_EQ(result.status, 3);
   EXPECT_EQ(result.err,
             "pelmora: 127.0.0.1: 10061 No connection could be made because the target machine "
-            "actively refused it.\n");
+            "actively refused it. (nothing accepts connections on 127.0.0.1:" +
+                std::to_string(port) + ")\n");
+}
+
+TEST(CliScripted, ConnectionFailuresSayWhatHappened) {
+  // A name with an empty label fails its look-up without asking any name server.
+  ChildProcess::Result unknown =
+      ChildProcess({"admin", "--host", "bad..example", "time"}, BaseEnv()).Finish(kLimit);
+  EXPECT_EQ(unknown.status, 3);
+  EXPECT_EQ(unknown.err,
+            "pelmora: bad..example: 10049 The requested address is not valid in its context. "
+            "(host name not found: bad..example)\n");
+
+  ScriptedPeer silent;
+  silent.Receive(1500).Stall();
+  silent.Start();
+  ChildProcess::Result timed_out =
+      ChildProcess(Admin(silent, {"--connect-timeout", "300", "time"}), BaseEnv()).Finish(kLimit);
+  EXPECT_EQ(timed_out.status, 3);
+  EXPECT_THAT(timed_out.err,
+              ::testing::EndsWith("to respond. (no login answer from 127.0.0.1:" +
+                                  std::to_string(silent.Port()) + " within 300 ms)\n"));
+
+  ScriptedPeer locked;
+  locked.Receive(1500).ReplyWith(Answer(pelmora::testing::ResultData(false, 5, "Access is denied.")));
+  locked.Start();
+  ChildProcess::Result refused = ChildProcess(Admin(locked, {"time"}), BaseEnv()).Finish(kLimit);
+  EXPECT_EQ(refused.status, 3);
+  EXPECT_EQ(refused.err,
+            "pelmora: 127.0.0.1: 5 Access is denied. (login refused: this address is locked out "
+            "for a while after repeated failed logins, or the service has no free session)\n");
 }
 
 TEST(CliScripted, PasswordOnTheCommandLineIsRefusedBeforeAnyConnection) {
@@ -215,7 +245,8 @@ TEST(CliScripted, WithoutPasswordOrTerminalTheAccountIsRefused) {
           .Finish(kLimit);
   EXPECT_EQ(result.status, 2);
   EXPECT_EQ(result.err,
-            "pelmora: no password: give --password-file FILE, or run on a terminal to type it\n");
+            "pelmora: no password: give --password-file FILE or PELMORA_PASSWORD, or run on a "
+            "terminal to type it\n");
 }
 
 TEST(CliScripted, ExecWithTheBuiltInAccountNeedsTheAccessCode) {
@@ -287,7 +318,8 @@ TEST(CliScripted, FleetLiveOutputPrefixesLinesAndEndsWithTheSummary) {
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.out, HasSubstr(fleet.Host(fleet.a.Port()) + ": 2009-03-14 08:05:09\n"));
   EXPECT_THAT(result.out, HasSubstr(fleet.Host(fleet.b.Port()) + ": 2009-03-14 08:05:09\n"));
-  EXPECT_THAT(result.out, HasSubstr("3 hosts: 2 ok, 1 failed"));
+  EXPECT_THAT(result.out, Not(HasSubstr("3 hosts:")));
+  EXPECT_THAT(result.err, HasSubstr("3 hosts: 2 ok, 1 failed"));
   EXPECT_THAT(result.err, HasSubstr("pelmora: " + fleet.Host(fleet.refused_port) + ": 10061 "));
   // Not a terminal: no progress bar.
   EXPECT_THAT(result.err, Not(HasSubstr("hosts,")));
@@ -309,8 +341,10 @@ TEST(CliScripted, FleetShowsAProgressBarOnATerminalUnlessQuiet) {
       ChildProcess({"admin", "--hosts-file", fleet.hosts_file, "--quiet", "time"}, BaseEnv(),
                    Attach::kTerminal)
           .Finish(kLimit);
-  EXPECT_THAT(quiet.out, HasSubstr("3 hosts: 2 ok, 1 failed"));
+  EXPECT_THAT(quiet.out, HasSubstr(fleet.Host(fleet.a.Port()) + ": 2009-03-14 08:05:09"));
+  EXPECT_THAT(quiet.out, HasSubstr("pelmora: " + fleet.Host(fleet.refused_port) + ": 10061 "));
   EXPECT_THAT(quiet.out, Not(HasSubstr("hosts, 1 failed")));
+  EXPECT_THAT(quiet.out, Not(HasSubstr("3 hosts:")));
 }
 
 TEST(CliScripted, BadHostRangeIsAUsageError) {
@@ -318,6 +352,82 @@ TEST(CliScripted, BadHostRangeIsAUsageError) {
       ChildProcess({"admin", "--hosts", "web[3-1]", "time"}, BaseEnv()).Finish(kLimit);
   EXPECT_EQ(result.status, 2);
   EXPECT_EQ(result.err, "pelmora: reversed range \"3-1\"\n");
+}
+
+}  // namespace
+}  // namespace pelmora_cli_test
+
+namespace pelmora_cli_test {
+namespace {
+
+struct MistakeCase {
+  std::vector<std::string> args;
+  std::string err;
+};
+
+class CliMistakes : public ::testing::TestWithParam<MistakeCase> {};
+
+TEST_P(CliMistakes, NameTheCommandAndWhatWasMeant) {
+  ChildProcess::Result result = ChildProcess(GetParam().args, BaseEnv()).Finish(kLimit);
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.err, GetParam().err);
+  EXPECT_EQ(result.out, "");
+}
+
+const char kAdminCommands[] =
+    "exec, time, approot, path, sysdir, printq, version, same-machine, exists, cp, mv, rm, rmdir, "
+    "mkdir, touch, ls, stat, get, put, fetch";
+
+INSTANTIATE_TEST_SUITE_P(
+    CliScripted, CliMistakes,
+    ::testing::Values(
+        MistakeCase{{"crypt"},
+                    "pelmora: no command \"crypt\"; did you mean crypto?\n"
+                    "pelmora: the commands of pelmora: demo, crypto, sql, tasks, zip, unzip, "
+                    "http, admin, log, help\n"},
+        MistakeCase{{"admin", "tim"},
+                    std::string("pelmora: admin: no command \"tim\"; did you mean time?\n"
+                                "pelmora: the commands of pelmora admin: ") +
+                        kAdminCommands + "\n"},
+        MistakeCase{{"admin"},
+                    std::string("pelmora: admin: a command is needed: ") + kAdminCommands + "\n"},
+        MistakeCase{{"admin", "--hots", "a,b", "time"},
+                    "pelmora: admin time: no option --hots; did you mean --hosts?\n"
+                    "pelmora: see pelmora admin time --help\n"},
+        MistakeCase{{"admin", "exec", "ls", "-la"},
+                    "pelmora: admin exec: no option -la\n"
+                    "pelmora: options of the remote command go after \"--\": "
+                    "pelmora admin exec -- COMMAND -la\n"},
+        MistakeCase{{"admin", "ls", "C:\\", "extra"},
+                    "pelmora: admin ls: unexpected argument \"extra\"; see pelmora admin ls "
+                    "--help\n"},
+        MistakeCase{{"help", "admin", "lss"},
+                    std::string("pelmora: admin: no command \"lss\"; did you mean ls?\n"
+                                "pelmora: the commands of pelmora admin: ") +
+                        kAdminCommands + "\n"},
+        MistakeCase{{"admin", "ls", "-x", "C:\\"},
+                    "pelmora: admin ls: no option -x\npelmora: see pelmora admin ls --help\n"},
+        MistakeCase{{"admin", "--port", "0", "time"},
+                    "pelmora: admin time: --port: Value 0 not in range 1 to 65535; see pelmora "
+                    "admin time --help\n"}));
+
+}  // namespace
+}  // namespace pelmora_cli_test
+
+namespace pelmora_cli_test {
+namespace {
+
+TEST(CliScripted, VersionAndHelpOfOneCommand) {
+  ChildProcess::Result version = ChildProcess({"--version"}, BaseEnv()).Finish(kLimit);
+  EXPECT_EQ(version.status, 0);
+  EXPECT_THAT(version.out,
+              ::testing::MatchesRegex("pelmora [0-9]+\\.[0-9]+\\.[0-9]+ \\(commit ([0-9a-f]+|unknown), "
+                                      "[A-Za-z]+ build\\)\n"));
+  ChildProcess::Result help = ChildProcess({"help", "admin", "ls"}, BaseEnv()).Finish(kLimit);
+  EXPECT_EQ(help.status, 0);
+  EXPECT_THAT(help.out, HasSubstr("Usage: pelmora admin ls [OPTIONS] FOLDER"));
+  EXPECT_THAT(help.out, HasSubstr("-h,--human-readable"));
+  EXPECT_EQ(help.out, ChildProcess({"admin", "ls", "--help"}, BaseEnv()).Finish(kLimit).out);
 }
 
 }  // namespace

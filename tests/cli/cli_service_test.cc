@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <random>
 
 #include "pelmora/admin/internal/built_in_secrets.h"
@@ -39,6 +40,18 @@ class CliServiceTest : public ::testing::Test {
     return ChildProcess(args, env_).Finish(kLimit);
   }
   std::string Local(const std::string& name) const { return service_.folder() + "/" + name; }
+  // A server file of `size` bytes at C:\<name>.
+  void ServerFile(const std::string& name, size_t size) {
+    std::ofstream(service_.Drive('C') + "/" + name, std::ios::binary) << std::string(size, 'x');
+  }
+  // The names in a local folder, hidden ones included.
+  static std::vector<std::string> Names(const std::string& folder) {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(folder)) {
+      names.push_back(entry.path().filename().string());
+    }
+    return names;
+  }
 
   pelmorad::testing::ServiceProcess service_;
   Env env_;
@@ -61,6 +74,8 @@ TEST_F(CliServiceTest, PutListGetRoundTripKeepsEveryByte) {
   ChildProcess::Result list = Admin({"ls", "-l", "C:\\in"});
   EXPECT_EQ(list.status, 0) << list.err;
   EXPECT_THAT(list.out, MatchesRegex("-...a      100000 [0-9: -]+ up\\.bin\n"));
+  ChildProcess::Result human = Admin({"ls", "-lh", "C:\\in"});
+  EXPECT_THAT(human.out, MatchesRegex("-...a   98K [0-9: -]+ up\\.bin\n")) << human.err;
   ChildProcess::Result get = Admin({"get", "C:\\in\\up.bin", Local("down.bin")});
   EXPECT_EQ(get.status, 0) << get.err;
   std::ifstream back(Local("down.bin"), std::ios::binary);
@@ -68,6 +83,107 @@ TEST_F(CliServiceTest, PutListGetRoundTripKeepsEveryByte) {
   ChildProcess::Result stat = Admin({"stat", "C:\\in\\up.bin"});
   EXPECT_THAT(stat.out, HasSubstr("Size:       100000\n"));
   EXPECT_THAT(stat.out, HasSubstr("Path:       C:\\in\\up.bin\n"));
+
+  nlohmann::json record = nlohmann::json::parse(Admin({"stat", "--json", "C:\\in\\up.bin"}).out);
+  EXPECT_EQ(record["size"], 100000);
+  EXPECT_EQ(record["path"], "C:\\in\\up.bin");
+  EXPECT_EQ(record["type"], "file");
+  EXPECT_THAT(record["modified"].get<std::string>(),
+              MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}"));
+  nlohmann::json entries = nlohmann::json::parse(Admin({"ls", "--json", "C:\\"}).out);
+  ASSERT_TRUE(entries.is_array());
+  bool folder_seen = false;
+  for (const auto& entry : entries) {
+    if (entry["name"] == "in") folder_seen = entry["type"] == "folder";
+  }
+  EXPECT_TRUE(folder_seen) << entries.dump();
+}
+
+TEST_F(CliServiceTest, VerboseShowsTheConnectionSteps) {
+  ChildProcess::Result result = Admin({"-v", "--account", "operator", "time"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  std::string where = "127.0.0.1:" + std::to_string(service_.port());
+  EXPECT_THAT(result.err, HasSubstr("pelmora: 127.0.0.1: connecting to " + where + " (time-out 10 s)\n"
+                                    "pelmora: 127.0.0.1: logging in as operator\n"
+                                    "pelmora: 127.0.0.1: logged in from 127.0.0.1; replies wait up to 10 s\n"));
+  EXPECT_EQ(Admin({"time"}).err, "");
+}
+
+TEST_F(CliServiceTest, FailedDownloadsLeaveNothingUnderTheTargetName) {
+  ServerFile("big.bin", 200000);
+  fs::create_directory(Local("down"));
+  ChildProcess::Result missing = Admin({"get", "C:\\none.bin", Local("down/none.bin")});
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_EQ(missing.err, "pelmora: 127.0.0.1: 8004 Cannot open remote file (C:\\none.bin: not there)\n");
+  // A file-size limit makes the local writes fail part-way, as a full disk does.
+  std::vector<std::string> limited = {
+      "-c", "trap '' XFSZ; ulimit -f 8; exec \"$0\" \"$@\"", ToolPath(), "admin", "--host",
+      "127.0.0.1", "--port", std::to_string(service_.port()), "get", "C:\\big.bin",
+      Local("down/big.bin")};
+  ChildProcess::Result too_large = ChildProcess(limited, env_, Attach::kPipes, "/bin/sh").Finish(kLimit);
+  EXPECT_EQ(too_large.status, 2);
+  EXPECT_EQ(too_large.err, "pelmora: cannot write " + Local("down/big.bin") +
+                               ": File too large (from 127.0.0.1)\n");
+  EXPECT_THAT(Names(Local("down")), ::testing::IsEmpty());
+  ChildProcess::Result full = Admin({"get", "C:\\big.bin", "/dev/full"});
+  EXPECT_EQ(full.status, 2);
+  EXPECT_EQ(full.err, "pelmora: cannot write /dev/full: No space left on device (from 127.0.0.1)\n");
+}
+
+TEST_F(CliServiceTest, ResumeKeepsAFileThatMatchesTheRemoteOne) {
+  ServerFile("r.txt", 5000);
+  std::string local = Local("r.txt");
+  ASSERT_EQ(Admin({"get", "C:\\r.txt", local}).status, 0);
+  // Same size and write time, other bytes: -C keeps them, a plain get replaces them.
+  auto written = fs::last_write_time(local);
+  std::ofstream(local, std::ios::binary) << std::string(5000, 'y');
+  fs::last_write_time(local, written);
+  ChildProcess::Result resumed = Admin({"get", "-C", "C:\\r.txt", local});
+  EXPECT_EQ(resumed.status, 0) << resumed.err;
+  std::ifstream kept(local, std::ios::binary);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(kept), {}), std::string(5000, 'y'));
+  std::ofstream(local, std::ios::binary) << "short";
+  ASSERT_EQ(Admin({"get", "--resume", "C:\\r.txt", local}).status, 0);
+  EXPECT_EQ(fs::file_size(local), 5000u);
+  fs::permissions(local, fs::perms(0640));
+  ASSERT_EQ(Admin({"get", "C:\\r.txt", local}).status, 0);
+  EXPECT_EQ(fs::status(local).permissions(), fs::perms(0640)) << "a replaced file keeps its mode";
+}
+
+TEST_F(CliServiceTest, TouchLeavesAnExistingFileAsItIs) {
+  ServerFile("t.txt", 10);
+  EXPECT_EQ(Admin({"touch", "C:\\t.txt"}).status, 0);
+  EXPECT_EQ(Admin({"touch", "-f", "C:\\t.txt"}).status, 0);
+  EXPECT_EQ(fs::file_size(service_.Drive('C') + "/t.txt"), 10u);
+}
+
+TEST_F(CliServiceTest, ErrorsNameThePathAndWhatIsWrongWithIt) {
+  ServerFile("f.txt", 3);
+  ASSERT_EQ(Admin({"mkdir", "C:\\d"}).status, 0);
+  struct Case {
+    std::vector<std::string> args;
+    std::string err;
+  };
+  const Case kCases[] = {
+      {{"ls", "C:\\nope"}, "8118 Cannot open remote folder (C:\\nope: not there)"},
+      {{"ls", "Q:\\x"}, "8118 Cannot open remote folder (Q:\\x: the server has no drive Q:)"},
+      {{"ls", "C:\\f.txt"}, "8118 Cannot open remote folder (C:\\f.txt: a file)"},
+      {{"ls", "data"}, "8118 Cannot open remote folder (data: server paths begin with a drive, as C:\\)"},
+      {{"get", "C:\\d", Local("x")}, "8004 Cannot open remote file (C:\\d: a folder: get copies files)"},
+      {{"rm", "C:\\d"}, "5 Access is denied. (C:\\d: a folder: use rmdir)"},
+      {{"cp", "C:\\d", "C:\\e"}, "5 Access is denied. (C:\\d: a folder: use cp -r)"},
+      {{"mkdir", "C:\\no\\sub"}, "3 The system cannot find the path specified. (C:\\no\\sub: no folder C:\\no)"},
+  };
+  for (const Case& c : kCases) {
+    ChildProcess::Result result = Admin(c.args);
+    EXPECT_EQ(result.status, 1) << c.args[0];
+    EXPECT_EQ(result.err, "pelmora: 127.0.0.1: " + c.err + "\n");
+  }
+  // Into an existing folder without a trailing separator: the file goes inside, as scp puts it.
+  std::ofstream(Local("in.txt")) << "inside";
+  ChildProcess::Result put = Admin({"put", Local("in.txt"), "C:\\d"});
+  EXPECT_EQ(put.status, 0) << put.err;
+  EXPECT_TRUE(fs::exists(service_.Drive('C') + "/d/in.txt"));
 }
 
 TEST_F(CliServiceTest, FileAndFolderCommandsWithTheirExitStatuses) {
@@ -231,7 +347,19 @@ TEST_F(CliServiceTest, FleetOfSessionsSummarisesEveryHost) {
       ChildProcess({"admin", "--hosts", "127.0.0.1:" + port + ",localhost:" + port, "time"}, env_)
           .Finish(kLimit);
   EXPECT_EQ(table.status, 0) << table.err;
-  EXPECT_THAT(table.out, HasSubstr("2 hosts: 2 ok, 0 failed"));
+  EXPECT_THAT(table.err, HasSubstr("2 hosts: 2 ok, 0 failed"));
+  ChildProcess::Result blanks =
+      ChildProcess({"admin", "--hosts", "127.0.0.1:" + port + " localhost:" + port, "time"}, env_)
+          .Finish(kLimit);
+  EXPECT_THAT(blanks.err, HasSubstr("2 hosts: 2 ok, 0 failed"));
+}
+
+TEST_F(CliServiceTest, AnEmptyHostListIsAnError) {
+  for (const char* hosts : {"", " , "}) {
+    ChildProcess::Result result = ChildProcess({"admin", "--hosts", hosts, "time"}, env_).Finish(kLimit);
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, "pelmora: --hosts names no host\n");
+  }
 }
 
 }  // namespace

@@ -23,7 +23,7 @@ check "json" '[{"id":1,"name":"Ada"},{"id":10,"name":null}]' \
 "$tool" sql "$db" "SELECT * FROM nobody" 2>err >/dev/null
 check "failure status" 1 $?
 check "failure text" \
-  "pelmora sql: error -2147467259: [SQLite]no such table: nobody (1) (SQLSTATE HY000, native error 1)" \
+  "pelmora: sql: error -2147467259: [SQLite]no such table: nobody (1) (SQLSTATE HY000, native error 1)" \
   "$(cat err)"
 "$tool" sql "$db" >/dev/null 2>&1
 check "usage status" 2 $?

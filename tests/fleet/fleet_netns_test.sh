@@ -75,9 +75,9 @@ check "get exit status" 1 $?
 check "host 1 file" "hello from host 1" "$(cat "$work/got/10.231.1.2/hello.txt" 2>&1)"
 check "host 2 file" "hello from host 2" "$(cat "$work/got/10.231.2.2/hello.txt" 2>&1)"
 check "failed hosts" "$(printf '10.231.3.2\n10.231.4.2')" "$(cat "$work/failed")"
-check "summary totals" "4 hosts: 2 ok, 2 failed" "$(grep -o '4 hosts: 2 ok, 2 failed' "$work/get.out")"
-check "host 3 is down" 1 "$(grep -c '^10.231.3.2 .*failed.*10061 ' "$work/get.out")"
-check "host 4 refuses the login" 1 "$(grep -c '^10.231.4.2 .*failed.*1326 ' "$work/get.out")"
+check "summary totals" "4 hosts: 2 ok, 2 failed" "$(grep -o '4 hosts: 2 ok, 2 failed' "$work/get.err")"
+check "host 3 is down" 1 "$(grep -c '^10.231.3.2 .*failed.*10061 ' "$work/get.err")"
+check "host 4 refuses the login" 1 "$(grep -c '^10.231.4.2 .*failed.*1326 ' "$work/get.err")"
 
 # exec (when the service runs commands): one JSON object per host.
 run --json exec 'echo "up on $(cat /proc/sys/kernel/hostname)"' > "$work/exec.json" 2>&1

@@ -20,11 +20,12 @@ namespace pelmora_tool {
 struct AdminCli {
   AdminOptions options;
   std::string hosts;
+  bool hosts_given = false;  // --hosts appeared, even with an empty list
   std::string hosts_file;
   FleetOptions fleet;
   std::string password_trap;
 
-  bool IsFleet() const { return !hosts.empty() || !hosts_file.empty(); }
+  bool IsFleet() const { return hosts_given || !hosts_file.empty(); }
 };
 
 // The arguments of one admin command (each command uses the fields it needs).
@@ -38,6 +39,9 @@ struct LeafArgs {
   bool unicode = false;
   bool long_form = false;
   bool no_input = false;  // exec -n
+  bool resume = false;
+  bool human = false;
+  bool json = false;
 };
 
 // Builds a command's request from its parsed arguments.

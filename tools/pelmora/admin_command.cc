@@ -59,6 +59,9 @@ class ConsoleOutput : public HostOutput {
     progress_->Update(done);
   }
   void TransferEnded() override { progress_.reset(); }
+  void Step(std::string_view text) override {
+    console_.Err("pelmora: " + host_ + ": " + std::string(text) + "\n");
+  }
 
  private:
   Console& console_;
@@ -70,7 +73,10 @@ class ConsoleOutput : public HostOutput {
 std::vector<HostTarget> FleetHosts(const AdminCli& cli) {
   std::vector<HostTarget> hosts = ParseHostList(cli.hosts);
   if (!cli.hosts_file.empty()) MergeHosts(hosts, ReadHostsFile(cli.hosts_file));
-  if (hosts.empty()) throw CommandError("the host list is empty");
+  if (hosts.empty()) {
+    throw CommandError(cli.hosts_file.empty() ? "--hosts names no host"
+                                              : "no host in --hosts or " + cli.hosts_file);
+  }
   return hosts;
 }
 
@@ -87,6 +93,7 @@ int RunFleetCommand(const AdminCli& cli, std::vector<HostTarget> hosts,
   FleetOptions fleet = cli.fleet;
   fleet.hosts = std::move(hosts);
   fleet.default_port = cli.options.port;
+  fleet.quiet = cli.options.quiet;
   FleetOutcome outcome = RunFleet(
       fleet,
       [run](const HostTarget& target, HostOutput& output) {
@@ -115,9 +122,10 @@ void AddGlobalOptions(CLI::App& admin, AdminCli& cli) {
   admin.add_option("--timeout", o.timeout_ms, "Longest wait for each reply, in ms")
       ->capture_default_str()->check(CLI::NonNegativeNumber);
   admin.add_option("--connect-timeout", o.connect_timeout_ms,
-                   "Longest wait for each host's connection, in ms (0: the system's)")
-      ->check(CLI::NonNegativeNumber);
-  admin.add_flag("-q,--quiet", o.quiet, "No progress bar");
+                   "Longest wait for each host's connection, in ms (0: the system's, minutes)")
+      ->capture_default_str()->check(CLI::NonNegativeNumber);
+  admin.add_flag("-v,--verbose", o.verbose, "Show each connection's steps on standard error");
+  admin.add_flag("-q,--quiet", o.quiet, "No progress bar and no fleet summary: only output and errors");
   // Refused outright, with the reason, rather than as an unknown option.
   admin.add_option("--password", cli.password_trap)->group("")->each([](const std::string&) {
     std::fputs(
@@ -131,7 +139,9 @@ void AddGlobalOptions(CLI::App& admin, AdminCli& cli) {
 void AddFleetOptions(CLI::App& admin, AdminCli& cli) {
   FleetOptions& f = cli.fleet;
   const char* group = "Fleet";
-  admin.add_option("--hosts", cli.hosts, "Hosts to run on: h1,h2:8003,web[01-40],db[1-3,7]")
+  admin.add_option("--hosts", cli.hosts,
+                   "Hosts to run on, separated by commas or blanks: h1,h2:8003,web[01-40],db[1-3,7]")
+      ->each([&cli](const std::string&) { cli.hosts_given = true; })
       ->group(group);
   admin.add_option("--hosts-file", cli.hosts_file, "File of hosts, one a line, # comments")
       ->group(group);

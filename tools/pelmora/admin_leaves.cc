@@ -99,13 +99,14 @@ void AddCopy(CLI::App& admin, CommandAction& action, const std::shared_ptr<Admin
 void AddTouch(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli) {
   auto args = std::make_shared<LeafArgs>();
   CLI::App* leaf = AddAdminLeaf(
-      admin, action, cli, "touch", "Create an empty file on the server",
+      admin, action, cli, "touch", "Create an empty file on the server; an existing file is left as it is",
       [](const LeafArgs& a) {
-        return [a](HostSession& s) { return Touch(s, a.first, a.unicode, a.overwrite); };
+        return [a](HostSession& s) { return Touch(s, a.first, a.unicode); };
       },
       args);
   leaf->add_flag("--unicode", args->unicode, "Create a UTF-16 text file");
-  leaf->add_flag("-f,--force", args->overwrite, "Empty an existing file");
+  // Accepted for old scripts: an existing file is never emptied.
+  leaf->add_flag("-f,--force", args->overwrite)->group("");
   leaf->add_option("PATH", args->first, "File on the server")->required();
 }
 
@@ -127,19 +128,40 @@ void AddList(CLI::App& admin, CommandAction& action, const std::shared_ptr<Admin
   CLI::App* leaf = AddAdminLeaf(
       admin, action, cli, "ls", "List a folder on the server",
       [](const LeafArgs& a) {
-        return [a](HostSession& s) { return ListFolder(s, a.first, a.long_form); };
+        return [a](HostSession& s) {
+          return ListFolder(s, a.first, a.long_form, a.human, a.json);
+        };
       },
       args);
+  // -h is a size form here, as in ls -lh; help is --help.
+  leaf->set_help_flag("--help", "Print this help message and exit");
   leaf->add_flag("-l", args->long_form, "Attributes, size and last-write time too");
+  leaf->add_flag("-h,--human-readable", args->human, "Sizes as 1.5K, 20M, ... with -l");
+  leaf->add_flag("--json", args->json, "One line: a JSON array of the entries' records");
   leaf->add_option("FOLDER", args->first, "Folder on the server")->required();
+}
+
+void AddStat(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli) {
+  auto args = std::make_shared<LeafArgs>();
+  CLI::App* leaf = AddAdminLeaf(
+      admin, action, cli, "stat", "Information on a file or folder",
+      [](const LeafArgs& a) { return [a](HostSession& s) { return Stat(s, a.first, a.json); }; },
+      args);
+  leaf->add_flag("--json", args->json,
+                 "One line: a JSON record (name, path, folder, type, size, attributes, times)");
+  leaf->add_option("PATH", args->first, "File or folder on the server")->required();
 }
 
 void AddGet(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli) {
   auto args = std::make_shared<LeafArgs>();
   CLI::App* leaf = AddAdminLeaf(
       admin, action, cli, "get", "Download a file (fleet: into LOCAL/<host>/)",
-      [](const LeafArgs& a) { return [a](HostSession& s) { return Get(s, a.first, a.second); }; },
+      [](const LeafArgs& a) {
+        return [a](HostSession& s) { return Get(s, a.first, a.second, a.resume); };
+      },
       args);
+  leaf->add_flag("-C,--resume", args->resume,
+                 "Keep a local file that already has the remote file's size and write time");
   leaf->add_option("REMOTE", args->first, "File on the server")->required();
   leaf->add_option("LOCAL", args->second, "Local file or folder (default: the remote name here)");
 }
@@ -177,7 +199,7 @@ void AddAdminLeaves(CLI::App& admin, CommandAction& action, const std::shared_pt
   AddOne(admin, action, cli, "mkdir", "FOLDER", "Create a folder on the server", MakeFolder);
   AddTouch(admin, action, cli);
   AddList(admin, action, cli);
-  AddOne(admin, action, cli, "stat", "PATH", "Information on a file or folder", Stat);
+  AddStat(admin, action, cli);
   AddGet(admin, action, cli);
   AddPut(admin, action, cli);
   AddOne(admin, action, cli, "fetch", "REMOTE",

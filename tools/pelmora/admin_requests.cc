@@ -16,6 +16,12 @@ int Checked(HostSession& session, bool ok) {
   return ok ? kExitOk : session.FailFromClient(kExitFailed);
 }
 
+// As Checked, naming `path` and what the server shows of it on failure.
+int CheckedOnPath(HostSession& session, bool ok, const std::string& path,
+                  const std::string& folder_hint = "", bool reading = true) {
+  return ok ? kExitOk : session.FailOnPath(kExitFailed, path, folder_hint, reading);
+}
+
 // Prints `text` as one or more lines: a line end is added when it lacks one.
 void WriteLines(HostSession& session, std::string text) {
   if (text.empty() || text.back() != '\n') text += '\n';
@@ -104,8 +110,14 @@ int Exists(HostSession& session, const std::string& path) {
 int Copy(HostSession& session, const std::string& source, const std::string& target,
          bool recursive, bool overwrite) {
   RCFSO& fso = session.Fso();
-  return Checked(session, recursive ? fso.CopyRemoteFolder(source, target, overwrite)
-                                    : fso.CopyRemoteFile(source, target, overwrite));
+  if (recursive) return Checked(session, fso.CopyRemoteFolder(source, target, overwrite));
+  if (fso.CopyRemoteFile(source, target, overwrite)) return kExitOk;
+  // A folder copied without -r: say so; other failures stand as the service gave them.
+  HostFailure failure{fso.ErrCode(), fso.ErrDescription()};
+  if (failure.number < 10000 && fso.FolderExists(source)) {
+    failure.description += " (" + source + ": a folder: use cp -r)";
+  }
+  return session.Fail(kExitFailed, failure);
 }
 
 int Move(HostSession& session, const std::string& source, const std::string& target) {
@@ -113,19 +125,21 @@ int Move(HostSession& session, const std::string& source, const std::string& tar
 }
 
 int RemoveFile(HostSession& session, const std::string& path) {
-  return Checked(session, session.Fso().DeleteRemoteFile(path));
+  return CheckedOnPath(session, session.Fso().DeleteRemoteFile(path), path, "use rmdir");
 }
 
 int RemoveFolder(HostSession& session, const std::string& path) {
-  return Checked(session, session.Fso().DeleteRemoteFolder(path));
+  return CheckedOnPath(session, session.Fso().DeleteRemoteFolder(path), path);
 }
 
 int MakeFolder(HostSession& session, const std::string& path) {
-  return Checked(session, session.Fso().CreateRemoteFolder(path));
+  return CheckedOnPath(session, session.Fso().CreateRemoteFolder(path), path, "", false);
 }
 
-int Touch(HostSession& session, const std::string& path, bool unicode, bool overwrite) {
-  return Checked(session, session.Fso().CreateRemoteFile(path, overwrite, unicode));
+int Touch(HostSession& session, const std::string& path, bool unicode) {
+  if (session.Fso().FileExists(path)) return kExitOk;
+  return CheckedOnPath(session, session.Fso().CreateRemoteFile(path, false, unicode), path, "",
+                       false);
 }
 
 }  // namespace pelmora_tool

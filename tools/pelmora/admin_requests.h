@@ -63,12 +63,12 @@ int Copy(HostSession& session, const std::string& source, const std::string& tar
 // Moves (renames) a file.
 int Move(HostSession& session, const std::string& source, const std::string& target);
 
-// Deletes a file / a folder; creates a folder; creates a file (`overwrite` empties an existing
-// one, `unicode` makes it a UTF-16 text file).
+// Deletes a file / a folder; creates a folder; creates a file unless it exists (`unicode` makes
+// it a UTF-16 text file); an existing file is left as it is, as touch(1) leaves its content.
 int RemoveFile(HostSession& session, const std::string& path);
 int RemoveFolder(HostSession& session, const std::string& path);
 int MakeFolder(HostSession& session, const std::string& path);
-int Touch(HostSession& session, const std::string& path, bool unicode, bool overwrite);
+int Touch(HostSession& session, const std::string& path, bool unicode);
 
 }  // namespace pelmora_tool
 

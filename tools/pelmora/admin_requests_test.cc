@@ -146,7 +146,10 @@ TEST_F(AdminRequestTest, AnAccountLogsInWithItsEncodedCredentialsAndNeedsNoAcces
 TEST_F(AdminRequestTest, ARefusedLoginIsAConnectionFailure) {
   ExpectLogin(peer_, false);
   EXPECT_EQ(Run([](HostSession&) { return kExitOk; }), kExitConnect);
-  EXPECT_THAT(output_.errors, ElementsAre("pelmora: srv: 5 Logon failure"));
+  EXPECT_THAT(output_.errors,
+              ElementsAre("pelmora: srv: 5 Logon failure (login refused: this address is locked "
+                          "out for a while after repeated failed logins, or the service has no "
+                          "free session)"));
 }
 
 TEST(AdminRequest, ARefusedConnectionIsAConnectionFailure) {
@@ -163,7 +166,8 @@ TEST(AdminRequest, ARefusedConnectionIsAConnectionFailure) {
             kExitConnect);
   EXPECT_THAT(output.errors,
               ElementsAre("pelmora: srv: 10061 No connection could be made because the target "
-                          "machine actively refused it."));
+                          "machine actively refused it. (nothing accepts connections on "
+                          "127.0.0.1:" + std::to_string(port) + ")"));
 }
 
 TEST_F(AdminRequestTest, ExistsTellsFilesFoldersAndMissingPathsApart) {

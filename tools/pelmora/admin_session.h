@@ -45,8 +45,9 @@ struct AdminOptions {
   std::string password_file;
   std::string access_code_file;
   int32_t timeout_ms = 10000;    // the session's receive time-out
-  int32_t connect_timeout_ms = 0;  // 0: the system's own connect time-out
+  int32_t connect_timeout_ms = 10000;  // 0: the system's own connect time-out (minutes)
   bool quiet = false;
+  bool verbose = false;  // the connection's steps on standard error
   bool fleet = false;  // several hosts at once: `get` puts each host's file in its own folder
 };
 
@@ -65,10 +66,11 @@ struct Credentials {
 Credentials ResolveCredentials(const AdminOptions& options, bool needs_access_code);
 
 // A failure to report for one host: a library error number with its text, or (number 0) a
-// plain text.
+// plain text. A `local` failure is one of this machine's files, not of the host.
 struct HostFailure {
   int32_t number = 0;
   std::string description;
+  bool local = false;
 
   // "<number> <description>", or the description alone when the number is 0.
   std::string Text() const;
@@ -93,9 +95,12 @@ class HostOutput {
   virtual void TransferBytes(uint64_t done, uint64_t total) {}
   // The transfer has ended: its progress disappears.
   virtual void TransferEnded() {}
+  // A step of the connection, shown with -v ("connecting to web1:8002").
+  virtual void Step(std::string_view text) {}
 };
 
-// The one-line error: "pelmora: <host>: <number> <description>".
+// The one-line error: "pelmora: <host>: <number> <description>", or for a local failure
+// "pelmora: <description> (from <host>)".
 std::string ErrorLine(std::string_view host, const HostFailure& failure);
 
 // The connected session with one host. Not thread-safe: each host runs on its own thread with its
@@ -126,6 +131,13 @@ class HostSession {
 
   // Reports the RCFSO's last error and returns `status`.
   int FailFromClient(int status);
+  // As FailFromClient, naming `path` and what the server shows of it ("no drive Q:", "is a
+  // folder", "no folder C:\\x"), found by asking it after the failure; `folder_hint` is added
+  // when the path is a folder and a file was expected (as "use rmdir"); a path the request was
+  // to create (not `reading`) that is simply not there yet gets no cause. Nothing is guessed when
+  // the service cannot answer. Blocks for those requests.
+  int FailOnPath(int status, const std::string& path, const std::string& folder_hint = "",
+                 bool reading = true);
   // Reports `failure` and returns `status`.
   int Fail(int status, HostFailure failure);
 

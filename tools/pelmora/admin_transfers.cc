@@ -2,7 +2,18 @@
 
 #include <fmt/format.h>
 
+#include <nlohmann/json.hpp>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 
 #include "pelmora/admin/rc_file_info.h"
 #include "tools/pelmora/transfer_watch.h"
@@ -21,22 +32,150 @@ std::string RemoteName(const std::string& remote) {
   return slash == std::string::npos ? remote : remote.substr(slash + 1);
 }
 
-std::string LongLine(const RCFileInfo& info) {
-  return fmt::format("{} {:>11} {} {}\n", AttributeLetters(info.FileAttribues()),
-                     info.FileSize(), info.LastWriteTime().Format(kDateForm), info.FileName());
+constexpr const char* kJsonDateForm = "yyyy-mm-ddThh:nn:ss";
+
+// One entry as a JSON record: the fields of `stat`, the times in the server's local time.
+nlohmann::ordered_json Record(const RCFileInfo& info) {
+  const int32_t bits = info.FileAttribues();
+  return {{"name", info.FileName()},
+          {"path", info.FullPathName()},
+          {"folder", info.ParentPath()},
+          {"type", (bits & 0x10) != 0 ? "folder" : "file"},
+          {"size", info.FileSize()},
+          {"attributes", AttributeLetters(bits)},
+          {"attribute_bits", bits},
+          {"created", info.CreationTime().Format(kJsonDateForm)},
+          {"accessed", info.LastAccessTime().Format(kJsonDateForm)},
+          {"modified", info.LastWriteTime().Format(kJsonDateForm)}};
 }
 
-// The remote file's size for the progress bar, asked only when a bar is shown; 0 when unknown.
-uint64_t RemoteSize(HostSession& session, const std::string& remote) {
-  RCFileInfo info;
-  if (!session.Output().ShowsProgress() || !session.Fso().GetFileInfo(remote, info)) return 0;
-  return info.FileSize() > 0 ? static_cast<uint64_t>(info.FileSize()) : 0;
+std::string LongLine(const RCFileInfo& info, bool human) {
+  std::string size = human ? HumanSize(info.FileSize()) : std::to_string(info.FileSize());
+  return fmt::format("{} {:>{}} {} {}\n", AttributeLetters(info.FileAttribues()), size,
+                     human ? 5 : 11, info.LastWriteTime().Format(kDateForm), info.FileName());
 }
 
 uint64_t LocalSize(const std::string& path) {
   std::error_code error;
   uintmax_t size = fs::file_size(path, error);
   return error ? 0 : size;
+}
+
+// A failure of this machine's files, named by path and the system's text; never the host's.
+int FailLocal(HostSession& session, const std::string& what, const std::string& path,
+              int error) {
+  return session.Fail(kExitUsage,
+                      {0, what + " " + path + ": " + std::system_category().message(error), /*local=*/true});
+}
+
+// The mode new files get: 0666 less this process's umask (read without changing it, since
+// other hosts' threads may be creating files at the same time).
+mode_t NewFileMode() {
+  static const mode_t mode = [] {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+      if (line.rfind("Umask:", 0) == 0) return 0666 & ~std::strtoul(line.c_str() + 6, nullptr, 8);
+    }
+    return 0644ul;
+  }();
+  return mode;
+}
+
+// Why `path` holds fewer bytes than `expected`: appends the missing count (as zeros) and returns
+// the errno the system gives, or 0 when it takes them (then the remote file changed instead).
+int ShortWriteCause(const std::string& path, uint64_t expected) {
+  int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+  if (fd < 0) return errno;
+  static const char kZeros[65536] = {};
+  uint64_t missing = expected - std::min(expected, LocalSize(path));
+  int cause = 0;
+  while (missing > 0 && cause == 0) {
+    ssize_t n = write(fd, kZeros, std::min<uint64_t>(missing, sizeof kZeros));
+    if (n < 0 && errno != EINTR) cause = errno;
+    if (n > 0) missing -= static_cast<uint64_t>(n);
+  }
+  if (close(fd) != 0 && cause == 0) cause = errno;
+  return cause;
+}
+
+// Copies `from` into the existing non-regular file `to` (a device, a pipe), every write checked.
+int CopyInto(const std::string& from, const std::string& to) {
+  int in = open(from.c_str(), O_RDONLY | O_CLOEXEC);
+  if (in < 0) return errno;
+  int out = open(to.c_str(), O_WRONLY | O_CLOEXEC);
+  if (out < 0) {
+    int error = errno;
+    close(in);
+    return error;
+  }
+  char buffer[65536];
+  int error = 0;
+  for (ssize_t n; error == 0 && (n = read(in, buffer, sizeof buffer)) != 0;) {
+    if (n < 0) {
+      if (errno != EINTR) error = errno;
+      continue;
+    }
+    for (ssize_t done = 0; error == 0 && done < n;) {
+      ssize_t w = write(out, buffer + done, static_cast<size_t>(n - done));
+      if (w < 0 && errno != EINTR) error = errno;
+      if (w > 0) done += w;
+    }
+  }
+  if (close(out) != 0 && error == 0) error = errno;
+  close(in);
+  return error;
+}
+
+// The file a download is written to before it reaches its target, removed unless delivered. A
+// file target is written beside its final name and takes it only when complete, so a failure
+// never leaves part of a file under that name; a device or a pipe is written in place at the end.
+class PartFile {
+ public:
+  // Creates the part file for `target` (mode: the replaced file's, else a new file's); a
+  // failure is reported on `session` and its status returned.
+  int CreateFor(HostSession& session, const std::string& target, const std::string& name) {
+    target_ = target;
+    struct stat existing{};
+    bool exists = stat(target.c_str(), &existing) == 0;
+    in_place_ = exists && !S_ISREG(existing.st_mode) && !S_ISDIR(existing.st_mode);
+    const char* temporary = std::getenv("TMPDIR");
+    fs::path folder = fs::path(target).parent_path();
+    if (in_place_) folder = temporary != nullptr && *temporary ? temporary : "/tmp";
+    if (folder.empty()) folder = ".";
+    std::string pattern = (folder / ("." + name + ".pelmora-XXXXXX")).string();
+    int fd = mkstemp(pattern.data());
+    if (fd < 0) return FailLocal(session, "cannot create a file in", folder.string(), errno);
+    path_ = pattern;
+    fchmod(fd, exists && S_ISREG(existing.st_mode) ? existing.st_mode & 07777 : NewFileMode());
+    close(fd);
+    return kExitOk;
+  }
+  ~PartFile() {
+    if (!path_.empty()) unlink(path_.c_str());
+  }
+  const std::string& Path() const { return path_; }
+
+  // Gives the complete file to its target: 0, or the errno of the failure.
+  int Deliver() {
+    if (in_place_) return CopyInto(path_, target_);
+    if (rename(path_.c_str(), target_.c_str()) != 0) return errno;
+    path_.clear();
+    return 0;
+  }
+
+ private:
+  std::string path_;
+  std::string target_;
+  bool in_place_ = false;
+};
+
+// Whether `target` already holds the remote file: same size and last-write second.
+bool SameAsRemote(const std::string& target, const RCFileInfo& info) {
+  struct stat local{};
+  return stat(target.c_str(), &local) == 0 && S_ISREG(local.st_mode) &&
+         local.st_size == info.FileSize() &&
+         pelmora::Date::FromUnixTime(local.st_mtim.tv_sec) == info.LastWriteTime();
 }
 
 }  // namespace
@@ -49,6 +188,26 @@ std::string AttributeLetters(int32_t attributes) {
   return letters;
 }
 
+std::string HumanSize(int64_t size) {
+  if (size < 1024) return std::to_string(size);
+  static constexpr char kUnits[] = "KMGTPE";
+  double value = static_cast<double>(size);
+  int unit = -1;
+  do {
+    value /= 1024;
+    ++unit;
+  } while (value >= 1024 && unit < 5);
+  // Rounded up, as ls -h does: one decimal below 10.
+  if (value < 10) {
+    double tenths = std::ceil(value * 10) / 10;
+    if (tenths < 10) return fmt::format("{:.1f}{}", tenths, kUnits[unit]);
+    value = tenths;
+  }
+  double whole = std::ceil(value);
+  if (whole >= 1024 && unit < 5) return fmt::format("1.0{}", kUnits[unit + 1]);
+  return fmt::format("{:.0f}{}", whole, kUnits[unit]);
+}
+
 std::string DownloadTarget(const std::string& remote, const std::string& local,
                            const std::string& host) {
   std::string name = RemoteName(remote);
@@ -59,18 +218,29 @@ std::string DownloadTarget(const std::string& remote, const std::string& local,
   return local;
 }
 
-int ListFolder(HostSession& session, const std::string& folder, bool long_form) {
+int ListFolder(HostSession& session, const std::string& folder, bool long_form, bool human,
+               bool json) {
   pelmora::admin::RCFileInfoCollection entries = session.Fso().GetFolderFiles(folder);
-  if (session.Fso().ErrCode() != 0) return session.FailFromClient(kExitFailed);
+  if (session.Fso().ErrCode() != 0) return session.FailOnPath(kExitFailed, folder);
+  if (json) {
+    nlohmann::ordered_json records = nlohmann::ordered_json::array();
+    for (const auto& entry : entries) records.push_back(Record(*entry));
+    session.Output().Write(records.dump() + "\n");
+    return kExitOk;
+  }
   std::string text;
-  for (const auto& entry : entries) text += long_form ? LongLine(*entry) : entry->FileName() + "\n";
+  for (const auto& entry : entries) text += long_form ? LongLine(*entry, human) : entry->FileName() + "\n";
   if (!text.empty()) session.Output().Write(text);
   return kExitOk;
 }
 
-int Stat(HostSession& session, const std::string& path) {
+int Stat(HostSession& session, const std::string& path, bool json) {
   RCFileInfo info;
-  if (!session.Fso().GetFileInfo(path, info)) return session.FailFromClient(kExitFailed);
+  if (!session.Fso().GetFileInfo(path, info)) return session.FailOnPath(kExitFailed, path);
+  if (json) {
+    session.Output().Write(Record(info).dump() + "\n");
+    return kExitOk;
+  }
   session.Output().Write(fmt::format(
       "Name:       {}\nPath:       {}\nFolder:     {}\nSize:       {}\n"
       "Attributes: {} (0x{:X})\nCreated:    {}\nAccessed:   {}\nModified:   {}\n",
@@ -81,30 +251,50 @@ int Stat(HostSession& session, const std::string& path) {
   return kExitOk;
 }
 
-int Get(HostSession& session, const std::string& remote, const std::string& local) {
+int Get(HostSession& session, const std::string& remote, const std::string& local,
+        bool resume) {
   std::string target =
       DownloadTarget(remote, local, session.Options().fleet ? session.Display() : "");
+  fs::path folder = fs::path(target).parent_path();
   if (session.Options().fleet) {
     std::error_code error;
-    fs::create_directories(fs::path(target).parent_path(), error);
-    if (error) return session.Fail(kExitUsage, {0, "cannot create " + target + ": " + error.message()});
+    fs::create_directories(folder, error);
+    if (error) return FailLocal(session, "cannot create", folder.string(), error.value());
   }
-  TransferWatch watch(session.Output(), target, RemoteSize(session, remote));
-  bool done = session.Fso().Download(target, remote);
-  watch.Stop(done ? std::optional<uint64_t>(LocalSize(target)) : std::nullopt);
-  return done ? kExitOk : session.FailFromClient(kExitFailed);
+  RCFileInfo info;
+  bool known = session.Fso().GetFileInfo(remote, info) && info.FileSize() >= 0;
+  if (resume && known && SameAsRemote(target, info)) return kExitOk;
+  PartFile part;
+  if (int status = part.CreateFor(session, target, RemoteName(remote)); status != kExitOk) {
+    return status;
+  }
+  TransferWatch watch(session.Output(), part.Path(),
+                      session.Output().ShowsProgress() && known ? info.FileSize() : 0);
+  bool done = session.Fso().Download(part.Path(), remote);
+  watch.Stop(done ? std::optional<uint64_t>(LocalSize(part.Path())) : std::nullopt);
+  if (!done) return session.FailOnPath(kExitFailed, remote, "get copies files");
+  if (known && LocalSize(part.Path()) < static_cast<uint64_t>(info.FileSize())) {
+    int cause = ShortWriteCause(part.Path(), info.FileSize());
+    if (cause != 0) return FailLocal(session, "cannot write", target, cause);
+    return session.Fail(kExitFailed, {0, remote + " changed while it was downloaded"});
+  }
+  int error = part.Deliver();
+  return error == 0 ? kExitOk : FailLocal(session, "cannot write", target, error);
 }
 
 int Put(HostSession& session, const std::string& local, const std::string& remote) {
   std::string target = remote;
+  std::string name = fs::path(local).filename().string();
   if (!target.empty() && (target.back() == '\\' || target.back() == '/')) {
-    target += fs::path(local).filename().string();
+    target += name;
+  } else if (session.Fso().FolderExists(target)) {
+    target += "\\" + name;  // into an existing folder, as cp and scp do
   }
   uint64_t size = LocalSize(local);
   TransferWatch watch(session.Output(), local, size);
   bool done = session.Fso().Upload(local, target);
   watch.Stop(done ? std::optional<uint64_t>(size) : std::nullopt);
-  return done ? kExitOk : session.FailFromClient(kExitFailed);
+  return done ? kExitOk : session.FailOnPath(kExitFailed, target, "", /*reading=*/false);
 }
 
 int Fetch(HostSession& session, const std::string& remote) {

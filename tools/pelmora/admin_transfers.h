@@ -14,18 +14,33 @@
 namespace pelmora_tool {
 
 // The entries of a remote folder, one name a line, or with `long_form` their attributes
-// ("drhsa" letters), size, last-write time and name.
-int ListFolder(HostSession& session, const std::string& folder, bool long_form);
+// ("drhsa" letters), size (with `human` as HumanSize gives it), last-write time and name; with
+// `json` one line holding an array of the records Stat gives.
+int ListFolder(HostSession& session, const std::string& folder, bool long_form,
+               bool human = false, bool json = false);
 
-// One remote file's or folder's information, one field a line.
-int Stat(HostSession& session, const std::string& path);
+// A size as ls -h shows it: bytes below 1024, else K, M, G, ... rounded up, with one decimal
+// below 10 ("1023", "1.0K", "1.5K", "10K", "1.0M").
+std::string HumanSize(int64_t size);
+
+// One remote file's or folder's information, one field a line; with `json` one line holding a
+// record: name, path, folder, type ("file" or "folder"), size, attributes (letters),
+// attribute_bits, created, accessed, modified (the server's local time, yyyy-mm-ddThh:nn:ss).
+int Stat(HostSession& session, const std::string& path, bool json = false);
 
 // Downloads `remote` to `local`: "" means the remote file's name in the current folder, an
 // existing folder (or a name ending in "/") receives the file under its remote name. In a fleet
-// run each host's file goes to <local or .>/<host>/<name>. Local files that cannot be made give 2.
-int Get(HostSession& session, const std::string& remote, const std::string& local);
+// run each host's file goes to <local or .>/<host>/<name>. The file is written beside the target
+// and renamed when complete (a device or pipe target is written once the whole file is here), so
+// a failed download never leaves part of a file under the target's name. With `resume` a target
+// that already has the remote file's size and last-write second is left as it is (the download
+// request has no offset, so a partial file is downloaded again in full). Local files that cannot
+// be made or written give 2, named with the system's text.
+int Get(HostSession& session, const std::string& remote, const std::string& local,
+        bool resume = false);
 
-// Uploads `local` to `remote`; a remote name ending in "\" or "/" receives the local file's name.
+// Uploads `local` to `remote`; a remote name ending in "\" or "/", or naming an existing folder,
+// receives the local file under its own name.
 int Put(HostSession& session, const std::string& local, const std::string& remote);
 
 // Makes sure the local server-file cache holds the current `remote` and prints its local path.

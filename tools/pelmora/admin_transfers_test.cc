@@ -88,8 +88,22 @@ TEST_F(AdminTransferTest, LongListingShowsAttributesSizeTimeAndName) {
   EXPECT_EQ(RequestArgument(2), "C:\\data");
 }
 
-TEST_F(AdminTransferTest, ListingAFolderTheServerCannotOpenFails) {
+TEST_F(AdminTransferTest, ListingAFolderTheServerCannotOpenFailsAndSaysWhy) {
   ExpectRequest(peer_).ReplyWith(Answer(SizeData(-1)));
+  // Then the questions behind the cause: the drive is there, the folder is not, nor a file.
+  ExpectRequest(peer_).ReplyWith(Answer(ResultData(true)));
+  ExpectRequest(peer_).ReplyWith(Answer(ResultData(false, 3, "The system cannot find the path specified.")));
+  ExpectRequest(peer_).ReplyWith(Answer(ResultData(false, 2, "The system cannot find the file specified.")));
+  EXPECT_EQ(Run([](HostSession& s) { return ListFolder(s, "C:\\none", false); }), kExitFailed);
+  EXPECT_THAT(output_.errors, ::testing::ElementsAre(
+                                  "pelmora: srv: 8118 Cannot open remote folder (C:\\none: not there)"));
+  EXPECT_EQ(RequestArgument(4), "C:\\");
+  EXPECT_EQ(RequestArgument(6), "C:\\none");
+}
+
+TEST_F(AdminTransferTest, NoCauseIsGuessedWhenTheServiceStopsAnswering) {
+  ExpectRequest(peer_).ReplyWith(Answer(SizeData(-1)));
+  peer_.Close();
   EXPECT_EQ(Run([](HostSession& s) { return ListFolder(s, "C:\\none", false); }), kExitFailed);
   EXPECT_THAT(output_.errors, ::testing::ElementsAre("pelmora: srv: 8118 Cannot open remote folder"));
 }
@@ -98,6 +112,12 @@ TEST_F(AdminTransferTest, GetWritesTheServerBytesUnderTheRemoteName) {
   const std::string content = "hello, file";
   pelmora::admin::TransferHeader header{.size = static_cast<int32_t>(content.size()),
                                         .last_write_time = kWriteTime};
+  // The file's information first (its size checks the local writes), then the download.
+  Bytes record = pelmora::admin::BuildFileInfoRecord(
+      Entry("app.ini", 0x20, static_cast<int32_t>(content.size())));
+  ExpectRequest(peer_).ReplyWith(Answer(SizeData(static_cast<int32_t>(record.size()))));
+  record.resize(pelmora::admin::kPacketSize);
+  peer_.Send(record);
   ExpectRequest(peer_).ReplyWith(Answer(pelmora::admin::BuildTransferHeader(header)));
   peer_.Receive(pelmora::admin::kPacketSize).Send(Bytes(content.begin(), content.end()));
   std::string folder = dir_.string() + "/";
@@ -106,7 +126,9 @@ TEST_F(AdminTransferTest, GetWritesTheServerBytesUnderTheRemoteName) {
   std::stringstream got;
   got << file.rdbuf();
   EXPECT_EQ(got.str(), content);
-  EXPECT_EQ(RequestArgument(2), "C:\\data\\app.ini");
+  EXPECT_EQ(RequestArgument(4), "C:\\data\\app.ini");
+  EXPECT_EQ(std::vector<fs::path>(fs::directory_iterator(dir_), {}),
+            std::vector<fs::path>{dir_ / "app.ini"}) << "the part file took the target's name";
 }
 
 TEST_F(AdminTransferTest, PutIntoAFolderKeepsTheLocalName) {
@@ -126,10 +148,23 @@ TEST_F(AdminTransferTest, PutIntoAFolderKeepsTheLocalName) {
 TEST_F(AdminTransferTest, PutRefusedByTheServerReportsIt) {
   fs::path local = dir_ / "x.txt";
   std::ofstream(local) << "x";
+  ExpectRequest(peer_).ReplyWith(Answer(ResultData(false, 2, "not a folder")));  // is C:\x.txt one?
   ExpectRequest(peer_);
   peer_.Receive(pelmora::admin::kPacketSize).ReplyWith(Answer(pelmora::admin::BuildGoReply(false)));
+  // The drive is there, the target is neither folder nor file: nothing more to say.
+  ExpectRequest(peer_).ReplyWith(Answer(ResultData(true)));
+  ExpectRequest(peer_).ReplyWith(Answer(ResultData(false, 2, "")));
+  ExpectRequest(peer_).ReplyWith(Answer(ResultData(false, 2, "")));
   EXPECT_EQ(Run([&](HostSession& s) { return Put(s, local.string(), "C:\\x.txt"); }), kExitFailed);
   EXPECT_THAT(output_.errors, ::testing::ElementsAre("pelmora: srv: 8118 server create file fail"));
+}
+
+TEST(AdminTransfers, HumanSizesRoundUpAsLsDoes) {
+  const std::pair<int64_t, const char*> kSizes[] = {
+      {0, "0"},          {1023, "1023"},     {1024, "1.0K"},       {1025, "1.1K"},
+      {1536, "1.5K"},    {10239, "10K"},     {10240, "10K"},       {10241, "11K"},
+      {1048575, "1.0M"}, {1048576, "1.0M"},  {1572864, "1.5M"},    {2147483647, "2.0G"}};
+  for (auto [size, text] : kSizes) EXPECT_EQ(HumanSize(size), text) << size;
 }
 
 TEST(AdminTransfers, AttributeLettersFollowTheBits) {

@@ -48,6 +48,7 @@ struct CryptoOptions {
   std::string public_file;
   std::string private_file;
   int32_t length = 0;
+  bool sum = false;
 };
 
 using CryptoWork = std::function<int(Crypto&, const CryptoOptions&)>;
@@ -55,7 +56,7 @@ using CryptoWork = std::function<int(Crypto&, const CryptoOptions&)>;
 // Prints the object's last failure and returns `status`.
 int Failed(const Crypto& crypto, const CryptoOptions& o, int status = 1) {
   int32_t number = crypto.LastError();
-  std::fprintf(stderr, "pelmora crypto %s: error %d: %s\n", o.name.c_str(), number,
+  std::fprintf(stderr, "pelmora: crypto %s: error %d: %s\n", o.name.c_str(), number,
                pelmora::DescribeError(number).c_str());
   return status;
 }
@@ -68,10 +69,10 @@ int Run(const CryptoOptions& o, const CryptoWork& work) {
                                              : pelmora::CryptoStrongEncryption);
     return work(crypto, o);
   } catch (const pelmora::Error& e) {
-    std::fprintf(stderr, "pelmora crypto %s: error %d: %s\n", o.name.c_str(), e.Number(),
+    std::fprintf(stderr, "pelmora: crypto %s: error %d: %s\n", o.name.c_str(), e.Number(),
                  e.Description().c_str());
   } catch (const CommandError& e) {
-    std::fprintf(stderr, "pelmora crypto %s: %s\n", o.name.c_str(), e.what());
+    std::fprintf(stderr, "pelmora: crypto %s: %s\n", o.name.c_str(), e.what());
   }
   return 2;
 }
@@ -82,8 +83,14 @@ int Keygen(Crypto& crypto, const CryptoOptions& o) {
   bool ok = crypto.GenKeyPairs(public_blob, private_blob, password);
   Wipe(password);
   if (!ok) return Failed(crypto, o);
-  WriteSink(o.public_file, public_blob, false);
-  WriteSink(o.private_file, private_blob, false);
+  // The private blob is readable by its owner only; neither file replaces an existing one.
+  WriteNewFile(o.public_file, public_blob, 0644);
+  try {
+    WriteNewFile(o.private_file, private_blob, 0600);
+  } catch (const CommandError&) {
+    std::remove(o.public_file.c_str());
+    throw;
+  }
   return 0;
 }
 
@@ -131,6 +138,15 @@ int Verify(Crypto& crypto, const CryptoOptions& o) {
 int Hash(Crypto& crypto, const CryptoOptions& o) {
   Bytes digest;
   if (!crypto.HashByte(ReadSource(o.input), digest)) return Failed(crypto, o);
+  if (o.sum) {
+    // md5sum's line: lower-case digits, two blanks, the file name ("-" for standard input).
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string line;
+    for (uint8_t b : digest) line += {kDigits[b >> 4], kDigits[b & 15]};
+    line += "  " + (o.input.empty() ? std::string("-") : o.input) + "\n";
+    WriteSink(o.output, Bytes(line.begin(), line.end()), false);
+    return 0;
+  }
   WriteSink(o.output, digest, o.hex);
   return 0;
 }
@@ -199,9 +215,14 @@ CLI::App* AddLeaf(CLI::App& crypto, CommandAction& action, const std::string& na
 void AddCryptoCommand(CLI::App& app, CommandAction& action) {
   CLI::App* crypto = app.add_subcommand("crypto", "Keys, encryption, signatures and hashes");
   crypto->require_subcommand(1);
+  crypto->footer(
+      "These algorithms are here for compatibility with the keys and data of existing systems;\n"
+      "they are not strong enough to protect new secrets.\n"
+      "Passwords: --password-file, else PELMORA_PASSWORD, else typed at the terminal.");
   const unsigned kData = kInput | kOutput | kHexOutput;
   auto keygen = std::make_shared<CryptoOptions>();
-  CLI::App* sub = AddLeaf(*crypto, action, "keygen", "Make a signature key pair",
+  CLI::App* sub = AddLeaf(*crypto, action, "keygen",
+                          "Make a signature key pair (new files only; the private one mode 600)",
                           kLevel | kPassword, Keygen, keygen);
   sub->add_option("--public", keygen->public_file, "File for the public key blob")->required();
   sub->add_option("--private", keygen->private_file, "File for the encrypted private key blob")
@@ -223,7 +244,10 @@ void AddCryptoCommand(CLI::App& app, CommandAction& action) {
                 kLevel | kInput, Verify, verify);
   sub->add_option("--key", verify->key, "Public key blob")->required();
   sub->add_option("--signature", verify->signature, "Signature file (raw bytes)")->required();
-  AddLeaf(*crypto, action, "hash", "MD5 of data", kData, Hash, std::make_shared<CryptoOptions>());
+  auto hash = std::make_shared<CryptoOptions>();
+  sub = AddLeaf(*crypto, action, "hash", "MD5 of data", kData, Hash, hash);
+  sub->add_flag("--sum", hash->sum, "One line as md5sum prints it: lower-case hex and the name")
+      ->excludes("--hex");
   auto random = std::make_shared<CryptoOptions>();
   sub = AddLeaf(*crypto, action, "random", "Random bytes", kOutput | kHexOutput, Random, random);
   sub->add_option("LENGTH", random->length, "Number of bytes")->required();

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
@@ -70,15 +71,39 @@ void WriteSink(const std::string& path, const Bytes& data, bool hex) {
   if (!file) throw CommandError("cannot write " + path);
 }
 
+void WriteNewFile(const std::string& path, const Bytes& data, mode_t mode) {
+  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+  if (fd < 0 && errno == EEXIST) {
+    throw CommandError(path + " exists: remove it first (keys are never overwritten)");
+  }
+  if (fd < 0) throw CommandError("cannot create " + path + ": " + std::strerror(errno));
+  int error = 0;
+  for (size_t done = 0; error == 0 && done < data.size();) {
+    ssize_t n = write(fd, data.data() + done, data.size() - done);
+    if (n < 0 && errno != EINTR) error = errno;
+    if (n > 0) done += static_cast<size_t>(n);
+  }
+  if (close(fd) != 0 && error == 0) error = errno;
+  if (error != 0) {
+    unlink(path.c_str());
+    throw CommandError("cannot write " + path + ": " + std::strerror(error));
+  }
+}
+
 Bytes ReadPassword(const std::string& password_file, const std::string& prompt) {
   Bytes password;
+  const char* from_environment = std::getenv("PELMORA_PASSWORD");
   if (!password_file.empty()) {
     password = ReadSource(password_file);
     DropLineEnd(password);
+  } else if (from_environment != nullptr) {
+    password.assign(from_environment, from_environment + std::strlen(from_environment));
   } else {
     int fd = open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) {
-      throw CommandError("no password: give --password-file FILE, or run on a terminal to type it");
+      throw CommandError(
+          "no password: give --password-file FILE or PELMORA_PASSWORD, or run on a terminal to "
+          "type it");
     }
     password = ReadHiddenLine(fd, prompt);
     close(fd);

@@ -3,6 +3,8 @@
 #ifndef TOOLS_PELMORA_CRYPTO_IO_H_
 #define TOOLS_PELMORA_CRYPTO_IO_H_
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -26,8 +28,12 @@ Bytes ReadSource(const std::string& path);
 // hexadecimal with a line end when `hex` is set. Throws CommandError when it cannot write.
 void WriteSink(const std::string& path, const Bytes& data, bool hex);
 
-// A password: the contents of `password_file` without its trailing line end, or, when no file
-// is given, a line typed at the terminal with echo off after `prompt`. Throws CommandError for
+// Creates `path` with `mode` (never replacing a file there) and writes `data` to it. Throws
+// CommandError naming the path when it exists or cannot be written (a part written is removed).
+void WriteNewFile(const std::string& path, const Bytes& data, mode_t mode);
+
+// A password: the contents of `password_file` without its trailing line end, else the value of
+// PELMORA_PASSWORD, else a line typed at the terminal with echo off after `prompt`. Throws CommandError for
 // an unreadable file, an empty password, or no file and no terminal. Blocks while prompting.
 Bytes ReadPassword(const std::string& password_file, const std::string& prompt);
 

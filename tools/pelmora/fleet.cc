@@ -74,6 +74,11 @@ class FleetHostOutput : public HostOutput {
     }
   }
 
+  void Step(std::string_view text) override {
+    std::lock_guard lock(state_->mutex);
+    if (!state_->closed) state_->console->Err("pelmora: " + host_ + ": " + std::string(text) + "\n");
+  }
+
   // Records the host's end and prints the reports that are due now.
   void Finish(int status, double seconds) {
     std::lock_guard lock(state_->mutex);
@@ -207,8 +212,9 @@ FleetOutcome RunFleet(const FleetOptions& options, HostRunner runner, Console& c
   }
   double elapsed = std::chrono::duration<double>(Clock::now() - state->start).count();
   if (options.gather) console.Out(GatherBlocks(outcome.records));
-  if (!options.json) {
-    console.Out(SummaryTable(outcome.records, std::chrono::duration<double>(elapsed)));
+  // On standard error, so that "> file" keeps only the hosts' output.
+  if (!options.json && !options.quiet) {
+    console.Err(SummaryTable(outcome.records, std::chrono::duration<double>(elapsed)));
   }
   if (!options.failed_file.empty()) WriteFailedFile(options.failed_file, outcome.records);
   if (!state->report_error.empty()) throw CommandError(state->report_error);

@@ -38,6 +38,7 @@ struct FleetOptions {
   std::string output_dir;
   std::string failed_file;
   int32_t overall_timeout_ms = 0;  // 0: no overall limit
+  bool quiet = false;              // no summary table
 };
 
 // Runs the command on one host, writing to `output`; returns the host's exit status. Called on

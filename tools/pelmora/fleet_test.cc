@@ -70,9 +70,11 @@ TEST(Fleet, LiveOutputPrefixesEachLineWithItsHost) {
     EXPECT_THAT(out, HasSubstr(std::string(host) + ": hello from " + host + "\n" + host +
                                ": second line\n"));
   }
-  EXPECT_THAT(out, HasSubstr("4 hosts: 3 ok, 1 failed"));
-  EXPECT_THAT(out, HasSubstr("bad1  failed        3    "));
-  EXPECT_EQ(console.Err(), "pelmora: bad1: 10061 refused\n");
+  EXPECT_THAT(out, ::testing::Not(HasSubstr("4 hosts:")));
+  std::string err = console.Err();
+  EXPECT_THAT(err, testing::StartsWith("pelmora: bad1: 10061 refused\n"));
+  EXPECT_THAT(err, HasSubstr("4 hosts: 3 ok, 1 failed"));
+  EXPECT_THAT(err, HasSubstr("bad1  failed        3    "));
 }
 
 TEST(Fleet, EveryHostSucceedingGivesStatusZeroAndRecordsInListOrder) {
@@ -155,7 +157,7 @@ TEST(Fleet, OverallTimeOutLeavesSlowHostsBehindAsTimedOut) {
   EXPECT_EQ(outcome.records[1].Result(), "timed out");
   EXPECT_EQ(outcome.records[1].status, kExitTimedOut);
   release->set_value();
-  EXPECT_THAT(console.Out(), HasSubstr("slow  timed out     6"));
+  EXPECT_THAT(console.Err(), HasSubstr("slow  timed out     6"));
 }
 
 TEST(Fleet, ARunnerThatThrowsCountsAsFailed) {
@@ -165,7 +167,7 @@ TEST(Fleet, ARunnerThatThrowsCountsAsFailed) {
       [](const HostTarget&, HostOutput&) -> int { throw std::runtime_error("broken"); },
       console.Get());
   EXPECT_EQ(outcome.records[0].status, kExitFailed);
-  EXPECT_EQ(console.Err(), "pelmora: x: broken\n");
+  EXPECT_THAT(console.Err(), testing::StartsWith("pelmora: x: broken\n"));
 }
 
 }  // namespace

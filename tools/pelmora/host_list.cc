@@ -29,7 +29,8 @@ bool AllDigits(std::string_view text) {
   });
 }
 
-// Splits `text` at the commas outside brackets; throws for unbalanced or nested brackets.
+// Splits `text` at the commas and blanks outside brackets; throws for unbalanced or nested
+// brackets.
 std::vector<std::string_view> SplitTopLevel(std::string_view text) {
   std::vector<std::string_view> pieces;
   bool inside = false;
@@ -39,7 +40,7 @@ std::vector<std::string_view> SplitTopLevel(std::string_view text) {
     if (c == '[' || c == ']') {
       if (inside == (c == '[')) throw CommandError(fmt::format("unbalanced '{}' in \"{}\"", c, text));
       inside = c == '[';
-    } else if (c == ',' && !inside) {
+    } else if ((c == ',' || c == ' ' || c == '\t' || c == '\n' || c == '\r') && !inside) {
       pieces.push_back(text.substr(start, i - start));
       start = i + 1;
     }
@@ -173,12 +174,8 @@ std::vector<HostTarget> ReadHostsFile(const std::string& path) {
   for (int number = 1; std::getline(file, line); ++number) {
     std::string_view text = line;
     text = text.substr(0, text.find('#'));
-    // A line may also list several hosts separated by blanks.
-    std::string spaced(text);
-    std::replace_if(spaced.begin(), spaced.end(), [](char c) { return c == ' ' || c == '\t'; },
-                    ',');
     try {
-      MergeHosts(hosts, ParseHostList(spaced));
+      MergeHosts(hosts, ParseHostList(text));
     } catch (const CommandError& e) {
       throw CommandError(fmt::format("{}:{}: {}", path, number, e.what()));
     }

@@ -9,7 +9,7 @@
 // A host expression is a name with any number of bracketed ranges (`rack[1-2]-n[1-4]` gives
 // every combination) and an optional `:port`. A range lists numbers and spans separated by
 // commas; a span's width is that of its first number, so `[01-10]` pads to two digits. Commas
-// outside brackets separate expressions. Duplicates are dropped, the first occurrence kept.
+// and blanks outside brackets separate expressions. Duplicates are dropped, the first occurrence kept.
 #ifndef TOOLS_PELMORA_HOST_LIST_H_
 #define TOOLS_PELMORA_HOST_LIST_H_
 
@@ -35,7 +35,7 @@ struct HostTarget {
 // The most hosts one list may expand to; longer lists are refused.
 inline constexpr std::size_t kMaxHosts = 100000;
 
-// Expands a comma-separated list of host expressions. Throws CommandError with a one-line reason
+// Expands a list of host expressions separated by commas or blanks. Throws CommandError with a one-line reason
 // for an unbalanced bracket, an empty or reversed range, a number over nine digits, a bad port,
 // an empty name or more than kMaxHosts hosts. Blank entries are skipped.
 std::vector<HostTarget> ParseHostList(std::string_view text);

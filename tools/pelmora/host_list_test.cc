@@ -39,6 +39,7 @@ INSTANTIATE_TEST_SUITE_P(
         ListCase{"r[1-2]-n[1-2].lan:9000", {"r1-n1.lan:9000", "r1-n2.lan:9000",
                                             "r2-n1.lan:9000", "r2-n2.lan:9000"}},
         ListCase{" a , ,b ", {"a", "b"}},
+        ListCase{"a b\tc:9\nweb[1-2]", {"a", "b", "c:9", "web1", "web2"}},
         ListCase{"a,b,a,a:1,a:1", {"a", "b", "a:1"}},
         ListCase{"10.0.0.[1-2]", {"10.0.0.1", "10.0.0.2"}},
         ListCase{"", {}}));

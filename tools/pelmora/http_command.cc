@@ -6,7 +6,11 @@
 //
 // The response body goes to standard output unless -o names a file; on a terminal a progress
 // bar runs on standard error. -d @FILE sends the file's bytes, -d TEXT the text (ANSI code page).
-// Exit status: 0 when a response arrived (whatever its status code), 1 when the request fails
+// -i writes the status line and headers first; --fail turns a status of 400 or more into a
+// failure; --max-time bounds each wait for data and the whole transfer. Any port 1-65535 works:
+// a GET on a port above 32767 (which the object's 16-bit port refuses for requests with a verb)
+// is read whole through OpenURL, then written.
+// Exit status: 0 when a response arrived (with --fail: below 400), 1 when the request fails
 // (the WinInet number and its text are printed on standard error), 2 for usage and file errors.
 #include <unistd.h>
 
@@ -15,11 +19,14 @@
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
+#include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "pelmora/common/error.h"
+#include "pelmora/common/error_texts.h"
 #include "pelmora/common/variant.h"
 #include "pelmora/net/wininet.h"
 #include "tools/pelmora/commands.h"
@@ -30,6 +37,7 @@ namespace {
 
 using pelmora::Variant;
 using pelmora::WinINet;
+using Clock = std::chrono::steady_clock;
 
 struct HttpOptions {
   std::string verb;
@@ -37,7 +45,13 @@ struct HttpOptions {
   std::string output = "-";
   std::vector<std::string> headers;
   std::string data;
+  bool fail = false;
+  bool include = false;
+  double max_time = 0;  // seconds, 0: none
 };
+
+constexpr int32_t kOverflow = 6;  // the object's port above 32767
+constexpr int32_t kTimeout = 12002;
 
 constexpr int32_t kPiece = 256 * 1024;
 
@@ -56,8 +70,9 @@ void DrawProgress(uint64_t done, uint64_t total) {
   }
 }
 
-// Copies the response to `out` piece by piece; returns false when writing fails.
-bool CopyBody(WinINet& inet, std::FILE* out) {
+// Copies the response to `out` piece by piece; returns false when writing fails. Throws
+// CommandError when `deadline` passes first.
+bool CopyBody(WinINet& inet, std::FILE* out, std::optional<Clock::time_point> deadline) {
   bool progress = ::isatty(STDERR_FILENO) == 1;
   uint64_t total = std::strtoull(inet.GetHeader("Content-Length").c_str(), nullptr, 10);
   uint64_t done = 0;
@@ -67,39 +82,78 @@ bool CopyBody(WinINet& inet, std::FILE* out) {
     if (std::fwrite(piece.data(), 1, piece.size(), out) != piece.size()) return false;
     done += piece.size();
     if (progress) DrawProgress(done, total);
+    if (deadline && Clock::now() > *deadline) {
+      inet.Cancel();
+      throw pelmora::Error(kTimeout, pelmora::DescribeError(kTimeout));
+    }
   }
   if (progress) std::fputc('\n', stderr);
   return true;
 }
 
-int Run(const HttpOptions& o) {
+// Sends the request and waits for the response headers. A GET on a port the object's 16-bit
+// port property refuses (above 32767) is read whole through OpenURL, into `whole`.
+void StartRequest(WinINet& inet, const HttpOptions& o, std::optional<Bytes>& whole) {
   std::string headers;
   for (const std::string& line : o.headers) headers += (headers.empty() ? "" : "\r\n") + line;
+  Variant body;
+  if (o.data.rfind("@", 0) == 0) {
+    body = Variant(ReadSource(o.data.substr(1)));
+  } else if (!o.data.empty()) {
+    body = Variant(o.data);
+  }
   try {
-    Variant body;
-    if (o.data.rfind("@", 0) == 0) {
-      body = Variant(ReadSource(o.data.substr(1)));
-    } else if (!o.data.empty()) {
-      body = Variant(o.data);
-    }
-    WinINet inet;
     inet.Execute(o.url, o.verb, body, headers);
+  } catch (const pelmora::Error& e) {
+    if (e.Number() != kOverflow || o.verb != "GET" || !headers.empty()) throw;
+    whole = inet.OpenURL(o.url, pelmora::icByteArray).ToBytes();
+  }
+}
+
+// Writes what the options ask for of the response (headers, body) to `out`.
+void WriteResponse(WinINet& inet, const HttpOptions& o, const std::string& head,
+                   const std::optional<Bytes>& whole, std::FILE* out,
+                   std::optional<Clock::time_point> deadline) {
+  bool written = true;
+  if (o.verb == "HEAD" || o.include) {
+    written = std::fwrite(head.data(), 1, head.size(), out) == head.size();
+  }
+  if (written && o.verb != "HEAD") {
+    written = whole ? std::fwrite(whole->data(), 1, whole->size(), out) == whole->size()
+                    : CopyBody(inet, out, deadline);
+  }
+  if (!written) throw CommandError("cannot write " + o.output);
+}
+
+int Run(const HttpOptions& o) {
+  try {
+    WinINet inet;
+    std::optional<Clock::time_point> deadline;
+    if (o.max_time > 0) {
+      inet.SetReceiveTimeout(static_cast<int32_t>(o.max_time * 1000));
+      deadline = Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(o.max_time * 1000));
+    }
+    std::optional<Bytes> whole;
+    StartRequest(inet, o, whole);
+    std::string head = inet.GetHeader();
+    std::string status = head.substr(0, head.find("\r\n"));
+    int code = status.size() > 12 ? std::atoi(status.c_str() + status.find(' ') + 1) : 0;
+    if (o.fail && code >= 400) {
+      inet.Cancel();
+      std::fprintf(stderr, "pelmora: http: %s: %s\n", o.url.c_str(), status.c_str());
+      return 1;
+    }
     std::FILE* out = o.output == "-" ? stdout : std::fopen(o.output.c_str(), "wb");
     if (out == nullptr) throw CommandError("cannot write " + o.output);
     std::unique_ptr<std::FILE, int (*)(std::FILE*)> closer(out == stdout ? nullptr : out,
                                                            &std::fclose);
-    if (o.verb == "HEAD") {
-      std::string all = inet.GetHeader();
-      std::fwrite(all.data(), 1, all.size(), out);
-    } else if (!CopyBody(inet, out)) {
-      throw CommandError("cannot write " + o.output);
-    }
+    WriteResponse(inet, o, head, whole, out, deadline);
     return std::fflush(out) == 0 ? 0 : 2;
   } catch (const pelmora::Error& e) {
-    std::fprintf(stderr, "pelmora http: error %d: %s\n", e.Number(), e.Description().c_str());
+    std::fprintf(stderr, "pelmora: http: error %d: %s\n", e.Number(), e.Description().c_str());
     return 1;
   } catch (const CommandError& e) {
-    std::fprintf(stderr, "pelmora http: %s\n", e.what());
+    std::fprintf(stderr, "pelmora: http: %s\n", e.what());
     return 2;
   }
 }
@@ -113,6 +167,11 @@ void AddVerb(CLI::App& http, CommandAction& action, const std::string& name,
   sub->add_option("URL", o->url, "http:// or https:// address")->required();
   sub->add_option("-o,--output", o->output, "write the response here instead of standard output");
   sub->add_option("-H,--header", o->headers, "a request header line \"Name: value\"");
+  sub->add_flag("-f,--fail", o->fail, "a status of 400 or more fails (exit 1), printing no body");
+  sub->add_flag("-i,--include", o->include, "write the status line and the headers first");
+  sub->add_option("-m,--max-time", o->max_time,
+                  "seconds for each wait for data and for the whole transfer")
+      ->check(CLI::PositiveNumber);
   if (name == "post" || name == "put") {
     sub->add_option("-d,--data", o->data, "the request body: TEXT, or @FILE for a file's bytes");
   }

@@ -1,4 +1,5 @@
 // `pelmora http` run in-process against the loopback web server.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -7,6 +8,7 @@
 #include <vector>
 
 #include "tools/pelmora/commands.h"
+#include "pelmora/testing/scripted_peer.h"
 #include "pelmora/testing/web_server.h"
 
 namespace pelmora_tool {
@@ -46,13 +48,56 @@ TEST(HttpCommand, GetHeadAndPutGoThroughTheWebServer) {
   EXPECT_EQ(Slurp(out), "posted");
 }
 
+// A one-response HTTP server on a loopback port from the ephemeral range (above 32767).
+struct OneResponse {
+  explicit OneResponse(const std::string& response) {
+    peer.Send(pelmora::testing::Bytes(response.begin(), response.end())).ReceiveUntilClosed();
+    peer.Start();
+  }
+  std::string Url() const { return "http://127.0.0.1:" + std::to_string(peer.Port()) + "/x"; }
+  pelmora::testing::ScriptedPeer peer;
+};
+
+TEST(HttpCommand, HighPortsIncludedHeadersAndFail) {
+  const std::string kOk = "HTTP/1.1 200 OK\r\nContent-Length: 6\r\nConnection: close\r\n\r\nhello\n";
+  const std::string kMissing =
+      "HTTP/1.1 404 Not Found\r\nContent-Length: 5\r\nConnection: close\r\n\r\nnope\n";
+  std::string out = ::testing::TempDir() + "http-high-port.txt";
+  {
+    OneResponse server(kOk);
+    ASSERT_GT(server.peer.Port(), 32767);
+    EXPECT_EQ(RunTool({"http", "get", "-i", server.Url(), "-o", out}), 0);
+    EXPECT_EQ(Slurp(out), "HTTP/1.1 200 OK\r\nContent-Length: 6\r\nConnection: close\r\n\r\nhello\n");
+  }
+  {
+    OneResponse server(kMissing);
+    EXPECT_EQ(RunTool({"http", "get", server.Url(), "-o", out}), 0) << "a 404 is a response";
+    EXPECT_EQ(Slurp(out), "nope\n");
+  }
+  {
+    OneResponse server(kMissing);
+    std::remove(out.c_str());
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(RunTool({"http", "get", "--fail", server.Url(), "-o", out}), 1);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "pelmora: http: " + server.Url() + ": HTTP/1.1 404 Not Found\n");
+    EXPECT_FALSE(std::ifstream(out).good()) << "--fail writes no body";
+  }  {
+    OneResponse stalled("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\npartial");
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(RunTool({"http", "get", "--max-time", "0.3", stalled.Url(), "-o", out}), 1);
+    EXPECT_THAT(::testing::internal::GetCapturedStderr(),
+                ::testing::StartsWith("pelmora: http: error 12002: "));
+  }
+}
+
 TEST(HttpCommand, FailureExitsWithOneAndNamesTheWinInetNumber) {
   ::testing::internal::CaptureStderr();
   int status = RunTool({"http", "get", "http://127.0.0.1:1/"});
   std::string err = ::testing::internal::GetCapturedStderr();
   EXPECT_EQ(status, 1);
   EXPECT_EQ(err,
-            "pelmora http: error 12029: A connection with the server could not be established\n");
+            "pelmora: http: error 12029: A connection with the server could not be established\n");
   EXPECT_EQ(RunTool({"http", "post", "http://127.0.0.1:1/", "-d", "@/nonexistent/file"}), 2);
 }
 

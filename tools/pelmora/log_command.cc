@@ -33,13 +33,13 @@ int LogTail(const LogTailOptions& o) {
   std::string root = o.root.empty() ? ToolLogRoot() : o.root;
   std::string day = o.date.empty() ? pelmora::CurrentLocalTime().Format("yyyymmdd") : o.date;
   if (day.size() != 8 || !std::all_of(day.begin(), day.end(), ::isdigit)) {
-    std::fprintf(stderr, "pelmora log tail: the date must be YYYYMMDD, not \"%s\"\n", day.c_str());
+    std::fprintf(stderr, "pelmora: log tail: the date must be YYYYMMDD, not \"%s\"\n", day.c_str());
     return 2;
   }
   std::vector<std::string> lines = DayLogLines(root, day, o.errors_only);
   size_t first = lines.size() > static_cast<size_t>(o.lines) ? lines.size() - o.lines : 0;
   if (lines.empty()) {
-    std::fprintf(stderr, "pelmora log tail: no log lines for %s under %s\n", day.c_str(),
+    std::fprintf(stderr, "pelmora: log tail: no log lines for %s under %s\n", day.c_str(),
                  root.c_str());
   }
   for (size_t i = first; i < lines.size(); ++i) std::printf("%s\n", lines[i].c_str());

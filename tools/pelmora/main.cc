@@ -12,10 +12,13 @@
 #include <CLI/CLI.hpp>
 
 #include "tools/pelmora/commands.h"
+#include "tools/pelmora/parse_errors.h"
 
 int main(int argc, char** argv) {
-  CLI::App app{"pelmora: the command-line tool over the Pelmora library"};
+  CLI::App app{"pelmora: the command-line tool over the Pelmora library", "pelmora"};
   app.require_subcommand(0, 1);
+  app.set_version_flag("--version", std::string("pelmora ") + PELMORA_VERSION + " (commit " +
+                                        PELMORA_COMMIT + ", " + PELMORA_BUILD_TYPE + " build)");
   pelmora_tool::CommandAction action;
   pelmora_tool::AddDemoCommand(app, action);
   pelmora_tool::AddCryptoCommand(app, action);
@@ -25,10 +28,11 @@ int main(int argc, char** argv) {
   pelmora_tool::AddHttpCommand(app, action);
   pelmora_tool::AddAdminCommand(app, action);
   pelmora_tool::AddLogCommand(app, action);
+  pelmora_tool::AddHelpCommand(app, action);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : 2;
+    return pelmora_tool::ReportParseError(app, error);
   }
   return action ? action() : pelmora_tool::RunDefaultDemo();
 }

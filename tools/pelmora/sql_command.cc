@@ -28,7 +28,7 @@ struct SqlOptions {
 };
 
 int Failed(const pelmora::db::SQLDB& db) {
-  std::fprintf(stderr, "pelmora sql: error %d: %s\n", db.ErrNumber(), db.ErrDescription().c_str());
+  std::fprintf(stderr, "pelmora: sql: error %d: %s\n", db.ErrNumber(), db.ErrDescription().c_str());
   return 1;
 }
 
@@ -47,7 +47,7 @@ int RunSql(const SqlOptions& o) {
     std::fwrite(text.data(), 1, text.size(), stdout);
     return 0;
   } catch (const pelmora::Error& e) {
-    std::fprintf(stderr, "pelmora sql: error %d: %s\n", e.Number(), e.Description().c_str());
+    std::fprintf(stderr, "pelmora: sql: error %d: %s\n", e.Number(), e.Description().c_str());
     return 1;
   }
 }

@@ -185,11 +185,11 @@ int Run(const TasksOptions& o) {
     if (o.command == "set") return Set(o);
     return Act(o);
   } catch (const pelmora::Error& e) {
-    std::fprintf(stderr, "pelmora tasks %s: error %d: %s\n", o.command.c_str(), e.Number(),
+    std::fprintf(stderr, "pelmora: tasks %s: error %d: %s\n", o.command.c_str(), e.Number(),
                  e.Description().c_str());
     return 1;
   } catch (const UsageError& e) {
-    std::fprintf(stderr, "pelmora tasks %s: %s\n", o.command.c_str(), e.text.c_str());
+    std::fprintf(stderr, "pelmora: tasks %s: %s\n", o.command.c_str(), e.text.c_str());
     return 2;
   }
 }

@@ -11,9 +11,12 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <fnmatch.h>
+#include <glob.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <filesystem>
 #include <memory>
 #include <optional>
 
@@ -114,6 +117,50 @@ void PrintListing(const std::vector<archive::ListedEntry>& entries, std::FILE* o
                  .c_str(), out);
 }
 
+bool Excluded(const std::string& path, const std::vector<std::string>& patterns) {
+  std::string stored = path.substr(path.find_first_not_of('/') == std::string::npos
+                                       ? 0
+                                       : path.find_first_not_of('/'));
+  for (const std::string& pattern : patterns) {
+    if (fnmatch(pattern.c_str(), path.c_str(), 0) == 0 ||
+        fnmatch(pattern.c_str(), stored.c_str(), 0) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// The names to archive once the -x patterns are applied: wildcards expanded and, with -r,
+// folders walked here, so the engine gets every kept file and folder by name.
+std::vector<std::string> KeptNames(const ZipCommandLine& line) {
+  namespace fs = std::filesystem;
+  std::vector<std::string> kept;
+  for (const std::string& name : line.names) {
+    glob_t found{};
+    std::vector<std::string> matches;
+    if (glob(name.c_str(), GLOB_NOCHECK, nullptr, &found) == 0) {
+      for (size_t i = 0; i < found.gl_pathc; ++i) matches.emplace_back(found.gl_pathv[i]);
+    }
+    globfree(&found);
+    for (const std::string& match : matches) {
+      if (Excluded(match, line.exclude)) continue;
+      kept.push_back(match);
+      std::error_code error;
+      if (!line.recurse || !fs::is_directory(match, error)) continue;
+      for (auto it = fs::recursive_directory_iterator(match, error);
+           !error && it != fs::recursive_directory_iterator(); it.increment(error)) {
+        std::string path = it->path().string();
+        if (Excluded(path, line.exclude)) {
+          it.disable_recursion_pending();
+        } else {
+          kept.push_back(path);
+        }
+      }
+    }
+  }
+  return kept;
+}
+
 // The options both commands share: -j, -q, -P, --password-file and the archive.
 template <class Line>
 void AddSharedOptions(CLI::App* command, Line& line) {
@@ -138,10 +185,12 @@ int RunZipCommand(const ZipCommandLine& line, std::FILE* out) {
   try {
     callbacks.password = PasswordSource(GivenPassword(line.password, line.password_file));
   } catch (const CommandError& error) {
-    std::fprintf(stderr, "pelmora zip: %s\n", error.what());
+    std::fprintf(stderr, "pelmora: zip: %s\n", error.what());
     return archive::kZipParms;
   }
-  return archive::RunZip(options, line.archive, line.names, callbacks);
+  if (line.exclude.empty()) return archive::RunZip(options, line.archive, line.names, callbacks);
+  options.recurse = 0;  // the folders are walked here
+  return archive::RunZip(options, line.archive, KeptNames(line), callbacks);
 }
 
 int RunUnzipCommand(const UnzipCommandLine& line, std::FILE* out) {
@@ -163,7 +212,7 @@ int RunUnzipCommand(const UnzipCommandLine& line, std::FILE* out) {
   try {
     callbacks.password = PasswordSource(GivenPassword(line.password, line.password_file));
   } catch (const CommandError& error) {
-    std::fprintf(stderr, "pelmora unzip: %s\n", error.what());
+    std::fprintf(stderr, "pelmora: unzip: %s\n", error.what());
     return archive::kUnzipMem2;
   }
   int rc = archive::RunUnzip(dcl, callbacks, {line.names, {}});
@@ -177,6 +226,10 @@ void AddZipCommand(CLI::App& app, CommandAction& action) {
   zip->add_flag("-r", zip_line->recurse, "recurse into folders");
   zip->add_flag("-e", zip_line->encrypt, "encrypt (asks for the password)");
   zip->add_flag("-u", zip_line->update, "add new files, replace only with newer ones");
+  zip->add_option("-x,--exclude", zip_line->exclude,
+                  "leave out names matching these patterns (\"*\" crosses \"/\"), as -x '*.log'")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
   AddSharedOptions(zip, *zip_line);
   zip->add_option("names", zip_line->names, "files, folders, wildcards")->required();
   zip->callback([&action, zip_line] {

@@ -20,6 +20,7 @@ struct ZipCommandLine {
   bool quiet = false;
   std::string password;       // -P
   std::string password_file;  // --password-file
+  std::vector<std::string> exclude;  // -x: patterns of names to leave out ("*" crosses "/")
 };
 
 // The command line of `pelmora unzip`.

@@ -94,5 +94,27 @@ TEST_F(ZipCommand, ListPrintsTheEntries) {
   EXPECT_NE(text.find("   a.txt\n"), std::string::npos) << text;
 }
 
+TEST_F(ZipCommand, ExcludePatternsLeaveOutFilesAndWholeFolders) {
+  WriteFile(dir_.Path("src/sub/c.log"), "log");
+  WriteFile(dir_.Path("src/d.log"), "log");
+  WriteFile(dir_.Path("src/skip/e.txt"), "e");
+  ZipCommandLine zip = ZipLine(dir_.Path("x.zip"), dir_.Path("src"));
+  zip.recurse = true;
+  zip.quiet = true;
+  zip.exclude = {"*.log", "*/src/skip"};
+  ASSERT_EQ(RunZipCommand(zip, out_.File()), 0);
+  UnzipCommandLine unzip;
+  unzip.archive = dir_.Path("x.zip");
+  unzip.list = true;
+  ASSERT_EQ(RunUnzipCommand(unzip, out_.File()), 0);
+  std::string text = out_.Text();
+  for (const char* kept : {"src/a.txt\n", "src/sub/b.txt\n", "src/sub/\n"}) {
+    EXPECT_NE(text.find(kept), std::string::npos) << kept << " missing from\n" << text;
+  }
+  for (const char* left_out : {".log", "skip"}) {
+    EXPECT_EQ(text.find(left_out), std::string::npos) << left_out << " in\n" << text;
+  }
+}
+
 }  // namespace
 }  // namespace pelmora_tool
