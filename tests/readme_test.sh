@@ -91,7 +91,8 @@ while IFS= read -r line; do
   examples=$((examples + 1))
   line=${line//--host server/--host 127.0.0.1 --port $port}
   line=$(sed -E "s/--hosts '[^']*'/--hosts '127.0.0.1:$port,localhost:$port'/" <<<"$line")
-  check "example: ${line%%#*}" bash -c "PATH='$root/usr/bin':\$PATH; $line"
+  # As with ssh, exec forwards standard input: keep the loop's own input away from it.
+  check "example: ${line%%#*}" bash -c "PATH='$root/usr/bin':\$PATH; $line" </dev/null
 done <<<"$client"
 [[ $examples -ge 5 ]] || { echo "FAIL only $examples client examples found"; failures=$((failures + 1)); }
 check "the uploaded report arrived" cmp report.pdf c/reports/report.pdf

@@ -326,8 +326,8 @@ TEST_F(CliServiceTest, FleetShowsTheHostWhoseCommandFailed) {
                                              "exec", "test -e marker"},
                                             env_)
                                    .Finish(kLimit);
-  EXPECT_THAT(table.out, HasSubstr("2 hosts: 1 ok, 1 failed"));
-  EXPECT_THAT(table.out, MatchesRegex("(.|\n)*failed +1 (.|\n)*"));
+  EXPECT_THAT(table.err, HasSubstr("2 hosts: 1 ok, 1 failed"));
+  EXPECT_THAT(table.err, MatchesRegex("(.|\n)*failed +1 (.|\n)*"));
 }
 
 TEST_F(CliServiceTest, FleetOfSessionsSummarisesEveryHost) {
