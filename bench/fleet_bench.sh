@@ -31,6 +31,7 @@ C = "$work/c"
 [accounts.bench]
 password = "$hash"
 commands = true
+run_as = "root"
 [limits]
 sessions = 4096
 sessions_per_address = 4096

@@ -93,6 +93,7 @@ Account ReadAccount(std::string_view name, const toml::table& table, std::string
   }
   account.read_only = Flag(view["read_only"], source, prefix + "read_only", false);
   account.commands = Flag(view["commands"], source, prefix + "commands", false);
+  account.tasks = Flag(view["tasks"], source, prefix + "tasks", false);
   account.run_as = Text(view["run_as"], source, prefix + "run_as", "");
   account.working_folder = Text(view["working_folder"], source, prefix + "working_folder", "/");
   return account;

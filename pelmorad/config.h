@@ -28,8 +28,9 @@ struct Account {
   std::string password_hash;         // crypt(3) hash
   std::vector<char> drives;          // upper-case letters the account may use; empty = every drive
   bool read_only = false;            // refuses every request that changes files or folders
-  bool commands = false;             // may run command lines (code 20)
-  std::string run_as;                // Linux user for commands when the service runs as root
+  bool commands = false;             // may run command lines (code 20) and the print queue
+  bool tasks = false;                // may change the scheduler's Tasks folder
+  std::string run_as;                // Linux user the account's work runs as (service as root)
   std::string working_folder = "/";  // Linux folder commands start in
 
   // True when the account may use drive `letter` (upper case).

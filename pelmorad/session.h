@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "pelmora/admin/wire.h"
+#include "pelmorad/blocking.h"
 #include "pelmorad/drive_path.h"
 #include "pelmorad/runtime.h"
 
@@ -97,6 +98,15 @@ class Session : public std::enable_shared_from_this<Session> {
   asio::awaitable<bool> StreamCommand(std::shared_ptr<RunningCommand> command, int32_t timeout);
   asio::awaitable<bool> ForwardOutput(asio::posix::stream_descriptor& output);
 
+  // Runs file work on the pool with the account's identity as the owner of what it creates.
+  template <typename Function>
+  auto RunFileWork(Function function) {
+    return RunBlocking(context_.pool, [identity = identity_, function = std::move(function)] {
+      OwnerScope owner(identity);
+      return function();
+    });
+  }
+
   // Checks argument `index` as a path; `write` when the request changes the file system.
   Target ResolveArgument(const pelmora::admin::RequestBlock& block, std::size_t index,
                          bool write) const;
@@ -112,6 +122,7 @@ class Session : public std::enable_shared_from_this<Session> {
   std::string address_;
   std::string peer_;  // address:port
   const Account* account_ = nullptr;
+  const Identity* identity_ = nullptr;  // the account's, held by runtime_
   int32_t sequence_ = 0;  // of the client's last framed message
   int refused_before_login_ = 0;
   bool idle_ = true;

@@ -181,6 +181,10 @@ asio::awaitable<bool> Session::ForwardOutput(asio::posix::stream_descriptor& out
 
 asio::awaitable<bool> Session::HandlePrintQueue(const RequestBlock& block) {
   const std::string& command_line = runtime_->config.print_queue_command;
+  if (!account_->commands) {
+    AuditRequest(block.code, "print queue", kAccessDenied);
+    co_return co_await Refuse(block, kAccessDenied);
+  }
   std::string text;
   if (!command_line.empty()) {
     pelmora::ChildSpec launch = SpecFor(runtime_->config, *account_, command_line);
@@ -200,7 +204,7 @@ asio::awaitable<bool> Session::HandleFileVersion(const RequestBlock& block) {
   int32_t result = target.error;
   if (result == kSuccess) {
     auto drives = runtime_->drives;
-    result = co_await RunBlocking(context_.pool, [&] {
+    result = co_await RunFileWork([&] {
       Opened file = drives->OpenBeneath(target.path, O_RDONLY);
       if (!file.fd) return drives->ResolveError(target.path, file.error);
       version = pelmora::internal::ReadFileVersion(file.fd.get());

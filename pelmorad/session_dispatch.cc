@@ -50,6 +50,7 @@ asio::awaitable<bool> Session::HandleLogin(std::span<const uint8_t> data) {
   if (accepted) {
     context_.throttle.Succeeded(address_);
     account_ = account;
+    identity_ = runtime_->IdentityOf(*account);
     Audit({peer_, user, -1, "login", kSuccess});
     co_return co_await SendResult(kSuccess);
   }
@@ -145,7 +146,8 @@ Session::Target Session::ResolveArgument(const RequestBlock& block, std::size_t 
   target.path = *parsed.path;
   if (!runtime_->drives->IsMapped(target.path.drive)) {
     target.error = kPathNotFound;
-  } else if (!account_->MayUseDrive(target.path.drive) || (write && account_->read_only)) {
+  } else if (!account_->MayUseDrive(target.path.drive) ||
+             (write && (account_->read_only || !runtime_->MayChangeTasks(*account_, target.path)))) {
     target.error = kAccessDenied;
   }
   return target;

@@ -61,7 +61,7 @@ asio::awaitable<bool> Session::HandleFileRequest(const RequestBlock& block) {
     bool overwrite = FlagArgument(block, 1);
     bool unicode = FlagArgument(block, 2);
     auto drives = runtime_->drives;
-    result = co_await RunBlocking(context_.pool, [&] {
+    result = co_await RunFileWork([&] {
       return RunFileRequest(*drives, code, target.path, overwrite, unicode);
     });
   }
@@ -78,8 +78,8 @@ asio::awaitable<bool> Session::HandleCopy(const RequestBlock& block) {
   if (result == kSuccess) {
     bool overwrite = !moves && FlagArgument(block, 2);
     auto drives = runtime_->drives;
-    result = co_await RunBlocking(
-        context_.pool, [&] { return RunCopy(*drives, code, from.path, to.path, overwrite); });
+    result = co_await RunFileWork(
+        [&] { return RunCopy(*drives, code, from.path, to.path, overwrite); });
   }
   AuditRequest(block.code, from.text + " -> " + to.text, result);
   co_return co_await SendResult(result);
@@ -91,7 +91,7 @@ asio::awaitable<bool> Session::HandleFileInfo(const RequestBlock& block) {
   info.error = target.error;
   if (info.error == kSuccess) {
     auto drives = runtime_->drives;
-    info = co_await RunBlocking(context_.pool, [&] { return ReadFileInfo(*drives, target.path); });
+    info = co_await RunFileWork([&] { return ReadFileInfo(*drives, target.path); });
   }
   AuditRequest(block.code, target.text, info.error);
   if (info.error != kSuccess) co_return co_await SendMessage(pelmora::admin::BuildSizeMessage(-1));
@@ -108,7 +108,7 @@ asio::awaitable<bool> Session::HandleListing(const RequestBlock& block) {
   std::vector<uint8_t> listing;
   if (result == kSuccess) {
     auto drives = runtime_->drives;
-    result = co_await RunBlocking(context_.pool, [&] {
+    result = co_await RunFileWork([&] {
       std::vector<pelmora::admin::FileInfoRecord> records;
       int32_t error = ListFolder(*drives, target.path, records);
       if (error == kSuccess) listing = pelmora::admin::BuildListing(records);
