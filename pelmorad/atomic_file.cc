@@ -47,8 +47,8 @@ int32_t AtomicFile::Begin(const DriveTable& drives, const DrivePath& target) {
   Opened existing = drives.OpenBeneath(target, O_PATH);
   struct stat info {};
   if (existing.fd && ::fstat(existing.fd.get(), &info) == 0) {
-    if (S_ISDIR(info.st_mode)) return kAccessDenied;
-    if (S_ISREG(info.st_mode)) mode = info.st_mode & kPermissionBits;
+    if (!S_ISREG(info.st_mode)) return kAccessDenied;  // a folder, FIFO, socket or device
+    mode = info.st_mode & kPermissionBits;
   }
   int fd = ::openat(folder_.get(), ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, mode);
   if (fd < 0 && (errno == EOPNOTSUPP || errno == EISDIR)) {

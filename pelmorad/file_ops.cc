@@ -113,7 +113,7 @@ int32_t CreateFile(const DriveTable& drives, const DrivePath& path, bool overwri
   Opened opened = drives.OpenBeneath(path, O_WRONLY | O_CREAT | O_EXCL, 0644);
   bool created = static_cast<bool>(opened.fd);
   if (!created && opened.error == EEXIST && overwrite) {
-    opened = drives.OpenBeneath(path, O_WRONLY | O_TRUNC);
+    opened = drives.OpenRegular(path, O_WRONLY | O_TRUNC);
   }
   if (!opened.fd) {
     if (opened.error == ENOENT) return kPathNotFound;
@@ -178,7 +178,7 @@ int32_t DeleteFolder(const DriveTable& drives, const DrivePath& path) {
 
 int32_t CopyFile(const DriveTable& drives, const DrivePath& from, const DrivePath& to,
                  bool overwrite) {
-  Opened source = drives.OpenBeneath(from, O_RDONLY);
+  Opened source = drives.OpenRegular(from, O_RDONLY);
   if (!source.fd) return drives.ResolveError(from, source.error);
   struct stat info {};
   if (::fstat(source.fd.get(), &info) != 0) return FromErrno(errno, Missing::kFile);

@@ -1,5 +1,6 @@
 // pelmorad: the administration service. See options.h for the command line and docs/protocol.md
 // for what it answers.
+#include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -67,6 +68,8 @@ int main(int argc, char** argv) {
     std::unique_ptr<pelmora::sched::TaskRunner> scheduler = StartScheduler(config_path);
     int status = server.Run();
     if (scheduler) scheduler->Stop();
+    // A pool thread blocked in the kernel would keep the server's destructor waiting.
+    if (server.Abandoned()) std::_Exit(status);
     return status;
   } catch (const pelmora::Error& error) {
     std::cerr << "pelmorad: " << error.Description() << '\n';

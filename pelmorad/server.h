@@ -33,8 +33,13 @@ class Server {
   ~Server();
 
   // Binds every address (throws pelmora::Error 10048 with the address when one cannot be bound),
-  // writes the port file, serves until SIGTERM and returns the exit status (0).
+  // writes the port file, serves until SIGTERM and returns the exit status (0). Returns at most
+  // about a second after the grace period even when file work is still blocked in the kernel;
+  // Abandoned() then tells the caller to end the process without destroying the server.
   int Run();
+
+  // True when Run returned with file work still blocked on a pool thread.
+  bool Abandoned() const;
 
  private:
   class Impl;

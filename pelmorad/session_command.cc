@@ -205,7 +205,7 @@ asio::awaitable<bool> Session::HandleFileVersion(const RequestBlock& block) {
   if (result == kSuccess) {
     auto drives = runtime_->drives;
     result = co_await RunFileWork([&] {
-      Opened file = drives->OpenBeneath(target.path, O_RDONLY);
+      Opened file = drives->OpenRegular(target.path, O_RDONLY);
       if (!file.fd) return drives->ResolveError(target.path, file.error);
       version = pelmora::internal::ReadFileVersion(file.fd.get());
       return kSuccess;

@@ -35,7 +35,7 @@ struct Source {
 
 Source OpenSource(const DriveTable& drives, const DrivePath& path) {
   Source source;
-  Opened opened = drives.OpenBeneath(path, O_RDONLY);
+  Opened opened = drives.OpenRegular(path, O_RDONLY);
   struct stat info {};
   if (!opened.fd) {
     source.error = drives.ResolveError(path, opened.error);
