@@ -78,6 +78,7 @@ void Session::Start(ServiceContext& context, asio::ip::tcp::socket socket) {
 }
 
 void Session::Close() {
+  KillCommand();  // a command never outlives its session
   asio::error_code ignored;
   socket_.shutdown(asio::ip::tcp::socket::shutdown_both, ignored);
   socket_.close(ignored);
@@ -100,6 +101,10 @@ asio::awaitable<void> Session::Watchdog() {
     co_await idle_timer_.async_wait(asio::redirect_error(asio::use_awaitable, error));
     if (!error && idle_timer_.expiry() <= asio::steady_timer::clock_type::now() &&
         socket_.is_open()) {
+      if (command_group_ > 0 && !sending_) {
+        ArmIdleTimer();  // a silent command: the client waits for it, not the other way round
+        continue;
+      }
       Audit({peer_, account_ ? account_->name : "", -1, "closed: idle", kTimeout});
       Close();
     }
@@ -117,8 +122,10 @@ asio::awaitable<bool> Session::ReadExactly(std::span<uint8_t> buffer) {
 asio::awaitable<bool> Session::SendRaw(std::span<const uint8_t> data) {
   ArmIdleTimer();
   asio::error_code error;
+  sending_ = true;
   co_await asio::async_write(socket_, asio::buffer(data.data(), data.size()),
                              asio::redirect_error(asio::use_awaitable, error));
+  sending_ = false;
   co_return !error;
 }
 

@@ -39,7 +39,8 @@ class Session : public std::enable_shared_from_this<Session> {
   // Registers a new session for `socket` and starts its coroutine on the I/O thread.
   static void Start(ServiceContext& context, asio::ip::tcp::socket socket);
 
-  // Closes the connection; the coroutine ends at its next step. Never blocks.
+  // Closes the connection and kills a running command's process group; the coroutine ends at its
+  // next step. Never blocks.
   void Close();
   // True while the session waits for the client's next request.
   bool Idle() const { return idle_; }
@@ -126,6 +127,7 @@ class Session : public std::enable_shared_from_this<Session> {
   int32_t sequence_ = 0;  // of the client's last framed message
   int refused_before_login_ = 0;
   bool idle_ = true;
+  bool sending_ = false;   // a write to the client is waiting (the client may not be reading)
   int command_group_ = 0;  // process group of the running command, 0 when none
 };
 

@@ -29,12 +29,18 @@ using pelmora::admin::RequestBlock;
 struct RunningCommand {
   std::optional<pelmora::ChildProcess> child;
   int start_error = 0;
-  bool finished = false;
+  bool finished = false;  // reaped: its process group id may be someone else's now
   bool timed_out = false;
   bool client_gone = false;
+  int* slot = nullptr;  // the service's running-command count while this one holds a place
 
   void Kill() {
     if (!finished && child) child->KillGroup();
+  }
+  // Gives the command's place back (once), as soon as its shell has ended.
+  void ReleaseSlot() {
+    if (slot != nullptr) *slot -= 1;
+    slot = nullptr;
   }
 };
 
@@ -101,10 +107,11 @@ asio::awaitable<bool> Session::HandleCommand(const RequestBlock& block) {
     co_return co_await Refuse(block, command->start_error);
   }
   context_.running_commands += 1;
+  command->slot = &context_.running_commands;
   command_group_ = command->child->pid();
   bool connected = co_await StreamCommand(command, request->timeout);
   command_group_ = 0;
-  context_.running_commands -= 1;
+  command->ReleaseSlot();
   pelmora::ChildExit exit =
       co_await RunBlocking(context_.pool, [&] { return command->child->Wait(); });
   int32_t status = StatusFor(*command, exit);
@@ -135,25 +142,34 @@ asio::awaitable<bool> Session::StreamCommand(std::shared_ptr<RunningCommand> com
     command->Kill();
   });
   io->exit_watch.async_wait(asio::posix::descriptor_base::wait_read,
-                            [io](const asio::error_code& error) {
-                              if (!error) io->drain.expires_after(kDrainAfterExit);
+                            [io, command](const asio::error_code& error) {
+                              if (error) return;
+                              command->ReleaseSlot();
+                              io->drain.expires_after(kDrainAfterExit);
                               io->drain.async_wait([io](const asio::error_code& drained) {
                                 // a grandchild that left the group may still hold the pipe
                                 if (!drained) io->output.cancel();
                               });
                             });
   bool connected = co_await ForwardOutput(io->output);
-  command->finished = true;
   asio::error_code ignored;
-  io->deadline.cancel();
   io->drain.cancel();
-  io->exit_watch.cancel(ignored);
-  socket_.cancel(ignored);
-  // The shell may close its output before it ends: wait for the exit itself.
+  if (!connected) {
+    // The client is gone or stopped reading until its session was closed: the command ends
+    // with it rather than run on unseen.
+    command->client_gone = true;
+    command->Kill();
+  }
+  // The shell may close its output before it ends: wait for the exit itself, still bounded by
+  // the time-out and by the client leaving.
   if (!command->child->TryReap()) {
     co_await io->exit_watch.async_wait(asio::posix::descriptor_base::wait_read,
                                        asio::redirect_error(asio::use_awaitable, ignored));
   }
+  command->finished = true;
+  io->deadline.cancel();
+  io->exit_watch.cancel(ignored);
+  socket_.cancel(ignored);
   co_return connected;
 }
 

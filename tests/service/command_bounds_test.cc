@@ -1,0 +1,109 @@
+// Commands cannot outlive their bounds: a command dies with its session when the client stops
+// reading, its time-out holds while its output waits for the client, and its place under
+// limits.commands comes back as soon as it has ended.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "pelmora/admin/rcfso.h"
+#include "pelmora/admin/wire_replies.h"
+#include "tests/service/raw_client.h"
+#include "tests/service/service_process.h"
+
+namespace pelmorad::testing {
+namespace {
+
+using pelmora::admin::RCFSO;
+
+// True when process `pid` has ended within `milliseconds` (a zombie counts as ended).
+bool ProcessEnds(pid_t pid, int milliseconds) {
+  int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+  if (pidfd < 0) return true;
+  pollfd entry{pidfd, POLLIN, 0};
+  bool ended = ::poll(&entry, 1, milliseconds) == 1;
+  ::close(pidfd);
+  return ended;
+}
+
+class ServiceCommandBounds : public ::testing::Test {
+ protected:
+  explicit ServiceCommandBounds(int idle_seconds)
+      : service_("[limits]\ncommands = 1\nidle_seconds = " + std::to_string(idle_seconds) + "\n") {}
+
+  void SetUp() override { ASSERT_TRUE(service_.Start()); }
+
+  // Logs `client` in and starts `command` with `timeout` ms; returns once its first output has
+  // arrived, after which the client reads no more.
+  bool StartFlood(RawClient& client, const std::string& command, int32_t timeout) {
+    if (!client.Connect(service_.port())) return false;
+    auto login = client.Login("operator", kOperatorPassword);
+    if (!login || !login->success) return false;
+    auto block = pelmora::admin::BuildCommandRequest(command, timeout);
+    return client.SendFramed(
+               pelmora::admin::BuildSizeMessage(pelmora::admin::CommandRequestTotal(command))) &&
+           client.Send(block) && client.ReadFramed().has_value();
+  }
+
+  // True when another client gets to run a command: its place is free again. The service frees
+  // it on the I/O thread right after the exit this test has already seen, so a few tries suffice.
+  bool AnotherClientRunsACommand() {
+    RCFSO fso;
+    fso.set_timeout(10000);
+    if (!fso.Connect("127.0.0.1", service_.port(), "operator", kOperatorPassword, false)) {
+      return false;
+    }
+    for (int attempt = 0; attempt < 20; ++attempt) {
+      if (fso.SyncCreateProcess("true", 10000)) return true;
+      if (fso.ErrCode() != 9001) return false;
+    }
+    return false;
+  }
+
+  pid_t ShellPid() { return std::atoi(ReadFile(pid_file_).c_str()); }
+
+  ServiceProcess service_;
+  std::string pid_file_ = service_.folder() + "/shell.pid";
+};
+
+class ServiceCommandShortIdle : public ServiceCommandBounds {
+ protected:
+  ServiceCommandShortIdle() : ServiceCommandBounds(1) {}
+};
+
+class ServiceCommandLongIdle : public ServiceCommandBounds {
+ protected:
+  ServiceCommandLongIdle() : ServiceCommandBounds(600) {}
+};
+
+TEST_F(ServiceCommandShortIdle, CommandWithoutTimeOutDiesWhenItsSilentClientIsClosed) {
+  RawClient client;
+  ASSERT_TRUE(StartFlood(client, "echo $$ > " + pid_file_ + "; yes", 0));
+  ASSERT_GT(ShellPid(), 0);
+  EXPECT_TRUE(ProcessEnds(ShellPid(), 10000));
+  EXPECT_TRUE(AnotherClientRunsACommand());
+}
+
+TEST_F(ServiceCommandLongIdle, TimeOutKillsACommandWhoseClientDoesNotReadAndFreesItsPlace) {
+  RawClient client;
+  ASSERT_TRUE(StartFlood(client, "echo $$ > " + pid_file_ + "; yes", 300));
+  ASSERT_GT(ShellPid(), 0);
+  EXPECT_TRUE(ProcessEnds(ShellPid(), 10000));
+  // The first client's session still waits on its full socket; the place is free all the same.
+  EXPECT_TRUE(AnotherClientRunsACommand());
+}
+
+TEST_F(ServiceCommandShortIdle, SilentCommandOutlastsTheIdleTime) {
+  RCFSO fso;
+  fso.set_timeout(20000);
+  ASSERT_TRUE(fso.Connect("127.0.0.1", service_.port(), "operator", kOperatorPassword, false));
+  EXPECT_TRUE(fso.SyncCreateProcess("echo first; sleep 2; echo done", 20000))
+      << fso.ErrDescription();
+  EXPECT_EQ(fso.ErrCode(), 0);
+}
+
+}  // namespace
+}  // namespace pelmorad::testing
