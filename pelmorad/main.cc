@@ -9,6 +9,7 @@
 
 #include "pelmora/common/error.h"
 #include "pelmora/sched/task_runner.h"
+#include "pelmorad/command_tree.h"
 #include "pelmorad/config.h"
 #include "pelmorad/options.h"
 #include "pelmorad/password.h"
@@ -49,6 +50,9 @@ std::unique_ptr<pelmora::sched::TaskRunner> StartScheduler(const std::string& co
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Started by the service as the keeper of one command's processes.
+  if (int status = pelmorad::RunKeeperIfAsked(argc, argv); status >= 0) return status;
+  pelmorad::RememberServiceBinary();
   std::vector<std::string_view> arguments(argv + 1, argv + argc);
   try {
     pelmorad::Options options = pelmorad::ParseOptions(arguments);

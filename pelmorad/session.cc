@@ -13,6 +13,7 @@
 
 #include "pelmora/admin/wire_replies.h"
 #include "pelmorad/audit.h"
+#include "pelmorad/command_tree.h"
 #include "pelmorad/win_error.h"
 
 namespace pelmorad {
@@ -86,7 +87,8 @@ void Session::Close() {
 }
 
 void Session::KillCommand() {
-  if (command_group_ > 0) ::kill(-command_group_, SIGKILL);
+  // Not reaped before command_group_ is cleared, so the number is still the command's.
+  if (command_group_ > 0) KillProcessTree(command_group_);
 }
 
 void Session::ArmIdleTimer() {

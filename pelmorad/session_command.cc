@@ -18,6 +18,7 @@
 #include "pelmorad/audit.h"
 #include "pelmorad/blocking.h"
 #include "pelmorad/command_output.h"
+#include "pelmorad/command_tree.h"
 #include "pelmorad/session.h"
 #include "pelmorad/win_error.h"
 
@@ -35,7 +36,7 @@ struct RunningCommand {
   int* slot = nullptr;  // the service's running-command count while this one holds a place
 
   void Kill() {
-    if (!finished && child) child->KillGroup();
+    if (!finished && child) KillCommandTree(*child);
   }
   // Gives the command's place back (once), as soon as its shell has ended.
   void ReleaseSlot() {
@@ -65,9 +66,7 @@ struct CommandIo {
 };
 
 pelmora::ChildSpec SpecFor(const Config& config, const Account& account, std::string command) {
-  pelmora::ChildSpec launch;
-  launch.command_line = std::move(command);
-  launch.shell = config.shell;
+  pelmora::ChildSpec launch = KeptCommand(config.shell, std::move(command));
   launch.working_folder = account.working_folder;
   launch.run_as = account.run_as;
   return launch;
@@ -96,7 +95,7 @@ asio::awaitable<bool> Session::HandleCommand(const RequestBlock& block) {
   pelmora::ChildSpec launch = SpecFor(runtime_->config, *account_, request->command);
   command->start_error = co_await RunBlocking(context_.pool, [&] {
     try {
-      command->child.emplace(pelmora::ChildProcess::Start(launch));
+      command->child.emplace(StartKept(launch));
       return 0;
     } catch (const pelmora::Error& error) {
       return static_cast<int>(error.Number());

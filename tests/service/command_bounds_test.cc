@@ -3,9 +3,11 @@
 // limits.commands comes back as soon as it has ended.
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 
@@ -103,6 +105,53 @@ TEST_F(ServiceCommandShortIdle, SilentCommandOutlastsTheIdleTime) {
   EXPECT_TRUE(fso.SyncCreateProcess("echo first; sleep 2; echo done", 20000))
       << fso.ErrDescription();
   EXPECT_EQ(fso.ErrCode(), 0);
+}
+
+// Commands whose processes leave the process group: setsid, and a double fork whose middle
+// process ends at once, so the grandchild is an orphan. Each writes the detached pid to a file.
+struct Detaching {
+  const char* name;
+  const char* command;  // %s: the pid file
+};
+
+TEST_F(ServiceCommandLongIdle, TimeOutKillsProcessesThatLeftTheGroup) {
+  const Detaching cases[] = {
+      {"setsid", "setsid sh -c 'echo $$ > %s; exec sleep 60' & wait"},
+      {"double fork", "(setsid sh -c 'echo $$ > %s; exec sleep 60' &) ; sleep 60"},
+  };
+  for (const Detaching& test : cases) {
+    SCOPED_TRACE(test.name);
+    std::string pid_file = service_.folder() + "/detached.pid";
+    ::unlink(pid_file.c_str());
+    char command[512];
+    std::snprintf(command, sizeof(command), test.command, pid_file.c_str());
+    // The shell waits for the detached process to have written its pid before the time-out.
+    std::string full = "(" + std::string(command) + ") & while [ ! -s " + pid_file + " ]; do sleep 0.05; done; " +
+                       "echo detached; wait";
+    RCFSO fso;
+    fso.set_timeout(20000);
+    ASSERT_TRUE(fso.Connect("127.0.0.1", service_.port(), "operator", kOperatorPassword, false));
+    EXPECT_FALSE(fso.SyncCreateProcess(full, 2000));
+    EXPECT_EQ(fso.ErrCode(), 9003);
+    pid_t detached = std::atoi(ReadFile(pid_file).c_str());
+    ASSERT_GT(detached, 0);
+    EXPECT_TRUE(ProcessEnds(detached, 10000));
+    if (!ProcessEnds(detached, 0)) ::kill(detached, SIGKILL);
+  }
+}
+
+TEST_F(ServiceCommandShortIdle, SessionEndKillsProcessesThatLeftTheGroup) {
+  RawClient client;
+  std::string pid_file = service_.folder() + "/detached.pid";
+  std::string command = "(setsid sh -c 'echo $$ > " + pid_file +
+                        "; exec sleep 60' &); while [ ! -s " + pid_file +
+                        " ]; do sleep 0.05; done; echo detached; sleep 60";
+  ASSERT_TRUE(StartFlood(client, command, 0));
+  client.Close();
+  pid_t detached = std::atoi(ReadFile(pid_file).c_str());
+  ASSERT_GT(detached, 0);
+  EXPECT_TRUE(ProcessEnds(detached, 10000));
+  if (!ProcessEnds(detached, 0)) ::kill(detached, SIGKILL);
 }
 
 }  // namespace
