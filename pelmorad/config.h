@@ -84,12 +84,16 @@ struct Config {
 };
 
 // Parses and checks configuration text. Throws pelmora::Error 87 with a description naming
-// `source` and the offending key when the text is not valid TOML or a value is out of range.
+// `source` and the offending key when the text is not valid TOML, a value is out of range or a
+// key is unknown (with its line and the nearest known key: "did you mean commands?").
 Config ParseConfig(std::string_view text, std::string_view source);
 
-// Reads and parses the file at `path`. Throws pelmora::Error 2 when it cannot be read, 5 when it
-// is writable by users other than its owner and group (a world-writable file or one under a
-// world-writable folder without the sticky bit), and what ParseConfig throws. Blocks on the read.
+// Reads and parses the file at `path`. Throws pelmora::Error 2 when it cannot be read, 5 when
+// other users could change it: the file is group- or other-writable or belongs to a user other
+// than root and the service's, or a folder above it (as written or after resolving links) is
+// not root's or the service user's, or is group- or other-writable without the sticky bit that
+// protects the entry below it. Warns on standard error when every user may read it. Throws
+// what ParseConfig throws. Blocks on the read.
 Config LoadConfig(const std::string& path);
 
 }  // namespace pelmorad

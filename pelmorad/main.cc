@@ -31,7 +31,8 @@ int HashFromStandardInput() {
 }
 
 int CheckConfig(const std::string& path) {
-  pelmorad::LoadRuntime(path);
+  std::shared_ptr<const pelmorad::Runtime> runtime = pelmorad::LoadRuntime(path);
+  pelmorad::CheckListenAddresses(runtime->config.listen);
   std::cout << path << ": the configuration is valid\n";
   return 0;
 }

@@ -60,6 +60,29 @@ std::optional<asio::ip::tcp::endpoint> ParseListenAddress(const std::string& tex
   return asio::ip::tcp::endpoint(address, static_cast<unsigned short>(port));
 }
 
+void CheckListenAddresses(const std::vector<std::string>& addresses) {
+  asio::io_context io(1);
+  for (const std::string& text : addresses) {
+    std::optional<asio::ip::tcp::endpoint> endpoint = ParseListenAddress(text);
+    if (!endpoint) {
+      throw pelmora::Error(87,
+                           fmt::format("listen: \"{}\" is not an address:port with a numeric "
+                                       "address and a port from 0 to 65535",
+                                       text),
+                           "pelmorad");
+    }
+    asio::ip::tcp::acceptor acceptor(io);
+    asio::error_code error;
+    acceptor.open(endpoint->protocol(), error);
+    if (!error) acceptor.bind(asio::ip::tcp::endpoint(endpoint->address(), 0), error);
+    if (error) {
+      throw pelmora::Error(
+          87, fmt::format("listen: cannot listen on \"{}\": {}", text, error.message()),
+          "pelmorad");
+    }
+  }
+}
+
 class Server::Impl {
  public:
   explicit Impl(ServerOptions options)
