@@ -145,6 +145,12 @@ void ReadLimits(const toml::table& root, std::string_view source, Limits& limits
   ReadLimit(*table, "grace_seconds", source, 0, 3600, limits.grace_seconds);
   ReadLimit(*table, "workers", source, 1, 64, limits.workers);
   ReadLimit(*table, "print_queue_seconds", source, 1, 3600, limits.print_queue_seconds);
+  ReadLimit(*table, "login_grace_seconds", source, 1, 3600, limits.login_grace_seconds);
+  ReadLimit(*table, "unauthenticated", source, 1, 100000, limits.unauthenticated);
+  ReadLimit(*table, "unauthenticated_start", source, 1, 100000, limits.unauthenticated_start);
+  if (limits.unauthenticated_start > limits.unauthenticated) {
+    Fail(source, "limits.unauthenticated_start must not exceed limits.unauthenticated");
+  }
 }
 
 void ReadScheduler(const toml::table& root, std::string_view source, Config& config) {
@@ -183,7 +189,8 @@ const std::map<std::string, std::vector<std::string>>& KnownKeys() {
       {"limits",
        {"sessions", "sessions_per_address", "commands", "request_bytes", "path_length",
         "idle_seconds", "login_failures", "lockout_seconds", "login_delay_ms", "grace_seconds",
-        "workers", "print_queue_seconds"}},
+        "workers", "print_queue_seconds", "login_grace_seconds", "unauthenticated",
+        "unauthenticated_start"}},
   };
   return keys;
 }

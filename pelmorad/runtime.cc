@@ -47,6 +47,15 @@ bool Runtime::MayChangeTasks(const Account& account, const DrivePath& path) cons
   return !tasks_folder->Contains(path) && !path.Contains(*tasks_folder);
 }
 
+bool DropUnauthenticated(int waiting, const Limits& limits, double chance) {
+  if (waiting < limits.unauthenticated_start) return false;
+  if (waiting >= limits.unauthenticated) return true;
+  constexpr double kFirstRate = 0.3;
+  double span = limits.unauthenticated - limits.unauthenticated_start;
+  double rate = kFirstRate + (1.0 - kFirstRate) * (waiting - limits.unauthenticated_start) / span;
+  return chance < rate;
+}
+
 std::shared_ptr<const Runtime> MakeRuntime(Config config) {
   auto runtime = std::make_shared<Runtime>();
   runtime->identities = CheckAccounts(config, ::geteuid() == 0);

@@ -41,6 +41,11 @@ struct Runtime {
 // DriveTable::Open throw.
 std::shared_ptr<const Runtime> LoadRuntime(const std::string& config_path);
 
+// Whether a new connection is dropped while `waiting` connections have not logged in yet: never
+// below limits.unauthenticated_start, always from limits.unauthenticated on, and in between with
+// a chance rising from 30 % to 100 % (`chance` is a uniform draw from [0, 1)).
+bool DropUnauthenticated(int waiting, const Limits& limits, double chance);
+
 // Builds a runtime from a parsed configuration (checks its accounts, opens its drives).
 std::shared_ptr<const Runtime> MakeRuntime(Config config);
 
@@ -64,6 +69,7 @@ struct ServiceContext {
   VerifiedPasswords passwords;  // used from the pool
   std::set<Session*> sessions;
   std::map<std::string, int> sessions_per_address;
+  int unauthenticated = 0;  // sessions not yet logged in
   int running_commands = 0;
   bool stopping = false;
 };

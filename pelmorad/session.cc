@@ -10,6 +10,7 @@
 #include <asio/use_awaitable.hpp>
 #include <asio/write.hpp>
 #include <chrono>
+#include <random>
 
 #include "pelmora/admin/wire_replies.h"
 #include "pelmorad/audit.h"
@@ -50,9 +51,18 @@ Session::Session(ServiceContext& context, asio::ip::tcp::socket socket, std::str
   peer_ = PeerText(socket_, ignored);
   context_.sessions.insert(this);
   context_.sessions_per_address[address_] += 1;
+  context_.unauthenticated += 1;
+  login_deadline_ = asio::steady_timer::clock_type::now() +
+                    std::chrono::seconds(limits().login_grace_seconds);
+}
+
+void Session::LeaveUnauthenticated() {
+  if (counted_unauthenticated_) context_.unauthenticated -= 1;
+  counted_unauthenticated_ = false;
 }
 
 Session::~Session() {
+  LeaveUnauthenticated();
   context_.sessions.erase(this);
   if (--context_.sessions_per_address[address_] <= 0) {
     context_.sessions_per_address.erase(address_);
@@ -70,6 +80,12 @@ void Session::Start(ServiceContext& context, asio::ip::tcp::socket socket) {
   if (too_many || context.stopping) {
     Audit({peer, "", -1, "refused: session limit", kAccessDenied});
     return;  // the socket closes as it goes
+  }
+  static thread_local std::mt19937 random(std::random_device{}());
+  double chance = std::uniform_real_distribution<double>(0.0, 1.0)(random);
+  if (DropUnauthenticated(context.unauthenticated, limits, chance)) {
+    Audit({peer, "", -1, "refused: too many connections not logged in", kAccessDenied});
+    return;
   }
   auto session = std::make_shared<Session>(context, std::move(socket), address);
   asio::co_spawn(
@@ -92,7 +108,8 @@ void Session::KillCommand() {
 }
 
 void Session::ArmIdleTimer() {
-  idle_timer_.expires_after(std::chrono::seconds(limits().idle_seconds));
+  auto idle = asio::steady_timer::clock_type::now() + std::chrono::seconds(limits().idle_seconds);
+  idle_timer_.expires_at(account_ != nullptr ? idle : std::min(idle, login_deadline_));
 }
 
 asio::awaitable<void> Session::Watchdog() {
@@ -107,7 +124,10 @@ asio::awaitable<void> Session::Watchdog() {
         ArmIdleTimer();  // a silent command: the client waits for it, not the other way round
         continue;
       }
-      Audit({peer_, account_ ? account_->name : "", -1, "closed: idle", kTimeout});
+      bool grace = account_ == nullptr &&
+                   login_deadline_ <= asio::steady_timer::clock_type::now();
+      Audit({peer_, account_ ? account_->name : "", -1,
+             grace ? "closed: not logged in within the grace time" : "closed: idle", kTimeout});
       Close();
     }
   }
@@ -188,7 +208,7 @@ asio::awaitable<bool> Session::HandleMessage(const ClientMessage& message) {
 }
 
 asio::awaitable<bool> Session::HandleAnnouncement(int32_t total) {
-  if (total < 2 || total > limits().request_bytes) {
+  if (total < 2 || total > RequestLimit()) {
     Audit({peer_, account_ ? account_->name : "", -1,
            "closed: request size " + std::to_string(total), kInvalidParameter});
     co_return false;

@@ -10,6 +10,7 @@
 #include <asio/ip/tcp.hpp>
 #include <asio/posix/stream_descriptor.hpp>
 #include <asio/steady_timer.hpp>
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -26,6 +27,8 @@ namespace pelmorad {
 
 // Requests before a successful login that a session answers before it closes.
 inline constexpr int kMaxRequestsBeforeLogin = 3;
+// The largest request block a session accepts before a successful login (it is refused anyway).
+inline constexpr int kRequestBytesBeforeLogin = 8192;
 
 struct RunningCommand;
 
@@ -115,6 +118,13 @@ class Session : public std::enable_shared_from_this<Session> {
   static bool FlagArgument(const pelmora::admin::RequestBlock& block, std::size_t index);
   void AuditRequest(int code, const std::string& path, int32_t result) const;
   const Limits& limits() const { return runtime_->config.limits; }
+  // The largest request block accepted now.
+  int RequestLimit() const {
+    return account_ != nullptr ? limits().request_bytes
+                               : std::min(limits().request_bytes, kRequestBytesBeforeLogin);
+  }
+  // Leaves the count of connections not yet logged in (once).
+  void LeaveUnauthenticated();
 
   ServiceContext& context_;
   std::shared_ptr<const Runtime> runtime_;
@@ -126,6 +136,8 @@ class Session : public std::enable_shared_from_this<Session> {
   const Identity* identity_ = nullptr;  // the account's, held by runtime_
   int32_t sequence_ = 0;  // of the client's last framed message
   int refused_before_login_ = 0;
+  bool counted_unauthenticated_ = true;  // counted in context_.unauthenticated
+  asio::steady_timer::time_point login_deadline_;
   bool idle_ = true;
   bool sending_ = false;   // a write to the client is waiting (the client may not be reading)
   int command_group_ = 0;  // process group of the running command, 0 when none

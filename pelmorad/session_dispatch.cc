@@ -51,6 +51,8 @@ asio::awaitable<bool> Session::HandleLogin(std::span<const uint8_t> data) {
     context_.throttle.Succeeded(address_);
     account_ = account;
     identity_ = runtime_->IdentityOf(*account);
+    LeaveUnauthenticated();
+    ArmIdleTimer();
     Audit({peer_, user, -1, "login", kSuccess});
     co_return co_await SendResult(kSuccess);
   }
