@@ -52,8 +52,8 @@ struct Limits {
   int workers = 4;                 // threads for blocking file work
   int print_queue_seconds = 10;    // longest run of the print queue command
   int login_grace_seconds = 10;    // a connection not logged in by then is closed
-  int unauthenticated = 64;        // connections not yet logged in, at most
-  int unauthenticated_start = 16;  // from this many on, new ones are dropped at random
+  int unauthenticated = 256;       // connections not yet logged in, at most
+  int unauthenticated_start = 64;  // from this many on, new ones are dropped at random
 };
 
 // The task runner the service hosts: `folder` is a drive path ('C:\pelmora\tasks') beneath a
