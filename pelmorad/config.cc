@@ -142,6 +142,7 @@ void ReadLimits(const toml::table& root, std::string_view source, Limits& limits
   ReadLimit(*table, "login_failures", source, 1, 1000, limits.login_failures);
   ReadLimit(*table, "lockout_seconds", source, 0, 86400, limits.lockout_seconds);
   ReadLimit(*table, "login_delay_ms", source, 0, 60000, limits.login_delay_ms);
+  ReadLimit(*table, "login_delay_max_ms", source, 0, 3600000, limits.login_delay_max_ms);
   ReadLimit(*table, "grace_seconds", source, 0, 3600, limits.grace_seconds);
   ReadLimit(*table, "workers", source, 1, 64, limits.workers);
   ReadLimit(*table, "print_queue_seconds", source, 1, 3600, limits.print_queue_seconds);
@@ -189,7 +190,7 @@ const std::map<std::string, std::vector<std::string>>& KnownKeys() {
       {"limits",
        {"sessions", "sessions_per_address", "commands", "request_bytes", "path_length",
         "idle_seconds", "login_failures", "lockout_seconds", "login_delay_ms", "grace_seconds",
-        "workers", "print_queue_seconds", "login_grace_seconds", "unauthenticated",
+        "workers", "print_queue_seconds", "login_grace_seconds", "unauthenticated", "login_delay_max_ms",
         "unauthenticated_start"}},
   };
   return keys;

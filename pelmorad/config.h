@@ -45,9 +45,10 @@ struct Limits {
   int request_bytes = 65536;       // largest request block accepted
   int path_length = 1024;          // longest path (characters) accepted
   int idle_seconds = 300;          // a silent session is closed after this
-  int login_failures = 5;          // failed logins from one address before it is locked out
-  int lockout_seconds = 60;        // how long a locked-out address is refused
-  int login_delay_ms = 250;        // delay per earlier failure before a failed login is answered
+  int login_failures = 5;          // failures after which the login delay doubles with each
+  int lockout_seconds = 60;        // how long failed logins are remembered
+  int login_delay_ms = 250;        // delay per remembered failure before a login is checked
+  int login_delay_max_ms = 8000;   // the longest delay
   int grace_seconds = 5;           // how long transfers may run on after SIGTERM
   int workers = 4;                 // threads for blocking file work
   int print_queue_seconds = 10;    // longest run of the print queue command

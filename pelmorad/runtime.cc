@@ -75,8 +75,9 @@ ServiceContext::ServiceContext(asio::io_context& io_context, std::shared_ptr<con
     : io(io_context),
       pool(static_cast<std::size_t>(first->config.limits.workers)),
       runtime(std::move(first)),
-      throttle(runtime->config.limits.login_failures,
-               std::chrono::seconds(runtime->config.limits.lockout_seconds),
-               std::chrono::milliseconds(runtime->config.limits.login_delay_ms)) {}
+      throttle({.free_failures = runtime->config.limits.login_failures,
+                .memory = std::chrono::seconds(runtime->config.limits.lockout_seconds),
+                .step = std::chrono::milliseconds(runtime->config.limits.login_delay_ms),
+                .ceiling = std::chrono::milliseconds(runtime->config.limits.login_delay_max_ms)}) {}
 
 }  // namespace pelmorad

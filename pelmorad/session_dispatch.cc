@@ -35,11 +35,26 @@ asio::awaitable<bool> Session::HandleLogin(std::span<const uint8_t> data) {
     user = pelmora::AnsiToUtf8(pelmora::admin::DecodeCredential(parts->first));
     password = pelmora::admin::DecodeCredential(parts->second);
   }
-  auto now = LoginThrottle::Clock::now();
-  LoginThrottle::Decision decision = context_.throttle.Check(address_, now);
-  if (decision.locked) {
-    Audit({peer_, user, -1, "login refused: address locked out", kAccessDenied});
-    co_return co_await SendResult(kAccessDenied);
+  // Counted as in flight until it is answered, whatever ends the session meanwhile.
+  struct Attempt {
+    LoginThrottle& throttle;
+    const std::string& address;
+    const std::string& user;
+    bool accepted = false;
+    ~Attempt() { throttle.Finish(address, user, accepted, LoginThrottle::Clock::now()); }
+  };
+  LoginThrottle::Clock::duration wait =
+      context_.throttle.Begin(address_, user, LoginThrottle::Clock::now());
+  Attempt attempt{context_.throttle, address_, user};
+  if (wait.count() > 0) {
+    auto milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(wait).count();
+    Audit({peer_, user, -1, "login delayed " + std::to_string(milliseconds) + " ms",
+           kLogonFailure});
+    // The client waits for the service now: only the login grace time runs.
+    idle_timer_.expires_at(login_deadline_);
+    asio::steady_timer delay(socket_.get_executor(), wait);
+    co_await delay.async_wait(asio::use_awaitable);
+    if (!socket_.is_open()) co_return false;
   }
   const Account* account = runtime_->config.FindAccount(user);
   std::string hash = account != nullptr ? account->password_hash : std::string();
@@ -47,8 +62,8 @@ asio::awaitable<bool> Session::HandleLogin(std::span<const uint8_t> data) {
     return context_.passwords.Verify(password, hash.empty() ? UnknownAccountHash() : hash);
   });
   accepted = accepted && account != nullptr && parts.has_value();
+  attempt.accepted = accepted;
   if (accepted) {
-    context_.throttle.Succeeded(address_);
     account_ = account;
     identity_ = runtime_->IdentityOf(*account);
     LeaveUnauthenticated();
@@ -56,12 +71,7 @@ asio::awaitable<bool> Session::HandleLogin(std::span<const uint8_t> data) {
     Audit({peer_, user, -1, "login", kSuccess});
     co_return co_await SendResult(kSuccess);
   }
-  context_.throttle.Failed(address_, LoginThrottle::Clock::now());
   Audit({peer_, user, -1, "login failed", kLogonFailure});
-  if (decision.delay.count() > 0) {
-    asio::steady_timer delay(socket_.get_executor(), decision.delay);
-    co_await delay.async_wait(asio::use_awaitable);
-  }
   co_return co_await SendResult(kLogonFailure);
 }
 
