@@ -35,6 +35,8 @@ struct Account {
 
   // True when the account may use drive `letter` (upper case).
   bool MayUseDrive(char letter) const;
+
+  bool operator==(const Account&) const = default;
 };
 
 // The limits that keep one client from starving the others.

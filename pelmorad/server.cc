@@ -193,6 +193,9 @@ class Server::Impl {
     try {
       context_.runtime = LoadRuntime(options_.config_path);
       ServiceMessage("configuration reloaded; new sessions use it");
+      // Copied: closing a session may end it and take it out of the set.
+      std::vector<Session*> sessions(context_.sessions.begin(), context_.sessions.end());
+      for (Session* session : sessions) session->Reconfigured(*context_.runtime);
     } catch (const pelmora::Error& error) {
       ServiceMessage("reload refused, the running configuration stays: " + error.Description());
     }

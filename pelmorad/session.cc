@@ -102,6 +102,26 @@ void Session::Close() {
   idle_timer_.cancel();
 }
 
+void Session::Reconfigured(const Runtime& runtime) {
+  if (account_ == nullptr || !socket_.is_open()) return;
+  const Account* now = runtime.config.FindAccount(account_->name);
+  const Identity* identity = now != nullptr ? runtime.IdentityOf(*now) : nullptr;
+  auto same_identity = [&] {
+    if ((identity == nullptr) != (identity_ == nullptr)) return false;
+    return identity == nullptr || (identity->uid == identity_->uid &&
+                                   identity->gid == identity_->gid &&
+                                   identity->groups == identity_->groups);
+  };
+  if (now != nullptr && *now == *account_ && same_identity() &&
+      runtime.config.drives == runtime_->config.drives &&
+      runtime.tasks_folder.has_value() == runtime_->tasks_folder.has_value()) {
+    return;
+  }
+  Audit({peer_, account_->name, -1, "closed: the account was removed or changed by a reload",
+         kAccessDenied});
+  Close();
+}
+
 void Session::KillCommand() {
   // Not reaped before command_group_ is cleared, so the number is still the command's.
   if (command_group_ > 0) KillProcessTree(command_group_);

@@ -49,6 +49,10 @@ class Session : public std::enable_shared_from_this<Session> {
   bool Idle() const { return idle_; }
   // Ends a running command's process group at once (shutdown). Never blocks.
   void KillCommand();
+  // After a reload to `runtime`: ends a logged-in session whose account was removed or changed
+  // (its rights, password, user or the drive map); other sessions go on with the configuration
+  // they started with. Never blocks.
+  void Reconfigured(const Runtime& runtime);
   // The client's address without the port.
   const std::string& address() const { return address_; }
 

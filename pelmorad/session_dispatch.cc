@@ -29,6 +29,7 @@ const std::string& UnknownAccountHash() {
 }  // namespace
 
 asio::awaitable<bool> Session::HandleLogin(std::span<const uint8_t> data) {
+  runtime_ = context_.runtime;  // a login is checked against the configuration of its time
   auto parts = pelmora::admin::ParseLoginMessage(data);
   std::string user, password;
   if (parts) {
@@ -62,6 +63,12 @@ asio::awaitable<bool> Session::HandleLogin(std::span<const uint8_t> data) {
     return context_.passwords.Verify(password, hash.empty() ? UnknownAccountHash() : hash);
   });
   accepted = accepted && account != nullptr && parts.has_value();
+  if (accepted && runtime_ != context_.runtime) {
+    // Reloaded while the password was checked: the login must hold under the new configuration.
+    const Account* fresh = context_.runtime->config.FindAccount(user);
+    accepted = fresh != nullptr && fresh->password_hash == hash;
+    if (accepted) runtime_ = context_.runtime, account = fresh;
+  }
   attempt.accepted = accepted;
   if (accepted) {
     account_ = account;
