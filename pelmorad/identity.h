@@ -28,8 +28,16 @@ struct Identity {
 // user database (NSS).
 std::optional<Identity> LookUpIdentity(const std::string& user);
 
-// Names the owner of what file work on this thread creates until the scope ends (nullptr: the
-// service's own identity). Scopes nest; each is used on one thread.
+// The user an account without `run_as` works as when the service runs as root.
+inline constexpr char kDefaultAccountUser[] = "nobody";
+
+// Runs this thread's file work as `owner` until the scope ends (nullptr: the service's own
+// identity): when the service is root it switches the thread's file-system user and group
+// (setfsuid, setfsgid) and its supplementary groups (the raw setgroups system call, which unlike
+// glibc's wrapper changes only the calling thread), so the kernel's access checks, the owner of
+// new files and its clearing of setuid bits all follow the account; the service's identity comes
+// back when the scope ends. The service aborts rather than go on with the wrong identity should
+// a switch fail. Scopes nest; each is used on one thread.
 class OwnerScope {
  public:
   explicit OwnerScope(const Identity* owner);
@@ -39,6 +47,7 @@ class OwnerScope {
 
  private:
   const Identity* previous_;
+  bool switched_ = false;
 };
 
 // Gives the file or folder open as `fd` to this thread's owner (nothing when there is none or the

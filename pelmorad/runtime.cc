@@ -12,6 +12,20 @@ namespace pelmorad {
 std::map<std::string, Identity> CheckAccounts(const Config& config, bool service_is_root) {
   std::map<std::string, Identity> identities;
   for (const auto& [name, account] : config.accounts) {
+    if (account.run_as.empty() && service_is_root && !account.commands && !account.tasks) {
+      // The file work of an account without a user of its own runs as nobody in particular.
+      std::optional<Identity> fallback = LookUpIdentity(kDefaultAccountUser);
+      if (!fallback) {
+        throw pelmora::Error(
+            87,
+            fmt::format("accounts.{}: names no run_as user and this machine has no user \"{}\" "
+                        "to run its file work as",
+                        name, kDefaultAccountUser),
+            "pelmorad");
+      }
+      identities.emplace(name, std::move(*fallback));
+      continue;
+    }
     if (account.run_as.empty()) {
       if (service_is_root && (account.commands || account.tasks)) {
         throw pelmora::Error(

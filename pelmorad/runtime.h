@@ -49,7 +49,8 @@ bool DropUnauthenticated(int waiting, const Limits& limits, double chance);
 // Builds a runtime from a parsed configuration (checks its accounts, opens its drives).
 std::shared_ptr<const Runtime> MakeRuntime(Config config);
 
-// Checks what the accounts ask of this machine and looks up their identities. Throws
+// Checks what the accounts ask of this machine and looks up their identities: the `run_as`
+// user's, or kDefaultAccountUser's for an account without one when the service is root. Throws
 // pelmora::Error 87 naming the account when its `run_as` user does not exist, or when the service
 // runs as root (`service_is_root`) and an account with `commands` or `tasks` names no `run_as`
 // user (its commands and tasks would run as root). Blocks on the user database.

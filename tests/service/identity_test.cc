@@ -49,6 +49,8 @@ class ServiceIdentity : public ::testing::Test {
   void SetUp() override {
     ASSERT_TRUE(user_.ok());
     ASSERT_TRUE(service_.Start()) << service_.ErrorOutput();
+    // File work runs as the accounts' users: let them all write the drive.
+    ::chmod(service_.Drive('C').c_str(), 0777);
   }
 
   bool LoginAs(RawClient& client, const char* account) {
@@ -130,7 +132,8 @@ TEST_F(ServiceIdentity, NoModeIsReadThroughALinkOutOfTheDrive) {
 }
 
 TEST_F(ServiceIdentity, TasksFolderRefusesChangesFromAccountsWithoutTheRight) {
-  ::mkdir(C("elsewhere").c_str(), 0755);
+  ::mkdir(C("elsewhere").c_str(), 0777);
+  ::chmod(C("elsewhere").c_str(), 0777);
   WriteFile(C("elsewhere/plain.job"), "x");
   RawClient client;
   ASSERT_TRUE(LoginAs(client, "writer"));
@@ -166,6 +169,7 @@ TEST_F(ServiceIdentity, AnUploadedTaskRunsWithItsUploadersIdentityWhateverItsRec
   ::chmod(service_.folder().c_str(), 0755);
   ::mkdir(C("out").c_str(), 0777);
   ::chmod(C("out").c_str(), 0777);
+  ::chmod(C("tasks").c_str(), 0777);
   std::string marker = C("out/uid.txt");
   pelmora::sched::JobFile job;
   job.application_name = "/bin/sh";
@@ -178,6 +182,35 @@ TEST_F(ServiceIdentity, AnUploadedTaskRunsWithItsUploadersIdentityWhateverItsRec
   ASSERT_EQ(UploadResult(client, "C:\\tasks\\mine.job", pelmora::sched::SerializeJobFile(job)), 0);
   ASSERT_TRUE(WaitForLine(marker)) << service_.ErrorOutput();
   EXPECT_EQ(ReadFile(marker), std::to_string(user_.uid()) + "\n");
+}
+
+// One worker thread, so every request runs on the same thread whichever account sends it.
+class ServiceThreadIdentity : public ServiceIdentity {
+ protected:
+  ServiceThreadIdentity() { service_.WriteConfig(AccountsFor(user_.name()) + "[limits]\nworkers = 1\n"); }
+
+  // The size a download of `path` announces as `account` (-1 refused, -2 no answer).
+  int32_t DownloadSize(const char* account, std::string_view path) {
+    RawClient client;
+    if (!LoginAs(client, account)) return -2;
+    auto download = client.Download(path);
+    return download ? download->first.size : -2;
+  }
+};
+
+TEST_F(ServiceThreadIdentity, AccessChecksFollowTheAccountAndTheServiceGetsItsOwnBack) {
+  WriteFile(C("secret.txt"), "root only");
+  ::chmod(C("secret.txt").c_str(), 0600);
+  EXPECT_EQ(DownloadSize("owned", "C:\\secret.txt"), -1);   // the run_as user may not read it
+  EXPECT_EQ(DownloadSize("writer", "C:\\secret.txt"), -1);  // nor may nobody
+  EXPECT_EQ(DownloadSize("operator", "C:\\secret.txt"), 9);  // run_as root, same thread
+  EXPECT_EQ(DownloadSize("owned", "C:\\secret.txt"), -1);
+  RawClient client;
+  ASSERT_TRUE(LoginAs(client, "writer"));
+  ASSERT_EQ(UploadResult(client, "C:\\by-nobody.txt", "x"), 0);
+  struct stat info {};
+  ASSERT_EQ(::stat(C("by-nobody.txt").c_str(), &info), 0);
+  EXPECT_EQ(info.st_uid, 65534u);  // an account without run_as works as nobody
 }
 
 }  // namespace
