@@ -152,7 +152,7 @@ void KillProcessTree(pid_t root) {
 }
 
 void KillCommandTree(pelmora::ChildProcess& child) {
-  if (child.TryReap()) return;  // reaped: its number may be another process's by now
+  // Never reaps: the caller's record of the number stays the child's until it reaps it itself.
   KillProcessTree(child.pid());
   child.KillGroup();
 }

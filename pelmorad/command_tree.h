@@ -42,7 +42,8 @@ int RunKeeperIfAsked(int argc, char** argv);
 // a bounded number of rounds), then `root`'s process group. Never blocks beyond the /proc reads.
 void KillProcessTree(pid_t root);
 
-// KillProcessTree for a started child that has not been reaped.
+// KillProcessTree for a started child; the caller must not have reaped it (its number could be
+// another process's by then).
 void KillCommandTree(pelmora::ChildProcess& child);
 
 }  // namespace pelmorad

@@ -2,9 +2,7 @@
 // reading, its time-out holds while its output waits for the client, and its place under
 // limits.commands comes back as soon as it has ended.
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -20,16 +18,6 @@ namespace pelmorad::testing {
 namespace {
 
 using pelmora::admin::RCFSO;
-
-// True when process `pid` has ended within `milliseconds` (a zombie counts as ended).
-bool ProcessEnds(pid_t pid, int milliseconds) {
-  int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
-  if (pidfd < 0) return true;
-  pollfd entry{pidfd, POLLIN, 0};
-  bool ended = ::poll(&entry, 1, milliseconds) == 1;
-  ::close(pidfd);
-  return ended;
-}
 
 class ServiceCommandBounds : public ::testing::Test {
  protected:

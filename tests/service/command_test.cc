@@ -2,10 +2,8 @@
 // statuses, time-outs that kill the whole process tree and clients that leave mid-command.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -37,16 +35,6 @@ class OutputCollector : public pelmora::admin::RCFSOEvents {
   std::vector<std::string> pieces;
   std::function<void()> after_first;  // runs once the first piece has arrived
 };
-
-// True when process `pid` has ended within `milliseconds` (a zombie counts as ended).
-bool ProcessEnds(pid_t pid, int milliseconds) {
-  int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
-  if (pidfd < 0) return true;  // already gone and reaped
-  pollfd entry{pidfd, POLLIN, 0};
-  bool ended = ::poll(&entry, 1, milliseconds) == 1;
-  ::close(pidfd);
-  return ended;
-}
 
 class ServiceCommands : public ::testing::Test {
  protected:

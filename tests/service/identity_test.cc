@@ -6,9 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <string>
-#include <thread>
 
 #include "pelmora/admin/wire_replies.h"
 #include "pelmora/sched/job_file.h"
@@ -152,17 +150,6 @@ TEST_F(ServiceIdentity, TasksFolderRefusesChangesFromAccountsWithoutTheRight) {
   EXPECT_FALSE(PathExists(C("tasks/evil.job")));
   // Writing elsewhere on the drive still works for the same account.
   EXPECT_EQ(UploadResult(client, "C:\\elsewhere\\fine.txt", "x"), 0);
-}
-
-// Waits (at most 20 s) until `path` holds a whole line.
-bool WaitForLine(const std::string& path) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (std::chrono::steady_clock::now() < deadline) {
-    std::string text = ReadFile(path);
-    if (!text.empty() && text.back() == '\n') return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  return false;
 }
 
 TEST_F(ServiceIdentity, AnUploadedTaskRunsWithItsUploadersIdentityWhateverItsRecordSays) {

@@ -13,11 +13,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <optional>
 #include <sstream>
+#include <thread>
 #include <vector>
 
 #include "pelmora/admin/internal/built_in_secrets.h"
@@ -240,6 +242,25 @@ ScopedUser::ScopedUser(std::string_view prefix)
 ScopedUser::~ScopedUser() {
   UserDatabaseTurn turn;
   RunProgram({"/usr/sbin/userdel", name_});
+}
+
+bool ProcessEnds(pid_t pid, int milliseconds) {
+  int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+  if (pidfd < 0) return true;  // already gone and reaped
+  pollfd entry{pidfd, POLLIN, 0};
+  bool ended = ::poll(&entry, 1, milliseconds) == 1;
+  ::close(pidfd);
+  return ended;
+}
+
+bool WaitForLine(const std::string& path) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (std::chrono::steady_clock::now() < deadline) {
+    std::string text = ReadFile(path);
+    if (!text.empty() && text.back() == '\n') return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return false;
 }
 
 void WriteFile(const std::string& path, std::string_view content) {
