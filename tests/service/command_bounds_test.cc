@@ -3,6 +3,7 @@
 // limits.commands comes back as soon as it has ended.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -140,6 +141,45 @@ TEST_F(ServiceCommandShortIdle, SessionEndKillsProcessesThatLeftTheGroup) {
   ASSERT_GT(detached, 0);
   EXPECT_TRUE(ProcessEnds(detached, 10000));
   if (!ProcessEnds(detached, 0)) ::kill(detached, SIGKILL);
+}
+
+}  // namespace
+}  // namespace pelmorad::testing
+
+namespace pelmorad::testing {
+namespace {
+
+TEST(ServiceShutdown, SigtermEndsTheServiceWhateverItsClientsDo) {
+  ServiceProcess service("[limits]\ngrace_seconds = 1\n");
+  ASSERT_TRUE(service.Start());
+  std::string fifo = service.Drive('C') + "/pipe";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0666), 0);
+  RawClient flood, stalled, silent, reading_fifo;
+  // A command whose client reads nothing, with detached helpers.
+  ASSERT_TRUE(flood.Connect(service.port()));
+  ASSERT_TRUE(flood.Login("operator", kOperatorPassword)->success);
+  std::string command = "(setsid sleep 60 &); yes";
+  ASSERT_TRUE(flood.SendFramed(
+      pelmora::admin::BuildSizeMessage(pelmora::admin::CommandRequestTotal(command))));
+  ASSERT_TRUE(flood.Send(pelmora::admin::BuildCommandRequest(command, 0)));
+  ASSERT_TRUE(flood.ReadFramed().has_value());
+  // An upload that stops after its first bytes.
+  ASSERT_TRUE(stalled.Connect(service.port()));
+  ASSERT_TRUE(stalled.Login("operator", kOperatorPassword)->success);
+  pelmora::admin::TransferHeader header;
+  header.size = 150000;
+  ASSERT_TRUE(stalled.RequestPath(pelmora::admin::RequestCode::kUpload, "C:\\half.bin"));
+  ASSERT_TRUE(stalled.SendFramed(pelmora::admin::BuildTransferHeader(header)));
+  ASSERT_TRUE(stalled.ReadFramed().has_value());
+  ASSERT_TRUE(stalled.Send(std::vector<uint8_t>(15000, 0x55)));
+  // A download of a FIFO and a connection that never logs in.
+  ASSERT_TRUE(reading_fifo.Connect(service.port()));
+  ASSERT_TRUE(reading_fifo.Login("operator", kOperatorPassword)->success);
+  ASSERT_TRUE(reading_fifo.RequestPath(pelmora::admin::RequestCode::kDownload, "C:\\pipe"));
+  ASSERT_TRUE(reading_fifo.ReadFramed().has_value());
+  ASSERT_TRUE(silent.Connect(service.port()));
+  EXPECT_EQ(service.Stop(SIGTERM), 0) << service.ErrorOutput();
+  EXPECT_FALSE(PathExists(service.Drive('C') + "/half.bin"));
 }
 
 }  // namespace
