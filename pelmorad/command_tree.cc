@@ -3,8 +3,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,7 +20,7 @@ namespace {
 
 constexpr int kKillRounds = 64;
 
-std::string& ServiceBinary() {
+std::string& KeeperBinary() {
   static std::string path;
   return path;
 }
@@ -83,18 +81,23 @@ std::vector<pid_t> LiveDescendants(pid_t root) {
 
 }  // namespace
 
-void RememberServiceBinary() {
+void FindKeeper() {
   char path[4096];
   ssize_t length = ::readlink("/proc/self/exe", path, sizeof(path) - 1);
-  if (length > 0) ServiceBinary().assign(path, static_cast<std::size_t>(length));
+  if (length <= 0) return;
+  std::string binary(path, static_cast<std::size_t>(length));
+  std::string keeper = binary.substr(0, binary.rfind('/') + 1) + kKeeperName;
+  if (::access(keeper.c_str(), X_OK) == 0) KeeperBinary() = keeper;
 }
+
+bool KeeperFound() { return !KeeperBinary().empty(); }
 
 pelmora::ChildSpec KeptCommand(const std::string& shell, std::string command_line) {
   pelmora::ChildSpec launch;
   launch.command_line = std::move(command_line);
   launch.shell = shell;
-  if (!ServiceBinary().empty()) {
-    launch.shell = ServiceBinary();
+  if (!KeeperBinary().empty()) {
+    launch.shell = KeeperBinary();
     launch.environment.push_back(std::string(kKeeperShellVariable) + "=" + shell);
   }
   return launch;
@@ -111,34 +114,6 @@ pelmora::ChildProcess StartKept(const pelmora::ChildSpec& launch) {
     }
   }
   return pelmora::ChildProcess::Start(launch);
-}
-
-int RunKeeperIfAsked(int argc, char** argv) {
-  const char* shell = std::getenv(kKeeperShellVariable);
-  if (shell == nullptr || argc != 3 || std::strcmp(argv[1], "-c") != 0) return -1;
-  std::string shell_path = shell;
-  ::unsetenv(kKeeperShellVariable);
-  ::prctl(PR_SET_CHILD_SUBREAPER, 1);
-  pid_t child = ::fork();
-  if (child < 0) return 127;
-  if (child == 0) {
-    char* const shell_argv[] = {shell_path.data(), const_cast<char*>("-c"), argv[2], nullptr};
-    ::execv(shell_path.c_str(), shell_argv);
-    _exit(127);
-  }
-  // Reap everything that ends beneath the keeper until the shell itself has ended; what the
-  // shell left in the background then goes on without the keeper, as it would without it.
-  while (true) {
-    int status = 0;
-    pid_t ended = ::waitpid(-1, &status, 0);
-    if (ended < 0 && errno == EINTR) continue;
-    if (ended < 0) return 127;
-    if (ended != child) continue;
-    if (WIFEXITED(status)) return WEXITSTATUS(status);
-    ::signal(WTERMSIG(status), SIG_DFL);
-    ::raise(WTERMSIG(status));
-    return 128 + WTERMSIG(status);
-  }
 }
 
 void KillProcessTree(pid_t root) {

@@ -1,7 +1,7 @@
 // Every process a command starts, however it detaches: the service runs each command line under
-// a small keeper (the service's own binary started as `pelmorad -c LINE` with the real shell
-// named in its environment) that marks itself a child subreaper, runs the shell and reaps
-// whatever ends beneath it. A process that calls setsid or double-forks is reparented to the
+// a small keeper (`pelmorad-keeper -c LINE`, installed beside pelmorad, with the real shell named
+// in its environment) that marks itself a child subreaper, runs the shell and reaps whatever
+// ends beneath it. A process that calls setsid or double-forks is reparented to the
 // keeper instead of to init, so while the keeper lives the whole tree hangs below it, and
 // KillCommandTree kills that tree before the keeper's process group.
 //
@@ -20,23 +20,23 @@ namespace pelmorad {
 
 // The environment variable that names the real shell to the keeper.
 inline constexpr char kKeeperShellVariable[] = "PELMORAD_COMMAND_SHELL";
+// The keeper's file name, looked for in the service binary's folder.
+inline constexpr char kKeeperName[] = "pelmorad-keeper";
 
-// Remembers the path of the running service's binary (call once at start, before any thread).
-void RememberServiceBinary();
+// Looks for the keeper beside the running service's binary (call once at start, before any
+// thread).
+void FindKeeper();
+// True when FindKeeper found it.
+bool KeeperFound();
 
-// A launch of `command_line` under `shell -c` through the keeper. When the service binary is
-// unknown (RememberServiceBinary never ran) the shell is started directly.
+// A launch of `command_line` under `shell -c` through the keeper. Without a keeper (FindKeeper
+// found none) the shell is started directly.
 pelmora::ChildSpec KeptCommand(const std::string& shell, std::string command_line);
 
 // Starts a launch made by KeptCommand. Raises what ChildProcess::Start raises, and also 2 (no such
 // shell) or 5 (not executable) for the real shell, as a direct start would: the keeper itself
 // always starts. Blocks for the fork and exec.
 pelmora::ChildProcess StartKept(const pelmora::ChildSpec& launch);
-
-// When this process was started as the keeper (argv "-c LINE" with kKeeperShellVariable set):
-// runs it and returns its exit status (the shell's, or the shell's signal raised again).
-// Returns -1 when it was not started as the keeper. Blocks until the shell ends.
-int RunKeeperIfAsked(int argc, char** argv);
 
 // SIGKILLs every live process beneath `root` (read from /proc, again until none is left, at most
 // a bounded number of rounds), then `root`'s process group. Never blocks beyond the /proc reads.

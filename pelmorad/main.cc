@@ -51,9 +51,7 @@ std::unique_ptr<pelmora::sched::TaskRunner> StartScheduler(const std::string& co
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Started by the service as the keeper of one command's processes.
-  if (int status = pelmorad::RunKeeperIfAsked(argc, argv); status >= 0) return status;
-  pelmorad::RememberServiceBinary();
+  pelmorad::FindKeeper();
   std::vector<std::string_view> arguments(argv + 1, argv + argc);
   try {
     pelmorad::Options options = pelmorad::ParseOptions(arguments);
