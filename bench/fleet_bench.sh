@@ -31,9 +31,12 @@ C = "$work/c"
 [accounts.bench]
 password = "$hash"
 commands = true
+run_as = "root"
 [limits]
 sessions = 4096
 sessions_per_address = 4096
+unauthenticated = 4096
+unauthenticated_start = 4096
 commands = 256
 CONF
 chmod 600 "$work/pelmorad.toml"

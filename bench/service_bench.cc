@@ -208,7 +208,8 @@ pid_t StartService(const std::string& folder, int& port) {
   std::string hash = crypt_rn("bench", "$6$rounds=1000$benchsalt", &data, sizeof(data));
   std::ofstream(folder + "/pelmorad.toml")
       << "[drives]\nC = \"" << folder << "/c\"\n[accounts.bench]\npassword = \"" << hash
-      << "\"\n[limits]\nsessions = 1100\nsessions_per_address = 1100\n";
+      << "\"\n[limits]\nsessions = 1100\nsessions_per_address = 1100\nunauthenticated = 1100\n"
+      << "unauthenticated_start = 1100\n";
   ::chmod((folder + "/pelmorad.toml").c_str(), 0600);
   std::string fifo = folder + "/port";
   ::mkfifo(fifo.c_str(), 0600);

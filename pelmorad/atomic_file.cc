@@ -8,12 +8,14 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "pelmorad/identity.h"
 #include "pelmorad/win_error.h"
 
 namespace pelmorad {
 namespace {
 
 constexpr mode_t kNewFileMode = 0644;
+constexpr mode_t kPermissionBits = 0777;
 
 std::string TemporaryName() {
   uint64_t random = 0;
@@ -38,11 +40,15 @@ int32_t AtomicFile::Begin(const DriveTable& drives, const DrivePath& target) {
   if (!folder.fd) return FromErrno(folder.error, Missing::kPath);
   folder_ = std::move(folder.fd);
   name_ = target.Name();
-  struct stat existing {};
+  // The new file keeps the permission bits of the file it replaces, read from a descriptor
+  // opened beneath the drive (a link out of it gives nothing to read) and never the setuid,
+  // setgid or sticky bits.
   mode_t mode = kNewFileMode;
-  if (::fstatat(folder_.get(), name_.c_str(), &existing, 0) == 0) {
-    if (S_ISDIR(existing.st_mode)) return kAccessDenied;
-    mode = existing.st_mode & 07777;
+  Opened existing = drives.OpenBeneath(target, O_PATH);
+  struct stat info {};
+  if (existing.fd && ::fstat(existing.fd.get(), &info) == 0) {
+    if (!S_ISREG(info.st_mode)) return kAccessDenied;  // a folder, FIFO, socket or device
+    mode = info.st_mode & kPermissionBits;
   }
   int fd = ::openat(folder_.get(), ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, mode);
   if (fd < 0 && (errno == EOPNOTSUPP || errno == EISDIR)) {
@@ -53,6 +59,8 @@ int32_t AtomicFile::Begin(const DriveTable& drives, const DrivePath& target) {
   }
   if (fd < 0) return FromErrno(errno, Missing::kPath);
   file_ = UniqueFd(fd);
+  if (int error = GiveToOwner(fd); error != 0) return error_ = FromErrno(error, Missing::kPath);
+  // After the owner change, which may clear them, the permission bits as chosen.
   ::fchmod(fd, mode);
   return kSuccess;
 }

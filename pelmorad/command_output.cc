@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "pelmora/common/error.h"
+#include "pelmorad/command_tree.h"
 
 namespace pelmorad {
 namespace {
@@ -36,7 +37,7 @@ std::optional<std::string> RunForOutput(const pelmora::ChildSpec& launch, std::s
                                         std::chrono::milliseconds limit) {
   std::optional<pelmora::ChildProcess> child;
   try {
-    child.emplace(pelmora::ChildProcess::Start(launch));
+    child.emplace(StartKept(launch));
   } catch (const pelmora::Error&) {
     return std::nullopt;
   }
@@ -55,7 +56,7 @@ std::optional<std::string> RunForOutput(const pelmora::ChildSpec& launch, std::s
     output.append(buffer, static_cast<std::size_t>(got));
   }
   if (output.size() > max_bytes) output.resize(max_bytes);
-  child->KillGroup();
+  KillCommandTree(*child);
   child->Wait();
   return output;
 }

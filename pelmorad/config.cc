@@ -2,11 +2,15 @@
 
 #include <fmt/format.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <toml++/toml.h>
 
 #include <algorithm>
 #include <cctype>
 #include <fstream>
+#include <cstdlib>
+#include <iostream>
+#include <map>
 #include <sstream>
 
 #include "pelmora/common/error.h"
@@ -93,6 +97,7 @@ Account ReadAccount(std::string_view name, const toml::table& table, std::string
   }
   account.read_only = Flag(view["read_only"], source, prefix + "read_only", false);
   account.commands = Flag(view["commands"], source, prefix + "commands", false);
+  account.tasks = Flag(view["tasks"], source, prefix + "tasks", false);
   account.run_as = Text(view["run_as"], source, prefix + "run_as", "");
   account.working_folder = Text(view["working_folder"], source, prefix + "working_folder", "/");
   return account;
@@ -137,9 +142,16 @@ void ReadLimits(const toml::table& root, std::string_view source, Limits& limits
   ReadLimit(*table, "login_failures", source, 1, 1000, limits.login_failures);
   ReadLimit(*table, "lockout_seconds", source, 0, 86400, limits.lockout_seconds);
   ReadLimit(*table, "login_delay_ms", source, 0, 60000, limits.login_delay_ms);
+  ReadLimit(*table, "login_delay_max_ms", source, 0, 3600000, limits.login_delay_max_ms);
   ReadLimit(*table, "grace_seconds", source, 0, 3600, limits.grace_seconds);
   ReadLimit(*table, "workers", source, 1, 64, limits.workers);
   ReadLimit(*table, "print_queue_seconds", source, 1, 3600, limits.print_queue_seconds);
+  ReadLimit(*table, "login_grace_seconds", source, 1, 3600, limits.login_grace_seconds);
+  ReadLimit(*table, "unauthenticated", source, 1, 100000, limits.unauthenticated);
+  ReadLimit(*table, "unauthenticated_start", source, 1, 100000, limits.unauthenticated_start);
+  if (limits.unauthenticated_start > limits.unauthenticated) {
+    Fail(source, "limits.unauthenticated_start must not exceed limits.unauthenticated");
+  }
 }
 
 void ReadScheduler(const toml::table& root, std::string_view source, Config& config) {
@@ -164,23 +176,138 @@ void ReadSystem(const toml::table& root, std::string_view source, Config& config
   }
 }
 
-// A folder that others may write without the sticky bit lets them swap the file.
-void CheckNotWritableByOthers(const std::string& path) {
+// The keys each table may hold; "*" takes any key (the table checks its own).
+const std::map<std::string, std::vector<std::string>>& KnownKeys() {
+  static const std::map<std::string, std::vector<std::string>> keys = {
+      {"", {"listen", "drives", "paths", "system", "scheduler", "accounts", "limits"}},
+      {"drives", {"*"}},
+      {"paths", {"*"}},
+      {"system", {"directory", "print_queue_command", "shell"}},
+      {"scheduler", {"enabled", "folder"}},
+      {"accounts", {"*"}},
+      {"account",
+       {"password", "drives", "read_only", "commands", "tasks", "run_as", "working_folder"}},
+      {"limits",
+       {"sessions", "sessions_per_address", "commands", "request_bytes", "path_length",
+        "idle_seconds", "login_failures", "lockout_seconds", "login_delay_ms", "grace_seconds",
+        "workers", "print_queue_seconds", "login_grace_seconds", "unauthenticated", "login_delay_max_ms",
+        "unauthenticated_start"}},
+  };
+  return keys;
+}
+
+// The number of single-character edits between `a` and `b`.
+std::size_t EditDistance(std::string_view a, std::string_view b) {
+  std::vector<std::size_t> row(b.size() + 1);
+  for (std::size_t j = 0; j <= b.size(); ++j) row[j] = j;
+  for (std::size_t i = 1; i <= a.size(); ++i) {
+    std::size_t diagonal = row[0];
+    row[0] = i;
+    for (std::size_t j = 1; j <= b.size(); ++j) {
+      std::size_t above = row[j];
+      row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] != b[j - 1] ? 1 : 0)});
+      diagonal = above;
+    }
+  }
+  return row[b.size()];
+}
+
+// Refuses a key `kind`'s table does not know, naming its line and the nearest known key.
+void CheckKeys(const toml::table& table, const std::string& kind, const std::string& prefix,
+               std::string_view source) {
+  const std::vector<std::string>& known = KnownKeys().at(kind);
+  if (known.size() == 1 && known[0] == "*") return;
+  for (const auto& [key, value] : table) {
+    std::string name(key.str());
+    if (std::find(known.begin(), known.end(), name) != known.end()) continue;
+    std::string hint;
+    std::size_t best = 3;
+    for (const std::string& candidate : known) {
+      std::size_t distance = EditDistance(name, candidate);
+      if (distance < best) best = distance, hint = candidate;
+    }
+    Fail(source, fmt::format("line {}: unknown key {}{}{}", key.source().begin.line, prefix, name,
+                             hint.empty() ? "" : fmt::format(" (did you mean {}?)", hint)));
+  }
+}
+
+void CheckAllKeys(const toml::table& root, std::string_view source) {
+  CheckKeys(root, "", "", source);
+  for (const char* kind : {"system", "scheduler", "limits"}) {
+    if (const toml::table* table = root[kind].as_table()) {
+      CheckKeys(*table, kind, std::string(kind) + ".", source);
+    }
+  }
+  if (const toml::table* accounts = root["accounts"].as_table()) {
+    for (const auto& [name, value] : *accounts) {
+      if (const toml::table* table = value.as_table()) {
+        CheckKeys(*table, "account", fmt::format("accounts.{}.", name.str()), source);
+      }
+    }
+  }
+}
+
+[[noreturn]] void RefuseFile(const std::string& path, std::string_view why) {
+  throw pelmora::Error(5, fmt::format("{}: refused, {}", path, why), "pelmorad");
+}
+
+// True when `info` belongs to root or to the user the service runs as.
+bool OwnedByTrustedUser(const struct stat& info) {
+  return info.st_uid == 0 || info.st_uid == ::geteuid();
+}
+
+// Every folder above `path` (which must be absolute) must belong to root or the service's user
+// and be writable by no one else, unless it has the sticky bit and the entry below it belongs to
+// root or the service's user (others cannot then rename or remove it).
+void CheckFoldersAbove(const std::string& path, const std::string& shown) {
+  std::string entry = path;
+  while (entry.size() > 1) {
+    std::size_t slash = entry.rfind('/');
+    std::string folder = slash == 0 ? "/" : entry.substr(0, slash);
+    struct stat below {};
+    struct stat info {};
+    if (::lstat(entry.c_str(), &below) != 0 || ::stat(folder.c_str(), &info) != 0) {
+      RefuseFile(shown, "its folders cannot be read");
+    }
+    bool writable_by_others = (info.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+    bool sticky_protects = (info.st_mode & S_ISVTX) != 0 && OwnedByTrustedUser(below);
+    if (!OwnedByTrustedUser(info) || (writable_by_others && !sticky_protects)) {
+      RefuseFile(shown, fmt::format("the folder {} can be changed by other users", folder));
+    }
+    entry = folder;
+  }
+}
+
+// The configuration file's permissions as sshd's StrictModes checks a user's files.
+void CheckFilePermissions(const std::string& path) {
   struct stat info {};
   if (::stat(path.c_str(), &info) != 0) {
     throw pelmora::Error(2, fmt::format("{}: cannot read the configuration", path), "pelmorad");
   }
-  if ((info.st_mode & S_IWOTH) != 0) {
-    throw pelmora::Error(5, fmt::format("{}: refused, the file is writable by others", path),
-                         "pelmorad");
+  if ((info.st_mode & S_IWOTH) != 0) RefuseFile(path, "the file is writable by others");
+  if ((info.st_mode & S_IWGRP) != 0) RefuseFile(path, "the file is writable by its group");
+  if (!OwnedByTrustedUser(info)) {
+    RefuseFile(path, "the file belongs to a user other than root and the service's");
   }
-  std::string folder = path.find('/') == std::string::npos ? "." : path.substr(0, path.rfind('/'));
-  if (folder.empty()) folder = "/";
-  struct stat parent {};
-  if (::stat(folder.c_str(), &parent) == 0 && (parent.st_mode & S_IWOTH) != 0 &&
-      (parent.st_mode & S_ISVTX) == 0) {
-    throw pelmora::Error(5, fmt::format("{}: refused, its folder is writable by others", path),
-                         "pelmorad");
+  // Both the way the name is written (a link in a writable folder could be swapped) and the file
+  // it leads to.
+  char* resolved = ::realpath(path.c_str(), nullptr);
+  if (resolved == nullptr) {
+    throw pelmora::Error(2, fmt::format("{}: cannot read the configuration", path), "pelmorad");
+  }
+  std::string real = resolved;
+  std::free(resolved);
+  std::string written = path;
+  if (written.empty() || written[0] != '/') {
+    char* here = ::getcwd(nullptr, 0);
+    written = std::string(here != nullptr ? here : "") + "/" + written;
+    std::free(here);
+  }
+  CheckFoldersAbove(written, path);
+  CheckFoldersAbove(real, path);
+  if ((info.st_mode & S_IROTH) != 0) {
+    std::cerr << "pelmorad: warning: " << path
+              << " is readable by every user and holds password hashes (chmod o-r)\n";
   }
 }
 
@@ -235,6 +362,7 @@ Config ParseConfig(std::string_view text, std::string_view source) {
   } catch (const toml::parse_error& error) {
     Fail(source, fmt::format("line {}: {}", error.source().begin.line, error.description()));
   }
+  CheckAllKeys(root, source);
   Config config;
   const toml::table& parsed = root;
   if (parsed["listen"]) config.listen = TextList(parsed["listen"], source, "listen");
@@ -248,7 +376,7 @@ Config ParseConfig(std::string_view text, std::string_view source) {
 }
 
 Config LoadConfig(const std::string& path) {
-  CheckNotWritableByOthers(path);
+  CheckFilePermissions(path);
   std::ifstream in(path, std::ios::binary);
   if (!in) {
     throw pelmora::Error(2, fmt::format("{}: cannot read the configuration", path), "pelmorad");

@@ -28,12 +28,15 @@ struct Account {
   std::string password_hash;         // crypt(3) hash
   std::vector<char> drives;          // upper-case letters the account may use; empty = every drive
   bool read_only = false;            // refuses every request that changes files or folders
-  bool commands = false;             // may run command lines (code 20)
-  std::string run_as;                // Linux user for commands when the service runs as root
+  bool commands = false;             // may run command lines (code 20) and the print queue
+  bool tasks = false;                // may change the scheduler's Tasks folder
+  std::string run_as;                // Linux user the account's work runs as (service as root)
   std::string working_folder = "/";  // Linux folder commands start in
 
   // True when the account may use drive `letter` (upper case).
   bool MayUseDrive(char letter) const;
+
+  bool operator==(const Account&) const = default;
 };
 
 // The limits that keep one client from starving the others.
@@ -44,12 +47,16 @@ struct Limits {
   int request_bytes = 65536;       // largest request block accepted
   int path_length = 1024;          // longest path (characters) accepted
   int idle_seconds = 300;          // a silent session is closed after this
-  int login_failures = 5;          // failed logins from one address before it is locked out
-  int lockout_seconds = 60;        // how long a locked-out address is refused
-  int login_delay_ms = 250;        // delay per earlier failure before a failed login is answered
+  int login_failures = 5;          // failures after which the login delay doubles with each
+  int lockout_seconds = 60;        // how long failed logins are remembered
+  int login_delay_ms = 250;        // delay per remembered failure before a login is checked
+  int login_delay_max_ms = 8000;   // the longest delay
   int grace_seconds = 5;           // how long transfers may run on after SIGTERM
   int workers = 4;                 // threads for blocking file work
   int print_queue_seconds = 10;    // longest run of the print queue command
+  int login_grace_seconds = 10;    // a connection not logged in by then is closed
+  int unauthenticated = 256;       // connections not yet logged in, at most
+  int unauthenticated_start = 64;  // from this many on, new ones are dropped at random
 };
 
 // The task runner the service hosts: `folder` is a drive path ('C:\pelmora\tasks') beneath a
@@ -83,12 +90,16 @@ struct Config {
 };
 
 // Parses and checks configuration text. Throws pelmora::Error 87 with a description naming
-// `source` and the offending key when the text is not valid TOML or a value is out of range.
+// `source` and the offending key when the text is not valid TOML, a value is out of range or a
+// key is unknown (with its line and the nearest known key: "did you mean commands?").
 Config ParseConfig(std::string_view text, std::string_view source);
 
-// Reads and parses the file at `path`. Throws pelmora::Error 2 when it cannot be read, 5 when it
-// is writable by users other than its owner and group (a world-writable file or one under a
-// world-writable folder without the sticky bit), and what ParseConfig throws. Blocks on the read.
+// Reads and parses the file at `path`. Throws pelmora::Error 2 when it cannot be read, 5 when
+// other users could change it: the file is group- or other-writable or belongs to a user other
+// than root and the service's, or a folder above it (as written or after resolving links) is
+// not root's or the service user's, or is group- or other-writable without the sticky bit that
+// protects the entry below it. Warns on standard error when every user may read it. Throws
+// what ParseConfig throws. Blocks on the read.
 Config LoadConfig(const std::string& path);
 
 }  // namespace pelmorad

@@ -124,6 +124,97 @@ TEST(Config, RefusesAFileWritableByOthers) {
   ::rmdir(folder_template);
 }
 
+struct UnknownKey {
+  const char* text;
+  const char* refusal;
+};
+
+TEST(Config, UnknownKeysAreRefusedWithTheirLineAndTheNearestKnownKey) {
+  const UnknownKey cases[] = {
+      {"[accounts.ops]\npassword = \"$y$j9T$abc$def\"\ncomands = true\n",
+       "s: line 3: unknown key accounts.ops.comands (did you mean commands?)"},
+      {"listn = []\n", "s: line 1: unknown key listn (did you mean listen?)"},
+      {"[limits]\nidle_second = 5\n",
+       "s: line 2: unknown key limits.idle_second (did you mean idle_seconds?)"},
+      {"[system]\nshel = '/bin/sh'\n", "s: line 2: unknown key system.shel (did you mean shell?)"},
+      {"[scheduler]\nenable = true\n",
+       "s: line 2: unknown key scheduler.enable (did you mean enabled?)"},
+      {"colour = 1\n", "s: line 1: unknown key colour"},
+  };
+  for (const UnknownKey& test : cases) {
+    SCOPED_TRACE(test.text);
+    try {
+      ParseConfig(test.text, "s");
+      ADD_FAILURE() << "accepted";
+    } catch (const pelmora::Error& error) {
+      EXPECT_EQ(error.Number(), 87);
+      EXPECT_EQ(error.Description(), test.refusal);
+    }
+  }
+}
+
+// A scratch folder (root's, 0700) for files whose permissions a test sets.
+class ConfigFile : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char folder_template[] = "/tmp/pelmorad-config-XXXXXX";
+    ASSERT_NE(::mkdtemp(folder_template), nullptr);
+    folder_ = folder_template;
+  }
+  void TearDown() override { std::system(("rm -rf '" + folder_ + "'").c_str()); }
+
+  std::string Write(const std::string& relative, mode_t mode) {
+    std::string path = folder_ + "/" + relative;
+    std::ofstream(path) << "listen = [\"127.0.0.1:0\"]\n";
+    ::chmod(path.c_str(), mode);
+    return path;
+  }
+
+  // The description LoadConfig refuses `path` with, "" when it loads.
+  static std::string Refusal(const std::string& path) {
+    try {
+      LoadConfig(path);
+      return "";
+    } catch (const pelmora::Error& error) {
+      return error.Description();
+    }
+  }
+
+  std::string folder_;
+};
+
+TEST_F(ConfigFile, RefusesWhatAnotherUserCouldChange) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to give files away";
+  EXPECT_EQ(Refusal(Write("fine.toml", 0600)), "");
+  EXPECT_EQ(Refusal(Write("readable.toml", 0644)), "");  // only a warning
+  std::string group = Write("group.toml", 0660);
+  EXPECT_EQ(Refusal(group), group + ": refused, the file is writable by its group");
+  std::string foreign = Write("foreign.toml", 0600);
+  ASSERT_EQ(::chown(foreign.c_str(), 65534, 65534), 0);
+  EXPECT_THAT(Refusal(foreign), ::testing::HasSubstr("belongs to a user other than root"));
+
+  std::string open_folder = folder_ + "/open";
+  ::mkdir(open_folder.c_str(), 0777);
+  ::chmod(open_folder.c_str(), 0777);
+  std::string inside = Write("open/inside.toml", 0600);
+  EXPECT_THAT(Refusal(inside), ::testing::HasSubstr("the folder " + open_folder + " can be"));
+  // A link in a writable folder could be pointed elsewhere, even when its target is safe.
+  std::string link = open_folder + "/link.toml";
+  ASSERT_EQ(::symlink((folder_ + "/fine.toml").c_str(), link.c_str()), 0);
+  EXPECT_THAT(Refusal(link), ::testing::HasSubstr("can be changed by other users"));
+  // A sticky folder protects the entries of root and the service's user.
+  std::string sticky = folder_ + "/sticky";
+  ::mkdir(sticky.c_str(), 0777);
+  ::chmod(sticky.c_str(), 01777);
+  EXPECT_EQ(Refusal(Write("sticky/safe.toml", 0600)), "");
+  // A folder of another user above the file.
+  std::string theirs = folder_ + "/theirs";
+  ::mkdir(theirs.c_str(), 0755);
+  std::string below = Write("theirs/below.toml", 0600);
+  ASSERT_EQ(::chown(theirs.c_str(), 65534, 65534), 0);
+  EXPECT_THAT(Refusal(below), ::testing::HasSubstr("the folder " + theirs + " can be"));
+}
+
 TEST(Config, MissingFileIsError2) {
   try {
     LoadConfig("/nonexistent/pelmorad.toml");

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <linux/openat2.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -84,6 +85,25 @@ Opened DriveTable::OpenBeneath(const DrivePath& path, int flags, mode_t mode) co
     opened.error = errno;
     if (opened.error != EAGAIN) break;
   }
+  return opened;
+}
+
+Opened DriveTable::OpenRegular(const DrivePath& path, int flags) const {
+  auto kind_error = [](int fd) {
+    struct stat info {};
+    if (::fstat(fd, &info) != 0) return errno;
+    if (S_ISDIR(info.st_mode)) return EISDIR;
+    return S_ISREG(info.st_mode) ? 0 : ENXIO;
+  };
+  Opened probe = OpenBeneath(path, O_PATH);
+  if (!probe.fd) return probe;
+  Opened refused;
+  if ((refused.error = kind_error(probe.fd.get())) != 0) return refused;
+  Opened opened = OpenBeneath(path, flags | O_NONBLOCK | O_NOCTTY);
+  if (!opened.fd) return opened;
+  if ((refused.error = kind_error(opened.fd.get())) != 0) return refused;
+  int status = ::fcntl(opened.fd.get(), F_GETFL);
+  if (status >= 0) ::fcntl(opened.fd.get(), F_SETFL, status & ~O_NONBLOCK);
   return opened;
 }
 

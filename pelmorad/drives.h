@@ -62,6 +62,12 @@ class DriveTable {
   // error ENOENT for an unmapped drive. Retries EAGAIN (a rename raced the lookup) a few times.
   Opened OpenBeneath(const DrivePath& path, int flags, mode_t mode = 0) const;
 
+  // Opens a regular file beneath the drive with `flags`, never anything else: a folder gives
+  // EISDIR, a FIFO, socket or device ENXIO, without opening it (so opening cannot block on a FIFO
+  // or act on a device). The open itself adds O_NONBLOCK | O_NOCTTY and the result is checked
+  // again, so a name swapped meanwhile is refused too.
+  Opened OpenRegular(const DrivePath& path, int flags) const;
+
   // The folder that holds `path`, opened O_PATH | O_DIRECTORY beneath the drive.
   Opened OpenParent(const DrivePath& path) const;
 

@@ -99,14 +99,12 @@ InfoResult ReadFileInfo(const DriveTable& drives, const DrivePath& path) {
   return result;
 }
 
-int32_t ListFolder(const DriveTable& drives, const DrivePath& path,
-                   std::vector<pelmora::admin::FileInfoRecord>& records) {
-  Opened opened = drives.OpenBeneath(path, O_RDONLY | O_DIRECTORY);
-  if (!opened.fd) return FromErrno(opened.error, Missing::kPath);
-  int folder = opened.fd.get();
+namespace {
+
+// The sorted names in the open folder `folder`, at most kMaxListingEntries.
+int32_t SortedNames(int folder, std::vector<std::string>& names) {
   std::unique_ptr<DIR, DirCloser> dir(::fdopendir(::dup(folder)));
   if (!dir) return FromErrno(errno, Missing::kPath);
-  std::vector<std::string> names;
   while (dirent* entry = ::readdir(dir.get())) {
     std::string_view name = entry->d_name;
     if (name == "." || name == "..") continue;
@@ -114,11 +112,53 @@ int32_t ListFolder(const DriveTable& drives, const DrivePath& path,
     names.emplace_back(name);
   }
   std::sort(names.begin(), names.end());
+  return kSuccess;
+}
+
+}  // namespace
+
+int32_t ListFolder(const DriveTable& drives, const DrivePath& path,
+                   std::vector<pelmora::admin::FileInfoRecord>& records) {
+  Opened opened = drives.OpenBeneath(path, O_RDONLY | O_DIRECTORY);
+  if (!opened.fd) return FromErrno(opened.error, Missing::kPath);
+  std::vector<std::string> names;
+  if (int32_t error = SortedNames(opened.fd.get(), names); error != kSuccess) return error;
   records.reserve(names.size());
   for (const std::string& name : names) {
-    records.push_back(EntryRecord(drives, folder, path.Child(name)));
+    records.push_back(EntryRecord(drives, opened.fd.get(), path.Child(name)));
   }
   return kSuccess;
+}
+
+int32_t FolderListing::Open(const DriveTable& drives, const DrivePath& path) {
+  Opened opened = drives.OpenBeneath(path, O_RDONLY | O_DIRECTORY);
+  if (!opened.fd) return FromErrno(opened.error, Missing::kPath);
+  path_ = path;
+  folder_ = std::move(opened.fd);
+  names_.clear();
+  next_ = 0;
+  return SortedNames(folder_.get(), names_);
+}
+
+std::size_t FolderListing::TotalBytes() const {
+  std::size_t total = 0;
+  pelmora::admin::FileInfoRecord shape;
+  shape.parent_path = path_.Wire();
+  for (const std::string& name : names_) {
+    DrivePath child = path_.Child(name);
+    shape.name = name;
+    shape.full_path = child.Wire();
+    total += pelmora::admin::BuildListing({&shape, 1}).size();
+  }
+  return total;
+}
+
+std::vector<uint8_t> FolderListing::Piece(const DriveTable& drives, std::size_t count) {
+  std::vector<pelmora::admin::FileInfoRecord> records;
+  for (; next_ < names_.size() && records.size() < count; ++next_) {
+    records.push_back(EntryRecord(drives, folder_.get(), path_.Child(names_[next_])));
+  }
+  return pelmora::admin::BuildListing(records);
 }
 
 }  // namespace pelmorad

@@ -50,6 +50,29 @@ InfoResult ReadFileInfo(const DriveTable& drives, const DrivePath& path);
 int32_t ListFolder(const DriveTable& drives, const DrivePath& path,
                    std::vector<pelmora::admin::FileInfoRecord>& records);
 
+// A listing sent piece by piece, so that a session holds its sorted names and one piece of
+// records at a time rather than the whole reply:
+//
+//   FolderListing listing;
+//   if (int32_t error = listing.Open(drives, path); error != 0) ...
+//   send listing.TotalBytes(), then listing.Piece(drives, 256) until it comes back empty
+class FolderListing {
+ public:
+  // Reads and sorts the names of folder `path` (as ListFolder). Blocks.
+  int32_t Open(const DriveTable& drives, const DrivePath& path);
+  // The bytes of the whole listing reply (as BuildListing would make it); known before any
+  // record is read, since a record's length depends only on its names.
+  std::size_t TotalBytes() const;
+  // The listing bytes of the next `count` entries (empty at the end). Blocks.
+  std::vector<uint8_t> Piece(const DriveTable& drives, std::size_t count);
+
+ private:
+  DrivePath path_;
+  UniqueFd folder_;
+  std::vector<std::string> names_;
+  std::size_t next_ = 0;
+};
+
 }  // namespace pelmorad
 
 #endif  // PELMORAD_FILE_INFO_H_

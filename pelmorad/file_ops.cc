@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "pelmorad/atomic_file.h"
+#include "pelmorad/identity.h"
 #include "pelmorad/win_error.h"
 
 namespace pelmorad {
@@ -109,11 +110,22 @@ int32_t FolderExists(const DriveTable& drives, const DrivePath& path) {
 
 int32_t CreateFile(const DriveTable& drives, const DrivePath& path, bool overwrite, bool unicode) {
   if (path.IsRoot()) return kAccessDenied;
-  int flags = O_WRONLY | O_CREAT | (overwrite ? O_TRUNC : O_EXCL);
-  Opened opened = drives.OpenBeneath(path, flags, 0644);
+  Opened opened = drives.OpenBeneath(path, O_WRONLY | O_CREAT | O_EXCL, 0644);
+  bool created = static_cast<bool>(opened.fd);
+  if (!created && opened.error == EEXIST && overwrite) {
+    opened = drives.OpenRegular(path, O_WRONLY | O_TRUNC);
+  }
   if (!opened.fd) {
     if (opened.error == ENOENT) return kPathNotFound;
+    if (opened.error == EEXIST) return kFileExists;
     return FromErrno(opened.error, Missing::kPath);
+  }
+  if (created) {
+    if (int error = GiveToOwner(opened.fd.get()); error != 0) {
+      Opened parent = drives.OpenParent(path);
+      if (parent.fd) ::unlinkat(parent.fd.get(), path.Name().c_str(), 0);
+      return FromErrno(error, Missing::kPath);
+    }
   }
   if (!unicode) return kSuccess;
   static constexpr std::array<uint8_t, 2> kByteOrderMark = {0xFF, 0xFE};
@@ -129,6 +141,10 @@ int32_t CreateFolder(const DriveTable& drives, const DrivePath& path) {
   if (!parent.fd) return FromErrno(parent.error, Missing::kPath);
   if (::mkdirat(parent.fd.get(), path.Name().c_str(), 0755) != 0) {
     return errno == EEXIST ? kAlreadyExists : FromErrno(errno, Missing::kPath);
+  }
+  if (int error = GiveToOwnerAt(parent.fd.get(), path.Name()); error != 0) {
+    ::unlinkat(parent.fd.get(), path.Name().c_str(), AT_REMOVEDIR);
+    return FromErrno(error, Missing::kPath);
   }
   return kSuccess;
 }
@@ -162,7 +178,7 @@ int32_t DeleteFolder(const DriveTable& drives, const DrivePath& path) {
 
 int32_t CopyFile(const DriveTable& drives, const DrivePath& from, const DrivePath& to,
                  bool overwrite) {
-  Opened source = drives.OpenBeneath(from, O_RDONLY);
+  Opened source = drives.OpenRegular(from, O_RDONLY);
   if (!source.fd) return drives.ResolveError(from, source.error);
   struct stat info {};
   if (::fstat(source.fd.get(), &info) != 0) return FromErrno(errno, Missing::kFile);

@@ -1,46 +1,66 @@
 #include "pelmorad/login_throttle.h"
 
+#include <algorithm>
+
 namespace pelmorad {
 namespace {
 
 constexpr std::size_t kPruneAbove = 4096;
-constexpr int kMaxDelaySteps = 8;
+constexpr int kMaxDoublings = 20;
+
+std::string AddressKey(const std::string& address) { return "address " + address; }
+std::string AccountKey(const std::string& account) { return "account " + account; }
 
 }  // namespace
 
-LoginThrottle::LoginThrottle(int failures, Clock::duration lockout, Clock::duration delay_step)
-    : failures_(failures), lockout_(lockout), delay_step_(delay_step) {}
-
-LoginThrottle::Decision LoginThrottle::Check(const std::string& address, Clock::time_point now) {
-  Decision decision;
-  auto found = entries_.find(address);
-  if (found == entries_.end()) return decision;
-  Entry& entry = found->second;
-  if (now < entry.locked_until) {
-    decision.locked = true;
-    return decision;
-  }
-  if (now - entry.last_failure > lockout_ && entry.locked_until <= now) entry.failures = 0;
-  decision.delay = delay_step_ * std::min(entry.failures, kMaxDelaySteps);
-  return decision;
+LoginThrottle::Entry& LoginThrottle::At(const std::string& key, Clock::time_point now) {
+  Entry& entry = entries_[key];
+  if (entry.failures > 0 && now - entry.last_failure > settings_.memory) entry.failures = 0;
+  return entry;
 }
 
-void LoginThrottle::Failed(const std::string& address, Clock::time_point now) {
+LoginThrottle::Clock::duration LoginThrottle::DelayFor(int count) const {
+  if (count <= 0) return Clock::duration::zero();
+  Clock::duration delay = settings_.step * std::min(count, settings_.free_failures);
+  for (int doubling = settings_.free_failures; doubling < std::min(count, kMaxDoublings) &&
+                                               delay < settings_.ceiling;
+       ++doubling) {
+    delay *= 2;
+  }
+  return std::min(delay, settings_.ceiling);
+}
+
+LoginThrottle::Clock::duration LoginThrottle::Begin(const std::string& address,
+                                                    const std::string& account,
+                                                    Clock::time_point now) {
   if (entries_.size() > kPruneAbove) Prune(now);
-  Entry& entry = entries_[address];
-  entry.failures += 1;
-  entry.last_failure = now;
-  if (entry.failures >= failures_) {
-    entry.locked_until = now + lockout_;
-    entry.failures = 0;
-  }
+  Entry& by_address = At(AddressKey(address), now);
+  Entry& by_account = At(AccountKey(account), now);
+  int count = std::max(by_address.failures + by_address.in_flight,
+                       by_account.failures + by_account.in_flight);
+  by_address.in_flight += 1;
+  by_account.in_flight += 1;
+  return DelayFor(count);
 }
 
-void LoginThrottle::Succeeded(const std::string& address) { entries_.erase(address); }
+void LoginThrottle::Finish(const std::string& address, const std::string& account,
+                           bool succeeded, Clock::time_point now) {
+  for (const std::string& key : {AddressKey(address), AccountKey(account)}) {
+    Entry& entry = At(key, now);
+    entry.in_flight = std::max(0, entry.in_flight - 1);
+    if (!succeeded) {
+      entry.failures += 1;
+      entry.last_failure = now;
+    }
+  }
+  if (succeeded) At(AccountKey(account), now).failures = 0;
+}
 
 void LoginThrottle::Prune(Clock::time_point now) {
   std::erase_if(entries_, [&](const auto& item) {
-    return item.second.locked_until <= now && now - item.second.last_failure > lockout_;
+    const Entry& entry = item.second;
+    return entry.in_flight == 0 &&
+           (entry.failures == 0 || now - entry.last_failure > settings_.memory);
   });
 }
 

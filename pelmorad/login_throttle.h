@@ -1,9 +1,14 @@
-// Failed logins per client address: each failure delays the next refusal a little more, and
-// after `failures` of them the address is refused outright for `lockout`.
+// Failed logins counted per client address and per account name: every attempt waits, before its
+// password is checked, for a delay that grows with the failures and the attempts still in flight
+// of its address and of its account name (whichever is larger), up to a ceiling. Nothing is
+// locked out: the real user waits at most the ceiling, while guesses, in parallel or from many
+// addresses, go no faster than one per ceiling for each account name and each address. A success
+// forgets only the failures of its own account name.
 //
-//   LoginThrottle throttle(5, std::chrono::seconds(60), std::chrono::milliseconds(250));
-//   LoginThrottle::Decision decision = throttle.Check(address, now);
-//   if (decision.locked) RefuseWithoutChecking();
+//   LoginThrottle throttle({.free_failures = 5, .memory = seconds(60), .step = milliseconds(250),
+//                           .ceiling = seconds(8)});
+//   Clock::duration wait = throttle.Begin(address, account, now);   // wait, then check
+//   throttle.Finish(address, account, accepted, now);
 #ifndef PELMORAD_LOGIN_THROTTLE_H_
 #define PELMORAD_LOGIN_THROTTLE_H_
 
@@ -17,35 +22,42 @@ class LoginThrottle {
  public:
   using Clock = std::chrono::steady_clock;
 
-  LoginThrottle(int failures, Clock::duration lockout, Clock::duration delay_step);
-
-  // What to do with a login from `address` now.
-  struct Decision {
-    bool locked = false;      // refuse without checking the password
-    Clock::duration delay{};  // wait this long before answering a failed login
+  struct Settings {
+    int free_failures = 5;           // below this many the delay grows by `step` per failure;
+                                     // from it on it doubles with each
+    Clock::duration memory{};        // failures are forgotten after this long without one
+    Clock::duration step{};          // the delay per failure
+    Clock::duration ceiling{};       // the longest delay
   };
-  Decision Check(const std::string& address, Clock::time_point now);
 
-  // Records a failed login; the address is locked out when it reaches the limit.
-  void Failed(const std::string& address, Clock::time_point now);
+  explicit LoginThrottle(Settings settings) : settings_(settings) {}
 
-  // Forgets the address's failures.
-  void Succeeded(const std::string& address);
+  // Registers an attempt for `account` from `address` as in flight and returns how long it waits
+  // before its password is checked.
+  Clock::duration Begin(const std::string& address, const std::string& account,
+                        Clock::time_point now);
 
-  // The number of addresses tracked (bounded: stale entries are dropped as new ones come).
+  // Ends an attempt registered by Begin: a failure counts for the address and the account name,
+  // a success forgets the account name's failures (the address keeps its own).
+  void Finish(const std::string& address, const std::string& account, bool succeeded,
+              Clock::time_point now);
+
+  // The delay for `count` failures and attempts in flight.
+  Clock::duration DelayFor(int count) const;
+
+  // The addresses and names tracked (bounded: forgotten entries are dropped as new ones come).
   std::size_t Tracked() const { return entries_.size(); }
 
  private:
   struct Entry {
     int failures = 0;
+    int in_flight = 0;
     Clock::time_point last_failure{};
-    Clock::time_point locked_until{};
   };
+  Entry& At(const std::string& key, Clock::time_point now);
   void Prune(Clock::time_point now);
 
-  int failures_;
-  Clock::duration lockout_;
-  Clock::duration delay_step_;
+  Settings settings_;
   std::map<std::string, Entry> entries_;
 };
 

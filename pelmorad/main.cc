@@ -1,5 +1,6 @@
 // pelmorad: the administration service. See options.h for the command line and docs/protocol.md
 // for what it answers.
+#include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -8,6 +9,7 @@
 
 #include "pelmora/common/error.h"
 #include "pelmora/sched/task_runner.h"
+#include "pelmorad/command_tree.h"
 #include "pelmorad/config.h"
 #include "pelmorad/options.h"
 #include "pelmorad/password.h"
@@ -29,7 +31,8 @@ int HashFromStandardInput() {
 }
 
 int CheckConfig(const std::string& path) {
-  pelmorad::LoadRuntime(path);
+  std::shared_ptr<const pelmorad::Runtime> runtime = pelmorad::LoadRuntime(path);
+  pelmorad::CheckListenAddresses(runtime->config.listen);
   std::cout << path << ": the configuration is valid\n";
   return 0;
 }
@@ -48,6 +51,7 @@ std::unique_ptr<pelmora::sched::TaskRunner> StartScheduler(const std::string& co
 }  // namespace
 
 int main(int argc, char** argv) {
+  pelmorad::FindKeeper();
   std::vector<std::string_view> arguments(argv + 1, argv + argc);
   try {
     pelmorad::Options options = pelmorad::ParseOptions(arguments);
@@ -67,6 +71,8 @@ int main(int argc, char** argv) {
     std::unique_ptr<pelmora::sched::TaskRunner> scheduler = StartScheduler(config_path);
     int status = server.Run();
     if (scheduler) scheduler->Stop();
+    // A pool thread blocked in the kernel would keep the server's destructor waiting.
+    if (server.Abandoned()) std::_Exit(status);
     return status;
   } catch (const pelmora::Error& error) {
     std::cerr << "pelmorad: " << error.Description() << '\n';

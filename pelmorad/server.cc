@@ -13,6 +13,8 @@
 #include <asio/use_awaitable.hpp>
 #include <chrono>
 #include <fstream>
+#include <future>
+#include <thread>
 #include <list>
 
 #include "pelmora/common/error.h"
@@ -26,6 +28,7 @@ namespace {
 constexpr int kBacklog = 1024;
 constexpr auto kShutdownPoll = std::chrono::milliseconds(50);
 constexpr auto kAcceptRetry = std::chrono::milliseconds(100);
+constexpr auto kPoolJoinLimit = std::chrono::milliseconds(1000);
 
 std::shared_ptr<const Runtime> LoadChecked(const std::string& path) {
   if (!BeneathResolutionAvailable()) {
@@ -57,6 +60,29 @@ std::optional<asio::ip::tcp::endpoint> ParseListenAddress(const std::string& tex
   return asio::ip::tcp::endpoint(address, static_cast<unsigned short>(port));
 }
 
+void CheckListenAddresses(const std::vector<std::string>& addresses) {
+  asio::io_context io(1);
+  for (const std::string& text : addresses) {
+    std::optional<asio::ip::tcp::endpoint> endpoint = ParseListenAddress(text);
+    if (!endpoint) {
+      throw pelmora::Error(87,
+                           fmt::format("listen: \"{}\" is not an address:port with a numeric "
+                                       "address and a port from 0 to 65535",
+                                       text),
+                           "pelmorad");
+    }
+    asio::ip::tcp::acceptor acceptor(io);
+    asio::error_code error;
+    acceptor.open(endpoint->protocol(), error);
+    if (!error) acceptor.bind(asio::ip::tcp::endpoint(endpoint->address(), 0), error);
+    if (error) {
+      throw pelmora::Error(
+          87, fmt::format("listen: cannot listen on \"{}\": {}", text, error.message()),
+          "pelmorad");
+    }
+  }
+}
+
 class Server::Impl {
  public:
   explicit Impl(ServerOptions options)
@@ -83,12 +109,31 @@ class Server::Impl {
     WaitForSignal();
     ServiceMessage("serving");
     io_->run();
-    context_.pool.join();
+    context_.pool.stop();
+    if (!PoolEndsWithin(kPoolJoinLimit)) {
+      abandoned_ = true;
+      ServiceMessage("stopped; file work still blocked in the kernel is abandoned");
+      return 0;
+    }
     ServiceMessage("stopped");
     return 0;
   }
 
+  bool abandoned() const { return abandoned_; }
+
  private:
+  // Joins the pool on a helper thread and waits for it at most `limit`; false when a worker is
+  // still blocked (the helper is then left behind with the process about to end).
+  bool PoolEndsWithin(std::chrono::milliseconds limit) {
+    auto joined = std::make_shared<std::promise<void>>();
+    std::future<void> done = joined->get_future();
+    std::thread([this, joined] {
+      context_.pool.join();
+      joined->set_value();
+    }).detach();
+    return done.wait_for(limit) == std::future_status::ready;
+  }
+
   void Bind() {
     std::vector<std::string> addresses =
         options_.listen.empty() ? context_.runtime->config.listen : options_.listen;
@@ -148,6 +193,9 @@ class Server::Impl {
     try {
       context_.runtime = LoadRuntime(options_.config_path);
       ServiceMessage("configuration reloaded; new sessions use it");
+      // Copied: closing a session may end it and take it out of the set.
+      std::vector<Session*> sessions(context_.sessions.begin(), context_.sessions.end());
+      for (Session* session : sessions) session->Reconfigured(*context_.runtime);
     } catch (const pelmora::Error& error) {
       ServiceMessage("reload refused, the running configuration stays: " + error.Description());
     }
@@ -181,6 +229,7 @@ class Server::Impl {
   ServiceContext context_;
   std::unique_ptr<asio::signal_set> signals_;
   std::list<asio::ip::tcp::acceptor> acceptors_;
+  bool abandoned_ = false;
 };
 
 Server::Server(ServerOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {}
@@ -188,5 +237,7 @@ Server::Server(ServerOptions options) : impl_(std::make_unique<Impl>(std::move(o
 Server::~Server() = default;
 
 int Server::Run() { return impl_->Run(); }
+
+bool Server::Abandoned() const { return impl_->abandoned(); }
 
 }  // namespace pelmorad

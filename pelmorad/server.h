@@ -25,6 +25,11 @@ struct ServerOptions {
 // "127.0.0.1:8002", "[::1]:0" or "0.0.0.0:8002" as an endpoint; nullopt when malformed.
 std::optional<asio::ip::tcp::endpoint> ParseListenAddress(const std::string& text);
 
+// Checks that every address in `addresses` parses and names an address of this machine: each is
+// bound once on port 0 and let go (so the port of a service that already runs does not matter).
+// Throws pelmora::Error 87 naming the first address that fails. Blocks for the binds only.
+void CheckListenAddresses(const std::vector<std::string>& addresses);
+
 class Server {
  public:
   // Loads the configuration and opens the drives. Throws pelmora::Error (see LoadConfig,
@@ -33,8 +38,13 @@ class Server {
   ~Server();
 
   // Binds every address (throws pelmora::Error 10048 with the address when one cannot be bound),
-  // writes the port file, serves until SIGTERM and returns the exit status (0).
+  // writes the port file, serves until SIGTERM and returns the exit status (0). Returns at most
+  // about a second after the grace period even when file work is still blocked in the kernel;
+  // Abandoned() then tells the caller to end the process without destroying the server.
   int Run();
+
+  // True when Run returned with file work still blocked on a pool thread.
+  bool Abandoned() const;
 
  private:
   class Impl;

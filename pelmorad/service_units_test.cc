@@ -23,29 +23,72 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-TEST(LoginThrottle, DelaysGrowThenTheAddressIsLockedOutUntilTheLockoutEnds) {
-  LoginThrottle throttle(3, seconds(60), milliseconds(100));
-  auto now = LoginThrottle::Clock::now();
-  EXPECT_EQ(throttle.Check("a", now).delay, milliseconds(0));
-  throttle.Failed("a", now);
-  EXPECT_EQ(throttle.Check("a", now).delay, milliseconds(100));
-  throttle.Failed("a", now);
-  EXPECT_EQ(throttle.Check("a", now).delay, milliseconds(200));
-  EXPECT_FALSE(throttle.Check("a", now).locked);
-  throttle.Failed("a", now);
-  EXPECT_TRUE(throttle.Check("a", now + seconds(59)).locked);
-  EXPECT_FALSE(throttle.Check("b", now).locked);  // other addresses are not affected
-  EXPECT_FALSE(throttle.Check("a", now + seconds(61)).locked);
+LoginThrottle MakeThrottle() {
+  return LoginThrottle({.free_failures = 3,
+                        .memory = seconds(60),
+                        .step = milliseconds(100),
+                        .ceiling = milliseconds(2000)});
 }
 
-TEST(LoginThrottle, SuccessForgetsFailures) {
-  LoginThrottle throttle(2, seconds(60), milliseconds(100));
+TEST(LoginThrottle, DelaysGrowByStepsThenDoubleUpToTheCeilingWithoutLockingOut) {
+  LoginThrottle throttle = MakeThrottle();
+  const std::pair<int, int> delays[] = {{0, 0},    {1, 100},  {2, 200},  {3, 300},
+                                        {4, 600},  {5, 1200}, {6, 2000}, {40, 2000}};
+  for (auto [count, delay] : delays) {
+    EXPECT_EQ(throttle.DelayFor(count), milliseconds(delay)) << count;
+  }
+}
+
+TEST(LoginThrottle, AttemptsInFlightCountLikeFailures) {
+  LoginThrottle throttle = MakeThrottle();
   auto now = LoginThrottle::Clock::now();
-  throttle.Failed("a", now);
-  throttle.Succeeded("a");
-  throttle.Failed("a", now);
-  EXPECT_FALSE(throttle.Check("a", now).locked);
-  EXPECT_EQ(throttle.Tracked(), 1u);
+  EXPECT_EQ(throttle.Begin("a", "ops", now), milliseconds(0));
+  EXPECT_EQ(throttle.Begin("a", "ops", now), milliseconds(100));
+  EXPECT_EQ(throttle.Begin("a", "ops", now), milliseconds(200));
+  throttle.Finish("a", "ops", false, now);
+  throttle.Finish("a", "ops", false, now);
+  throttle.Finish("a", "ops", false, now);
+  EXPECT_EQ(throttle.Begin("a", "ops", now), milliseconds(300));  // three failures now
+}
+
+TEST(LoginThrottle, CountsPerAddressAndPerAccountName) {
+  LoginThrottle throttle = MakeThrottle();
+  auto now = LoginThrottle::Clock::now();
+  for (const char* address : {"a", "b", "c"}) {  // one account name from rotating addresses
+    throttle.Begin(address, "ops", now);
+    throttle.Finish(address, "ops", false, now);
+  }
+  EXPECT_EQ(throttle.Begin("d", "ops", now), milliseconds(300));
+  throttle.Finish("d", "ops", true, now);
+  for (const char* account : {"x", "y", "z"}) {  // many account names from one address
+    throttle.Begin("e", account, now);
+    throttle.Finish("e", account, false, now);
+  }
+  EXPECT_EQ(throttle.Begin("e", "w", now), milliseconds(300));
+}
+
+TEST(LoginThrottle, ASuccessForgetsOnlyItsOwnAccountNamesFailures) {
+  LoginThrottle throttle = MakeThrottle();
+  auto now = LoginThrottle::Clock::now();
+  for (int i = 0; i < 2; ++i) {
+    throttle.Begin("a", "ops", now);
+    throttle.Finish("a", "ops", false, now);
+  }
+  throttle.Begin("a", "reader", now);
+  throttle.Finish("a", "reader", true, now);
+  EXPECT_EQ(throttle.Begin("a", "ops", now), milliseconds(200));
+  throttle.Finish("a", "ops", true, now);
+  // The address keeps its failures; the account name's are gone.
+  EXPECT_EQ(throttle.Begin("b", "ops", now), milliseconds(0));
+  EXPECT_EQ(throttle.Begin("a", "other", now), milliseconds(200));
+}
+
+TEST(LoginThrottle, FailuresAreForgottenAfterTheirMemory) {
+  LoginThrottle throttle = MakeThrottle();
+  auto now = LoginThrottle::Clock::now();
+  throttle.Begin("a", "ops", now);
+  throttle.Finish("a", "ops", false, now);
+  EXPECT_EQ(throttle.Begin("a", "ops", now + seconds(61)), milliseconds(0));
 }
 
 TEST(WholeUtf8Prefix, HoldsBackOnlyAnUnfinishedCharacter) {

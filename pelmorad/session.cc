@@ -10,9 +10,11 @@
 #include <asio/use_awaitable.hpp>
 #include <asio/write.hpp>
 #include <chrono>
+#include <random>
 
 #include "pelmora/admin/wire_replies.h"
 #include "pelmorad/audit.h"
+#include "pelmorad/command_tree.h"
 #include "pelmorad/win_error.h"
 
 namespace pelmorad {
@@ -49,9 +51,18 @@ Session::Session(ServiceContext& context, asio::ip::tcp::socket socket, std::str
   peer_ = PeerText(socket_, ignored);
   context_.sessions.insert(this);
   context_.sessions_per_address[address_] += 1;
+  context_.unauthenticated += 1;
+  login_deadline_ = asio::steady_timer::clock_type::now() +
+                    std::chrono::seconds(limits().login_grace_seconds);
+}
+
+void Session::LeaveUnauthenticated() {
+  if (counted_unauthenticated_) context_.unauthenticated -= 1;
+  counted_unauthenticated_ = false;
 }
 
 Session::~Session() {
+  LeaveUnauthenticated();
   context_.sessions.erase(this);
   if (--context_.sessions_per_address[address_] <= 0) {
     context_.sessions_per_address.erase(address_);
@@ -70,6 +81,12 @@ void Session::Start(ServiceContext& context, asio::ip::tcp::socket socket) {
     Audit({peer, "", -1, "refused: session limit", kAccessDenied});
     return;  // the socket closes as it goes
   }
+  static thread_local std::mt19937 random(std::random_device{}());
+  double chance = std::uniform_real_distribution<double>(0.0, 1.0)(random);
+  if (DropUnauthenticated(context.unauthenticated, limits, chance)) {
+    Audit({peer, "", -1, "refused: too many connections not logged in", kAccessDenied});
+    return;
+  }
   auto session = std::make_shared<Session>(context, std::move(socket), address);
   asio::co_spawn(
       context.io, [session]() { return session->Run(); }, asio::detached);
@@ -78,18 +95,41 @@ void Session::Start(ServiceContext& context, asio::ip::tcp::socket socket) {
 }
 
 void Session::Close() {
+  KillCommand();  // a command never outlives its session
   asio::error_code ignored;
   socket_.shutdown(asio::ip::tcp::socket::shutdown_both, ignored);
   socket_.close(ignored);
   idle_timer_.cancel();
 }
 
+void Session::Reconfigured(const Runtime& runtime) {
+  if (account_ == nullptr || !socket_.is_open()) return;
+  const Account* now = runtime.config.FindAccount(account_->name);
+  const Identity* identity = now != nullptr ? runtime.IdentityOf(*now) : nullptr;
+  auto same_identity = [&] {
+    if ((identity == nullptr) != (identity_ == nullptr)) return false;
+    return identity == nullptr || (identity->uid == identity_->uid &&
+                                   identity->gid == identity_->gid &&
+                                   identity->groups == identity_->groups);
+  };
+  if (now != nullptr && *now == *account_ && same_identity() &&
+      runtime.config.drives == runtime_->config.drives &&
+      runtime.tasks_folder.has_value() == runtime_->tasks_folder.has_value()) {
+    return;
+  }
+  Audit({peer_, account_->name, -1, "closed: the account was removed or changed by a reload",
+         kAccessDenied});
+  Close();
+}
+
 void Session::KillCommand() {
-  if (command_group_ > 0) ::kill(-command_group_, SIGKILL);
+  // Not reaped before command_group_ is cleared, so the number is still the command's.
+  if (command_group_ > 0) KillProcessTree(command_group_);
 }
 
 void Session::ArmIdleTimer() {
-  idle_timer_.expires_after(std::chrono::seconds(limits().idle_seconds));
+  auto idle = asio::steady_timer::clock_type::now() + std::chrono::seconds(limits().idle_seconds);
+  idle_timer_.expires_at(account_ != nullptr ? idle : std::min(idle, login_deadline_));
 }
 
 asio::awaitable<void> Session::Watchdog() {
@@ -100,7 +140,14 @@ asio::awaitable<void> Session::Watchdog() {
     co_await idle_timer_.async_wait(asio::redirect_error(asio::use_awaitable, error));
     if (!error && idle_timer_.expiry() <= asio::steady_timer::clock_type::now() &&
         socket_.is_open()) {
-      Audit({peer_, account_ ? account_->name : "", -1, "closed: idle", kTimeout});
+      if (command_group_ > 0 && !sending_) {
+        ArmIdleTimer();  // a silent command: the client waits for it, not the other way round
+        continue;
+      }
+      bool grace = account_ == nullptr &&
+                   login_deadline_ <= asio::steady_timer::clock_type::now();
+      Audit({peer_, account_ ? account_->name : "", -1,
+             grace ? "closed: not logged in within the grace time" : "closed: idle", kTimeout});
       Close();
     }
   }
@@ -117,8 +164,10 @@ asio::awaitable<bool> Session::ReadExactly(std::span<uint8_t> buffer) {
 asio::awaitable<bool> Session::SendRaw(std::span<const uint8_t> data) {
   ArmIdleTimer();
   asio::error_code error;
+  sending_ = true;
   co_await asio::async_write(socket_, asio::buffer(data.data(), data.size()),
                              asio::redirect_error(asio::use_awaitable, error));
+  sending_ = false;
   co_return !error;
 }
 
@@ -179,7 +228,7 @@ asio::awaitable<bool> Session::HandleMessage(const ClientMessage& message) {
 }
 
 asio::awaitable<bool> Session::HandleAnnouncement(int32_t total) {
-  if (total < 2 || total > limits().request_bytes) {
+  if (total < 2 || total > RequestLimit()) {
     Audit({peer_, account_ ? account_->name : "", -1,
            "closed: request size " + std::to_string(total), kInvalidParameter});
     co_return false;

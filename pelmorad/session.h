@@ -10,6 +10,7 @@
 #include <asio/ip/tcp.hpp>
 #include <asio/posix/stream_descriptor.hpp>
 #include <asio/steady_timer.hpp>
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "pelmora/admin/wire.h"
+#include "pelmorad/blocking.h"
 #include "pelmorad/drive_path.h"
 #include "pelmorad/runtime.h"
 
@@ -25,6 +27,8 @@ namespace pelmorad {
 
 // Requests before a successful login that a session answers before it closes.
 inline constexpr int kMaxRequestsBeforeLogin = 3;
+// The largest request block a session accepts before a successful login (it is refused anyway).
+inline constexpr int kRequestBytesBeforeLogin = 8192;
 
 struct RunningCommand;
 struct ExecJob;
@@ -39,12 +43,17 @@ class Session : public std::enable_shared_from_this<Session> {
   // Registers a new session for `socket` and starts its coroutine on the I/O thread.
   static void Start(ServiceContext& context, asio::ip::tcp::socket socket);
 
-  // Closes the connection; the coroutine ends at its next step. Never blocks.
+  // Closes the connection and kills a running command's process group; the coroutine ends at its
+  // next step. Never blocks.
   void Close();
   // True while the session waits for the client's next request.
   bool Idle() const { return idle_; }
   // Ends a running command's process group at once (shutdown). Never blocks.
   void KillCommand();
+  // After a reload to `runtime`: ends a logged-in session whose account was removed or changed
+  // (its rights, password, user or the drive map); other sessions go on with the configuration
+  // they started with. Never blocks.
+  void Reconfigured(const Runtime& runtime);
   // The client's address without the port.
   const std::string& address() const { return address_; }
 
@@ -102,6 +111,15 @@ class Session : public std::enable_shared_from_this<Session> {
   asio::awaitable<bool> StreamExec(std::shared_ptr<ExecJob> job, int32_t timeout,
                                    std::string audit_text);
 
+  // Runs file work on the pool with the account's identity as the owner of what it creates.
+  template <typename Function>
+  auto RunFileWork(Function function) {
+    return RunBlocking(context_.pool, [identity = identity_, function = std::move(function)] {
+      OwnerScope owner(identity);
+      return function();
+    });
+  }
+
   // Checks argument `index` as a path; `write` when the request changes the file system.
   Target ResolveArgument(const pelmora::admin::RequestBlock& block, std::size_t index,
                          bool write) const;
@@ -109,6 +127,13 @@ class Session : public std::enable_shared_from_this<Session> {
   static bool FlagArgument(const pelmora::admin::RequestBlock& block, std::size_t index);
   void AuditRequest(int code, const std::string& path, int32_t result) const;
   const Limits& limits() const { return runtime_->config.limits; }
+  // The largest request block accepted now.
+  int RequestLimit() const {
+    return account_ != nullptr ? limits().request_bytes
+                               : std::min(limits().request_bytes, kRequestBytesBeforeLogin);
+  }
+  // Leaves the count of connections not yet logged in (once).
+  void LeaveUnauthenticated();
 
   ServiceContext& context_;
   std::shared_ptr<const Runtime> runtime_;
@@ -117,9 +142,13 @@ class Session : public std::enable_shared_from_this<Session> {
   std::string address_;
   std::string peer_;  // address:port
   const Account* account_ = nullptr;
+  const Identity* identity_ = nullptr;  // the account's, held by runtime_
   int32_t sequence_ = 0;  // of the client's last framed message
   int refused_before_login_ = 0;
+  bool counted_unauthenticated_ = true;  // counted in context_.unauthenticated
+  asio::steady_timer::time_point login_deadline_;
   bool idle_ = true;
+  bool sending_ = false;   // a write to the client is waiting (the client may not be reading)
   int command_group_ = 0;  // process group of the running command, 0 when none
 };
 

@@ -18,6 +18,7 @@
 #include "pelmorad/audit.h"
 #include "pelmorad/blocking.h"
 #include "pelmorad/command_output.h"
+#include "pelmorad/command_tree.h"
 #include "pelmorad/session.h"
 #include "pelmorad/win_error.h"
 
@@ -29,12 +30,18 @@ using pelmora::admin::RequestBlock;
 struct RunningCommand {
   std::optional<pelmora::ChildProcess> child;
   int start_error = 0;
-  bool finished = false;
+  bool finished = false;  // reaped: its process group id may be someone else's now
   bool timed_out = false;
   bool client_gone = false;
+  int* slot = nullptr;  // the service's running-command count while this one holds a place
 
   void Kill() {
-    if (!finished && child) child->KillGroup();
+    if (!finished && child) KillCommandTree(*child);
+  }
+  // Gives the command's place back (once), as soon as its shell has ended.
+  void ReleaseSlot() {
+    if (slot != nullptr) *slot -= 1;
+    slot = nullptr;
   }
 };
 
@@ -59,9 +66,7 @@ struct CommandIo {
 };
 
 pelmora::ChildSpec SpecFor(const Config& config, const Account& account, std::string command) {
-  pelmora::ChildSpec launch;
-  launch.command_line = std::move(command);
-  launch.shell = config.shell;
+  pelmora::ChildSpec launch = KeptCommand(config.shell, std::move(command));
   launch.working_folder = account.working_folder;
   launch.run_as = account.run_as;
   return launch;
@@ -90,7 +95,7 @@ asio::awaitable<bool> Session::HandleCommand(const RequestBlock& block) {
   pelmora::ChildSpec launch = SpecFor(runtime_->config, *account_, request->command);
   command->start_error = co_await RunBlocking(context_.pool, [&] {
     try {
-      command->child.emplace(pelmora::ChildProcess::Start(launch));
+      command->child.emplace(StartKept(launch));
       return 0;
     } catch (const pelmora::Error& error) {
       return static_cast<int>(error.Number());
@@ -101,10 +106,11 @@ asio::awaitable<bool> Session::HandleCommand(const RequestBlock& block) {
     co_return co_await Refuse(block, command->start_error);
   }
   context_.running_commands += 1;
+  command->slot = &context_.running_commands;
   command_group_ = command->child->pid();
   bool connected = co_await StreamCommand(command, request->timeout);
   command_group_ = 0;
-  context_.running_commands -= 1;
+  command->ReleaseSlot();
   pelmora::ChildExit exit =
       co_await RunBlocking(context_.pool, [&] { return command->child->Wait(); });
   int32_t status = StatusFor(*command, exit);
@@ -135,25 +141,34 @@ asio::awaitable<bool> Session::StreamCommand(std::shared_ptr<RunningCommand> com
     command->Kill();
   });
   io->exit_watch.async_wait(asio::posix::descriptor_base::wait_read,
-                            [io](const asio::error_code& error) {
-                              if (!error) io->drain.expires_after(kDrainAfterExit);
+                            [io, command](const asio::error_code& error) {
+                              if (error) return;
+                              command->ReleaseSlot();
+                              io->drain.expires_after(kDrainAfterExit);
                               io->drain.async_wait([io](const asio::error_code& drained) {
                                 // a grandchild that left the group may still hold the pipe
                                 if (!drained) io->output.cancel();
                               });
                             });
   bool connected = co_await ForwardOutput(io->output);
-  command->finished = true;
   asio::error_code ignored;
-  io->deadline.cancel();
   io->drain.cancel();
-  io->exit_watch.cancel(ignored);
-  socket_.cancel(ignored);
-  // The shell may close its output before it ends: wait for the exit itself.
+  if (!connected) {
+    // The client is gone or stopped reading until its session was closed: the command ends
+    // with it rather than run on unseen.
+    command->client_gone = true;
+    command->Kill();
+  }
+  // The shell may close its output before it ends: wait for the exit itself, still bounded by
+  // the time-out and by the client leaving.
   if (!command->child->TryReap()) {
     co_await io->exit_watch.async_wait(asio::posix::descriptor_base::wait_read,
                                        asio::redirect_error(asio::use_awaitable, ignored));
   }
+  command->finished = true;
+  io->deadline.cancel();
+  io->exit_watch.cancel(ignored);
+  socket_.cancel(ignored);
   co_return connected;
 }
 
@@ -181,6 +196,10 @@ asio::awaitable<bool> Session::ForwardOutput(asio::posix::stream_descriptor& out
 
 asio::awaitable<bool> Session::HandlePrintQueue(const RequestBlock& block) {
   const std::string& command_line = runtime_->config.print_queue_command;
+  if (!account_->commands) {
+    AuditRequest(block.code, "print queue", kAccessDenied);
+    co_return co_await Refuse(block, kAccessDenied);
+  }
   std::string text;
   if (!command_line.empty()) {
     pelmora::ChildSpec launch = SpecFor(runtime_->config, *account_, command_line);
@@ -200,8 +219,8 @@ asio::awaitable<bool> Session::HandleFileVersion(const RequestBlock& block) {
   int32_t result = target.error;
   if (result == kSuccess) {
     auto drives = runtime_->drives;
-    result = co_await RunBlocking(context_.pool, [&] {
-      Opened file = drives->OpenBeneath(target.path, O_RDONLY);
+    result = co_await RunFileWork([&] {
+      Opened file = drives->OpenRegular(target.path, O_RDONLY);
       if (!file.fd) return drives->ResolveError(target.path, file.error);
       version = pelmora::internal::ReadFileVersion(file.fd.get());
       return kSuccess;

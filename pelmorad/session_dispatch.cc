@@ -30,17 +30,33 @@ const std::string& UnknownAccountHash() {
 }  // namespace
 
 asio::awaitable<bool> Session::HandleLogin(std::span<const uint8_t> data) {
+  runtime_ = context_.runtime;  // a login is checked against the configuration of its time
   auto parts = pelmora::admin::ParseLoginMessage(data);
   std::string user, password;
   if (parts) {
     user = pelmora::AnsiToUtf8(pelmora::admin::DecodeCredential(parts->first));
     password = pelmora::admin::DecodeCredential(parts->second);
   }
-  auto now = LoginThrottle::Clock::now();
-  LoginThrottle::Decision decision = context_.throttle.Check(address_, now);
-  if (decision.locked) {
-    Audit({peer_, user, -1, "login refused: address locked out", kAccessDenied});
-    co_return co_await SendResult(kAccessDenied);
+  // Counted as in flight until it is answered, whatever ends the session meanwhile.
+  struct Attempt {
+    LoginThrottle& throttle;
+    const std::string& address;
+    const std::string& user;
+    bool accepted = false;
+    ~Attempt() { throttle.Finish(address, user, accepted, LoginThrottle::Clock::now()); }
+  };
+  LoginThrottle::Clock::duration wait =
+      context_.throttle.Begin(address_, user, LoginThrottle::Clock::now());
+  Attempt attempt{context_.throttle, address_, user};
+  if (wait.count() > 0) {
+    auto milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(wait).count();
+    Audit({peer_, user, -1, "login delayed " + std::to_string(milliseconds) + " ms",
+           kLogonFailure});
+    // The client waits for the service now: only the login grace time runs.
+    idle_timer_.expires_at(login_deadline_);
+    asio::steady_timer delay(socket_.get_executor(), wait);
+    co_await delay.async_wait(asio::use_awaitable);
+    if (!socket_.is_open()) co_return false;
   }
   const Account* account = runtime_->config.FindAccount(user);
   std::string hash = account != nullptr ? account->password_hash : std::string();
@@ -48,18 +64,22 @@ asio::awaitable<bool> Session::HandleLogin(std::span<const uint8_t> data) {
     return context_.passwords.Verify(password, hash.empty() ? UnknownAccountHash() : hash);
   });
   accepted = accepted && account != nullptr && parts.has_value();
+  if (accepted && runtime_ != context_.runtime) {
+    // Reloaded while the password was checked: the login must hold under the new configuration.
+    const Account* fresh = context_.runtime->config.FindAccount(user);
+    accepted = fresh != nullptr && fresh->password_hash == hash;
+    if (accepted) runtime_ = context_.runtime, account = fresh;
+  }
+  attempt.accepted = accepted;
   if (accepted) {
-    context_.throttle.Succeeded(address_);
     account_ = account;
+    identity_ = runtime_->IdentityOf(*account);
+    LeaveUnauthenticated();
+    ArmIdleTimer();
     Audit({peer_, user, -1, "login", kSuccess});
     co_return co_await SendResult(kSuccess);
   }
-  context_.throttle.Failed(address_, LoginThrottle::Clock::now());
   Audit({peer_, user, -1, "login failed", kLogonFailure});
-  if (decision.delay.count() > 0) {
-    asio::steady_timer delay(socket_.get_executor(), decision.delay);
-    co_await delay.async_wait(asio::use_awaitable);
-  }
   co_return co_await SendResult(kLogonFailure);
 }
 
@@ -149,7 +169,8 @@ Session::Target Session::ResolveArgument(const RequestBlock& block, std::size_t 
   target.path = *parsed.path;
   if (!runtime_->drives->IsMapped(target.path.drive)) {
     target.error = kPathNotFound;
-  } else if (!account_->MayUseDrive(target.path.drive) || (write && account_->read_only)) {
+  } else if (!account_->MayUseDrive(target.path.drive) ||
+             (write && (account_->read_only || !runtime_->MayChangeTasks(*account_, target.path)))) {
     target.error = kAccessDenied;
   }
   return target;

@@ -1,5 +1,7 @@
 // File and folder requests: existence tests, create, delete, copy, move (result replies), file
 // information and listings (sized records).
+#include <climits>
+#include <memory>
 #include <vector>
 
 #include "pelmora/admin/wire_replies.h"
@@ -15,6 +17,8 @@ using pelmora::admin::RequestBlock;
 using pelmora::admin::RequestCode;
 
 namespace {
+
+constexpr std::size_t kListingPieceEntries = 256;
 
 int32_t RunFileRequest(const DriveTable& drives, RequestCode code, const DrivePath& path,
                        bool overwrite, bool unicode) {
@@ -61,7 +65,7 @@ asio::awaitable<bool> Session::HandleFileRequest(const RequestBlock& block) {
     bool overwrite = FlagArgument(block, 1);
     bool unicode = FlagArgument(block, 2);
     auto drives = runtime_->drives;
-    result = co_await RunBlocking(context_.pool, [&] {
+    result = co_await RunFileWork([&] {
       return RunFileRequest(*drives, code, target.path, overwrite, unicode);
     });
   }
@@ -78,8 +82,8 @@ asio::awaitable<bool> Session::HandleCopy(const RequestBlock& block) {
   if (result == kSuccess) {
     bool overwrite = !moves && FlagArgument(block, 2);
     auto drives = runtime_->drives;
-    result = co_await RunBlocking(
-        context_.pool, [&] { return RunCopy(*drives, code, from.path, to.path, overwrite); });
+    result = co_await RunFileWork(
+        [&] { return RunCopy(*drives, code, from.path, to.path, overwrite); });
   }
   AuditRequest(block.code, from.text + " -> " + to.text, result);
   co_return co_await SendResult(result);
@@ -91,7 +95,7 @@ asio::awaitable<bool> Session::HandleFileInfo(const RequestBlock& block) {
   info.error = target.error;
   if (info.error == kSuccess) {
     auto drives = runtime_->drives;
-    info = co_await RunBlocking(context_.pool, [&] { return ReadFileInfo(*drives, target.path); });
+    info = co_await RunFileWork([&] { return ReadFileInfo(*drives, target.path); });
   }
   AuditRequest(block.code, target.text, info.error);
   if (info.error != kSuccess) co_return co_await SendMessage(pelmora::admin::BuildSizeMessage(-1));
@@ -105,19 +109,33 @@ asio::awaitable<bool> Session::HandleFileInfo(const RequestBlock& block) {
 asio::awaitable<bool> Session::HandleListing(const RequestBlock& block) {
   Target target = ResolveArgument(block, 0, false);
   int32_t result = target.error;
-  std::vector<uint8_t> listing;
+  auto listing = std::make_unique<FolderListing>();
+  std::size_t total = 0;
+  auto drives = runtime_->drives;
   if (result == kSuccess) {
-    auto drives = runtime_->drives;
-    result = co_await RunBlocking(context_.pool, [&] {
-      std::vector<pelmora::admin::FileInfoRecord> records;
-      int32_t error = ListFolder(*drives, target.path, records);
-      if (error == kSuccess) listing = pelmora::admin::BuildListing(records);
+    result = co_await RunFileWork([&] {
+      int32_t error = listing->Open(*drives, target.path);
+      if (error == kSuccess) total = listing->TotalBytes();
       return error;
     });
   }
+  if (result == kSuccess && total > static_cast<std::size_t>(INT32_MAX)) result = kNotEnoughMemory;
   AuditRequest(block.code, target.text, result);
   if (result != kSuccess) co_return co_await SendMessage(pelmora::admin::BuildSizeMessage(-1));
-  co_return co_await SendSized(listing);
+  if (!co_await SendMessage(pelmora::admin::BuildSizeMessage(static_cast<int32_t>(total)))) {
+    co_return false;
+  }
+  // A piece at a time, so a client that does not read holds one piece of the reply, not all.
+  std::size_t sent = 0;
+  while (true) {
+    std::vector<uint8_t> piece =
+        co_await RunFileWork([&] { return listing->Piece(*drives, kListingPieceEntries); });
+    if (piece.empty()) break;
+    sent += piece.size();
+    if (sent > total || !co_await SendRaw(piece)) break;
+  }
+  // The announced size is what the client reads; any other count would leave it out of step.
+  co_return sent == total;
 }
 
 }  // namespace pelmorad

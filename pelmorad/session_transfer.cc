@@ -35,7 +35,7 @@ struct Source {
 
 Source OpenSource(const DriveTable& drives, const DrivePath& path) {
   Source source;
-  Opened opened = drives.OpenBeneath(path, O_RDONLY);
+  Opened opened = drives.OpenRegular(path, O_RDONLY);
   struct stat info {};
   if (!opened.fd) {
     source.error = drives.ResolveError(path, opened.error);
@@ -85,7 +85,7 @@ asio::awaitable<bool> Session::HandleUpload(const RequestBlock& block) {
   auto file = std::make_unique<AtomicFile>();
   auto drives = runtime_->drives;
   if (result == kSuccess) {
-    result = co_await RunBlocking(context_.pool, [&] { return file->Begin(*drives, target.path); });
+    result = co_await RunFileWork([&] { return file->Begin(*drives, target.path); });
   }
   if (result != kSuccess) {
     AuditRequest(block.code, target.text, result);
@@ -102,11 +102,11 @@ asio::awaitable<bool> Session::HandleUpload(const RequestBlock& block) {
       co_return false;  // the AtomicFile goes and leaves the target alone
     }
     std::size_t useful = std::min(remaining, buffer.size());
-    co_await RunBlocking(context_.pool, [&] { return file->Write({buffer.data(), useful}); });
+    co_await RunFileWork([&] { return file->Write({buffer.data(), useful}); });
     remaining -= useful;
   }
   FileTimes times{FromFileTime(header->last_access_time), FromFileTime(header->last_write_time)};
-  result = co_await RunBlocking(context_.pool, [&] { return file->Commit(times, true); });
+  result = co_await RunFileWork([&] { return file->Commit(times, true); });
   AuditRequest(block.code, target.text, result);
   co_return co_await SendResult(result);
 }
@@ -117,7 +117,7 @@ asio::awaitable<bool> Session::HandleDownload(const RequestBlock& block) {
   source.error = target.error;
   auto drives = runtime_->drives;
   if (source.error == kSuccess) {
-    source = co_await RunBlocking(context_.pool, [&] { return OpenSource(*drives, target.path); });
+    source = co_await RunFileWork([&] { return OpenSource(*drives, target.path); });
   }
   if (source.error != kSuccess) source.header = TransferHeader{-1, 0, 0, 0};
   if (!co_await SendMessage(pelmora::admin::BuildTransferHeader(source.header))) co_return false;
@@ -136,7 +136,7 @@ asio::awaitable<bool> Session::HandleDownload(const RequestBlock& block) {
   std::vector<uint8_t> buffer;
   for (std::size_t offset = 0; offset < total;) {
     buffer.resize(std::min(kDownloadChunk, total - offset));
-    int32_t read = co_await RunBlocking(context_.pool, [&] {
+    int32_t read = co_await RunFileWork([&] {
       return ReadChunk(source.fd.get(), static_cast<off_t>(offset), buffer);
     });
     if (result == kSuccess) result = read;

@@ -18,6 +18,8 @@ int32_t FromErrno(int error, Missing missing) {
     case EPERM:
     case EROFS:
     case EISDIR:
+    case ENXIO:  // a FIFO, socket or device where a file was asked for
+    case ENODEV:
       return kAccessDenied;
     case EEXIST:
       return kFileExists;

@@ -128,16 +128,25 @@ std::string TaskCommandLine(const JobFile& job) {
 }
 
 std::string TaskAccount(const std::string& folder, const std::string& file_name) {
-  std::string account;
-  if (OpenLocalTaskStore(folder)->ReadAccount(file_name, account) == 0) return account;
+  // A name no user has, so that a task whose owner cannot be told fails to start rather than
+  // running as the runner's own user.
+  static const std::string kNobodyKnown = "?";
   struct stat info {};
-  if (stat(PathOf(folder, file_name).c_str(), &info) != 0) return "";
+  if (stat(PathOf(folder, file_name).c_str(), &info) != 0) return kNobodyKnown;
   passwd entry{}, *found = nullptr;
   char buffer[4096];
   if (getpwuid_r(info.st_uid, &entry, buffer, sizeof buffer, &found) != 0 || found == nullptr) {
-    return "";
+    return kNobodyKnown;
   }
-  return found->pw_name;
+  std::string owner = found->pw_name;
+  // The account record counts only when root saved the task or the record names the task's own
+  // user: whoever can write a task file gets no more than their own identity from it.
+  std::string account;
+  if (OpenLocalTaskStore(folder)->ReadAccount(file_name, account) == 0 &&
+      (info.st_uid == 0 || account == owner)) {
+    return account;
+  }
+  return owner;
 }
 
 std::optional<ChildProcess> StartTaskRun(const std::string& folder, const std::string& file_name,

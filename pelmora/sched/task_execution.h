@@ -30,8 +30,8 @@ std::string ShellQuote(const std::string& word);
 // The shell command line of a task: its application and each parameter word, quoted.
 std::string TaskCommandLine(const JobFile& job);
 
-// The user a task runs as: its account record, else the owner of its file. "" when neither is
-// known.
+// The user a task runs as: the owner of its file; its account record instead when the file is
+// root's (or the record names the owner). "?" (no user) when the file or its owner is unknown.
 std::string TaskAccount(const std::string& folder, const std::string& file_name);
 
 // Marks the task running (running count up, status RUNNING, last run time `now`, request bits

@@ -50,7 +50,7 @@ start_host() {  # start_host N HASH
   local n=$1 dir=$work/host$1
   mkdir -p "$dir/c"
   echo "hello from host $n" > "$dir/c/hello.txt"
-  printf '[drives]\nC = "%s/c"\n[accounts.fleet]\npassword = "%s"\ncommands = true\n' \
+  printf '[drives]\nC = "%s/c"\n[accounts.fleet]\npassword = "%s"\ncommands = true\nrun_as = "root"\n' \
     "$dir" "$2" > "$dir/pelmorad.toml"
   chmod 600 "$dir/pelmorad.toml"
   mkfifo "$dir/port"

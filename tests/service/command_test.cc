@@ -2,10 +2,8 @@
 // statuses, time-outs that kill the whole process tree and clients that leave mid-command.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <chrono>

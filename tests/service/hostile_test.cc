@@ -8,6 +8,7 @@
 
 #include <string>
 
+#include "pelmora/admin/credentials.h"
 #include "pelmora/admin/rcfso.h"
 #include "pelmora/admin/wire_replies.h"
 #include "tests/service/raw_client.h"
@@ -232,17 +233,57 @@ TEST_F(ServiceLimits, SilentClientIsClosedAfterTheIdleTime) {
   EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(900));
 }
 
-TEST_F(ServiceLimits, RepeatedWrongPasswordsLockTheAddressOut) {
+TEST_F(ServiceLimits, RepeatedWrongPasswordsDelayTheRealUserButNeverLockHimOut) {
   for (int i = 0; i < 3; ++i) {
     RCFSO fso;
     EXPECT_FALSE(fso.Connect("127.0.0.1", service_.port(), "operator", "wrong", false));
     EXPECT_EQ(fso.ErrCode(), 1326);
   }
   RCFSO right;
-  EXPECT_FALSE(right.Connect("127.0.0.1", service_.port(), "operator", kOperatorPassword, false));
-  EXPECT_EQ(right.ErrCode(), 5);
-  EXPECT_EQ(right.ErrDescription(), "Access is denied.");
+  EXPECT_TRUE(right.Connect("127.0.0.1", service_.port(), "operator", kOperatorPassword, false))
+      << right.ErrDescription();
+  EXPECT_NE(service_.ErrorOutput().find("login delayed 300 ms"), std::string::npos);
 }
+
+// The audit lines of `log` that contain `text`.
+int CountLines(const std::string& log, const std::string& text) {
+  int count = 0;
+  for (std::size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) {
+    ++count;
+  }
+  return count;
+}
+
+TEST_F(ServiceLimits, ParallelGuessesFromOneAddressWaitForEachOther) {
+  constexpr int kGuesses = 8;
+  RawClient guesses[kGuesses];
+  for (RawClient& client : guesses) {
+    ASSERT_TRUE(client.Connect(service_.port()));
+    ASSERT_TRUE(client.SendFramed(pelmora::admin::BuildLoginMessage(
+        pelmora::admin::EncodeCredential("operator"), pelmora::admin::EncodeCredential("wrong"))));
+  }
+  for (RawClient& client : guesses) {
+    auto reply = client.ReadResult();
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->code, 1326);
+  }
+  // The first is checked at once; the ones sent while it was being checked waited.
+  EXPECT_GE(CountLines(service_.ErrorOutput(), "login delayed"), kGuesses / 2);
+}
+
+TEST_F(ServiceLimits, AnotherAccountsLoginDoesNotResetTheFailures) {
+  for (int i = 0; i < 2; ++i) {
+    RCFSO fso;
+    EXPECT_FALSE(fso.Connect("127.0.0.1", service_.port(), "operator", "wrong", false));
+  }
+  RCFSO reader;
+  ASSERT_TRUE(reader.Connect("127.0.0.1", service_.port(), "reader", kReaderPassword, false));
+  RCFSO again;
+  EXPECT_FALSE(again.Connect("127.0.0.1", service_.port(), "operator", "wrong", false));
+  EXPECT_EQ(CountLines(service_.ErrorOutput(), "account=\"operator\" code=-1 path=\"login delayed"),
+            2);
+}
+
 
 }  // namespace
 }  // namespace pelmorad::testing

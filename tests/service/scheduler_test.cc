@@ -2,11 +2,8 @@
 // administration client's file requests on the "Tasks" path key) runs on the service's machine.
 #include <sys/stat.h>
 
-#include <chrono>
 #include <fstream>
-#include <sstream>
 #include <string>
-#include <thread>
 
 #include "gtest/gtest.h"
 #include "pelmora/common/date.h"
@@ -24,24 +21,6 @@ enabled = true
 folder = 'C:\tasks'
 )";
 
-std::string ReadText(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-// Waits (at most 20 s) until `path` holds a whole line.
-bool WaitForLine(const std::string& path) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (std::chrono::steady_clock::now() < deadline) {
-    std::string text = ReadText(path);
-    if (!text.empty() && text.back() == '\n') return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  return false;
-}
-
 TEST(ServiceScheduler, TaskSavedThroughTheServiceRunsOnItsMachine) {
   ServiceProcess service(kSchedulerSection);
   ASSERT_TRUE(service.Start()) << service.ErrorOutput();
@@ -56,10 +35,10 @@ TEST(ServiceScheduler, TaskSavedThroughTheServiceRunsOnItsMachine) {
   task->SetApplicationName(script);
   task->SetTriggers({*pelmora::sched::ParseTrigger("daily 02:30", pelmora::Date::Now())});
   scheduler.Add(task);
-  EXPECT_EQ(ReadText(service.Drive('C') + "/tasks/remote.job").size() > 0, true);
+  EXPECT_EQ(ReadFile(service.Drive('C') + "/tasks/remote.job").size() > 0, true);
   task->Run();
   ASSERT_TRUE(WaitForLine(marker)) << service.ErrorOutput();
-  EXPECT_EQ(ReadText(marker), "ran on the service\n");
+  EXPECT_EQ(ReadFile(marker), "ran on the service\n");
 }
 
 TEST(ServiceScheduler, AnEmptyTaskFolderListsNoTasksFromAnotherMachine) {

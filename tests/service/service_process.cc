@@ -6,16 +6,20 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <pwd.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <optional>
 #include <sstream>
+#include <thread>
 #include <vector>
 
 #include "pelmora/admin/internal/built_in_secrets.h"
@@ -39,6 +43,12 @@ const std::string& Hash(std::string_view password) {
   return built_in_hash;
 }
 
+}  // namespace
+
+const std::string& HashOf(std::string_view password) { return Hash(password); }
+
+namespace {
+
 std::string ConfigText(const std::string& folder, const std::string& extra) {
   return fmt::format(R"(
 [drives]
@@ -51,6 +61,7 @@ directory = 'C:\Windows\system32'
 [accounts.operator]
 password = "{1}"
 commands = true
+run_as = "root"
 [accounts.reader]
 password = "{2}"
 read_only = true
@@ -60,6 +71,7 @@ drives = ["D"]
 [accounts."{3}"]
 password = "{4}"
 commands = true
+run_as = "root"
 {5}
 )",
                      folder, Hash(kOperatorPassword), Hash(kReaderPassword),
@@ -174,6 +186,82 @@ std::string ServiceProcess::Drive(char letter) const {
 }
 
 std::string ServiceProcess::ErrorOutput() const { return ReadFile(log_path_); }
+
+int RunProgram(const std::vector<std::string>& argv) {
+  std::vector<std::string> copies = argv;
+  std::vector<char*> pointers;
+  for (std::string& arg : copies) pointers.push_back(arg.data());
+  pointers.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+  pid_t pid = -1;
+  int spawned = ::posix_spawn(&pid, pointers[0], &actions, nullptr, pointers.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (spawned != 0) return -1;
+  int status = 0;
+  if (::waitpid(pid, &status, 0) != pid) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+namespace {
+
+// Holds the lock that test programs take turns on for changing the user database.
+class UserDatabaseTurn {
+ public:
+  UserDatabaseTurn() : fd_(::open("/tmp/pelmorad-test-users.lock", O_CREAT | O_RDWR | O_CLOEXEC,
+                                  0600)) {
+    if (fd_ >= 0) ::flock(fd_, LOCK_EX);
+  }
+  ~UserDatabaseTurn() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+
+ private:
+  int fd_;
+};
+
+}  // namespace
+
+ScopedUser::ScopedUser(std::string_view prefix)
+    : name_(std::string(prefix) + std::to_string(::getpid())) {
+  UserDatabaseTurn turn;
+  RunProgram({"/usr/sbin/userdel", name_});  // a leftover of an earlier run with this pid
+  int status = RunProgram({"/usr/sbin/useradd", "--system", "--no-create-home", "--user-group",
+                           "--shell", "/usr/sbin/nologin", name_});
+  passwd* entry = status == 0 ? ::getpwnam(name_.c_str()) : nullptr;
+  if (entry == nullptr) {
+    ADD_FAILURE() << "cannot add the test user " << name_ << " (useradd status " << status << ")";
+    return;
+  }
+  uid_ = entry->pw_uid;
+  gid_ = entry->pw_gid;
+  ok_ = true;
+}
+
+ScopedUser::~ScopedUser() {
+  UserDatabaseTurn turn;
+  RunProgram({"/usr/sbin/userdel", name_});
+}
+
+bool ProcessEnds(pid_t pid, int milliseconds) {
+  int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+  if (pidfd < 0) return true;  // already gone and reaped
+  pollfd entry{pidfd, POLLIN, 0};
+  bool ended = ::poll(&entry, 1, milliseconds) == 1;
+  ::close(pidfd);
+  return ended;
+}
+
+bool WaitForLine(const std::string& path) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (std::chrono::steady_clock::now() < deadline) {
+    std::string text = ReadFile(path);
+    if (!text.empty() && text.back() == '\n') return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return false;
+}
 
 void WriteFile(const std::string& path, std::string_view content) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);

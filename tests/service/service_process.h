@@ -14,11 +14,15 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace pelmorad::testing {
 
 inline constexpr std::string_view kOperatorPassword = "operator secret";
 inline constexpr std::string_view kReaderPassword = "reader secret";
+
+// The crypt(3) hash of one of the passwords above (computed once per test program).
+const std::string& HashOf(std::string_view password);
 
 class ServiceProcess {
  public:
@@ -55,6 +59,38 @@ class ServiceProcess {
   pid_t pid_ = -1;
   int port_ = 0;
 };
+
+// A Linux user made for one test (useradd, with a group of its name, no home folder) and removed
+// with its group when the test ends (userdel). Additions and removals of test programs running
+// at once take turns through a lock file, as useradd refuses to wait for /etc/passwd.
+class ScopedUser {
+ public:
+  // Makes user `prefix` followed by this process's id. ok() tells whether it worked.
+  explicit ScopedUser(std::string_view prefix);
+  ~ScopedUser();
+  ScopedUser(const ScopedUser&) = delete;
+  ScopedUser& operator=(const ScopedUser&) = delete;
+
+  bool ok() const { return ok_; }
+  const std::string& name() const { return name_; }
+  uid_t uid() const { return uid_; }
+  gid_t gid() const { return gid_; }
+
+ private:
+  std::string name_;
+  uid_t uid_ = 0;
+  gid_t gid_ = 0;
+  bool ok_ = false;
+};
+
+// Runs `argv` (a program path first) and returns its exit status, -1 when it cannot start.
+int RunProgram(const std::vector<std::string>& argv);
+
+// True when process `pid` has ended within `milliseconds` (a zombie counts as ended).
+bool ProcessEnds(pid_t pid, int milliseconds);
+
+// Waits (at most 20 s) until `path` holds a whole line.
+bool WaitForLine(const std::string& path);
 
 // Writes `content` to `path` (binary).
 void WriteFile(const std::string& path, std::string_view content);

@@ -1,0 +1,42 @@
+// pelmorad-keeper: started by pelmorad as `pelmorad-keeper -c LINE` with the real shell in
+// PELMORAD_COMMAND_SHELL. It marks itself a child subreaper, so every process the shell starts
+// stays beneath it however it detaches (setsid, double forks), runs the shell, reaps whatever
+// ends beneath it, and exits as the shell did: with its exit code, or by raising the signal that
+// ended it. Only the C library, so that it starts in no time.
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+int main(int argc, char** argv) {
+  const char* shell = std::getenv("PELMORAD_COMMAND_SHELL");
+  if (shell == nullptr || argc != 3 || std::strcmp(argv[1], "-c") != 0) return 127;
+  std::string shell_path = shell;
+  ::unsetenv("PELMORAD_COMMAND_SHELL");
+  ::prctl(PR_SET_CHILD_SUBREAPER, 1);
+  pid_t child = ::fork();
+  if (child < 0) return 127;
+  if (child == 0) {
+    char* const shell_argv[] = {shell_path.data(), const_cast<char*>("-c"), argv[2], nullptr};
+    ::execv(shell_path.c_str(), shell_argv);
+    _exit(127);
+  }
+  // Reap everything that ends beneath the keeper until the shell itself has ended; what the
+  // shell left in the background then goes on without the keeper, as it would without it.
+  while (true) {
+    int status = 0;
+    pid_t ended = ::waitpid(-1, &status, 0);
+    if (ended < 0 && errno == EINTR) continue;
+    if (ended < 0) return 127;
+    if (ended != child) continue;
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    ::signal(WTERMSIG(status), SIG_DFL);
+    ::raise(WTERMSIG(status));
+    return 128 + WTERMSIG(status);
+  }
+}
