@@ -103,15 +103,28 @@ pelmora::ChildSpec KeptCommand(const std::string& shell, std::string command_lin
   return launch;
 }
 
+pelmora::ChildSpec KeptArguments(std::vector<std::string> arguments) {
+  pelmora::ChildSpec launch;
+  if (!KeeperBinary().empty() && !arguments.empty()) {
+    arguments[0] = pelmora::FindProgram(arguments[0]);
+    arguments.insert(arguments.begin(), {KeeperBinary(), "--"});
+  }
+  launch.arguments = std::move(arguments);
+  return launch;
+}
+
 pelmora::ChildProcess StartKept(const pelmora::ChildSpec& launch) {
+  // The program the keeper will run: the shell it is told of, or the first word after "--".
+  std::string program;
   std::string prefix = std::string(kKeeperShellVariable) + "=";
   for (const std::string& entry : launch.environment) {
-    if (entry.rfind(prefix, 0) != 0) continue;
-    std::string shell = entry.substr(prefix.size());
-    if (::access(shell.c_str(), X_OK) != 0) {
-      int32_t number = errno == ENOENT || errno == ENOTDIR ? 2 : 5;
-      throw pelmora::Error(number, pelmora::DescribeError(number), "ChildProcess");
-    }
+    if (entry.rfind(prefix, 0) == 0) program = entry.substr(prefix.size());
+  }
+  const std::vector<std::string>& words = launch.arguments;
+  if (words.size() >= 3 && words[0] == KeeperBinary() && words[1] == "--") program = words[2];
+  if (!program.empty() && ::access(program.c_str(), X_OK) != 0) {
+    int32_t number = errno == ENOENT || errno == ENOTDIR ? 2 : 5;
+    throw pelmora::Error(number, pelmora::DescribeError(number), "ChildProcess");
   }
   return pelmora::ChildProcess::Start(launch);
 }

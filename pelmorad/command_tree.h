@@ -13,6 +13,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
 
 #include "pelmora/common/child_process.h"
 
@@ -33,9 +34,13 @@ bool KeeperFound();
 // found none) the shell is started directly.
 pelmora::ChildSpec KeptCommand(const std::string& shell, std::string command_line);
 
-// Starts a launch made by KeptCommand. Raises what ChildProcess::Start raises, and also 2 (no such
-// shell) or 5 (not executable) for the real shell, as a direct start would: the keeper itself
-// always starts. Blocks for the fork and exec.
+// A launch of the argument vector `arguments` (its program found as ChildProcess finds it) through
+// the keeper, run without a shell. Without a keeper the arguments are started directly.
+pelmora::ChildSpec KeptArguments(std::vector<std::string> arguments);
+
+// Starts a launch made by KeptCommand or KeptArguments. Raises what ChildProcess::Start raises, and
+// also 2 (no such program) or 5 (not executable) for the real shell or program, as a direct start
+// would: the keeper itself always starts. Blocks for the fork and exec.
 pelmora::ChildProcess StartKept(const pelmora::ChildSpec& launch);
 
 // SIGKILLs every live process beneath `root` (read from /proc, again until none is left, at most

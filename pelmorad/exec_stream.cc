@@ -1,3 +1,4 @@
+#include "pelmorad/command_tree.h"
 #include "pelmorad/exec_stream.h"
 
 #include <poll.h>
@@ -288,7 +289,7 @@ void ExecStream::NoteExit() {
 }
 
 void ExecStream::Kill() {
-  if (!exit_) child_.KillGroup();
+  if (!exit_) KillCommandTree(child_);
 }
 
 }  // namespace

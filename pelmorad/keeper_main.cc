@@ -1,8 +1,9 @@
 // pelmorad-keeper: started by pelmorad as `pelmorad-keeper -c LINE` with the real shell in
-// PELMORAD_COMMAND_SHELL. It marks itself a child subreaper, so every process the shell starts
-// stays beneath it however it detaches (setsid, double forks), runs the shell, reaps whatever
-// ends beneath it, and exits as the shell did: with its exit code, or by raising the signal that
-// ended it. Only the C library, so that it starts in no time.
+// PELMORAD_COMMAND_SHELL, or as `pelmorad-keeper -- PROGRAM ARGS...` for a command given as an
+// argument vector (PROGRAM a path). It marks itself a child subreaper, so every process the command
+// starts stays beneath it however it detaches (setsid, double forks), runs the command, reaps
+// whatever ends beneath it, and exits as the command did: with its exit code, or by raising the
+// signal that ended it. Only the C library, so that it starts in no time.
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -15,15 +16,23 @@
 
 int main(int argc, char** argv) {
   const char* shell = std::getenv("PELMORAD_COMMAND_SHELL");
-  if (shell == nullptr || argc != 3 || std::strcmp(argv[1], "-c") != 0) return 127;
-  std::string shell_path = shell;
+  std::string shell_path = shell != nullptr ? shell : "";
   ::unsetenv("PELMORAD_COMMAND_SHELL");
+  char* shell_argv[] = {shell_path.data(), const_cast<char*>("-c"), nullptr, nullptr};
+  char** command = nullptr;
+  if (argc == 3 && std::strcmp(argv[1], "-c") == 0 && shell != nullptr) {
+    shell_argv[2] = argv[2];
+    command = shell_argv;
+  } else if (argc >= 3 && std::strcmp(argv[1], "--") == 0) {
+    command = argv + 2;
+  } else {
+    return 127;
+  }
   ::prctl(PR_SET_CHILD_SUBREAPER, 1);
   pid_t child = ::fork();
   if (child < 0) return 127;
   if (child == 0) {
-    char* const shell_argv[] = {shell_path.data(), const_cast<char*>("-c"), argv[2], nullptr};
-    ::execv(shell_path.c_str(), shell_argv);
+    ::execv(command[0], command);
     _exit(127);
   }
   // Reap everything that ends beneath the keeper until the shell itself has ended; what the

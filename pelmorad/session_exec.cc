@@ -17,6 +17,7 @@
 #include "pelmora/admin/exec_wire.h"
 #include "pelmora/common/error.h"
 #include "pelmorad/blocking.h"
+#include "pelmorad/command_tree.h"
 #include "pelmorad/exec_stream.h"
 #include "pelmorad/session.h"
 #include "pelmorad/win_error.h"
@@ -98,16 +99,16 @@ asio::awaitable<bool> Session::HandleExec(const RequestBlock& block) {
     co_return co_await SendResult(refusal);
   }
   auto job = std::make_shared<ExecJob>();
-  pelmora::ChildSpec launch;
-  launch.command_line = request->command_line;
-  launch.arguments = request->arguments;
-  launch.shell = runtime_->config.shell;
+  // Under the keeper, as every command: descendants that detach are still killed with it.
+  pelmora::ChildSpec launch = request->arguments.empty()
+                                  ? KeptCommand(runtime_->config.shell, request->command_line)
+                                  : KeptArguments(request->arguments);
   launch.working_folder = account_->working_folder;
   launch.run_as = account_->run_as;
   launch.separate_streams = true;
   int32_t start_error = co_await RunBlocking(context_.pool, [&] {
     try {
-      job->child.emplace(pelmora::ChildProcess::Start(launch));
+      job->child.emplace(StartKept(launch));
       return 0;
     } catch (const pelmora::Error& error) {
       return static_cast<int>(error.Number());
@@ -138,7 +139,7 @@ asio::awaitable<bool> Session::StreamExec(std::shared_ptr<ExecJob> job, int32_t 
         [running] { return RunExecStream(running->socket_fd, *running->child, running->limits); });
   } catch (const std::system_error&) {
     // No thread to serve the command: it is killed and the session ends.
-    job->child->KillGroup();
+    KillCommandTree(*job->child);
     result.exit = {pelmora::admin::ExecOutcome::kSignalled, SIGKILL};
   }
   command_group_ = 0;

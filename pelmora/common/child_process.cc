@@ -174,7 +174,7 @@ std::vector<std::string> BuildEnvironment(const Identity& identity,
 
 // `name` looked up in the child's PATH when it has no '/'; unchanged when no entry has it (the
 // exec then fails with "cannot find the file").
-std::string FindProgram(const std::string& name) {
+std::string FindProgramOnPath(const std::string& name) {
   if (name.find('/') != std::string::npos) return name;
   std::string_view folders = std::string_view(kPath).substr(5);
   while (!folders.empty()) {
@@ -206,7 +206,7 @@ LaunchPlan MakePlan(const ChildSpec& launch) {
                      ? std::vector<std::string>{launch.shell, "-c", launch.command_line}
                      : launch.arguments;
   size_t argument_count = plan.strings.size();
-  if (!launch.arguments.empty()) plan.strings[0] = FindProgram(plan.strings[0]);
+  if (!launch.arguments.empty()) plan.strings[0] = FindProgramOnPath(plan.strings[0]);
   for (std::string& entry : BuildEnvironment(plan.identity, launch.environment)) {
     plan.strings.push_back(std::move(entry));
   }
@@ -428,5 +428,7 @@ std::optional<ChildExit> ChildProcess::Reap(bool block) {
   }
   return exit_;
 }
+
+std::string FindProgram(const std::string& name) { return FindProgramOnPath(name); }
 
 }  // namespace pelmora

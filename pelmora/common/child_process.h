@@ -54,6 +54,11 @@ struct ChildExit {
   bool operator==(const ChildExit&) const = default;
 };
 
+// The path an argument vector's program `name` runs from: `name` itself when it holds a '/',
+// else the first executable of that name in the children's PATH (/usr/local/bin:/usr/bin:/bin),
+// else `name` unchanged. Does not block beyond the look-ups.
+std::string FindProgram(const std::string& name);
+
 // A started child process; owns its output pipe and process descriptor. Move-only. Not
 // synchronised: use one object from one thread at a time.
 class ChildProcess {

@@ -195,6 +195,28 @@ TEST_F(ExecExtension, ClientThatStopsReadingDoesNotStopTheTimeOut) {
   EXPECT_EQ(exit.outcome, ExecOutcome::kTimedOut);
 }
 
+TEST_F(ExecExtension, TimeOutKillsProcessesThatLeftTheGroupInBothForms) {
+  const std::string pid_file = service_.folder() + "/detached.pid";
+  // A process that leaves the command's group, writes its pid and outlives the command's shell.
+  const std::string detach = "setsid sh -c 'echo $$ > " + pid_file + "; exec sleep 60' & while [ ! -s " +
+                             pid_file + " ]; do sleep 0.05; done; sleep 60";
+  const RemoteCommand forms[] = {
+      {.command_line = detach, .arguments = {}, .timeout = 1000},
+      {.command_line = "", .arguments = {"sh", "-c", detach}, .timeout = 1000},
+  };
+  for (const RemoteCommand& form : forms) {
+    SCOPED_TRACE(form.arguments.empty() ? "command line" : "argument vector");
+    ::unlink(pid_file.c_str());
+    Collected result = Run(form);
+    ASSERT_TRUE(result.ok) << fso_.ErrDescription();
+    EXPECT_EQ(result.exit.outcome, ExecOutcome::kTimedOut);
+    pid_t detached = std::atoi(ReadFile(pid_file).c_str());
+    ASSERT_GT(detached, 0);
+    EXPECT_TRUE(ProcessEnds(detached, 10000));
+    if (!ProcessEnds(detached, 0)) ::kill(detached, SIGKILL);
+  }
+}
+
 using pelmora::admin::BuildExecFrame;
 using pelmora::admin::ExecFrameKind;
 

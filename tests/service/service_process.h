@@ -86,9 +86,6 @@ class ScopedUser {
 // Runs `argv` (a program path first) and returns its exit status, -1 when it cannot start.
 int RunProgram(const std::vector<std::string>& argv);
 
-// True when process `pid` has ended within `milliseconds` (a zombie counts as ended).
-bool ProcessEnds(pid_t pid, int milliseconds);
-
 // Waits (at most 20 s) until `path` holds a whole line.
 bool WaitForLine(const std::string& path);
 
