@@ -434,6 +434,7 @@ int main(int argc, char** argv) {
 
     Counters counters;
     std::vector<Sample> samples;
+    Sample before = SampleProcess(service.pid(), 0);
     Clock::time_point start = Clock::now();
     Clock::time_point end = start + std::chrono::seconds(options.seconds);
     std::vector<std::unique_ptr<Worker>> workers;
@@ -462,8 +463,13 @@ int main(int argc, char** argv) {
       }
     }
     for (std::thread& thread : threads) thread.join();
-    // Sessions are gone once the client threads end; the service's descriptors follow.
+    // Sessions are gone once the client threads end; the service's descriptors follow as it
+    // sees the closes (given up to 5 s to settle).
     Sample after = SampleProcess(service.pid(), options.seconds);
+    for (int i = 0; i < 50 && after.fds > before.fds; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      after = SampleProcess(service.pid(), options.seconds);
+    }
     std::vector<pid_t> zombies = Zombies(service.pid());
     int stop_status = service.Stop();
     std::vector<pid_t> own_zombies = Zombies(::getpid());
@@ -485,6 +491,7 @@ int main(int argc, char** argv) {
     // (and 64 MiB), and by fewer than 16 descriptors.
     bool rss_flat = rss_slope * window < std::min(0.10 * mean_rss, 65536.0);
     bool fds_flat = fd_slope * window < 16;
+    bool fds_released = after.fds <= before.fds + 16;  // the sessions' descriptors are given back
 
     std::printf(
         "\n%d s, %d sessions on %d threads: %ld operations (%ld logins, %ld listings, %ld uploads, "
@@ -505,13 +512,14 @@ int main(int argc, char** argv) {
                                                      return a.rss_kb < b.rss_kb;
                                                    })->rss_kb,
                 rss_flat ? "" : "  NOT FLAT");
-    std::printf("descriptors: %.4f /s (last %ld during the load, %ld after it)%s\n", fd_slope,
-                samples.empty() ? 0L : samples.back().fds, after.fds, fds_flat ? "" : "  NOT FLAT");
+    std::printf("descriptors: %.4f /s (%ld before the load, last %ld during it, %ld after it)%s%s\n",
+                fd_slope, before.fds, samples.empty() ? 0L : samples.back().fds, after.fds,
+                fds_flat ? "" : "  NOT FLAT", fds_released ? "" : "  NOT RELEASED");
     std::printf("threads: %.4f /s (last %ld during the load, %ld after it)\n", thread_slope,
                 samples.empty() ? 0L : samples.back().threads, after.threads);
     std::printf("zombies: %zu of the service, %zu of this program; service exit status %d\n",
                 zombies.size(), own_zombies.size(), stop_status);
-    bool pass = counters.errors == 0 && counters.mismatches == 0 && rss_flat && fds_flat &&
+    bool pass = counters.errors == 0 && counters.mismatches == 0 && rss_flat && fds_flat && fds_released &&
                 zombies.empty() && own_zombies.empty() && stop_status == 0;
     std::printf("%s\n", pass ? "PASS" : "FAIL");
     status = pass ? 0 : 1;

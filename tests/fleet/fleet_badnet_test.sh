@@ -6,10 +6,10 @@
 #   host 4     5% of the packets of established connections dropped (nftables)
 #   host 5     a slow link (tbf) that goes down in the middle of the transfer
 #   host 6     a listener that accepts connections and never answers
-# A fleet `get` across all six and a `put` across all but host 5, the bad hosts listed first, must report every
-# host with the right result, number and text within the reply time-out; the healthy hosts must
-# come back about as fast as in a run of the healthy hosts alone; and no partial file may be left,
-# neither in the local target folders nor in the service's drive folders.
+# A fleet `get` across all six and a `put` across all but host 5, the bad hosts listed first,
+# must report every host with the right result, number and text within the reply time-out; the
+# healthy hosts must come back about as fast as in a run of the healthy hosts alone; and no
+# partial file may be left, neither in the local target folders nor in the service's drives.
 #   fleet_badnet_test.sh PELMORA PELMORAD SCRATCH [all|upload-cut|download-cut]
 # Two known faults have modes of their own, so that the main run stays meaningful:
 #   upload-cut    a put with host 5's link cut mid-upload: the client's send waits on the dead
@@ -95,7 +95,7 @@ start_service() {  # start_service N LISTEN
     --port-file "$dir/port" 2> "$dir/audit.log" &
   pids+=($!)
   local port
-  read -r -t 20 port <&"$fd" || { echo "FAIL host $n did not start"; cat "$dir/audit.log"; exit 1; }
+  read -r -t 20 port <&"$fd" && [[ -n "$port" ]] || { echo "FAIL host $n did not start"; cat "$dir/audit.log"; exit 1; }
   exec {fd}<&-
 }
 for n in 1 2 4 5; do start_service "$n" "10.231.$n.2:8002"; done
