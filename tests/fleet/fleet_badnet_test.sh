@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # A fleet through a bad network: six network namespaces, each joined to this one by its own veth
-# link (10.231.N.1 here, 10.231.N.2 there), each with a pelmorad behind a different fault:
+# link (10.232.N.1 here, 10.232.N.2 there), each with a pelmorad behind a different fault:
 #   host 1, 2  healthy
 #   host 3     200 ms added each way (a delaying TCP relay in front of the service)
 #   host 4     5% of the packets of established connections dropped (nftables)
@@ -58,9 +58,9 @@ for n in 1 2 3 4 5 6; do
   [[ $n == 1 ]] || ip netns add "$tag-$n" || exit 2
   ip link add "$tag-h$n" type veth peer name "$tag-n$n" || exit 2
   ip link set "$tag-n$n" netns "$tag-$n"
-  ip addr add "10.231.$n.1/24" dev "$tag-h$n"
+  ip addr add "10.232.$n.1/24" dev "$tag-h$n"
   ip link set "$tag-h$n" up
-  ip -n "$tag-$n" addr add "10.231.$n.2/24" dev "$tag-n$n"
+  ip -n "$tag-$n" addr add "10.232.$n.2/24" dev "$tag-n$n"
   ip -n "$tag-$n" link set "$tag-n$n" up
   ip -n "$tag-$n" link set lo up
 done
@@ -98,7 +98,7 @@ start_service() {  # start_service N LISTEN
   read -r -t 20 port <&"$fd" && [[ -n "$port" ]] || { echo "FAIL host $n did not start"; cat "$dir/audit.log"; exit 1; }
   exec {fd}<&-
 }
-for n in 1 2 4 5; do start_service "$n" "10.231.$n.2:8002"; done
+for n in 1 2 4 5; do start_service "$n" "10.232.$n.2:8002"; done
 start_service 3 "127.0.0.1:8002"
 # The relay and the silent listener say "ready" on standard output once they listen.
 start_helper() {  # start_helper N COMMAND...
@@ -109,10 +109,10 @@ start_helper() {  # start_helper N COMMAND...
   read -r -t 20 word <&"$fd"; exec {fd}<&-
   [[ "$word" == ready ]] || { echo "FAIL the helper of host $n did not start"; exit 1; }
 }
-start_helper 3 python3 "$here/delay_relay.py" 10.231.3.2 8002 127.0.0.1 8002 200
+start_helper 3 python3 "$here/delay_relay.py" 10.232.3.2 8002 127.0.0.1 8002 200
 start_helper 6 python3 -c '
 import socket, sys, time
-s = socket.socket(); s.bind(("10.231.6.2", 8002)); s.listen(16)
+s = socket.socket(); s.bind(("10.232.6.2", 8002)); s.listen(16)
 print("ready", flush=True); sys.stdout.close()
 held = []
 while True: held.append(s.accept()[0])'
@@ -133,11 +133,11 @@ cut_link_later() {  # cut_link_later rx|tx
 }
 restore_link() {
   ip link set "$tag-h5" up
-  ip addr replace "10.231.5.1/24" dev "$tag-h5"
+  ip addr replace "10.232.5.1/24" dev "$tag-h5"
 }
 
-healthy='10.231.1.2,10.231.2.2'
-everyone="10.231.3.2,10.231.4.2,10.231.5.2,10.231.6.2,$healthy"
+healthy='10.232.1.2,10.232.2.2'
+everyone="10.232.3.2,10.232.4.2,10.232.5.2,10.232.6.2,$healthy"
 now() { date +%s.%N; }
 elapsed() { awk -v a="$(now)" -v b="$1" 'BEGIN { printf "%.3f\n", a - b }'; }
 # Runs the tool over HOSTS with --json, each line stamped with the seconds since the start.
@@ -163,7 +163,7 @@ calc() { awk "BEGIN { print $1 }"; }
 check_run() {  # check_run WHAT OUT ALONE_OUT FAILING_HOST...
   local what=$1 out=$2 alone=$3 host limit; shift 3
   check "$what: one result per host" $((4 + $#)) "$(grep -c '{"host"' "$out")"
-  for host in 10.231.1.2 10.231.2.2 10.231.3.2 10.231.4.2; do
+  for host in 10.232.1.2 10.232.2.2 10.232.3.2 10.232.4.2; do
     check "$what: $host ok" '"ok"' "$(field "$out" "$host" result)"
   done
   for host in "$@"; do
@@ -175,7 +175,7 @@ check_run() {  # check_run WHAT OUT ALONE_OUT FAILING_HOST...
   limit=$(calc "2 * $timeout_ms / 1000 + 4")
   check_true "$what: every result within ${limit}s (took $(cat "$out.total")s)" le "$(cat "$out.total")" "$limit"
   limit=$(calc "$slowdown * $(cat "$alone.total") + 0.5")
-  for host in 10.231.1.2 10.231.2.2; do
+  for host in 10.232.1.2 10.232.2.2; do
     check_true "$what: $host after $(arrival "$out" "$host")s, alone $(cat "$alone.total")s" \
       le "$(arrival "$out" "$host")" "$limit"
   done
@@ -190,17 +190,17 @@ case "$mode" in
     fleet "$everyone" "$work/get.json" get 'C:\data.bin' "$work/got"
     wait "$cutter"
     echo "host 5: $(cat "$work/get.cut")"
-    check_run get "$work/get.json" "$work/get-alone.json" 10.231.5.2 10.231.6.2
+    check_run get "$work/get.json" "$work/get-alone.json" 10.232.5.2 10.232.6.2
     for n in 1 2 3 4; do
-      check_true "get: host $n's file whole" cmp -s "$work/big.bin" "$work/got/10.231.$n.2/data.bin"
+      check_true "get: host $n's file whole" cmp -s "$work/big.bin" "$work/got/10.232.$n.2/data.bin"
     done
-    check "get: nothing from host 6" "" "$(ls -A "$work/got/10.231.6.2" 2>/dev/null)"
+    check "get: nothing from host 6" "" "$(ls -A "$work/got/10.232.6.2" 2>/dev/null)"
     check_true "get: no partial file in the local folders" no_leftovers "$work/got"
 
     # put: the same file to every host but the cut one (see upload-cut).
     fleet "$healthy" "$work/put-alone.json" put "$work/big.bin" 'C:\put.bin'
-    fleet "${everyone/10.231.5.2,/}" "$work/put.json" put "$work/big.bin" 'C:\put.bin'
-    check_run put "$work/put.json" "$work/put-alone.json" 10.231.6.2
+    fleet "${everyone/10.232.5.2,/}" "$work/put.json" put "$work/big.bin" 'C:\put.bin'
+    check_run put "$work/put.json" "$work/put-alone.json" 10.232.6.2
     for n in 1 2 3 4; do
       check_true "put: host $n's file whole" cmp -s "$work/big.bin" "$work/host$n/c/put.bin"
     done
@@ -214,12 +214,12 @@ case "$mode" in
     # time-out keeps the run bounded when the upload waits on the dead link.
     cut_link_later tx > "$work/put.cut" &
     cutter=$!
-    fleet "10.231.5.2,$healthy" "$work/put.json" --overall-timeout $((4 * timeout_ms)) \
+    fleet "10.232.5.2,$healthy" "$work/put.json" --overall-timeout $((4 * timeout_ms)) \
       put "$work/big.bin" 'C:\put.bin'
     wait "$cutter"
     echo "host 5: $(cat "$work/put.cut")"
-    check "put: host 5 failed" '"failed"' "$(field "$work/put.json" 10.231.5.2 result)"
-    check "put: host 5 timed out" "$timed_out" "$(error_of "$work/put.json" 10.231.5.2)"
+    check "put: host 5 failed" '"failed"' "$(field "$work/put.json" 10.232.5.2 result)"
+    check "put: host 5 timed out" "$timed_out" "$(error_of "$work/put.json" 10.232.5.2)"
     check_true "put: no file under the target name on host 5" test ! -e "$work/host5/c/put.bin"
     check_true "put: no partial file in host 5's drive" no_leftovers "$work/host5/c"
     ;;
@@ -228,11 +228,11 @@ case "$mode" in
     # the local folder.
     cut_link_later rx > "$work/get.cut" &
     cutter=$!
-    fleet "10.231.5.2,$healthy" "$work/get.json" get 'C:\data.bin' "$work/got"
+    fleet "10.232.5.2,$healthy" "$work/get.json" get 'C:\data.bin' "$work/got"
     wait "$cutter"
     echo "host 5: $(cat "$work/get.cut")"
-    check "get: host 5 timed out" "$timed_out" "$(error_of "$work/get.json" 10.231.5.2)"
-    check "get: nothing from host 5" "" "$(ls -A "$work/got/10.231.5.2" 2>/dev/null)"
+    check "get: host 5 timed out" "$timed_out" "$(error_of "$work/get.json" 10.232.5.2)"
+    check "get: nothing from host 5" "" "$(ls -A "$work/got/10.232.5.2" 2>/dev/null)"
     ;;
 esac
 
