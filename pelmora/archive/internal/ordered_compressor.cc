@@ -2,8 +2,8 @@
 #include "pelmora/archive/internal/ordered_compressor.h"
 
 #include <fcntl.h>
-#include <unistd.h>
 #include <libdeflate.h>
+#include <unistd.h>
 #include <zlib.h>
 
 #include <condition_variable>
