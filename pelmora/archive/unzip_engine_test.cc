@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "pelmora/archive/internal/test_archives.h"
@@ -106,6 +108,65 @@ TEST_F(UnzipEngine, BadCrcIsAnErrorInTheZipfile) {
   EXPECT_NE(printed_.find("    testing: a.txt                    bad CRC "), std::string::npos)
       << printed_;
   EXPECT_NE(printed_.find("At least one error was detected in"), std::string::npos);
+}
+
+// A file whose data fails its check is never left behind: not under its own name when that was
+// free, and not over the file it would have replaced.
+TEST_F(UnzipEngine, EntryWithBadDataLeavesNothingAndReplacesNothing) {
+  std::string bytes = ReadFile(dir_.Path("a.zip"));
+  size_t at = bytes.find("PK\x01\x02");
+  ASSERT_NE(at, std::string::npos);
+  bytes[at + 16] ^= 0x55;  // the central and local CRCs of a.txt
+  bytes[14] ^= 0x55;
+  WriteFile(dir_.Path("a.zip"), bytes);
+  for (bool existing : {false, true}) {
+    SCOPED_TRACE(existing ? "over an existing file" : "under a free name");
+    std::filesystem::remove_all(dir_.Path("out"));
+    if (existing) WriteFile(dir_.Path("out/a.txt"), "old");
+    EXPECT_EQ(Run(), kUnzipErr);
+    EXPECT_NE(printed_.find("  inflating: " + dir_.Path("out/a.txt")), std::string::npos)
+        << printed_;
+    EXPECT_NE(printed_.find(" bad CRC "), std::string::npos) << printed_;
+    if (existing) {
+      EXPECT_EQ(ReadFile(dir_.Path("out/a.txt")), "old");
+    } else {
+      EXPECT_FALSE(Exists(dir_.Path("out/a.txt")));
+    }
+    EXPECT_EQ(ReadFile(dir_.Path("out/sub/b.txt")), "bee\n");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir_.Path("out")),
+                            std::filesystem::directory_iterator()),
+              existing ? 2 : 1);  // no temporary file either
+  }
+}
+
+// Entries small enough to be inflated whole and larger ones that stream come out the same, on
+// either side of the limit and of the streaming chunk size.
+TEST_F(UnzipEngine, EntriesOfEverySizeComeOutIntact) {
+  std::vector<std::pair<std::string, std::string>> files;
+  uint32_t seed = 7;
+  auto text = [&](size_t size) {
+    static const char* const kWords[] = {"alpha ", "beta ", "gamma\n", "delta ", "epsilon "};
+    std::string out;
+    while (out.size() < size) {
+      seed = seed * 1103515245 + 12345;
+      out += kWords[(seed >> 16) % 5];
+    }
+    out.resize(size);
+    return out;
+  };
+  for (size_t size : {size_t{0}, size_t{1}, size_t{65536}, size_t{65537}, size_t{8} << 20,
+                      (size_t{8} << 20) + 1}) {
+    files.emplace_back("f" + std::to_string(size), text(size));
+    WriteFile(dir_.Path("big/" + files.back().first), files.back().second);
+  }
+  ASSERT_EQ(RunIn(dir_.Path("big"), "zip -q -r ../big.zip . && zip -q -0 ../big.zip f1"), 0);
+  dcl_.zip_file_name = dir_.Path("big.zip");
+  ASSERT_EQ(Run(), kUnzipOk) << printed_;
+  for (const auto& [name, contents] : files) {
+    EXPECT_EQ(ReadFile(dir_.Path("out/" + name)), contents) << name;
+  }
+  dcl_.test = 1;
+  EXPECT_EQ(Run(), kUnzipOk) << printed_;
 }
 
 struct BrokenArchive {

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <optional>
 
 #include "pelmora/common/codepage.h"
@@ -31,44 +33,114 @@ EntryKind KindOf(int32_t entry_type) {
   }
 }
 
-// Back-quotes become apostrophes (the back-quote separates WriteLogFile's fields), then each CR LF
-// pair becomes one space; a lone CR or LF stays.
+// Appends `message` to `out` with back-quotes turned into apostrophes (the back-quote separates
+// WriteLogFile's fields) and each CR LF pair into one space; a lone CR or LF stays.
+void AppendCleaned(std::string& out, std::string_view message) {
+  for (size_t i = 0; i < message.size(); ++i) {
+    if (message[i] == '\r' && i + 1 < message.size() && message[i + 1] == '\n') {
+      out += ' ';
+      ++i;
+    } else {
+      out += message[i] == '`' ? '\'' : message[i];
+    }
+  }
+}
+
 std::string CleanMessage(std::string_view message) {
   std::string cleaned;
   cleaned.reserve(message.size());
-  for (size_t i = 0; i < message.size(); ++i) {
-    if (message[i] == '\r' && i + 1 < message.size() && message[i + 1] == '\n') {
-      cleaned += ' ';
-      ++i;
-    } else {
-      cleaned += message[i] == '`' ? '\'' : message[i];
-    }
-  }
+  AppendCleaned(cleaned, message);
   return cleaned;
 }
 
 // The month folder for WriteLog under `root`, created when missing; nullopt when it cannot be.
-std::optional<std::string> MonthFolder(const std::string& root, const Date& now) {
-  std::string folder = root + "/" + now.Format("yyyymm");
+std::optional<std::string> MonthFolder(const std::string& root, const std::string& month) {
+  std::string folder = root + "/" + month;
   if (!internal::FolderExists(folder) && !internal::CreateFolder(folder)) return std::nullopt;
   return folder;
+}
+
+// What WriteLog remembers on each thread between lines: the texts of the current second, the
+// computer name read in that second, and the last month folder it saw exist under its root.
+struct LevelledState {
+  double second = -1;    // the Date (whole seconds) the fields below belong to
+  std::string stamp;     // yyyy-mm-dd hh:nn:ss
+  std::string month;     // yyyymm
+  std::string day;       // yyyymmdd
+  std::optional<std::string> computer;
+  std::string folder;    // root/yyyymm, known to exist when last written to; empty when unknown
+
+  // Brings the texts and the computer name up to the second of `now`.
+  void Advance(const Date& now) {
+    if (now.Serial() == second) return;
+    stamp = now.Format("yyyy-mm-dd hh:nn:ss");
+    month = now.Format("yyyymm");
+    day = now.Format("yyyymmdd");
+    computer = internal::ReadHostName();
+    second = now.Serial();
+  }
+};
+
+// Whether the ANSI code page leaves ASCII text as it is (the Windows code pages do; a UTF-16 or
+// EBCDIC setting would not), asked once for each code page a thread meets.
+bool KeepsAscii() {
+  thread_local std::string known;
+  thread_local bool keeps = false;
+  std::string code_page = AnsiCodePage();
+  if (code_page != known) {
+    std::string ascii(128, '\0');
+    for (size_t i = 0; i < ascii.size(); ++i) ascii[i] = static_cast<char>(i);
+    keeps = Utf8ToAnsi(ascii) == ascii;
+    known = std::move(code_page);
+  }
+  return keeps;
+}
+
+// The line as written to a log file: ANSI text.
+std::string ToAnsi(std::string line) {
+  bool ascii = std::all_of(line.begin(), line.end(),
+                           [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  return ascii && KeepsAscii() ? std::move(line) : Utf8ToAnsi(line);
+}
+
+// The slow path of WriteLog, taken for the first line of a root or month and whenever the day
+// file cannot be opened for want of a folder: the root test, then the month folder.
+bool CheckFolders(const std::string& root, LevelledState& state) {
+  state.folder.clear();
+  if (!internal::FolderExists(root)) return false;
+  std::optional<std::string> folder = MonthFolder(root, state.month);
+  if (!folder) return false;
+  state.folder = std::move(*folder);
+  return true;
 }
 
 bool WriteLevelledLine(std::string_view message, std::string_view module_name,
                        std::string_view procedure_name, int32_t entry_type) {
   const std::string& root = LogRoot();
-  if (root.empty() || !internal::FolderExists(root)) return false;
-  Date now = CurrentLocalTime();
-  std::string stamp = now.Format("yyyy-mm-dd hh:nn:ss");
-  std::optional<std::string> folder = MonthFolder(root, now);
-  if (!folder) return false;
-  std::optional<std::string> computer = internal::ReadHostName();
-  if (!computer) return false;
+  if (root.empty()) return false;
+  thread_local LevelledState state;
+  state.Advance(CurrentLocalTime());
+  // The day file is tried first while its month folder is known; a folder that has gone since
+  // shows as ENOENT and sends the line through the root test and the month folder again.
+  std::string expected = root + "/" + state.month;
+  bool known = state.folder == expected;
+  if (!known && !CheckFolders(root, state)) return false;
+  if (!state.computer) return false;
   EntryKind kind = KindOf(entry_type);
-  std::string file = *folder + "/" + now.Format("yyyymmdd") + std::string(kind.extension);
-  std::string line = fmt::format("{},{},{},[{}:{}],{}\r\n", stamp, kind.letter, *computer,
-                                 module_name, procedure_name, CleanMessage(message));
-  return internal::AppendToFile(file, Utf8ToAnsi(line));  // log files are ANSI text
+  std::string file = expected + "/" + state.day + std::string(kind.extension);
+  std::string line;
+  line.reserve(state.stamp.size() + state.computer->size() + module_name.size() +
+               procedure_name.size() + message.size() + 12);
+  // stamp,letter,computer,[module:procedure],message CR LF
+  line.append(state.stamp).append(1, ',').append(1, kind.letter).append(1, ',');
+  line.append(*state.computer).append(",[").append(module_name).append(1, ':');
+  line.append(procedure_name).append("],");
+  AppendCleaned(line, message);
+  line.append("\r\n");
+  line = ToAnsi(std::move(line));
+  if (internal::AppendToFile(file, line)) return true;
+  if (!known || errno != ENOENT) return false;
+  return CheckFolders(root, state) && internal::AppendToFile(file, line);
 }
 
 bool WriteLibraryLine(int32_t error_number, std::string_view message, std::string_view module_name,
@@ -85,7 +157,7 @@ bool WriteLibraryLine(int32_t error_number, std::string_view message, std::strin
   std::string line =
       fmt::format("{}`{}`{}`[{}:{}]`{}`{}`{}\r\n", stamp, kind.letter, LocalComputerName(),
                   module_name, procedure_name, detail_number, error_number, CleanMessage(message));
-  return internal::AppendToFile(file, Utf8ToAnsi(line));  // log files are ANSI text
+  return internal::AppendToFile(file, ToAnsi(line));
 }
 
 }  // namespace

@@ -42,8 +42,11 @@ inline constexpr int32_t kLogEntryInformation = 4;
 // Writes one comma-separated line to the day file under LogRoot(). Returns false without doing
 // anything when `level` is above LogLevel(), false when LogRoot() is empty or is not an existing
 // folder (the root is never created), and false when the month folder cannot be created, the
-// computer name cannot be read or the line cannot be written. The month folder LogRoot()/yyyymm is created when missing. Blocks for
-// one folder test, at most one mkdir, and one open/write/close. Never throws.
+// computer name cannot be read or the line cannot be written. The month folder LogRoot()/yyyymm is
+// created when missing. Each thread remembers the month folder it last wrote to and the computer
+// name of the current second: a line to a known folder costs one open/write/close, and only an
+// open that fails for want of a folder (removed, or a new root or month) goes back to the folder
+// test and at most one mkdir. Never throws.
 bool WriteLog(int16_t level, std::string_view message, std::string_view module_name,
               std::string_view procedure_name, int32_t entry_type);
 

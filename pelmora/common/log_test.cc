@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "pelmora/common/codepage.h"
 #include "pelmora/common/internal/log_test_support.h"
 #include "pelmora/common/system.h"
 
@@ -93,6 +94,45 @@ TEST_F(LogTest, WriteLogCreatesTheMonthFolderUnderAnExistingRoot) {
   EXPECT_TRUE(WriteLog(1, "second", "RSFSO", "Connect", 4));
   EXPECT_THAT(ReadWholeFile(DayFile(".log")),
               testing::Optional(testing::MatchesRegex(".*first\r\n.*second\r\n")));
+}
+
+// Lines of one second after the folders under the root changed: the writer remembers the month
+// folder, so each case checks it notices.
+TEST_F(LogTest, FoldersChangedBetweenLinesOfOneSecond) {
+  std::string month = root_ + "/200903";
+  ASSERT_TRUE(WriteLog(1, "before", "M", "P", 4));
+
+  fs::remove_all(month);  // the month folder is made again and the line goes into a new day file
+  EXPECT_TRUE(WriteLog(1, "after month removed", "M", "P", 4));
+  EXPECT_THAT(ReadWholeFile(DayFile(".log")),
+              testing::Optional(testing::EndsWith(",[M:P],after month removed\r\n")));
+  EXPECT_THAT(ReadWholeFile(DayFile(".log")), testing::Optional(testing::Not(
+                                                  testing::HasSubstr("before"))));
+
+  fs::remove_all(month);  // a plain file where the month folder was
+  std::ofstream(month) << "x";
+  EXPECT_FALSE(WriteLog(1, "month is a file", "M", "P", 4));
+  fs::remove(month);
+
+  fs::remove_all(root_);  // the root is never made
+  EXPECT_FALSE(WriteLog(1, "root removed", "M", "P", 4));
+  EXPECT_FALSE(fs::exists(root_));
+
+  fs::create_directory(root_);
+  EXPECT_TRUE(WriteLog(1, "root back", "M", "P", 4));
+  EXPECT_THAT(ReadWholeFile(DayFile(".log")),
+              testing::Optional(testing::EndsWith(",root back\r\n")));
+}
+
+// ASCII lines skip the code page conversion only where the code page keeps ASCII as it is.
+TEST_F(LogTest, AsciiLinesFollowACodePageThatChangesThem) {
+  std::string old_code_page = AnsiCodePage();
+  ASSERT_TRUE(SetAnsiCodePage("UTF-16LE"));
+  bool written = WriteLog(1, "wide", "M", "P", 4);
+  SetAnsiCodePage(old_code_page);
+  ASSERT_TRUE(written);
+  std::string expected = Utf8ToUtf16Le("2009-03-14 08:05:09,I," + host_ + ",[M:P],wide\r\n");
+  EXPECT_EQ(ReadWholeFile(DayFile(".log")), expected);
 }
 
 TEST_F(LogTest, EntryTypesChooseTheLetterAndTheDayFile) {

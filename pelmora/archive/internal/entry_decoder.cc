@@ -2,6 +2,7 @@
 // the CRC and the size limits follow the unzip program's rules.
 #include "pelmora/archive/internal/entry_decoder.h"
 
+#include <libdeflate.h>
 #include <zlib.h>
 
 #include <algorithm>
@@ -16,6 +17,8 @@ namespace pelmora::archive::internal {
 namespace {
 
 constexpr size_t kChunk = 64 * 1024;
+// Entries whose data and decoded form are both at most this large are decoded in one call.
+constexpr uint64_t kWholeEntryLimit = uint64_t{8} << 20;
 
 struct ZipFileCloser {
   void operator()(zip_file_t* file) const { zip_fclose(file); }
@@ -64,8 +67,7 @@ class Output {
     if (data.empty()) return true;
     if (data.size() > entry_.size - result_.size) return Fail(DecodeStatus::kBadData);
     if (!budget_.Charge(data.size())) return Fail(DecodeStatus::kOverBudget);
-    result_.crc = static_cast<uint32_t>(
-        crc32_z(result_.crc, data.data(), data.size()));
+    result_.crc = libdeflate_crc32(result_.crc, data.data(), data.size());
     result_.size += data.size();
     return sink_(data) || Fail(DecodeStatus::kSinkFailed);
   }
@@ -135,6 +137,63 @@ bool Inflate(zip_file_t* file, const EntryInfo& entry, std::optional<PkwareDecry
   return ok && (ended || out.Fail(DecodeStatus::kBadData));
 }
 
+// A libdeflate decompressor kept by each thread.
+libdeflate_decompressor* ThreadDecompressor() {
+  struct Kept {
+    ~Kept() { libdeflate_free_decompressor(decompressor); }
+    libdeflate_decompressor* decompressor = libdeflate_alloc_decompressor();
+  };
+  thread_local Kept kept;
+  return kept.decompressor;
+}
+
+// Decodes an unencrypted entry held whole in memory. Only an entry that decodes to exactly its
+// declared size and CRC within the budget is taken here; anything else returns nullopt untouched
+// (budget and sink alike) and goes through the streaming decoder, which reports where it fails.
+std::optional<DecodeResult> DecodeWhole(zip_t* archive, const EntryInfo& entry,
+                                        ExpansionBudget& budget, const DataSink& sink) {
+  if (entry.encrypted || entry.size > kWholeEntryLimit || entry.compressed > kWholeEntryLimit) {
+    return std::nullopt;
+  }
+  ExpansionBudget trial = budget;
+  if (!trial.Charge(entry.size)) return std::nullopt;
+  if (entry.method == ZIP_CM_STORE && entry.compressed != entry.size) return std::nullopt;
+  // Left uninitialised: every byte is read or decoded before it is used.
+  auto raw = std::make_unique_for_overwrite<uint8_t[]>(static_cast<size_t>(entry.compressed));
+  ZipFilePtr file = OpenRaw(archive, entry);
+  std::span<uint8_t> raw_span(raw.get(), static_cast<size_t>(entry.compressed));
+  if (!file || (!raw_span.empty() &&
+                ReadSome(file.get(), raw_span) != static_cast<int64_t>(raw_span.size()))) {
+    return std::nullopt;
+  }
+  std::unique_ptr<uint8_t[]> inflated;
+  std::span<const uint8_t> data = raw_span;
+  if (entry.method == ZIP_CM_DEFLATE) {
+    libdeflate_decompressor* decompressor = ThreadDecompressor();
+    if (decompressor == nullptr) return std::nullopt;
+    inflated = std::make_unique_for_overwrite<uint8_t[]>(static_cast<size_t>(entry.size));
+    size_t produced = 0;
+    if (libdeflate_deflate_decompress(decompressor, raw_span.data(), raw_span.size(),
+                                      inflated.get(), static_cast<size_t>(entry.size),
+                                      &produced) != LIBDEFLATE_SUCCESS ||
+        produced != entry.size) {
+      return std::nullopt;
+    }
+    data = {inflated.get(), produced};
+  }
+  DecodeResult result;
+  result.crc = libdeflate_crc32(0, data.data(), data.size());
+  if (result.crc != entry.crc) return std::nullopt;
+  // Handed on in the streaming decoder's chunks, charging the budget as it goes.
+  for (size_t at = 0; at < data.size(); at += kChunk) {
+    std::span<const uint8_t> chunk = data.subspan(at, std::min(kChunk, data.size() - at));
+    budget.Charge(chunk.size());
+    if (!sink(chunk)) return DecodeResult{DecodeStatus::kSinkFailed, result.crc, at + chunk.size()};
+  }
+  result.size = data.size();
+  return result;
+}
+
 }  // namespace
 
 bool ExpansionBudget::Charge(uint64_t bytes) {
@@ -151,6 +210,7 @@ bool PasswordFits(zip_t* archive, const EntryInfo& entry, const std::string& pas
 
 DecodeResult DecodeEntry(zip_t* archive, const EntryInfo& entry, const std::string& password,
                          ExpansionBudget& budget, const DataSink& sink) {
+  if (auto whole = DecodeWhole(archive, entry, budget, sink)) return *whole;
   Output out(entry, budget, sink);
   std::optional<PkwareDecryptor> key;
   ZipFilePtr file = OpenChecked(archive, entry, key, password);

@@ -1,6 +1,8 @@
 // Streams one entry's data out of an open archive: raw bytes through libzip, then PKWARE
 // decryption, inflation or a plain copy, CRC-32 and size checks, and the expansion budget that
-// stops zip bombs. Memory use is a few fixed buffers whatever the entry's size.
+// stops zip bombs. Unencrypted entries of up to 8 MiB are read and inflated whole with libdeflate;
+// larger ones, encrypted ones and any that fail to decode whole stream through zlib in a few fixed
+// buffers.
 #ifndef PELMORA_ARCHIVE_INTERNAL_ENTRY_DECODER_H_
 #define PELMORA_ARCHIVE_INTERNAL_ENTRY_DECODER_H_
 

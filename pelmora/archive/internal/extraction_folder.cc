@@ -83,7 +83,7 @@ bool PendingFile::Commit(uint32_t mode, int64_t mtime) {
   struct timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(mtime), 0}};
   if (futimens(file_.Get(), times) != 0) return false;
   if (close(file_.Release()) != 0) return false;
-  if (renameat(folder_.Get(), temp_name_.c_str(), folder_.Get(), leaf_.c_str()) != 0) {
+  if (temp_name_ != leaf_ && renameat(folder_.Get(), temp_name_.c_str(), folder_.Get(), leaf_.c_str()) != 0) {
     return false;
   }
   committed_ = true;
@@ -161,6 +161,19 @@ std::optional<PendingFile> ExtractionFolder::StartFile(std::string_view path,
   OpenedParent parent;
   status = OpenParent(path, true, parent);
   if (status != PathStatus::kOk) return std::nullopt;
+  // A name not taken yet is written in place: created exclusively (so nothing that appears there
+  // meanwhile, a link included, is followed or replaced) and removed again unless committed.
+  int direct = openat(parent.folder.Get(), parent.leaf.c_str(),
+                      O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (direct >= 0) {
+    std::string name = parent.leaf;
+    return PendingFile(std::move(parent.folder), std::move(parent.leaf), std::move(name),
+                       UniqueFd(direct));
+  }
+  if (errno != EEXIST) {
+    status = PathStatus::kSystemError;
+    return std::nullopt;
+  }
   for (int attempt = 0; attempt < 16; ++attempt) {
     std::string temp = TempName(parent.leaf);
     int fd = openat(parent.folder.Get(), temp.c_str(),

@@ -1,7 +1,9 @@
 // Writing inside one extraction folder and nowhere else. Every path is walked component by
 // component from the folder's descriptor with O_NOFOLLOW, so neither "..", nor an absolute name,
 // nor a symbolic link (one planted earlier in the same archive included) can lead outside it.
-// Files are written under a temporary name and renamed into place only when complete.
+// A file whose name is free is created there exclusively and removed again unless completed; one
+// that replaces an existing entry is written under a temporary name and renamed into place only
+// when complete. Either way a failed entry leaves nothing behind and replaces nothing.
 #ifndef PELMORA_ARCHIVE_INTERNAL_EXTRACTION_FOLDER_H_
 #define PELMORA_ARCHIVE_INTERNAL_EXTRACTION_FOLDER_H_
 
@@ -41,16 +43,17 @@ struct OpenedParent {
   std::string leaf;
 };
 
-// A file being written under a temporary name in its final folder.
+// A file being written in its final folder, under its own name or a temporary one.
 class PendingFile {
  public:
   PendingFile(UniqueFd folder, std::string leaf, std::string temp_name, UniqueFd file);
   PendingFile(PendingFile&&) noexcept = default;
-  ~PendingFile();  // removes the temporary file unless committed
+  ~PendingFile();  // removes the file written unless committed
 
   // Appends `data`; false (errno set) on a write failure.
   bool Write(std::span<const uint8_t> data);
-  // Sets `mode` and the modification time, then renames over the final name. False on failure.
+  // Sets `mode` and the modification time, then renames a temporary file over the final name.
+  // False on failure.
   bool Commit(uint32_t mode, int64_t mtime);
 
  private:

@@ -2,6 +2,7 @@
 #include "pelmora/archive/internal/ordered_compressor.h"
 
 #include <fcntl.h>
+#include <libdeflate.h>
 #include <unistd.h>
 #include <zlib.h>
 
@@ -115,27 +116,63 @@ bool CopyStreaming(const std::string& path, const ByteSink& sink, Compressed& re
   });
 }
 
-Compressed CompressInMemory(const std::string& path, int level) {
-  Compressed result;
-  uint64_t compressed_size = 0;
-  bool ok = CompressStreaming(path, level, [&](std::span<const uint8_t> bytes) {
-    result.data.insert(result.data.end(), bytes.begin(), bytes.end());
+namespace {
+
+// A libdeflate compressor kept by each thread for the level it last used.
+class ThreadCompressor {
+ public:
+  ~ThreadCompressor() { libdeflate_free_compressor(compressor_); }
+  // The thread's compressor for `level`; nullptr when it cannot be made.
+  static libdeflate_compressor* For(int level) {
+    thread_local ThreadCompressor kept;
+    if (kept.compressor_ == nullptr || kept.level_ != level) {
+      libdeflate_free_compressor(kept.compressor_);
+      kept.compressor_ = libdeflate_alloc_compressor(level);
+      kept.level_ = level;
+    }
+    return kept.compressor_;
+  }
+
+ private:
+  libdeflate_compressor* compressor_ = nullptr;
+  int level_ = -1;
+};
+
+// Reads the whole of `path` into `bytes`; false when it cannot be opened or read.
+bool ReadWhole(const std::string& path, uint64_t expected, std::vector<uint8_t>& bytes) {
+  UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd.Valid()) return false;
+  bytes.clear();
+  bytes.reserve(static_cast<size_t>(expected));
+  return ReadChunks(fd.Get(), [&](std::span<const uint8_t> chunk, bool) {
+    bytes.insert(bytes.end(), chunk.begin(), chunk.end());
     return true;
-  }, result, compressed_size);
-  if (!ok) {
+  });
+}
+
+}  // namespace
+
+Compressed CompressInMemory(const std::string& path, int level, uint64_t expected_size) {
+  Compressed result;
+  std::vector<uint8_t> bytes;
+  if (!ReadWhole(path, expected_size, bytes)) {
     result.readable = false;
-    result.data.clear();
     return result;
   }
-  if (level == 0 || result.size == 0 || result.data.size() >= result.size) {
-    // Keep the file as it is: read it again rather than holding both forms from the start.
-    result.data.clear();
-    result.stored = true;
-    result.readable = CopyStreaming(path, [&](std::span<const uint8_t> bytes) {
-      result.data.insert(result.data.end(), bytes.begin(), bytes.end());
-      return true;
-    }, result);
+  result.size = bytes.size();
+  result.crc = libdeflate_crc32(0, bytes.data(), bytes.size());
+  if (level > 0 && !bytes.empty()) {
+    libdeflate_compressor* compressor = ThreadCompressor::For(level);
+    if (compressor == nullptr) throw std::bad_alloc();
+    // Room for one byte less than the file: data that does not shrink is stored instead.
+    result.data.resize(bytes.size() - 1);
+    size_t length = libdeflate_deflate_compress(compressor, bytes.data(), bytes.size(),
+                                                result.data.data(), result.data.size());
+    result.data.resize(length);
+    if (length > 0) return result;
   }
+  result.stored = true;
+  result.data = std::move(bytes);
   return result;
 }
 
@@ -145,7 +182,7 @@ namespace {
 Compressed Compress(const CompressJob& job, int level) {
   if (job.skip) return {};
   try {
-    return CompressInMemory(job.path, level);
+    return CompressInMemory(job.path, level, job.size);
   } catch (...) {  // out of memory: nothing else in here throws
     Compressed result;
     result.out_of_memory = true;

@@ -25,8 +25,9 @@ struct Compressed {
   std::vector<uint8_t> data;  // raw deflate data, or the file's bytes when stored
 };
 
-// Compresses the file at `path` in memory with deflate `level` (0 stores).
-Compressed CompressInMemory(const std::string& path, int level);
+// Compresses the file at `path` in memory with deflate `level` (0 stores); `expected_size` is what
+// its size was when listed (the whole file is read whatever it is now).
+Compressed CompressInMemory(const std::string& path, int level, uint64_t expected_size = 0);
 
 // Appends bytes somewhere; false on failure.
 using ByteSink = std::function<bool(std::span<const uint8_t>)>;
