@@ -67,6 +67,7 @@ fi
 printf 'readme password\n' >password
 hash=$("$pelmorad" --hash-password <password)
 mkdir -p c/reports
+chown -R "$run_as" c   # the README's install -o: the drive belongs to the run_as user
 sed -e '/^listen = /d' -e "s|/srv/pelmora/c|$scratch/c|" \
     -e "s|^password = .*|password = \"$hash\"|" -e "s|^run_as = .*|run_as = \"$run_as\"|" \
     <<<"$config_text" >pelmorad.toml

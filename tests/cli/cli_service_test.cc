@@ -302,7 +302,7 @@ TEST_F(CliServiceTest, FleetShowsTheHostWhoseCommandFailed) {
   auto account = [](const std::string& folder) {
     return "[accounts.fleet]\npassword = \"" +
            pelmorad::HashPassword(std::string(pelmorad::testing::kOperatorPassword)) +
-           "\"\ncommands = true\nworking_folder = \"" + folder + "\"\n";
+           "\"\ncommands = true\nrun_as = \"root\"\nworking_folder = \"" + folder + "\"\n";
   };
   pelmorad::testing::ServiceProcess with(account(marked));
   pelmorad::testing::ServiceProcess without(account("/"));

@@ -87,6 +87,8 @@ start_service() {  # start_service N LISTEN
   local n=$1 dir=$work/host$1
   mkdir -p "$dir/c"
   if [[ $n == 5 ]]; then cp "$work/cut.bin" "$dir/c/data.bin"; else cp "$work/big.bin" "$dir/c/data.bin"; fi
+  # The account has no run_as: its file work runs as nobody, so the drive belongs to nobody.
+  chown -R nobody "$dir/c"
   printf '[drives]\nC = "%s/c"\n[accounts.fleet]\npassword = "%s"\n' "$dir" "$hash" > "$dir/pelmorad.toml"
   chmod 600 "$dir/pelmorad.toml"
   mkfifo "$dir/port"

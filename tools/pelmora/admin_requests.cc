@@ -115,7 +115,7 @@ int Copy(HostSession& session, const std::string& source, const std::string& tar
   // A folder copied without -r: say so; other failures stand as the service gave them.
   HostFailure failure{fso.ErrCode(), fso.ErrDescription()};
   if (failure.number < 10000 && fso.FolderExists(source)) {
-    failure.description += " (" + source + ": a folder: use cp -r)";
+    failure.detail = source + ": a folder: use cp -r";
   }
   return session.Fail(kExitFailed, failure);
 }

@@ -133,7 +133,8 @@ Credentials ResolveCredentials(const AdminOptions& options, bool needs_access_co
 }
 
 std::string HostFailure::Text() const {
-  return number == 0 ? description : std::to_string(number) + " " + description;
+  std::string text = number == 0 ? description : std::to_string(number) + " " + description;
+  return detail.empty() ? text : text + " (" + detail + ")";
 }
 
 std::string ErrorLine(std::string_view host, const HostFailure& failure) {
@@ -185,7 +186,7 @@ bool HostSession::Connect() {
     HostFailure failure{Fso().ErrCode(), Fso().ErrDescription()};
     std::string cause = ConnectCause(failure.number, target_.name, where,
                                      connect_limit > 0 ? connect_limit : options_.timeout_ms);
-    if (!cause.empty()) failure.description += " (" + cause + ")";
+    failure.detail = cause;
     if (failure.number == 0 && failure.description.empty()) {
       failure.description = "the service refused the login";
     }
@@ -242,7 +243,7 @@ int HostSession::FailOnPath(int status, const std::string& path, const std::stri
     cause = "not there";
   }
   if (cause.empty()) return Fail(status, failure);
-  failure.description += " (" + path + ": " + cause + ")";
+  failure.detail = path + ": " + cause;
   return Fail(status, failure);
 }
 

@@ -69,10 +69,11 @@ Credentials ResolveCredentials(const AdminOptions& options, bool needs_access_co
 // plain text. A `local` failure is one of this machine's files, not of the host.
 struct HostFailure {
   int32_t number = 0;
-  std::string description;
+  std::string description;  // the library's or the service's text, as it stands
+  std::string detail;       // what the tool knows beside it: the path, the cause, a hint
   bool local = false;
 
-  // "<number> <description>", or the description alone when the number is 0.
+  // "<number> <description> (<detail>)"; the number left out when it is 0, the detail when empty.
   std::string Text() const;
 };
 

@@ -99,6 +99,7 @@ std::string JsonLine(const HostRecord& record) {
   if (record.failure) {
     line["error"] = {{"number", record.failure->number},
                      {"description", record.failure->description}};
+    if (!record.failure->detail.empty()) line["error"]["detail"] = record.failure->detail;
   }
   return line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
