@@ -19,6 +19,12 @@ LoginThrottle::Entry& LoginThrottle::At(const std::string& key, Clock::time_poin
   return entry;
 }
 
+int LoginThrottle::Count(const Entry& entry) const {
+  // Parallel guesses are counted from the first failure on; before it, only beyond the allowance.
+  if (entry.failures > 0) return entry.failures + entry.in_flight;
+  return std::max(0, entry.in_flight - settings_.free_in_flight);
+}
+
 LoginThrottle::Clock::duration LoginThrottle::DelayFor(int count) const {
   if (count <= 0) return Clock::duration::zero();
   Clock::duration delay = settings_.step * std::min(count, settings_.free_failures);
@@ -36,8 +42,7 @@ LoginThrottle::Clock::duration LoginThrottle::Begin(const std::string& address,
   if (entries_.size() > kPruneAbove) Prune(now);
   Entry& by_address = At(AddressKey(address), now);
   Entry& by_account = At(AccountKey(account), now);
-  int count = std::max(by_address.failures + by_address.in_flight,
-                       by_account.failures + by_account.in_flight);
+  int count = std::max(Count(by_address), Count(by_account));
   by_address.in_flight += 1;
   by_account.in_flight += 1;
   return DelayFor(count);

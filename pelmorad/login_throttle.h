@@ -1,6 +1,7 @@
 // Failed logins counted per client address and per account name: every attempt waits, before its
 // password is checked, for a delay that grows with the failures and the attempts still in flight
-// of its address and of its account name (whichever is larger), up to a ceiling. Nothing is
+// of its address and of its account name (whichever is larger), up to a ceiling; while an address
+// or a name has no failures, its first `free_in_flight` parallel attempts wait nothing. Nothing is
 // locked out: the real user waits at most the ceiling, while guesses, in parallel or from many
 // addresses, go no faster than one per ceiling for each account name and each address. A success
 // forgets only the failures of its own account name.
@@ -28,6 +29,8 @@ class LoginThrottle {
     Clock::duration memory{};        // failures are forgotten after this long without one
     Clock::duration step{};          // the delay per failure
     Clock::duration ceiling{};       // the longest delay
+    int free_in_flight = 0;          // attempts in flight that count for nothing while their
+                                     // address or name has no failures (a fleet logging in at once)
   };
 
   explicit LoginThrottle(Settings settings) : settings_(settings) {}
@@ -55,6 +58,7 @@ class LoginThrottle {
     Clock::time_point last_failure{};
   };
   Entry& At(const std::string& key, Clock::time_point now);
+  int Count(const Entry& entry) const;
   void Prune(Clock::time_point now);
 
   Settings settings_;

@@ -92,6 +92,7 @@ ServiceContext::ServiceContext(asio::io_context& io_context, std::shared_ptr<con
       throttle({.free_failures = runtime->config.limits.login_failures,
                 .memory = std::chrono::seconds(runtime->config.limits.lockout_seconds),
                 .step = std::chrono::milliseconds(runtime->config.limits.login_delay_ms),
-                .ceiling = std::chrono::milliseconds(runtime->config.limits.login_delay_max_ms)}) {}
+                .ceiling = std::chrono::milliseconds(runtime->config.limits.login_delay_max_ms),
+                .free_in_flight = runtime->config.limits.unauthenticated_start}) {}
 
 }  // namespace pelmorad

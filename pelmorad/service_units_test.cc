@@ -51,6 +51,22 @@ TEST(LoginThrottle, AttemptsInFlightCountLikeFailures) {
   EXPECT_EQ(throttle.Begin("a", "ops", now), milliseconds(300));  // three failures now
 }
 
+TEST(LoginThrottle, ParallelAttemptsBeforeAnyFailureAreFreeUpToTheAllowance) {
+  LoginThrottle throttle({.free_failures = 3,
+                          .memory = seconds(60),
+                          .step = milliseconds(100),
+                          .ceiling = milliseconds(2000),
+                          .free_in_flight = 2});
+  auto now = LoginThrottle::Clock::now();
+  EXPECT_EQ(throttle.Begin("a", "ops", now), milliseconds(0));
+  EXPECT_EQ(throttle.Begin("a", "ops", now), milliseconds(0));
+  EXPECT_EQ(throttle.Begin("a", "ops", now), milliseconds(0));    // two in flight: free
+  EXPECT_EQ(throttle.Begin("a", "ops", now), milliseconds(100));  // three: one beyond
+  throttle.Finish("a", "ops", false, now);
+  // From the first failure on, every attempt in flight counts again.
+  EXPECT_EQ(throttle.Begin("b", "ops", now), milliseconds(600));  // 1 failure + 3 in flight
+}
+
 TEST(LoginThrottle, CountsPerAddressAndPerAccountName) {
   LoginThrottle throttle = MakeThrottle();
   auto now = LoginThrottle::Clock::now();

@@ -70,8 +70,8 @@ Credentials ResolveCredentials(const AdminOptions& options, bool needs_access_co
 struct HostFailure {
   int32_t number = 0;
   std::string description;  // the library's or the service's text, as it stands
-  std::string detail;       // what the tool knows beside it: the path, the cause, a hint
   bool local = false;
+  std::string detail = {};  // what the tool knows beside it: the path, the cause, a hint
 
   // "<number> <description> (<detail>)"; the number left out when it is 0, the detail when empty.
   std::string Text() const;

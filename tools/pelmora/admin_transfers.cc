@@ -65,7 +65,7 @@ uint64_t LocalSize(const std::string& path) {
 int FailLocal(HostSession& session, const std::string& what, const std::string& path,
               int error) {
   return session.Fail(kExitUsage,
-                      {0, what + " " + path + ": " + std::system_category().message(error), "", /*local=*/true});
+                      {0, what + " " + path + ": " + std::system_category().message(error), /*local=*/true});
 }
 
 // The mode new files get: 0666 less this process's umask (read without changing it, since
