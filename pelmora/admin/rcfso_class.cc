@@ -43,6 +43,14 @@ using S = const std::string&;
 
 AutomationBool Flag(int16_t raw) { return AutomationBool::FromRaw(raw); }
 
+// Sets one field of the transport settings by name.
+template <typename T, typename V>
+void TlsField(O& o, T TlsClientSettings::*field, const V& value) {
+  TlsClientSettings settings = o.fso.tls();
+  settings.*field = value;
+  o.fso.set_tls(std::move(settings));
+}
+
 // RunCommand by name: `command` a String (a line for the service's shell) or an array of
 // Strings (a program and its arguments, no shell); `input` bytes or a String (Empty: none). The
 // output and the error output come back as byte arrays; a String input travels as UTF-8. Returns the shell status (0-255, 128 + N
@@ -86,6 +94,28 @@ const ClassRegistrar kRCFSOClass(
         .Property(
             "timeout", [](O& o) { return o.fso.timeout(); },
             [](O& o, int32_t value) { o.fso.set_timeout(value); })
+        .Property(
+            "Tls", [](O& o) { return o.fso.tls().enabled; },
+            [](O& o, bool value) { TlsField(o, &TlsClientSettings::enabled, value); })
+        .Property(
+            "TlsFingerprint", [](O& o) { return o.fso.tls().fingerprint; },
+            [](O& o, S value) { TlsField(o, &TlsClientSettings::fingerprint, value); })
+        .Property(
+            "TlsCaFile", [](O& o) { return o.fso.tls().ca_file; },
+            [](O& o, S value) { TlsField(o, &TlsClientSettings::ca_file, value); })
+        .Property(
+            "TlsKnownHosts", [](O& o) { return o.fso.tls().known_hosts; },
+            [](O& o, S value) { TlsField(o, &TlsClientSettings::known_hosts, value); })
+        .Property(
+            "TlsTrustNew", [](O& o) { return o.fso.tls().trust_new; },
+            [](O& o, bool value) { TlsField(o, &TlsClientSettings::trust_new, value); })
+        .Property(
+            "TlsClientCertificate", [](O& o) { return o.fso.tls().client_certificate; },
+            [](O& o, S value) { TlsField(o, &TlsClientSettings::client_certificate, value); })
+        .Property(
+            "TlsClientKey", [](O& o) { return o.fso.tls().client_key; },
+            [](O& o, S value) { TlsField(o, &TlsClientSettings::client_key, value); })
+        .Property("TlsPresentedFingerprint", [](O& o) { return o.fso.PresentedFingerprint(); })
         .Property("ErrCode", [](O& o) { return o.fso.ErrCode(); })
         .Property("ErrDescription", [](O& o) { return o.fso.ErrDescription(); })
         .Property(
