@@ -1,5 +1,6 @@
 // The late-bound face of RCFSO: creatable as "Pelmora.RCFSO", with its events FSOError,
 // FSODisconnect and CommandOutput (each one String by reference) delivered to connected sinks.
+// The transport settings (Tls...) follow the interface members.
 // GetFolderFiles returns a collection with Count and Item(i); GetFileInfo sets its second
 // argument to a new RCFileInfo on success and leaves it as it was otherwise.
 //
@@ -10,6 +11,7 @@
 #include <string>
 #include <utility>
 
+#include "pelmora/admin/internal/tls_properties.h"
 #include "pelmora/admin/rcfso.h"
 #include "pelmora/automation/class_binder.h"
 #include "pelmora/automation/conversion.h"
@@ -43,13 +45,6 @@ using S = const std::string&;
 
 AutomationBool Flag(int16_t raw) { return AutomationBool::FromRaw(raw); }
 
-// Sets one field of the transport settings by name.
-template <typename T, typename V>
-void TlsField(O& o, T TlsClientSettings::*field, const V& value) {
-  TlsClientSettings settings = o.fso.tls();
-  settings.*field = value;
-  o.fso.set_tls(std::move(settings));
-}
 
 // RunCommand by name: `command` a String (a line for the service's shell) or an array of
 // Strings (a program and its arguments, no shell); `input` bytes or a String (Empty: none). The
@@ -84,8 +79,10 @@ int32_t RunCommandByName(RCFSO& fso, const Variant& command, int32_t lTimeout,
   return exit.outcome == ExecOutcome::kTimedOut ? -2 : exit.ShellStatus();
 }
 
+RCFSO& FsoOf(O& o) { return o.fso; }
+
 const ClassRegistrar kRCFSOClass(
-    ClassBinder<O>("Pelmora.RCFSO")
+    internal::AddTlsProperties(ClassBinder<O>("Pelmora.RCFSO")
         .Method("Connect",
                 [](O& o, S Host, int32_t lPort, S sUserName, S sPassword, bool bEncoded) {
                   return o.fso.Connect(Host, lPort, sUserName, sPassword, bEncoded);
@@ -94,28 +91,6 @@ const ClassRegistrar kRCFSOClass(
         .Property(
             "timeout", [](O& o) { return o.fso.timeout(); },
             [](O& o, int32_t value) { o.fso.set_timeout(value); })
-        .Property(
-            "Tls", [](O& o) { return o.fso.tls().enabled; },
-            [](O& o, bool value) { TlsField(o, &TlsClientSettings::enabled, value); })
-        .Property(
-            "TlsFingerprint", [](O& o) { return o.fso.tls().fingerprint; },
-            [](O& o, S value) { TlsField(o, &TlsClientSettings::fingerprint, value); })
-        .Property(
-            "TlsCaFile", [](O& o) { return o.fso.tls().ca_file; },
-            [](O& o, S value) { TlsField(o, &TlsClientSettings::ca_file, value); })
-        .Property(
-            "TlsKnownHosts", [](O& o) { return o.fso.tls().known_hosts; },
-            [](O& o, S value) { TlsField(o, &TlsClientSettings::known_hosts, value); })
-        .Property(
-            "TlsTrustNew", [](O& o) { return o.fso.tls().trust_new; },
-            [](O& o, bool value) { TlsField(o, &TlsClientSettings::trust_new, value); })
-        .Property(
-            "TlsClientCertificate", [](O& o) { return o.fso.tls().client_certificate; },
-            [](O& o, S value) { TlsField(o, &TlsClientSettings::client_certificate, value); })
-        .Property(
-            "TlsClientKey", [](O& o) { return o.fso.tls().client_key; },
-            [](O& o, S value) { TlsField(o, &TlsClientSettings::client_key, value); })
-        .Property("TlsPresentedFingerprint", [](O& o) { return o.fso.PresentedFingerprint(); })
         .Property("ErrCode", [](O& o) { return o.fso.ErrCode(); })
         .Property("ErrDescription", [](O& o) { return o.fso.ErrDescription(); })
         .Property(
@@ -183,7 +158,8 @@ const ClassRegistrar kRCFSOClass(
         .Method("getUpdatedServerFileToTempFolder",
                 [](O& o, S sRemoteFile, std::string& sLocalFile) {
                   return o.fso.getUpdatedServerFileToTempFolder(sRemoteFile, sLocalFile);
-                })
+                }),
+                               &FsoOf)
         .Events(&O::events));
 
 }  // namespace

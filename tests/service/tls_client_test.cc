@@ -331,6 +331,17 @@ TEST_F(ServiceOverTls, LateBoundCallersSelectTheTransportByName) {
   SetProperty(fso, "TlsFingerprint", Variant("SHA256:other"));
   EXPECT_FALSE(CallByName(fso, "Connect", CallKind::kMethod, login).ToBool());
   EXPECT_EQ(GetProperty(fso, "ErrCode").ToLong(), pelmora::tlsCertificateChanged);
+  // The facade takes the same settings for its own session.
+  pelmora::ObjectRef client = pelmora::automation::CreateObject("Pelmora.AdminClient");
+  SetProperty(client, "ServicePort", Variant(int32_t{relay.port()}));
+  SetProperty(client, "Tls", Variant(true));
+  SetProperty(client, "TlsFingerprint", Variant(valid_fingerprint_));
+  EXPECT_TRUE(CallByName(client, "Connect", CallKind::kMethod, {Variant("127.0.0.1")}).ToBool())
+      << GetProperty(client, "ErrDescription").ToString();
+  EXPECT_EQ(GetProperty(client, "TlsPresentedFingerprint").ToString(), valid_fingerprint_);
+  SetProperty(client, "TlsFingerprint", Variant("SHA256:other"));
+  EXPECT_FALSE(CallByName(client, "Connect", CallKind::kMethod, {Variant("127.0.0.1")}).ToBool());
+  EXPECT_EQ(GetProperty(client, "ErrNumber").ToLong(), pelmora::tlsCertificateChanged);
 }
 
 }  // namespace
