@@ -21,12 +21,17 @@ namespace {
 using ContextPtr = std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)>;
 using SslPtr = std::unique_ptr<SSL, decltype(&SSL_free)>;
 
-int ConnectToLoopback(uint16_t port) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+sockaddr_in LoopbackAddress(uint16_t port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   address.sin_port = htons(port);
+  return address;
+}
+
+int ConnectToLoopback(uint16_t port) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address = LoopbackAddress(port);
   if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
     return fd;
   }
@@ -49,9 +54,7 @@ bool SendAll(int fd, const char* data, size_t size) {
 TlsRelay::TlsRelay(std::string pem, uint16_t target_port)
     : pem_(std::move(pem)), target_port_(target_port) {
   listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in address = LoopbackAddress(0);
   socklen_t size = sizeof(address);
   if (listener_ < 0 || ::bind(listener_, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
       ::listen(listener_, 16) != 0 ||
