@@ -9,6 +9,7 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -264,6 +265,20 @@ TEST_F(ServiceOverTls, PlainAndTlsMismatchesFailClearlyInsteadOfHanging) {
                                    false))
       << plain_client.ErrDescription();
   EXPECT_EQ(plain_client.PresentedFingerprint(), "");
+}
+
+TEST_F(ServiceOverTls, AServerThatGoesAwayIsAnErrorNotASignal) {
+  auto relay = std::make_unique<TlsRelay>(Pem("valid"), static_cast<uint16_t>(service_.port()));
+  RCFSO fso;
+  ASSERT_TRUE(Login(fso, Pinned(valid_fingerprint_), relay->port())) << fso.ErrDescription();
+  relay.reset();
+  // Sends into a closed connection: each must come back as an error (SIGPIPE would end the
+  // test program).
+  WriteFile(Scratch("big.bin"), std::string(size_t{4} << 20, 'x'));
+  EXPECT_FALSE(fso.Upload(Scratch("big.bin"), "C:\\big.bin"));
+  EXPECT_NE(fso.ErrCode(), 0);
+  EXPECT_FALSE(fso.FileExists("C:\\big.bin"));
+  EXPECT_NE(fso.ErrCode(), 0);
 }
 
 class CollectOutput : public pelmora::admin::RCFSOEvents {
