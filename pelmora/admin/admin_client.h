@@ -23,6 +23,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "pelmora/admin/rcfso.h"
 #include "pelmora/common/date.h"
@@ -50,6 +51,11 @@ class AdminClient {
   // The administration service's port; 8002 unless changed (for services on another port).
   int32_t ServicePort() const { return service_port_; }
   void SetServicePort(int32_t value) { service_port_ = value; }
+
+  // The transport of the next Connect, kept by the owned RCFSO (plain unless `enabled`; see
+  // RCFSO::set_tls). Late-bound callers reach the fields by the same names as on RCFSO.
+  const TlsClientSettings& tls() const { return fso_.tls(); }
+  void set_tls(TlsClientSettings value) { fso_.set_tls(std::move(value)); }
 
   // Connects to `Host` and logs in with the built-in service account. False with the RCFSO's
   // error (socket number, or the refusal's code and message) on failure. Blocks for the connect

@@ -1,10 +1,12 @@
 // The late-bound face of AdminClient: creatable as "Pelmora.AdminClient", members in interface
-// order, then ServicePort. RemoteAppRootPath's errors (9000, 76) reach the caller as raised
-// errors; every other member reports through ErrNumber/ErrDescription.
+// order, then ServicePort and the transport settings of its RCFSO. RemoteAppRootPath's errors
+// (9000, 76) reach the caller as raised errors; every other member reports through
+// ErrNumber/ErrDescription.
 #include <cstdint>
 #include <string>
 
 #include "pelmora/admin/admin_client.h"
+#include "pelmora/admin/internal/tls_properties.h"
 #include "pelmora/automation/class_binder.h"
 
 namespace pelmora::admin {
@@ -19,7 +21,9 @@ bool RemoteCommandCallByName(AdminClient& client, S sCommandLine, int32_t lTimeo
   return client.RemoteCommandCall(sCommandLine, lTimeout, sPassword, sStdout, lExitCode);
 }
 
-const ClassRegistrar kAdminClientClass(
+RCFSO& FsoOf(AdminClient& client) { return client.FileSystemClient(); }
+
+const ClassRegistrar kAdminClientClass(internal::AddTlsProperties(
     ClassBinder<AdminClient>("Pelmora.AdminClient")
         .Property("ErrNumber", &AdminClient::ErrNumber)
         .Property("ErrDescription", &AdminClient::ErrDescription)
@@ -28,7 +32,8 @@ const ClassRegistrar kAdminClientClass(
         .Property("RemoteSystemTime", &AdminClient::RemoteSystemTime)
         .Method("RemoteCommandCall", &RemoteCommandCallByName)
         .Property("RemoteAppRootPath", &AdminClient::RemoteAppRootPath)
-        .Property("ServicePort", &AdminClient::ServicePort, &AdminClient::SetServicePort));
+        .Property("ServicePort", &AdminClient::ServicePort, &AdminClient::SetServicePort),
+    &FsoOf));
 
 }  // namespace
 }  // namespace pelmora::admin

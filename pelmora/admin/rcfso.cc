@@ -11,6 +11,8 @@
 #include "pelmora/common/error.h"
 #include "pelmora/common/log.h"
 #include "pelmora/common/system.h"
+#include "pelmora/net/internal/socket_api.h"
+#include "pelmora/net/internal/tls_socket_api.h"
 
 namespace pelmora::admin {
 namespace {
@@ -113,6 +115,7 @@ bool RCFSO::Connect(std::string_view Host, int32_t lPort, std::string_view sUser
   }
   std::string user = bEncoded ? std::string(sUserName) : EncodeCredential(sUserName);
   std::string password = bEncoded ? std::string(sPassword) : EncodeCredential(sPassword);
+  UseTransport();
   try {
     socket_.SetRemoteHost(std::string(Host));
     socket_.SetRemotePort(lPort);
@@ -125,6 +128,8 @@ bool RCFSO::Connect(std::string_view Host, int32_t lPort, std::string_view sUser
   // A request is a size message followed at once by its block: without TCP_NODELAY the block
   // would wait for the acknowledgement of the size message (tens of milliseconds per request).
   (void)socket_.SetSocketOption(sckIPPROTO_TCP, sckTCP_NODELAY, 1);
+  // Over TLS nothing, the credentials least of all, is sent before the server's identity holds.
+  if (tls_api_ && !StartTls(Host, lPort)) return false;
   Trace(HandlePrefix() + "** Connected ", "RFSO", "Connect");
   connected_ = true;
   Bytes login = BuildLoginMessage(Utf8ToAnsi(user), Utf8ToAnsi(password));
@@ -135,6 +140,38 @@ bool RCFSO::Connect(std::string_view Host, int32_t lPort, std::string_view sUser
   bool result = RecvResult();
   Trace(HandlePrefix() + "** login " + (result ? "True" : "False"), "RFSO", "Connect");
   return result;
+}
+
+// A caller that never asks for TLS keeps the socket it was created with, untouched; otherwise
+// each Connect gets a fresh socket over the transport asked for.
+void RCFSO::UseTransport() {
+  presented_fingerprint_.clear();
+  if (!tls_.enabled && !tls_api_) return;
+  std::shared_ptr<net_internal::SocketApi> api = net_internal::SystemSocketApi();
+  tls_api_.reset();
+  if (tls_.enabled) {
+    tls_api_ = std::make_shared<net_internal::TlsSocketApi>(api, tls_);
+    api = tls_api_;
+  }
+  WinSock fresh(api);
+  fresh.SetReceiveTimeout(socket_.ReceiveTimeout());
+  fresh.SetReadAhead(true);
+  socket_ = std::move(fresh);
+}
+
+bool RCFSO::StartTls(std::string_view host, int32_t port) {
+  std::string message;
+  const int32_t refused = tls_api_->Handshake(socket_.SocketHandle(), std::string(host), port,
+                                              socket_.ReceiveTimeout(), message);
+  presented_fingerprint_ = tls_api_->PresentedFingerprint();
+  if (refused == 0) {
+    Trace(HandlePrefix() + "** TLS " + presented_fingerprint_, "RFSO", "Connect");
+    return true;
+  }
+  SetError(refused, message);
+  LogFailure(HandlePrefix() + "** TLS refused: " + message, "RFSO", "Connect");
+  socket_.Disconnect();
+  return false;
 }
 
 void RCFSO::Disconnect() {

@@ -21,6 +21,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -30,7 +31,12 @@
 #include "pelmora/admin/rc_file_info.h"
 #include "pelmora/admin/remote_command.h"
 #include "pelmora/common/date.h"
+#include "pelmora/net/tls_client.h"
 #include "pelmora/net/winsock.h"
+
+namespace pelmora::net_internal {
+class TlsSocketApi;
+}  // namespace pelmora::net_internal
 
 namespace pelmora::admin {
 
@@ -111,6 +117,16 @@ class RCFSO {
   void SetLogPath(std::string value);
   // C++ only: the local folder for files fetched from the server, ending in '/'.
   const std::string& CacheFolder() const { return cache_folder_; }
+  // The transport the next Connect uses: plain unless `enabled` (see pelmora/net/tls_client.h).
+  // A TLS Connect checks the server's identity before the login message is sent; a refusal
+  // leaves the object not connected, with a TlsErrorConstants number and a text that says what
+  // was presented and what to do. Late-bound callers reach each field by name (Tls,
+  // TlsFingerprint, TlsCaFile, TlsKnownHosts, TlsTrustNew, TlsClientCertificate, TlsClientKey).
+  const TlsClientSettings& tls() const { return tls_; }
+  void set_tls(TlsClientSettings value) { tls_ = std::move(value); }
+  // The fingerprint of the certificate the server presented at the last TLS Connect ("" after
+  // a plain one, or when no handshake completed).
+  const std::string& PresentedFingerprint() const { return presented_fingerprint_; }
 
   // --- Events ---
 
@@ -251,6 +267,10 @@ class RCFSO {
                   int32_t entry_type = 4) const;
   void RaiseEvent(void (RCFSOEvents::*event)(std::string&), std::string text);
 
+  // Transport (rcfso.cc).
+  void UseTransport();
+  bool StartTls(std::string_view host, int32_t port);
+
   // Framing (rcfso_framing.cc).
   bool SendPacket(std::span<const uint8_t> Buffer);
   bool SendMessage(int32_t lMsgSize, std::span<const uint8_t> aMsg);
@@ -308,6 +328,9 @@ class RCFSO {
   uint8_t header_template_[3] = {0, 0, 0};
   std::string cache_folder_;
   std::vector<RCFSOEvents*> sinks_;
+  TlsClientSettings tls_;
+  std::shared_ptr<net_internal::TlsSocketApi> tls_api_;
+  std::string presented_fingerprint_;
 };
 
 }  // namespace pelmora::admin

@@ -1,5 +1,6 @@
 // The late-bound face of RCFSO: creatable as "Pelmora.RCFSO", with its events FSOError,
 // FSODisconnect and CommandOutput (each one String by reference) delivered to connected sinks.
+// The transport settings (Tls...) follow the interface members.
 // GetFolderFiles returns a collection with Count and Item(i); GetFileInfo sets its second
 // argument to a new RCFileInfo on success and leaves it as it was otherwise.
 //
@@ -10,6 +11,7 @@
 #include <string>
 #include <utility>
 
+#include "pelmora/admin/internal/tls_properties.h"
 #include "pelmora/admin/rcfso.h"
 #include "pelmora/automation/class_binder.h"
 #include "pelmora/automation/conversion.h"
@@ -42,6 +44,7 @@ using O = RCFSOObject;
 using S = const std::string&;
 
 AutomationBool Flag(int16_t raw) { return AutomationBool::FromRaw(raw); }
+
 
 // RunCommand by name: `command` a String (a line for the service's shell) or an array of
 // Strings (a program and its arguments, no shell); `input` bytes or a String (Empty: none). The
@@ -76,8 +79,10 @@ int32_t RunCommandByName(RCFSO& fso, const Variant& command, int32_t lTimeout,
   return exit.outcome == ExecOutcome::kTimedOut ? -2 : exit.ShellStatus();
 }
 
+RCFSO& FsoOf(O& o) { return o.fso; }
+
 const ClassRegistrar kRCFSOClass(
-    ClassBinder<O>("Pelmora.RCFSO")
+    internal::AddTlsProperties(ClassBinder<O>("Pelmora.RCFSO")
         .Method("Connect",
                 [](O& o, S Host, int32_t lPort, S sUserName, S sPassword, bool bEncoded) {
                   return o.fso.Connect(Host, lPort, sUserName, sPassword, bEncoded);
@@ -153,7 +158,8 @@ const ClassRegistrar kRCFSOClass(
         .Method("getUpdatedServerFileToTempFolder",
                 [](O& o, S sRemoteFile, std::string& sLocalFile) {
                   return o.fso.getUpdatedServerFileToTempFolder(sRemoteFile, sLocalFile);
-                })
+                }),
+                               &FsoOf)
         .Events(&O::events));
 
 }  // namespace

@@ -218,12 +218,13 @@ void WebServer::Launch(const int* fds, int count) {
   for (int i = 0; i < count; ++i) ::close(fds[i]);
 }
 
-void WebServer::MakeCertificates() const {
+void WriteTestCertificates(const std::string& folder) {
   KeyPtr ca_key = NewKey();
   CertPtr ca = MakeCert({"Pelmora Test CA", nullptr, -kDay, 365 * kDay}, ca_key.get(), nullptr,
                         nullptr);
-  WritePem(CaFile(), ca.get(), nullptr);
+  WritePem(folder + "/ca.pem", ca.get(), nullptr);
   const char* local = "DNS:localhost,IP:127.0.0.1";
+  constexpr int kCertCount = WebServer::kCertCount;
   const CertProfile profiles[kCertCount] = {
       {"localhost", local, -kDay, 30 * kDay},
       {"localhost", local, -30 * kDay, -kDay},
@@ -233,12 +234,14 @@ void WebServer::MakeCertificates() const {
   };
   for (int i = 0; i < kCertCount; ++i) {
     KeyPtr key = NewKey();
-    bool self_signed = static_cast<Cert>(i) == Cert::kSelfSigned;
+    bool self_signed = static_cast<WebServer::Cert>(i) == WebServer::Cert::kSelfSigned;
     CertPtr cert = MakeCert(profiles[i], key.get(), self_signed ? nullptr : ca.get(),
                             self_signed ? nullptr : ca_key.get());
-    WritePem(folder_ + "/" + CertFileName(i) + ".pem", cert.get(), key.get());
+    WritePem(folder + "/" + CertFileName(i) + ".pem", cert.get(), key.get());
   }
 }
+
+void WebServer::MakeCertificates() const { WriteTestCertificates(folder_); }
 
 void WebServer::WriteConfig() const {
   std::ofstream out(folder_ + "/nginx.conf");

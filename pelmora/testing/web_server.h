@@ -66,6 +66,12 @@ class WebServer {
 // Returns the descriptor and stores the port; throws std::runtime_error on failure.
 int ListenOnFreeLoopbackPort(uint16_t& port);
 
+// Writes a test authority (ca.pem) and its server certificates into `folder`, each with its key
+// in one PEM file: valid.pem, expired.pem, future.pem, wrong-host.pem (issued to other.example)
+// and self-signed.pem; all but the last are issued to localhost and 127.0.0.1 by the authority.
+// Throws std::runtime_error on failure.
+void WriteTestCertificates(const std::string& folder);
+
 // A fresh scratch folder under the temporary folder, named after `purpose`.
 std::string MakeScratchFolder(std::string_view purpose);
 

@@ -1,0 +1,417 @@
+#include "pelmora/net/internal/tls_socket_api.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/ssl.h>
+#include <openssl/x509v3.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <utility>
+#include <vector>
+
+#include "pelmora/net/internal/known_hosts.h"
+
+namespace pelmora {
+
+std::string CertificateFingerprint(std::span<const uint8_t> der) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int digest_size = 0;
+  EVP_Digest(der.data(), der.size(), digest, &digest_size, EVP_sha256(), nullptr);
+  std::string encoded(4 * ((digest_size + 2) / 3) + 1, '\0');
+  const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(encoded.data()), digest,
+                                     static_cast<int>(digest_size));
+  encoded.resize(static_cast<size_t>(length));
+  while (!encoded.empty() && encoded.back() == '=') encoded.pop_back();
+  return "SHA256:" + encoded;
+}
+
+namespace net_internal {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// The text of the oldest error on OpenSSL's queue of this thread, or `fallback` when it is empty.
+std::string OpenSslReason(std::string_view fallback) {
+  const unsigned long code = ERR_peek_error();
+  if (code == 0) return std::string(fallback);
+  const char* reason = ERR_reason_error_string(code);
+  return reason != nullptr ? reason : std::string(fallback);
+}
+
+bool IsAddress(const std::string& host) {
+  in_addr address{};
+  return ::inet_pton(AF_INET, host.c_str(), &address) == 1;
+}
+
+std::optional<std::string> ReadWholeFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return std::nullopt;
+  std::ostringstream content;
+  content << in.rdbuf();
+  return content.str();
+}
+
+// Appends `line` to `path`, creating it readable by its owner only.
+bool AppendLine(const std::string& path, const std::string& line) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0) return false;
+  size_t written = 0;
+  while (written < line.size()) {
+    const ssize_t done = ::write(fd, line.data() + written, line.size() - written);
+    if (done < 0 && errno == EINTR) continue;
+    if (done <= 0) break;
+    written += static_cast<size_t>(done);
+  }
+  return ::close(fd) == 0 && written == line.size();
+}
+
+// The number and text of a certificate the CA file check refused.
+int32_t VerifyFailure(long result, std::string& message) {
+  message = std::string("The server's certificate was refused: ") +
+            X509_verify_cert_error_string(result);
+  switch (result) {
+    case X509_V_ERR_CERT_HAS_EXPIRED:
+    case X509_V_ERR_CERT_NOT_YET_VALID:
+      return tlsCertificateDateInvalid;
+    case X509_V_ERR_HOSTNAME_MISMATCH:
+    case X509_V_ERR_IP_ADDRESS_MISMATCH:
+      return tlsCertificateNameInvalid;
+    default:
+      return tlsCertificateNotTrusted;
+  }
+}
+
+// The session's bytes go through the socket layer below (send with MSG_NOSIGNAL), never through
+// write(), so a peer that has gone gives an error instead of SIGPIPE.
+struct ChannelBio {
+  SocketApi* below;
+  int fd;
+};
+
+int ChannelWrite(BIO* bio, const char* data, size_t size, size_t* written) {
+  auto* channel = static_cast<ChannelBio*>(BIO_get_data(bio));
+  BIO_clear_retry_flags(bio);
+  const SocketResult sent = channel->below->Send(channel->fd, data, size, 0);
+  if (sent.ok()) {
+    *written = static_cast<size_t>(sent.value);
+    return 1;
+  }
+  if (sent.error == EAGAIN || sent.error == EWOULDBLOCK) BIO_set_retry_write(bio);
+  return 0;
+}
+
+int ChannelRead(BIO* bio, char* data, size_t size, size_t* read) {
+  auto* channel = static_cast<ChannelBio*>(BIO_get_data(bio));
+  BIO_clear_retry_flags(bio);
+  const SocketResult got = channel->below->Recv(channel->fd, data, size, 0);
+  if (got.ok() && got.value > 0) {
+    *read = static_cast<size_t>(got.value);
+    return 1;
+  }
+  if (!got.ok() && (got.error == EAGAIN || got.error == EWOULDBLOCK)) BIO_set_retry_read(bio);
+  return 0;
+}
+
+long ChannelControl(BIO*, int command, long, void*) { return command == BIO_CTRL_FLUSH ? 1 : 0; }
+
+int ChannelDestroy(BIO* bio) {
+  delete static_cast<ChannelBio*>(BIO_get_data(bio));
+  BIO_set_data(bio, nullptr);
+  return 1;
+}
+
+const BIO_METHOD* ChannelMethod() {
+  static const BIO_METHOD* const method = [] {
+    BIO_METHOD* made = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "channel");
+    BIO_meth_set_write_ex(made, ChannelWrite);
+    BIO_meth_set_read_ex(made, ChannelRead);
+    BIO_meth_set_ctrl(made, ChannelControl);
+    BIO_meth_set_destroy(made, ChannelDestroy);
+    return made;
+  }();
+  return method;
+}
+
+BIO* NewChannelBio(SocketApi* below, int fd) {
+  BIO* bio = BIO_new(ChannelMethod());
+  if (bio == nullptr) return nullptr;
+  BIO_set_data(bio, new ChannelBio{below, fd});
+  BIO_set_init(bio, 1);
+  return bio;
+}
+
+}  // namespace
+
+struct TlsSocketApi::Session {
+  ~Session() {
+    SSL_free(ssl);
+    SSL_CTX_free(context);
+  }
+  SSL_CTX* context = nullptr;
+  SSL* ssl = nullptr;
+  int fd = -1;
+  // False once a fatal error has ended the session: no close notification is sent then.
+  bool sound = true;
+};
+
+TlsSocketApi::TlsSocketApi(std::shared_ptr<SocketApi> below, TlsClientSettings settings)
+    : below_(std::move(below)), settings_(std::move(settings)) {}
+
+TlsSocketApi::~TlsSocketApi() = default;
+
+bool TlsSocketApi::Carries(int fd) const { return session_ && session_->fd == fd; }
+
+void TlsSocketApi::DropSession(bool notify) {
+  if (!session_) return;
+  if (notify && session_->sound) {
+    ERR_clear_error();
+    SSL_shutdown(session_->ssl);  // one attempt; the peer's answer is not awaited
+  }
+  session_.reset();
+  ERR_clear_error();
+}
+
+int32_t TlsSocketApi::Handshake(int fd, const std::string& host, int32_t port,
+                                int32_t timeout_ms, std::string& message) {
+  DropSession(false);
+  presented_.clear();
+  const std::string host_port = host + ":" + std::to_string(port);
+  if (settings_.fingerprint.empty() && settings_.ca_file.empty() &&
+      settings_.known_hosts.empty()) {
+    message = "No check of the server's identity was given: set a fingerprint, a CA file or a "
+              "known hosts file";
+    return tlsCertificateNotTrusted;
+  }
+  ERR_clear_error();
+  auto session = std::make_unique<Session>();
+  session->fd = fd;
+  session->context = SSL_CTX_new(TLS_client_method());
+  if (session->context == nullptr) {
+    message = "TLS is not available: " + OpenSslReason("no TLS method");
+    return tlsChannelError;
+  }
+  SSL_CTX* context = session->context;
+  SSL_CTX_set_min_proto_version(context, TLS1_3_VERSION);
+  SSL_CTX_set_max_proto_version(context, TLS1_3_VERSION);
+  SSL_CTX_set_options(context, SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATION);
+  SSL_CTX_set_mode(context, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+  if (!settings_.ca_file.empty()) {
+    if (SSL_CTX_load_verify_locations(context, settings_.ca_file.c_str(), nullptr) != 1) {
+      message = "The CA file " + settings_.ca_file +
+                " cannot be read: " + OpenSslReason("no certificates");
+      return tlsCertificateNotTrusted;
+    }
+    SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
+  }
+  if (!settings_.client_certificate.empty() || !settings_.client_key.empty()) {
+    if (settings_.client_certificate.empty() || settings_.client_key.empty() ||
+        SSL_CTX_use_certificate_chain_file(context, settings_.client_certificate.c_str()) != 1 ||
+        SSL_CTX_use_PrivateKey_file(context, settings_.client_key.c_str(), SSL_FILETYPE_PEM) !=
+            1 ||
+        SSL_CTX_check_private_key(context) != 1) {
+      message = "The client certificate \"" + settings_.client_certificate + "\" and key \"" +
+                settings_.client_key +
+                "\" cannot be used: " + OpenSslReason("both files are needed");
+      return tlsClientCertificateInvalid;
+    }
+  }
+  session->ssl = SSL_new(context);
+  SSL* ssl = session->ssl;
+  BIO* channel = ssl != nullptr ? NewChannelBio(below_.get(), fd) : nullptr;
+  if (channel == nullptr) {
+    message = "TLS is not available: " + OpenSslReason("no session");
+    return tlsChannelError;
+  }
+  SSL_set_bio(ssl, channel, channel);
+  const bool address = IsAddress(host);
+  if (!address) SSL_set_tlsext_host_name(ssl, host.c_str());
+  if (!settings_.ca_file.empty()) {
+    if (address) {
+      X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl), host.c_str());
+    } else {
+      SSL_set1_host(ssl, host.c_str());
+    }
+  }
+  const int flags = ::fcntl(fd, F_GETFL);
+  if (flags < 0 || ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) {
+    message = "TLS is not available: the socket cannot be made non-blocking";
+    return tlsChannelError;
+  }
+  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  for (;;) {
+    ERR_clear_error();
+    const int done = SSL_connect(ssl);
+    if (done == 1) break;
+    const int error = SSL_get_error(ssl, done);
+    if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE) {
+      const long verified = SSL_get_verify_result(ssl);
+      if (!settings_.ca_file.empty() && verified != X509_V_OK) {
+        return VerifyFailure(verified, message);
+      }
+      message = "The TLS handshake with " + host_port + " failed: " +
+                OpenSslReason("the server closed the connection") +
+                " (is it a plain administration port, or a server without TLS 1.3?)";
+      return tlsChannelError;
+    }
+    int wait_ms = -1;
+    if (timeout_ms > 0) {
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+      wait_ms = static_cast<int>(std::max<int64_t>(left.count(), 0));
+    }
+    const SocketResult ready =
+        below_->Poll(fd, error == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, wait_ms);
+    if (ready.error == EINTR) continue;
+    if (!ready.ok() || ready.value == 0) {
+      message = "The server " + host_port + " did not complete the TLS handshake within " +
+                std::to_string(timeout_ms) +
+                " ms (is it a plain administration port, or a server without TLS?)";
+      return tlsChannelError;
+    }
+  }
+  if (X509* certificate = SSL_get0_peer_certificate(ssl)) {
+    unsigned char* der = nullptr;
+    const int size = i2d_X509(certificate, &der);
+    if (size > 0) presented_ = CertificateFingerprint({der, static_cast<size_t>(size)});
+    OPENSSL_free(der);
+  }
+  session_ = std::move(session);
+  const int32_t refused = CheckIdentity(host_port, message);
+  if (refused != 0) DropSession(true);
+  return refused;
+}
+
+int32_t TlsSocketApi::CheckIdentity(const std::string& host_port, std::string& message) {
+  if (presented_.empty()) {
+    message = "The server " + host_port + " presented no certificate";
+    return tlsCertificateNotTrusted;
+  }
+  if (!settings_.fingerprint.empty() && settings_.fingerprint != presented_) {
+    message = "The server " + host_port + " presented the certificate " + presented_ +
+              ", not the pinned " + settings_.fingerprint +
+              ": the connection may be intercepted. If the server's certificate was replaced on "
+              "purpose, check its fingerprint on the server and pin the new one.";
+    return tlsCertificateChanged;
+  }
+  if (!settings_.known_hosts.empty()) return CheckKnownHosts(host_port, message);
+  return 0;
+}
+
+int32_t TlsSocketApi::CheckKnownHosts(const std::string& host_port, std::string& message) {
+  const std::string& file = settings_.known_hosts;
+  const std::optional<KnownHost> known = FindKnownHost(ReadWholeFile(file).value_or(""), host_port);
+  if (known) {
+    if (known->fingerprint == presented_) return 0;
+    const std::string line = std::to_string(known->line);
+    message = "The server " + host_port + " presented the certificate " + presented_ +
+              ", but line " + line + " of " + file + " expects " + known->fingerprint +
+              ": the connection may be intercepted, or the server's key was changed. If it was "
+              "changed on purpose, check the new fingerprint on the server, remove line " +
+              line + " of " + file + " and connect again.";
+    return tlsCertificateChanged;
+  }
+  if (!settings_.trust_new) {
+    message = "The server " + host_port + " is not in " + file + " (it presented " + presented_ +
+              "). Check this fingerprint on the server, then add the line \"" + host_port + " " +
+              presented_ + "\" to the file, or connect allowing trust on first use.";
+    return tlsCertificateNotTrusted;
+  }
+  if (!AppendLine(file, KnownHostLine(host_port, presented_))) {
+    message = "The server " + host_port + " (" + presented_ + ") cannot be recorded in " + file;
+    return tlsCertificateNotTrusted;
+  }
+  return 0;
+}
+
+SocketResult TlsSocketApi::Send(int fd, const void* data, size_t size, int flags) {
+  if (!Carries(fd)) return below_->Send(fd, data, size, flags);
+  ERR_clear_error();
+  size_t written = 0;
+  const int done = SSL_write_ex(session_->ssl, data, size, &written);
+  if (done == 1) return SocketResult{static_cast<int64_t>(written), 0};
+  const int error = SSL_get_error(session_->ssl, done);
+  if (error == SSL_ERROR_WANT_WRITE || error == SSL_ERROR_WANT_READ) {
+    return SocketResult{-1, EAGAIN};
+  }
+  session_->sound = false;
+  return SocketResult{-1, ECONNRESET};
+}
+
+SocketResult TlsSocketApi::Recv(int fd, void* data, size_t size, int flags) {
+  if (!Carries(fd)) return below_->Recv(fd, data, size, flags);
+  ERR_clear_error();
+  size_t got = 0;
+  const int done = SSL_read_ex(session_->ssl, data, size, &got);
+  if (done == 1) return SocketResult{static_cast<int64_t>(got), 0};
+  const int error = SSL_get_error(session_->ssl, done);
+  if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) {
+    return SocketResult{-1, EAGAIN};
+  }
+  if (error == SSL_ERROR_ZERO_RETURN) return SocketResult{0, 0};
+  session_->sound = false;
+  // A close without the close notification ends the stream as a plain close does; the framing
+  // above counts its bytes, so a cut stream is still seen as cut.
+  if (ERR_GET_REASON(ERR_peek_error()) == SSL_R_UNEXPECTED_EOF_WHILE_READING) {
+    return SocketResult{0, 0};
+  }
+  return SocketResult{-1, ECONNRESET};
+}
+
+SocketResult TlsSocketApi::Poll(int fd, short events, int timeout_ms) {
+  if (!Carries(fd) || (events & POLLIN) == 0) return below_->Poll(fd, events, timeout_ms);
+  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  for (;;) {
+    if (SSL_pending(session_->ssl) > 0) return SocketResult{POLLIN, 0};
+    int wait_ms = timeout_ms;
+    if (timeout_ms > 0) {
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+      wait_ms = static_cast<int>(std::max<int64_t>(left.count(), 0));
+    }
+    SocketResult ready = below_->Poll(fd, events, wait_ms);
+    if (!ready.ok() || ready.value == 0 || (ready.value & POLLIN) == 0) return ready;
+    // Readable bytes may be a record without application data: take it and wait again.
+    ERR_clear_error();
+    unsigned char byte = 0;
+    size_t got = 0;
+    const int done = SSL_peek_ex(session_->ssl, &byte, 1, &got);
+    if (done == 1 || SSL_get_error(session_->ssl, done) != SSL_ERROR_WANT_READ) return ready;
+    if (timeout_ms == 0) return SocketResult{0, 0};
+  }
+}
+
+SocketResult TlsSocketApi::Close(int fd) {
+  if (Carries(fd)) DropSession(true);
+  return below_->Close(fd);
+}
+
+SocketResult TlsSocketApi::Socket(int type, int protocol) { return below_->Socket(type, protocol); }
+SocketResult TlsSocketApi::Connect(int fd, const Ipv4Endpoint& to) {
+  return below_->Connect(fd, to);
+}
+SocketResult TlsSocketApi::Bind(int fd, const Ipv4Endpoint& at) { return below_->Bind(fd, at); }
+SocketResult TlsSocketApi::Listen(int fd, int backlog) { return below_->Listen(fd, backlog); }
+SocketResult TlsSocketApi::Accept(int fd, Ipv4Endpoint* peer) { return below_->Accept(fd, peer); }
+SocketResult TlsSocketApi::GetSockOpt(int fd, int level, int name, void* data, socklen_t* size) {
+  return below_->GetSockOpt(fd, level, name, data, size);
+}
+SocketResult TlsSocketApi::SetSockOpt(int fd, int level, int name, const void* data,
+                                      socklen_t size) {
+  return below_->SetSockOpt(fd, level, name, data, size);
+}
+SocketResult TlsSocketApi::LocalEndpoint(int fd, Ipv4Endpoint& at) {
+  return below_->LocalEndpoint(fd, at);
+}
+SocketResult TlsSocketApi::ResolveIPv4(const std::string& name) {
+  return below_->ResolveIPv4(name);
+}
+SocketResult TlsSocketApi::HostName(std::string& name) { return below_->HostName(name); }
+
+}  // namespace net_internal
+}  // namespace pelmora
