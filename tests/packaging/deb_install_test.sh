@@ -75,10 +75,10 @@ check "the configuration as shipped passes the service's check" \
   in_root pelmorad --check-config --config /etc/pelmora/pelmorad.toml
 check "the unit is enabled" test -L "$root/etc/systemd/system/multi-user.target.wants/pelmorad.service"
 check "the linker's cache knows libpelmora" in_root sh -c 'ldconfig -p | grep -q "libpelmora.so.0 "'
-for file in /usr/share/man/man1/pelmora.1 /usr/share/man/man8/pelmorad.8 \
-            /usr/share/bash-completion/completions/pelmora /usr/share/doc/pelmora/protocol.md \
-            /usr/lib/systemd/system/pelmorad.service /usr/sbin/pelmorad-keeper; do
-  check "$file is installed" test -s "$root$file"
+for installed in /usr/share/man/man1/pelmora.1 /usr/share/man/man8/pelmorad.8 \
+                 /usr/share/bash-completion/completions/pelmora /usr/share/doc/pelmora/protocol.md \
+                 /usr/lib/systemd/system/pelmorad.service /usr/sbin/pelmorad-keeper; do
+  check "$installed is installed" test -s "$root$installed"
 done
 check "the programs name their version" in_root sh -c \
   "pelmora --version | grep -q '^pelmora $version ' && pelmorad --version | grep -q '^pelmorad $version '"

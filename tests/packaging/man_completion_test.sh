@@ -15,9 +15,9 @@ pelmora=$root/bin/pelmora
 pelmorad=$root/sbin/pelmorad
 
 for page in man1/pelmora.1 man8/pelmorad.8; do
-  file=$root/share/man/$page
-  [[ -s $file ]] || { fail "$page is not installed"; continue; }
-  warnings=$(LC_ALL=C.UTF-8 MANWIDTH=80 man --warnings -l "$file" 2>&1 >"$scratch/rendered")
+  manual=$root/share/man/$page
+  [[ -s $manual ]] || { fail "$page is not installed"; continue; }
+  warnings=$(LC_ALL=C.UTF-8 MANWIDTH=80 man --warnings -l "$manual" 2>&1 >"$scratch/rendered")
   [[ -z $warnings ]] || fail "$page renders with warnings: $warnings"
   grep -q '^NAME' "$scratch/rendered" || fail "$page rendered no NAME section"
 done
