@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Builds the .deb with cpack, installs it with `apt install ./pelmora_*.deb` into a fresh
-# Debian 12 root, checks what the package set up, and runs the tour there against the installed
-# programs. Needs root and debootstrap (exit 77 without them); the Debian 12 base root is made
+# Builds the .deb with cpack, follows the README's server steps in a fresh Debian 12 root (from
+# `apt install ./build/release/pelmora_*.deb` to a served command), checks what the package set
+# up, and runs the tour there against the installed programs. Needs root and debootstrap (exit 77 without them); the Debian 12 base root is made
 # once, with the package archive's lists, and kept under CACHE_DIR, as are the downloaded
 # dependencies, so later runs need no network.
 #   deb_install_test.sh BUILD_DIR SOURCE_DIR CACHE_DIR SCRATCH_DIR
@@ -50,7 +50,6 @@ finish() {
 trap finish EXIT
 mount -t proc proc "$root/proc" && mounts+=("$root/proc")
 mount --bind "$cache/archives" "$root/var/cache/apt/archives" && mounts+=("$root/var/cache/apt/archives")
-cp "$deb" "$root/tmp/" || exit 1
 in_root() { chroot "$root" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 "$@"; }
 
 failures=0
@@ -60,10 +59,31 @@ check() {  # check NAME COMMAND...
   if "$@" >"$scratch/out" 2>&1; then echo "ok   $name"; else
     echo "FAIL $name (exit $?): $*"; tail -n 20 "$scratch/out"; failures=$((failures + 1)); fi
 }
-# The README's install step, as it stands there.
-check "apt install ./$(basename "$deb")" in_root sh -c \
-  "cd /tmp && DEBIAN_FRONTEND=noninteractive timeout 600 apt-get install -y -q ./pelmora_*.deb"
-[[ $failures -eq 0 ]] || exit 1
+# The README's server steps, as they stand there, from `apt install` on: the password is fed to
+# --hash-password and its hash written where the README says to paste it, and without systemd
+# in the root the service starts by hand on loopback, where the README's first client example
+# (a command, run as the run_as user the package made) must succeed.
+readme=$source_dir/README.md
+steps=$(awk '/^Real use, on the server/ { on = 1 } on && /^```/ { if (inside) exit; inside = 1; next }
+             on && inside { print }' "$readme")
+grep -q '^sudo apt install ' <<<"$steps" || { echo "FAIL the README's server steps do not install the package"; exit 1; }
+client=$(awk '/^Real use, on the server/ { on = 1 } on && /^```/ { n++; next } on && n == 3 { print; exit }' "$readme")
+mkdir -p "$root/tmp/build/release" && cp "$deb" "$root/tmp/build/release/" || exit 1
+{
+  echo 'set -e; cd /tmp; export DEBIAN_FRONTEND=noninteractive'
+  sed -e '/^scripts\/package/d' -e 's/^sudo //' -e 's/^apt install /timeout 600 apt-get install -y -q /' \
+      -e "s/^pelmorad --hash-password.*/hash=\$(echo 'readme password' | pelmorad --hash-password)/" \
+      -e "s/<<'EOF'/<<EOF/" -e 's/"\$y\$\.\.\."/"$hash"/' \
+      -e 's/^systemctl start pelmorad.*/mkfifo port; exec 3<>port/' <<<"$steps"
+  echo 'pelmorad --config /etc/pelmora/pelmorad.toml --listen 127.0.0.1:0 --port-file port 2>audit.log &'
+  echo 'service=$!; trap "kill $service; wait $service || true" EXIT'
+  echo 'read -r -t 20 port <&3'
+  echo "export PELMORA_PASSWORD='readme password'"
+  sed -e 's/--host server/--host 127.0.0.1 --port $port/' <<<"$client"
+} >"$root/tmp/readme-steps.sh"
+check "the README's server steps and first client example" in_root timeout 900 bash /tmp/readme-steps.sh
+[[ $failures -eq 0 ]] || { cat "$root/tmp/readme-steps.sh" "$root/tmp/audit.log"; exit 1; }
+check "the service audited the example's command" grep -qF 'path="uname -a (exit 0)"' "$root/tmp/audit.log"
 
 check "the package's dependencies are all met" in_root apt-get check
 check "the run_as user pelmora exists, a system user without a shell" \
@@ -72,7 +92,7 @@ check "the configuration is root's, mode 640" \
   test "$(stat -c '%a %U' "$root/etc/pelmora/pelmorad.toml")" = "640 root"
 check "the configuration is a conffile" grep -qx /etc/pelmora/pelmorad.toml "$root/var/lib/dpkg/info/pelmora.conffiles"
 check "the configuration as shipped passes the service's check" \
-  in_root pelmorad --check-config --config /etc/pelmora/pelmorad.toml
+  in_root pelmorad --check-config --config /usr/share/doc/pelmora/examples/pelmorad.toml
 check "the unit is enabled" test -L "$root/etc/systemd/system/multi-user.target.wants/pelmorad.service"
 check "the linker's cache knows libpelmora" in_root sh -c 'ldconfig -p | grep -q "libpelmora.so.0 "'
 for installed in /usr/share/man/man1/pelmora.1 /usr/share/man/man8/pelmorad.8 \
