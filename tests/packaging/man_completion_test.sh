@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# The installed man pages render without a warning and name every command and option the
-# programs' own help lists, and the installed completion offers the commands, subcommands and
-# options of the installed pelmora.
+# The installed man pages render without any of troff's warnings and name every command and
+# option the programs' own help lists, and the installed completion offers the commands,
+# subcommands and options of the installed pelmora.
 #   man_completion_test.sh BUILD_DIR SCRATCH_DIR
 set -uo pipefail
 build=$(cd "$1" && pwd)
@@ -17,7 +17,7 @@ pelmorad=$root/sbin/pelmorad
 for page in man1/pelmora.1 man8/pelmorad.8; do
   manual=$root/share/man/$page
   [[ -s $manual ]] || { fail "$page is not installed"; continue; }
-  warnings=$(LC_ALL=C.UTF-8 MANWIDTH=80 man --warnings -l "$manual" 2>&1 >"$scratch/rendered")
+  warnings=$(LC_ALL=C.UTF-8 MANWIDTH=80 man --warnings=w -l "$manual" 2>&1 >"$scratch/rendered")
   [[ -z $warnings ]] || fail "$page renders with warnings: $warnings"
   grep -q '^NAME' "$scratch/rendered" || fail "$page rendered no NAME section"
 done
