@@ -60,9 +60,10 @@ check() {  # check NAME COMMAND...
     echo "FAIL $name (exit $?): $*"; tail -n 20 "$scratch/out"; failures=$((failures + 1)); fi
 }
 # The README's server steps, as they stand there, from `apt install` on: the password is fed to
-# --hash-password and its hash written where the README says to paste it, and without systemd
-# in the root the service starts by hand on loopback, where the README's first client example
-# (a command, run as the run_as user the package made) must succeed.
+# --hash-password and its hash written where the README says to paste it, the listen line is left
+# out (the root shares this machine's ports), and without systemd in the root the service starts
+# by hand on a free loopback port, where the README's first client example (a command, run as the
+# run_as user the package made) must succeed.
 readme=$source_dir/README.md
 steps=$(awk '/^Real use, on the server/ { on = 1 } on && /^```/ { if (inside) exit; inside = 1; next }
              on && inside { print }' "$readme")
@@ -73,7 +74,7 @@ mkdir -p "$root/tmp/build/release" && cp "$deb" "$root/tmp/build/release/" || ex
   echo 'set -e; cd /tmp; export DEBIAN_FRONTEND=noninteractive'
   sed -e '/^scripts\/package/d' -e 's/^sudo //' -e 's/^apt install /timeout 600 apt-get install -y -q /' \
       -e "s/^pelmorad --hash-password.*/hash=\$(echo 'readme password' | pelmorad --hash-password)/" \
-      -e "s/<<'EOF'/<<EOF/" -e 's/"\$y\$\.\.\."/"$hash"/' \
+      -e "s/<<'EOF'/<<EOF/" -e 's/"\$y\$\.\.\."/"$hash"/' -e '/^listen = /d' \
       -e 's/^systemctl start pelmorad.*/mkfifo port; exec 3<>port/' <<<"$steps"
   echo 'pelmorad --config /etc/pelmora/pelmorad.toml --listen 127.0.0.1:0 --port-file port 2>audit.log &'
   echo 'service=$!; trap "kill $service; wait $service || true" EXIT'
