@@ -118,6 +118,13 @@ else
   echo "ok   the tour against the installed programs"
 fi
 
+# A reinstall (as an upgrade runs the same scripts) keeps the administrator's configuration and
+# a unit the administrator disabled (systemctl disable removes the link; no systemd here).
+check "a reinstall keeps a disabled unit disabled and the configuration" in_root sh -c \
+  'rm /etc/systemd/system/multi-user.target.wants/pelmorad.service &&
+   DEBIAN_FRONTEND=noninteractive apt-get install -y -q --reinstall /tmp/build/release/pelmora_*.deb &&
+   ! test -e /etc/systemd/system/multi-user.target.wants/pelmorad.service &&
+   grep -q "^\[accounts.operator\]" /etc/pelmora/pelmorad.toml'
 check "apt remove leaves the user and no program" in_root sh -c \
   'DEBIAN_FRONTEND=noninteractive apt-get remove -y -q pelmora && ! test -e /usr/sbin/pelmorad && getent passwd pelmora'
 echo "$failures failure(s)"
