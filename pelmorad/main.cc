@@ -59,6 +59,10 @@ int main(int argc, char** argv) {
       case pelmorad::Action::kHelp:
         std::cout << pelmorad::UsageText();
         return 0;
+      case pelmorad::Action::kVersion:
+        std::cout << "pelmorad " PELMORA_VERSION " (commit " PELMORA_COMMIT ", " PELMORA_BUILD_TYPE
+                     " build)\n";
+        return 0;
       case pelmorad::Action::kHashPassword:
         return HashFromStandardInput();
       case pelmorad::Action::kCheckConfig:

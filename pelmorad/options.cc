@@ -14,12 +14,14 @@ namespace {
 
 std::string_view UsageText() {
   return "usage: pelmorad [--config FILE] [--listen ADDR:PORT]... [--port-file FILE]\n"
-         "                [--check-config] [--hash-password]\n"
+         "                [--check-config] [--hash-password] [--version] [--help]\n"
          "  --config FILE      configuration (default /etc/pelmora/pelmorad.toml)\n"
          "  --listen ADDR:PORT listen here instead of the configured addresses (port 0: any)\n"
          "  --port-file FILE   write the bound port to FILE once listening\n"
          "  --check-config     check the configuration and its drives, then exit\n"
-         "  --hash-password    read a password from standard input, print its hash\n";
+         "  --hash-password    read a password from standard input, print its hash\n"
+         "  --version          print the version, commit and build type, then exit\n"
+         "  --help             print this text, then exit\n";
 }
 
 Options ParseOptions(std::span<const std::string_view> arguments) {
@@ -43,6 +45,8 @@ Options ParseOptions(std::span<const std::string_view> arguments) {
       options.action = Action::kCheckConfig;
     } else if (argument == "--hash-password") {
       options.action = Action::kHashPassword;
+    } else if (argument == "--version") {
+      options.action = Action::kVersion;
     } else if (argument == "--help" || argument == "-h") {
       options.action = Action::kHelp;
     } else {

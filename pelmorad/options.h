@@ -1,7 +1,7 @@
 // The service's command line:
 //
 //   pelmorad [--config FILE] [--listen ADDR:PORT]... [--port-file FILE] [--check-config]
-//            [--hash-password]
+//            [--hash-password] [--version] [--help]
 #ifndef PELMORAD_OPTIONS_H_
 #define PELMORAD_OPTIONS_H_
 
@@ -14,7 +14,7 @@
 namespace pelmorad {
 
 // What to do.
-enum class Action { kServe, kCheckConfig, kHashPassword, kHelp };
+enum class Action { kServe, kCheckConfig, kHashPassword, kHelp, kVersion };
 
 struct Options {
   Action action = Action::kServe;

@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Follows the README's real-use steps with a scratch prefix standing in for /usr and a service on
-# loopback: the install puts the programs where the unit looks for them and the document its
+# loopback: `cmake --install` (what the package holds; tests/packaging installs the package
+# itself into a fresh root) puts the programs where the unit looks for them and the document its
 # Documentation= names, the installed programs find libpelmora.so by themselves, the server's
-# configuration (with its run_as user created by the README's useradd step) passes the unit's
-# check and serves, and every client example of the README succeeds against it.
+# configuration (with its run_as user, the one the package creates) passes the unit's check and
+# serves, and every client example of the README succeeds against it.
 #   readme_test.sh BUILD_DIR SOURCE_DIR SCRATCH_DIR
 set -uo pipefail
 build=$(cd "$1" && pwd)
@@ -35,9 +36,14 @@ block() {
 server=$(block "Real use, on the server" 1)
 client=$(block "Real use, on the server" 2)
 
-# The install step, with the scratch prefix in place of /usr.
-install_line=$(grep -m1 'cmake --install' <<<"$server")
-[[ $install_line == *"--prefix /usr "* ]] || { echo "FAIL the install step does not use --prefix /usr"; failures=$((failures + 1)); }
+# The install step: the package, or from source `cmake --install` with --prefix /usr; the
+# scratch prefix stands in for /usr.
+grep -Eq '^sudo apt install \./build/release/pelmora_\*\.deb' <<<"$server" ||
+  { echo "FAIL the server's steps do not start by installing the package"; failures=$((failures + 1)); }
+grep -q 'scripts/package' <<<"$server" ||
+  { echo "FAIL the server's steps do not build the package"; failures=$((failures + 1)); }
+grep -q 'cmake --install build/tool --prefix /usr`' "$readme" ||
+  { echo "FAIL the README no longer shows cmake --install --prefix /usr"; failures=$((failures + 1)); }
 root=$scratch/root
 check "cmake --install" cmake --install "$build" --prefix "$root/usr"
 
@@ -56,8 +62,10 @@ check "pelmorad finds the installed libpelmora.so ($found)" \
 # The configuration as the README writes it.
 config_text=$(sed -n "/<<'EOF'/,/^EOF/p" <<<"$server" | sed '1d;$d')
 run_as=$(sed -n 's/^run_as = "\(.*\)"/\1/p' <<<"$config_text")
-check "the README creates the run_as user \"$run_as\"" \
-  grep -Eq "useradd --system .*[ ]$run_as( |\$)" <<<"$server"
+check "the package creates the run_as user \"$run_as\"" \
+  grep -q "getent passwd $run_as " "$source_dir/packaging/debian/postinst"
+check "the README's source install creates the run_as user \"$run_as\"" \
+  grep -Eq "useradd --system .*[ ]$run_as( |\$|\`)" "$readme"
 # This machine may lack that user: root runs the commands as nobody instead; other users run
 # them as themselves whatever run_as says.
 if ! id "$run_as" >/dev/null 2>&1; then
