@@ -362,5 +362,36 @@ TEST_F(CliServiceTest, AnEmptyHostListIsAnError) {
   }
 }
 
+TEST_F(CliServiceTest, TheHostTakesAccountAndPortAndTheEnvironmentFillsIn) {
+  const std::string port = std::to_string(service_.port());
+  ChildProcess::Result destination =
+      ChildProcess({"admin", "-v", "--host", "operator@127.0.0.1:" + port, "time"}, env_)
+          .Finish(kLimit);
+  EXPECT_EQ(destination.status, 0) << destination.err;
+  EXPECT_THAT(destination.err, HasSubstr("logging in as operator"));
+
+  Env environment = env_;
+  environment.insert(environment.end(), {{"PELMORA_HOST", "127.0.0.1"},
+                                         {"PELMORA_PORT", port},
+                                         {"PELMORA_ACCOUNT", "operator"}});
+  ChildProcess::Result defaults = ChildProcess({"admin", "-v", "time"}, environment).Finish(kLimit);
+  EXPECT_EQ(defaults.status, 0) << defaults.err;
+  EXPECT_THAT(defaults.err, HasSubstr("connecting to 127.0.0.1:" + port));
+  EXPECT_THAT(defaults.err, HasSubstr("logging in as operator"));
+
+  // A flag wins over the environment: nothing listens on port 1.
+  ChildProcess::Result flag =
+      ChildProcess({"admin", "--port", "1", "time"}, environment).Finish(kLimit);
+  EXPECT_EQ(flag.status, 3);
+  EXPECT_THAT(flag.err, HasSubstr("127.0.0.1:1"));
+
+  ChildProcess::Result conflict =
+      ChildProcess({"admin", "--host", "operator@127.0.0.1", "--account", "other", "time"}, env_)
+          .Finish(kLimit);
+  EXPECT_EQ(conflict.status, 2);
+  EXPECT_EQ(conflict.err,
+            "pelmora: --host names the account operator and --account other: give one\n");
+}
+
 }  // namespace
 }  // namespace pelmora_cli_test
