@@ -16,6 +16,7 @@
 #include "pelmora/admin/internal/built_in_secrets.h"
 #include "pelmora/admin/wire.h"
 #include "pelmora/testing/admin_peer.h"
+#include "pelmora/testing/web_server.h"
 #include "tests/cli/child_process.h"
 
 namespace pelmora_cli_test {
@@ -428,6 +429,26 @@ TEST(CliScripted, VersionAndHelpOfOneCommand) {
   EXPECT_THAT(help.out, HasSubstr("Usage: pelmora admin ls [OPTIONS] FOLDER"));
   EXPECT_THAT(help.out, HasSubstr("-h,--human-readable"));
   EXPECT_EQ(help.out, ChildProcess({"admin", "ls", "--help"}, BaseEnv()).Finish(kLimit).out);
+}
+
+TEST(CliScripted, HttpShowsSizeAndRateOnATerminalButNotOverTheBody) {
+  pelmora::testing::WebServer web;
+  web.WriteDocument("bar.bin", std::string(300000, 'b'));
+  std::string file = web.DocumentRoot() + "/../bar-out.bin";
+  ChildProcess::Result to_file =
+      ChildProcess({"http", "get", web.HttpUrl("/bar.bin"), "-o", file}, BaseEnv(),
+                   Attach::kTerminal)
+          .Finish(kLimit);
+  EXPECT_EQ(to_file.status, 0) << to_file.out;
+  EXPECT_THAT(to_file.out, HasSubstr("100%"));
+  EXPECT_THAT(to_file.out, HasSubstr("/ 293.0 KiB"));
+  EXPECT_THAT(to_file.out, HasSubstr("/s"));
+  ChildProcess::Result to_terminal =
+      ChildProcess({"http", "get", web.HttpUrl("/small.txt")}, BaseEnv(), Attach::kTerminal)
+          .Finish(kLimit);
+  EXPECT_EQ(to_terminal.status, 0);
+  EXPECT_THAT(to_terminal.out, Not(HasSubstr("%")));
+  EXPECT_THAT(to_terminal.out, HasSubstr("small file"));
 }
 
 }  // namespace
