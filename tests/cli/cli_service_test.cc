@@ -393,5 +393,34 @@ TEST_F(CliServiceTest, TheHostTakesAccountAndPortAndTheEnvironmentFillsIn) {
             "pelmora: --host names the account operator and --account other: give one\n");
 }
 
+TEST_F(CliServiceTest, FetchKeepsItsCacheInTheUsersOwnFolder) {
+  ServerFile("cached.txt", 5);
+  const std::string temporary = Local("tmp");
+  fs::create_directories(temporary);
+  struct Case {
+    Env extra;
+    std::string root;
+  };
+  const Case cases[] = {
+      {{{"XDG_CACHE_HOME", Local("xdg")}, {"TMPDIR", temporary}}, Local("xdg") + "/pelmora"},
+      {{{"XDG_CACHE_HOME", ""}, {"HOME", Local("user")}, {"TMPDIR", temporary}},
+       Local("user") + "/.cache/pelmora"},
+  };
+  for (const Case& c : cases) {
+    Env env = env_;
+    env.insert(env.end(), c.extra.begin(), c.extra.end());
+    std::vector<std::string> args = {"admin", "--host", "127.0.0.1", "--port",
+                                     std::to_string(service_.port()), "fetch", "C:\\cached.txt"};
+    ChildProcess::Result result = ChildProcess(args, env).Finish(kLimit);
+    ASSERT_EQ(result.status, 0) << result.err;
+    ASSERT_THAT(result.out, ::testing::StartsWith(c.root + "/"));
+    std::string path = result.out.substr(0, result.out.size() - 1);
+    std::ifstream cached(path);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(cached), {}), "xxxxx");
+    EXPECT_EQ(fs::status(c.root).permissions(), fs::perms::owner_all);
+  }
+  EXPECT_TRUE(Names(temporary).empty()) << "nothing in the shared temporary folder";
+}
+
 }  // namespace
 }  // namespace pelmora_cli_test

@@ -7,6 +7,7 @@
 #include "tools/pelmora/admin_cli.h"
 #include "tools/pelmora/admin_requests.h"
 #include "tools/pelmora/admin_transfers.h"
+#include "tools/pelmora/log_lines.h"
 
 namespace pelmora_tool {
 namespace {
@@ -202,8 +203,15 @@ void AddAdminLeaves(CLI::App& admin, CommandAction& action, const std::shared_pt
   AddStat(admin, action, cli);
   AddGet(admin, action, cli);
   AddPut(admin, action, cli);
-  AddOne(admin, action, cli, "fetch", "REMOTE",
-         "Bring the server file into the local cache if changed; print its local path", Fetch);
+  CLI::App* fetch = AddOne(
+      admin, action, cli, "fetch", "REMOTE",
+      "Bring the server file into this user's cache ($XDG_CACHE_HOME/pelmora, mode 700) if "
+      "changed; print its local path",
+      Fetch);
+  // The library keeps its cache under the temporary folder, which it reads when a session is
+  // made: point that at this user's private cache, before any session exists.
+  fetch->parse_complete_callback(
+      [] { setenv("TMPDIR", MakeToolCacheRoot().c_str(), /*overwrite=*/1); });
 }
 
 }  // namespace pelmora_tool

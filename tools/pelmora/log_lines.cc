@@ -1,5 +1,8 @@
 #include "tools/pelmora/log_lines.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
@@ -45,10 +48,28 @@ std::string ToolLogRoot() {
   if (const char* root = Environment("PELMORA_LOG_ROOT")) return root;
   std::string library = pelmora::LibraryFolder();
   std::error_code error;
-  if (!library.empty() && fs::is_directory(library + "/../Log", error)) return library + "/../Log";
+  if (!library.empty() && fs::is_directory(library + "/../Log", error) &&
+      access((library + "/../Log").c_str(), W_OK | X_OK) == 0) {
+    return library + "/../Log";
+  }
   if (const char* state = Environment("XDG_STATE_HOME")) return std::string(state) + "/pelmora/log";
   if (const char* home = Environment("HOME")) return std::string(home) + "/.local/state/pelmora/log";
   return pelmora::GetTempFolder() + "pelmora-log";
+}
+
+std::string MakeToolCacheRoot() {
+  std::string root;
+  if (const char* cache = Environment("XDG_CACHE_HOME")) {
+    root = std::string(cache) + "/pelmora";
+  } else if (const char* home = Environment("HOME")) {
+    root = std::string(home) + "/.cache/pelmora";
+  } else {
+    root = pelmora::GetTempFolder() + "pelmora-cache-" + std::to_string(getuid());
+  }
+  std::error_code error;
+  fs::create_directories(root, error);
+  chmod(root.c_str(), 0700);
+  return root;
 }
 
 void MakeLogRoot(const std::string& root) {

@@ -12,9 +12,15 @@
 namespace pelmora_tool {
 
 // The folder of the tool's logs: $PELMORA_LOG_ROOT when set; else the folder beside the library
-// (<library folder>/../Log) when it exists; else $XDG_STATE_HOME/pelmora/log or
+// (<library folder>/../Log) when it exists and this user may write there; else $XDG_STATE_HOME/pelmora/log or
 // ~/.local/state/pelmora/log; else a folder under the temporary folder. Does not create it.
 std::string ToolLogRoot();
+
+// This user's folder for files fetched from servers: $XDG_CACHE_HOME/pelmora, else
+// ~/.cache/pelmora, else a folder under the temporary folder named after the user id. Creates it
+// with mode 700 (and narrows an existing one to 700). Quietly does nothing when it cannot: the
+// fetch into it then fails with the system's error.
+std::string MakeToolCacheRoot();
 
 // Creates `root` when it is missing, so that the library's log writer (which never creates its
 // root) can write there. Quietly does nothing when it cannot.
