@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <condition_variable>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -16,6 +17,7 @@
 #include "pelmora/admin/internal/built_in_secrets.h"
 #include "pelmora/admin/wire.h"
 #include "pelmora/testing/admin_peer.h"
+#include "pelmora/common/system.h"
 #include "pelmora/testing/web_server.h"
 #include "tests/cli/child_process.h"
 
@@ -353,6 +355,20 @@ TEST(CliScripted, BadHostRangeIsAUsageError) {
       ChildProcess({"admin", "--hosts", "web[3-1]", "time"}, BaseEnv()).Finish(kLimit);
   EXPECT_EQ(result.status, 2);
   EXPECT_EQ(result.err, "pelmora: reversed range \"3-1\"\n");
+}
+
+TEST(CliScripted, LogTailFollowsTheDaysFileAsItGrows) {
+  std::string root = ::testing::TempDir() + "pelmora-follow-" + std::to_string(::getpid());
+  std::string day = pelmora::CurrentLocalTime().Format("yyyymmdd");
+  std::filesystem::create_directories(root + "/" + day.substr(0, 6));
+  std::string file = root + "/" + day.substr(0, 6) + "/" + day + ".log";
+  std::ofstream(file, std::ios::binary) << "2009-03-14 08:05:09,I,PC,[A:B],first\r\n";
+  ChildProcess tail({"log", "tail", "-f", "--root", root}, BaseEnv());
+  EXPECT_TRUE(tail.WaitForOutput("first\n", kLimit));
+  std::ofstream(file, std::ios::binary | std::ios::app)
+      << "2009-03-14 08:05:10,I,PC,[A:B],second\r\n";
+  EXPECT_TRUE(tail.WaitForOutput("first\n2009-03-14 08:05:10,I,PC,[A:B],second\n", kLimit));
+  std::filesystem::remove_all(root);
 }
 
 }  // namespace

@@ -6,6 +6,8 @@
 #define TOOLS_PELMORA_LOG_LINES_H_
 
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -35,6 +37,33 @@ inline constexpr std::uintmax_t kMostLogBytes = 64u << 20;
 // order of their files. A missing folder gives no lines. Reads the files; never throws.
 std::vector<std::string> DayLogLines(const std::string& root, const std::string& day,
                                      bool errors_only);
+
+// Follows the day files under a log folder as they grow (`pelmora log tail -f`), on to the next
+// day's files when the day changes. Lines come complete (a line still being written waits for
+// its line end), merged by time stamp within one reading.
+//
+//   LogFollower follower(root, false, [] { return Today(); });
+//   follower.Poll();                         // the day's lines so far
+//   for (;;) for (auto& line : follower.Poll()) puts(line.c_str());   // those written since
+class LogFollower {
+ public:
+  // `today` gives the current day as YYYYMMDD; it is asked on every Poll.
+  LogFollower(std::string root, bool errors_only, std::function<std::string()> today);
+
+  // The complete lines added since the last call (the first call: all the day's lines). When the day has changed, the last lines of
+  // the old day's files come first, then the new day's from their beginning. A file that shrank
+  // is read again from its start. At most kMostLogBytes of one file per call. Never throws.
+  std::vector<std::string> Poll();
+
+ private:
+  std::vector<std::string> ReadNew();
+
+  std::string root_;
+  bool errors_only_;
+  std::function<std::string()> today_;
+  std::string day_;
+  std::map<std::string, std::uintmax_t> read_;  // bytes of each day file already returned
+};
 
 }  // namespace pelmora_tool
 
