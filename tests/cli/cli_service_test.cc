@@ -170,7 +170,7 @@ TEST_F(CliServiceTest, ErrorsNameThePathAndWhatIsWrongWithIt) {
       {{"ls", "C:\\f.txt"}, "8118 Cannot open remote folder (C:\\f.txt: a file)"},
       {{"ls", "data"}, "8118 Cannot open remote folder (data: server paths begin with a drive, as C:\\)"},
       {{"get", "C:\\d", Local("x")}, "8004 Cannot open remote file (C:\\d: a folder: get copies files)"},
-      {{"rm", "C:\\d"}, "5 Access is denied. (C:\\d: a folder: use rmdir)"},
+      {{"rm", "C:\\d"}, "5 Access is denied. (C:\\d: a folder: use rm -r)"},
       {{"cp", "C:\\d", "C:\\e"}, "5 Access is denied. (C:\\d: a folder: use cp -r)"},
       {{"mkdir", "C:\\no\\sub"}, "3 The system cannot find the path specified. (C:\\no\\sub: no folder C:\\no)"},
   };
@@ -420,6 +420,28 @@ TEST_F(CliServiceTest, FetchKeepsItsCacheInTheUsersOwnFolder) {
     EXPECT_EQ(fs::status(c.root).permissions(), fs::perms::owner_all);
   }
   EXPECT_TRUE(Names(temporary).empty()) << "nothing in the shared temporary folder";
+}
+
+TEST_F(CliServiceTest, MkdirParentsAndRecursiveRm) {
+  EXPECT_EQ(Admin({"mkdir", "C:\\a\\b"}).status, 1) << "no parent without -p";
+  for (int round = 0; round < 2; ++round) {
+    ChildProcess::Result made = Admin({"mkdir", "-p", "C:\\a\\b\\c"});
+    EXPECT_EQ(made.status, 0) << "round " << round << ": " << made.err;
+  }
+  ASSERT_TRUE(fs::is_directory(service_.Drive('C') + "/a/b/c"));
+  ServerFile("a/top.txt", 3);
+  ServerFile("a/b/c/deep.txt", 4);
+  fs::create_directories(service_.Drive('C') + "/a/empty");
+
+  ChildProcess::Result plain = Admin({"rm", "C:\\a"});
+  EXPECT_EQ(plain.status, 1);
+  EXPECT_TRUE(fs::exists(service_.Drive('C') + "/a/b/c/deep.txt"));
+  ChildProcess::Result tree = Admin({"rm", "-r", "C:\\a"});
+  EXPECT_EQ(tree.status, 0) << tree.err;
+  EXPECT_FALSE(fs::exists(service_.Drive('C') + "/a"));
+  ServerFile("single.txt", 1);
+  EXPECT_EQ(Admin({"rm", "-r", "C:\\single.txt"}).status, 0) << "a file needs no folder walk";
+  EXPECT_FALSE(fs::exists(service_.Drive('C') + "/single.txt"));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "tools/pelmora/admin_cli.h"
 #include "tools/pelmora/admin_requests.h"
@@ -44,6 +45,24 @@ CLI::App* AddOne(CLI::App& admin, CommandAction& action, const std::shared_ptr<A
       args);
   leaf->add_option(argument, args->first, argument + " on the server")->required();
   return leaf;
+}
+
+// A command with one argument and a flag that chooses `flagged` over `plain`.
+void AddWithFlag(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli,
+                 const std::string& name, const std::string& argument, const std::string& help,
+                 std::pair<std::string, std::string> flag, OneArgument plain,
+                 OneArgument flagged) {
+  auto args = std::make_shared<LeafArgs>();
+  CLI::App* leaf = AddAdminLeaf(
+      admin, action, cli, name, help,
+      [plain, flagged](const LeafArgs& a) {
+        return [run = a.recursive ? flagged : plain, first = a.first](HostSession& s) {
+          return run(s, first);
+        };
+      },
+      args);
+  leaf->add_flag(flag.first, args->recursive, flag.second);
+  leaf->add_option(argument, args->first, argument + " on the server")->required();
 }
 
 // A command with a source and a target.
@@ -195,9 +214,14 @@ void AddAdminLeaves(CLI::App& admin, CommandAction& action, const std::shared_pt
          Exists);
   AddCopy(admin, action, cli);
   AddTwo(admin, action, cli, "mv", "Move (rename) a file on the server", Move);
-  AddOne(admin, action, cli, "rm", "PATH", "Delete a file on the server", RemoveFile);
-  AddOne(admin, action, cli, "rmdir", "FOLDER", "Delete a folder on the server", RemoveFolder);
-  AddOne(admin, action, cli, "mkdir", "FOLDER", "Create a folder on the server", MakeFolder);
+  AddWithFlag(admin, action, cli, "rm", "PATH",
+              "Delete a file, or with -r a folder and everything in it, on the server",
+              {"-r,--recursive", "Delete a folder with everything in it"}, RemoveFile, RemoveTree);
+  AddOne(admin, action, cli, "rmdir", "FOLDER", "Delete an empty folder on the server",
+         RemoveFolder);
+  AddWithFlag(admin, action, cli, "mkdir", "FOLDER", "Create a folder on the server",
+              {"-p,--parents", "Create missing folders above it too; an existing one is fine"},
+              MakeFolder, MakeFolders);
   AddTouch(admin, action, cli);
   AddList(admin, action, cli);
   AddStat(admin, action, cli);
