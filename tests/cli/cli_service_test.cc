@@ -444,5 +444,29 @@ TEST_F(CliServiceTest, MkdirParentsAndRecursiveRm) {
   EXPECT_FALSE(fs::exists(service_.Drive('C') + "/single.txt"));
 }
 
+TEST_F(CliServiceTest, GetToStandardOutputAndPutFromStandardInput) {
+  std::string bytes;
+  for (int i = 0; i < 200000; ++i) bytes += static_cast<char>(i * 7 % 256);
+  std::ofstream(Local("input.bin"), std::ios::binary) << bytes;
+  std::vector<std::string> put = {"admin", "--host", "127.0.0.1", "--port",
+                                  std::to_string(service_.port()), "put", "-", "C:\\in.bin"};
+  ChildProcess::Result stored =
+      ChildProcess(put, env_, Attach::kPipes, "", Local("input.bin")).Finish(kLimit);
+  EXPECT_EQ(stored.status, 0) << stored.err;
+  std::ifstream uploaded(service_.Drive('C') + "/in.bin", std::ios::binary);
+  EXPECT_TRUE(std::string(std::istreambuf_iterator<char>(uploaded), {}) == bytes);
+
+  ChildProcess::Result fetched = Admin({"get", "C:\\in.bin", "-"});
+  EXPECT_EQ(fetched.status, 0) << fetched.err;
+  EXPECT_TRUE(fetched.out == bytes) << fetched.out.size() << " bytes";
+  EXPECT_FALSE(fs::exists("-"));
+
+  put.back() = "C:\\";
+  ChildProcess::Result folder =
+      ChildProcess(put, env_, Attach::kPipes, "", Local("input.bin")).Finish(kLimit);
+  EXPECT_EQ(folder.status, 2);
+  EXPECT_THAT(folder.err, HasSubstr("put - needs a file name on the server"));
+}
+
 }  // namespace
 }  // namespace pelmora_cli_test

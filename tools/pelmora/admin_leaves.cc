@@ -183,7 +183,7 @@ void AddGet(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminC
   leaf->add_flag("-C,--resume", args->resume,
                  "Keep a local file that already has the remote file's size and write time");
   leaf->add_option("REMOTE", args->first, "File on the server")->required();
-  leaf->add_option("LOCAL", args->second, "Local file or folder (default: the remote name here)");
+  leaf->add_option("LOCAL", args->second, "Local file or folder, - for standard output (default: the remote name here)");
 }
 
 void AddPut(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli) {
@@ -192,7 +192,11 @@ void AddPut(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminC
       admin, action, cli, "put", "Upload a file",
       [](const LeafArgs& a) { return [a](HostSession& s) { return Put(s, a.first, a.second); }; },
       args);
-  leaf->add_option("LOCAL", args->first, "Local file")->required()->check(CLI::ExistingFile);
+  leaf->add_option("LOCAL", args->first, "Local file, or - for standard input")
+      ->required()
+      ->check(CLI::IsMember({"-"}) | CLI::ExistingFile);
+  leaf->footer("Examples:\n  pelmora admin --host server put report.pdf 'C:\\reports\\'\n"
+               "  tar czf - site | pelmora admin --host server put - 'C:\\backup\\site.tgz'");
   leaf->add_option("REMOTE", args->second, "File on the server (ending in \\: that folder)")
       ->required();
 }

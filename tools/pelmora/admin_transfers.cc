@@ -134,11 +134,14 @@ class PartFile {
  public:
   // Creates the part file for `target` (mode: the replaced file's, else a new file's); a
   // failure is reported on `session` and its status returned.
-  int CreateFor(HostSession& session, const std::string& target, const std::string& name) {
+  // `to_output`: the file goes to the session's output instead, so it is made in the temporary
+  // folder.
+  int CreateFor(HostSession& session, const std::string& target, const std::string& name,
+                bool to_output = false) {
     target_ = target;
     struct stat existing{};
-    bool exists = stat(target.c_str(), &existing) == 0;
-    in_place_ = exists && !S_ISREG(existing.st_mode) && !S_ISDIR(existing.st_mode);
+    bool exists = !to_output && stat(target.c_str(), &existing) == 0;
+    in_place_ = to_output || (exists && !S_ISREG(existing.st_mode) && !S_ISDIR(existing.st_mode));
     const char* temporary = std::getenv("TMPDIR");
     fs::path folder = fs::path(target).parent_path();
     if (in_place_) folder = temporary != nullptr && *temporary ? temporary : "/tmp";
@@ -162,6 +165,17 @@ class PartFile {
     if (rename(path_.c_str(), target_.c_str()) != 0) return errno;
     path_.clear();
     return 0;
+  }
+
+  // Writes the complete file to `output`: 0, or the errno of reading it.
+  int WriteTo(HostOutput& output) const {
+    std::ifstream file(path_, std::ios::binary);
+    std::string piece(1 << 16, '\0');
+    while (file.read(piece.data(), static_cast<std::streamsize>(piece.size())) ||
+           file.gcount() > 0) {
+      output.Write(std::string_view(piece.data(), static_cast<size_t>(file.gcount())));
+    }
+    return file.bad() ? EIO : 0;
   }
 
  private:
@@ -253,19 +267,23 @@ int Stat(HostSession& session, const std::string& path, bool json) {
 
 int Get(HostSession& session, const std::string& remote, const std::string& local,
         bool resume) {
-  std::string target =
-      DownloadTarget(remote, local, session.Options().fleet ? session.Display() : "");
+  // "-": standard output (in a fleet run, each host's output).
+  const bool to_output = local == "-";
+  std::string target = to_output ? "standard output"
+                                 : DownloadTarget(remote, local,
+                                                  session.Options().fleet ? session.Display() : "");
   fs::path folder = fs::path(target).parent_path();
-  if (session.Options().fleet) {
+  if (session.Options().fleet && !to_output) {
     std::error_code error;
     fs::create_directories(folder, error);
     if (error) return FailLocal(session, "cannot create", folder.string(), error.value());
   }
   RCFileInfo info;
   bool known = session.Fso().GetFileInfo(remote, info) && info.FileSize() >= 0;
-  if (resume && known && SameAsRemote(target, info)) return kExitOk;
+  if (resume && !to_output && known && SameAsRemote(target, info)) return kExitOk;
   PartFile part;
-  if (int status = part.CreateFor(session, target, RemoteName(remote)); status != kExitOk) {
+  if (int status = part.CreateFor(session, target, RemoteName(remote), to_output);
+      status != kExitOk) {
     return status;
   }
   TransferWatch watch(session.Output(), part.Path(),
@@ -278,11 +296,52 @@ int Get(HostSession& session, const std::string& remote, const std::string& loca
     if (cause != 0) return FailLocal(session, "cannot write", target, cause);
     return session.Fail(kExitFailed, {0, remote + " changed while it was downloaded"});
   }
-  int error = part.Deliver();
+  int error = to_output ? part.WriteTo(session.Output()) : part.Deliver();
   return error == 0 ? kExitOk : FailLocal(session, "cannot write", target, error);
 }
 
+namespace {
+
+// put - TARGET: standard input, read whole into a private temporary file first (the size message
+// comes before the content), then uploaded as a new file.
+int PutInput(HostSession& session, const std::string& remote) {
+  if (session.Options().fleet) {
+    HostFailure failure;
+    failure.description = "put - reads standard input once: give one host";
+    failure.local = true;
+    return session.Fail(kExitUsage, failure);
+  }
+  if (remote.empty() || remote.back() == '\\' || remote.back() == '/' ||
+      session.Fso().FolderExists(remote)) {
+    HostFailure failure;
+    failure.description = "put - needs a file name on the server, not the folder " + remote;
+    failure.local = true;
+    return session.Fail(kExitUsage, failure);
+  }
+  const char* temporary = std::getenv("TMPDIR");
+  std::string path = std::string(temporary != nullptr && *temporary ? temporary : "/tmp") +
+                     "/.pelmora-input-XXXXXX";
+  int fd = mkstemp(path.data());
+  if (fd < 0) {
+    return FailLocal(session, "cannot create a file in", fs::path(path).parent_path().string(),
+                     errno);
+  }
+  fchmod(fd, NewFileMode());
+  close(fd);
+  struct Remover {
+    std::string path;
+    ~Remover() { unlink(path.c_str()); }
+  } remover{path};
+  if (int error = CopyInto("/dev/stdin", path); error != 0) {
+    return FailLocal(session, "cannot read standard input into", path, error);
+  }
+  return Put(session, path, remote);
+}
+
+}  // namespace
+
 int Put(HostSession& session, const std::string& local, const std::string& remote) {
+  if (local == "-") return PutInput(session, remote);
   std::string target = remote;
   std::string name = fs::path(local).filename().string();
   if (!target.empty() && (target.back() == '\\' || target.back() == '/')) {
