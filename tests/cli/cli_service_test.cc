@@ -468,5 +468,40 @@ TEST_F(CliServiceTest, GetToStandardOutputAndPutFromStandardInput) {
   EXPECT_THAT(folder.err, HasSubstr("put - needs a file name on the server"));
 }
 
+TEST_F(CliServiceTest, SeveralFilesGoIntoAFolderBothWays) {
+  for (const char* name : {"one.txt", "two.txt"}) std::ofstream(Local(name)) << name;
+  fs::create_directories(service_.Drive('C') + "/data");
+  ChildProcess::Result up = Admin({"put", Local("one.txt"), Local("two.txt"), "C:\\data\\"});
+  EXPECT_EQ(up.status, 0) << up.err;
+  ChildProcess::Result into = Admin({"put", Local("one.txt"), Local("two.txt"), "C:\\data"});
+  EXPECT_EQ(into.status, 0) << "an existing folder without the \\: " << into.err;
+  EXPECT_THAT(Names(service_.Drive('C') + "/data"),
+              ::testing::UnorderedElementsAre("one.txt", "two.txt"));
+
+  fs::create_directories(Local("back"));
+  ChildProcess::Result down =
+      Admin({"get", "C:\\data\\one.txt", "C:\\data\\two.txt", Local("back")});
+  EXPECT_EQ(down.status, 0) << down.err;
+  EXPECT_THAT(Names(Local("back")), ::testing::UnorderedElementsAre("one.txt", "two.txt"));
+
+  struct Refusal {
+    std::vector<std::string> args;
+    std::string message;
+  };
+  const Refusal refusals[] = {
+      {{"put", Local("one.txt"), Local("two.txt"), "C:\\new.txt"},
+       "several files need a folder on the server as target"},
+      {{"put", Local("missing.txt"), "C:\\data\\"}, "no such local file: "},
+      {{"get", "C:\\data\\one.txt", "C:\\data\\two.txt", Local("none")},
+       "several files need an existing local folder as target"},
+  };
+  for (const Refusal& refusal : refusals) {
+    ChildProcess::Result result = Admin(refusal.args);
+    EXPECT_EQ(result.status, 2) << refusal.message;
+    EXPECT_THAT(result.err, HasSubstr(refusal.message));
+  }
+  EXPECT_FALSE(fs::exists(service_.Drive('C') + "/new.txt"));
+}
+
 }  // namespace
 }  // namespace pelmora_cli_test

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "tools/pelmora/admin_cli.h"
 #include "tools/pelmora/admin_requests.h"
@@ -175,30 +176,41 @@ void AddStat(CLI::App& admin, CommandAction& action, const std::shared_ptr<Admin
 void AddGet(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli) {
   auto args = std::make_shared<LeafArgs>();
   CLI::App* leaf = AddAdminLeaf(
-      admin, action, cli, "get", "Download a file (fleet: into LOCAL/<host>/)",
+      admin, action, cli, "get", "Download files (fleet: into LOCAL/<host>/)",
       [](const LeafArgs& a) {
-        return [a](HostSession& s) { return Get(s, a.first, a.second, a.resume); };
+        return [a](HostSession& s) {
+          if (a.words.size() == 1) return Get(s, a.words[0], "", a.resume);
+          std::vector<std::string> sources(a.words.begin(), a.words.end() - 1);
+          return GetAll(s, sources, a.words.back(), a.resume);
+        };
       },
       args);
   leaf->add_flag("-C,--resume", args->resume,
                  "Keep a local file that already has the remote file's size and write time");
-  leaf->add_option("REMOTE", args->first, "File on the server")->required();
-  leaf->add_option("LOCAL", args->second, "Local file or folder, - for standard output (default: the remote name here)");
+  leaf->add_option("REMOTE... [LOCAL]", args->words,
+                   "Files on the server, then a local file or folder (several files: an existing "
+                   "folder), - for standard output (default: the remote name here)")
+      ->required();
 }
 
 void AddPut(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli) {
   auto args = std::make_shared<LeafArgs>();
   CLI::App* leaf = AddAdminLeaf(
-      admin, action, cli, "put", "Upload a file",
-      [](const LeafArgs& a) { return [a](HostSession& s) { return Put(s, a.first, a.second); }; },
+      admin, action, cli, "put", "Upload files",
+      [](const LeafArgs& a) {
+        return [a](HostSession& s) {
+          std::vector<std::string> sources(a.words.begin(), a.words.end() - 1);
+          return PutAll(s, sources, a.words.back());
+        };
+      },
       args);
-  leaf->add_option("LOCAL", args->first, "Local file, or - for standard input")
+  leaf->add_option("LOCAL... REMOTE", args->words,
+                   "Local files (- for standard input), then the file or folder on the server "
+                   "(ending in \\: that folder; several files need a folder)")
       ->required()
-      ->check(CLI::IsMember({"-"}) | CLI::ExistingFile);
-  leaf->footer("Examples:\n  pelmora admin --host server put report.pdf 'C:\\reports\\'\n"
+      ->expected(2, -1);
+  leaf->footer("Examples:\n  pelmora admin --host server put *.txt 'C:\\data\\'\n"
                "  tar czf - site | pelmora admin --host server put - 'C:\\backup\\site.tgz'");
-  leaf->add_option("REMOTE", args->second, "File on the server (ending in \\: that folder)")
-      ->required();
 }
 
 }  // namespace

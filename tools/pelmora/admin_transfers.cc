@@ -302,21 +302,23 @@ int Get(HostSession& session, const std::string& remote, const std::string& loca
 
 namespace {
 
+// A usage problem of this command line, reported for the host with status 2.
+int UsageFailure(HostSession& session, std::string text) {
+  HostFailure failure;
+  failure.description = std::move(text);
+  failure.local = true;
+  return session.Fail(kExitUsage, failure);
+}
+
 // put - TARGET: standard input, read whole into a private temporary file first (the size message
 // comes before the content), then uploaded as a new file.
 int PutInput(HostSession& session, const std::string& remote) {
   if (session.Options().fleet) {
-    HostFailure failure;
-    failure.description = "put - reads standard input once: give one host";
-    failure.local = true;
-    return session.Fail(kExitUsage, failure);
+    return UsageFailure(session, "put - reads standard input once: give one host");
   }
   if (remote.empty() || remote.back() == '\\' || remote.back() == '/' ||
       session.Fso().FolderExists(remote)) {
-    HostFailure failure;
-    failure.description = "put - needs a file name on the server, not the folder " + remote;
-    failure.local = true;
-    return session.Fail(kExitUsage, failure);
+    return UsageFailure(session, "put - needs a file name on the server, not the folder " + remote);
   }
   const char* temporary = std::getenv("TMPDIR");
   std::string path = std::string(temporary != nullptr && *temporary ? temporary : "/tmp") +
@@ -354,6 +356,52 @@ int Put(HostSession& session, const std::string& local, const std::string& remot
   bool done = session.Fso().Upload(local, target);
   watch.Stop(done ? std::optional<uint64_t>(size) : std::nullopt);
   return done ? kExitOk : session.FailOnPath(kExitFailed, target, "", /*reading=*/false);
+}
+
+namespace {
+
+// Runs `one` for each source; the first failure's status, else 0.
+template <typename One>
+int EachSource(const std::vector<std::string>& sources, One one) {
+  int status = kExitOk;
+  for (const std::string& source : sources) {
+    int result = one(source);
+    if (status == kExitOk) status = result;
+  }
+  return status;
+}
+
+}  // namespace
+
+int PutAll(HostSession& session, const std::vector<std::string>& sources,
+           const std::string& target) {
+  bool folder = !target.empty() && (target.back() == '\\' || target.back() == '/');
+  if (sources.size() > 1 && !folder && !session.Fso().FolderExists(target)) {
+    return UsageFailure(session, "several files need a folder on the server as target, not " +
+                                     target + " (end it with \\)");
+  }
+  for (const std::string& source : sources) {
+    std::error_code error;
+    if (source != "-" && !fs::is_regular_file(source, error)) {
+      return UsageFailure(session, "no such local file: " + source);
+    }
+  }
+  return EachSource(sources, [&](const std::string& source) {
+    return Put(session, source, folder || sources.size() == 1 ? target : target + "\\");
+  });
+}
+
+int GetAll(HostSession& session, const std::vector<std::string>& sources,
+           const std::string& target, bool resume) {
+  std::error_code error;
+  if (sources.size() > 1 && target != "-" && !session.Options().fleet &&
+      !fs::is_directory(target, error)) {
+    return UsageFailure(session, "several files need an existing local folder as target, not " +
+                                     target);
+  }
+  return EachSource(sources, [&](const std::string& source) {
+    return Get(session, source, target, resume);
+  });
 }
 
 int Fetch(HostSession& session, const std::string& remote) {

@@ -8,6 +8,7 @@
 #define TOOLS_PELMORA_ADMIN_TRANSFERS_H_
 
 #include <string>
+#include <vector>
 
 #include "tools/pelmora/admin_session.h"
 
@@ -42,6 +43,13 @@ int Get(HostSession& session, const std::string& remote, const std::string& loca
 // Uploads `local` to `remote`; a remote name ending in "\" or "/", or naming an existing folder,
 // receives the local file under its own name.
 int Put(HostSession& session, const std::string& local, const std::string& remote);
+
+// Several files at once, as cp and scp take them: every source into the folder `target` (a
+// remote one for PutAll, which must end in "\" or exist; a local one for GetAll, which must
+// exist). Each file is tried; the status is the first failure's, else 0.
+int PutAll(HostSession& session, const std::vector<std::string>& sources, const std::string& target);
+int GetAll(HostSession& session, const std::vector<std::string>& sources, const std::string& target,
+           bool resume);
 
 // Makes sure the local server-file cache holds the current `remote` and prints its local path.
 int Fetch(HostSession& session, const std::string& remote);
