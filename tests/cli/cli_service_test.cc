@@ -503,5 +503,34 @@ TEST_F(CliServiceTest, SeveralFilesGoIntoAFolderBothWays) {
   EXPECT_FALSE(fs::exists(service_.Drive('C') + "/new.txt"));
 }
 
+TEST_F(CliServiceTest, RecursiveTransfersCopyWholeFoldersBothWays) {
+  fs::create_directories(Local("site/css/deep"));
+  fs::create_directories(Local("site/empty"));
+  std::ofstream(Local("site/index.html")) << "index";
+  std::ofstream(Local("site/css/deep/a.css")) << "css";
+  ChildProcess::Result plain = Admin({"put", Local("site"), "C:\\"});
+  EXPECT_EQ(plain.status, 2);
+  EXPECT_THAT(plain.err, HasSubstr("a folder: use put -r"));
+
+  ChildProcess::Result up = Admin({"put", "-r", Local("site"), "C:\\"});
+  EXPECT_EQ(up.status, 0) << up.err;
+  const std::string drive = service_.Drive('C');
+  EXPECT_TRUE(fs::is_directory(drive + "/site/empty"));
+  std::ifstream deep(drive + "/site/css/deep/a.css");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(deep), {}), "css");
+  ChildProcess::Result renamed = Admin({"put", "-r", Local("site"), "C:\\copy"});
+  EXPECT_EQ(renamed.status, 0) << renamed.err;
+  EXPECT_TRUE(fs::exists(drive + "/copy/index.html")) << "a new target is the folder itself";
+
+  ChildProcess::Result down = Admin({"get", "-r", "C:\\site", Local("back")});
+  EXPECT_EQ(down.status, 0) << down.err;
+  std::ifstream back(Local("back/css/deep/a.css"));
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(back), {}), "css");
+  EXPECT_TRUE(fs::is_directory(Local("back/empty")));
+  ChildProcess::Result again = Admin({"get", "-r", "C:\\site", Local("back")});
+  EXPECT_EQ(again.status, 0) << again.err;
+  EXPECT_TRUE(fs::exists(Local("back/site/index.html"))) << "an existing folder receives it";
+}
+
 }  // namespace
 }  // namespace pelmora_cli_test

@@ -179,14 +179,15 @@ void AddGet(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminC
       admin, action, cli, "get", "Download files (fleet: into LOCAL/<host>/)",
       [](const LeafArgs& a) {
         return [a](HostSession& s) {
-          if (a.words.size() == 1) return Get(s, a.words[0], "", a.resume);
+          if (a.words.size() == 1) return GetAll(s, a.words, "", a.resume, a.recursive);
           std::vector<std::string> sources(a.words.begin(), a.words.end() - 1);
-          return GetAll(s, sources, a.words.back(), a.resume);
+          return GetAll(s, sources, a.words.back(), a.resume, a.recursive);
         };
       },
       args);
   leaf->add_flag("-C,--resume", args->resume,
                  "Keep a local file that already has the remote file's size and write time");
+  leaf->add_flag("-r,--recursive", args->recursive, "Download folders with everything in them");
   leaf->add_option("REMOTE... [LOCAL]", args->words,
                    "Files on the server, then a local file or folder (several files: an existing "
                    "folder), - for standard output (default: the remote name here)")
@@ -200,10 +201,11 @@ void AddPut(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminC
       [](const LeafArgs& a) {
         return [a](HostSession& s) {
           std::vector<std::string> sources(a.words.begin(), a.words.end() - 1);
-          return PutAll(s, sources, a.words.back());
+          return PutAll(s, sources, a.words.back(), a.recursive);
         };
       },
       args);
+  leaf->add_flag("-r,--recursive", args->recursive, "Upload folders with everything in them");
   leaf->add_option("LOCAL... REMOTE", args->words,
                    "Local files (- for standard input), then the file or folder on the server "
                    "(ending in \\: that folder; several files need a folder)")

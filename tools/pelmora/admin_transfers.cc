@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -16,6 +17,7 @@
 #include <fstream>
 
 #include "pelmora/admin/rc_file_info.h"
+#include "tools/pelmora/admin_requests.h"
 #include "tools/pelmora/transfer_watch.h"
 
 namespace pelmora_tool {
@@ -373,8 +375,56 @@ int EachSource(const std::vector<std::string>& sources, One one) {
 
 }  // namespace
 
+// put -r of the local folder `local` as the server folder `remote`.
+int PutTree(HostSession& session, const std::string& local, const std::string& remote) {
+  if (int status = MakeFolders(session, remote); status != kExitOk) return status;
+  int status = kExitOk;
+  std::error_code error;
+  for (fs::recursive_directory_iterator it(local, error), end; !error && it != end;
+       it.increment(error)) {
+    if (it.depth() >= kMostFolderDepth) {
+      it.disable_recursion_pending();
+      continue;
+    }
+    std::string relative = fs::relative(it->path(), local).string();
+    std::replace(relative.begin(), relative.end(), '/', '\\');
+    std::string target = remote + "\\" + relative;
+    int result = it->is_directory() ? MakeFolders(session, target)
+                 : it->is_regular_file() ? Put(session, it->path().string(), target)
+                                         : kExitOk;
+    if (status == kExitOk) status = result;
+  }
+  if (error) return FailLocal(session, "cannot read the folder", local, error.value());
+  return status;
+}
+
+// get -r of the server folder `remote` as the local folder `local`.
+int GetTree(HostSession& session, const std::string& remote, const std::string& local, bool resume,
+            int depth) {
+  std::error_code error;
+  fs::create_directories(local, error);
+  if (error) return FailLocal(session, "cannot create", local, error.value());
+  pelmora::admin::RCFileInfoCollection entries = session.Fso().GetFolderFiles(remote);
+  if (session.Fso().ErrCode() != 0) return session.FailOnPath(kExitFailed, remote);
+  int status = kExitOk;
+  for (const auto& entry : entries) {
+    const std::string& name = entry->FileName();
+    if (name == "." || name == "..") continue;
+    std::string from = remote + (remote.back() == '\\' ? "" : "\\") + name;
+    std::string to = (fs::path(local) / name).string();
+    int result = kExitOk;
+    if ((entry->FileAttribues() & 0x10) == 0) {
+      result = Get(session, from, to, resume);
+    } else if (depth < kMostFolderDepth) {
+      result = GetTree(session, from, to, resume, depth + 1);
+    }
+    if (status == kExitOk) status = result;
+  }
+  return status;
+}
+
 int PutAll(HostSession& session, const std::vector<std::string>& sources,
-           const std::string& target) {
+           const std::string& target, bool recursive) {
   bool folder = !target.empty() && (target.back() == '\\' || target.back() == '/');
   if (sources.size() > 1 && !folder && !session.Fso().FolderExists(target)) {
     return UsageFailure(session, "several files need a folder on the server as target, not " +
@@ -382,17 +432,28 @@ int PutAll(HostSession& session, const std::vector<std::string>& sources,
   }
   for (const std::string& source : sources) {
     std::error_code error;
+    if (recursive && fs::is_directory(source, error)) continue;
     if (source != "-" && !fs::is_regular_file(source, error)) {
-      return UsageFailure(session, "no such local file: " + source);
+      return UsageFailure(session, fs::is_directory(source, error)
+                                       ? source + ": a folder: use put -r"
+                                       : "no such local file: " + source);
     }
   }
+  bool into = folder || session.Fso().FolderExists(target);
   return EachSource(sources, [&](const std::string& source) {
+    std::error_code error;
+    if (recursive && fs::is_directory(source, error)) {
+      std::string name = fs::path(source).lexically_normal().filename().string();
+      if (name.empty()) name = fs::path(source).lexically_normal().parent_path().filename().string();
+      std::string base = folder ? target.substr(0, target.size() - 1) : target;
+      return PutTree(session, source, into ? base + "\\" + name : target);
+    }
     return Put(session, source, folder || sources.size() == 1 ? target : target + "\\");
   });
 }
 
 int GetAll(HostSession& session, const std::vector<std::string>& sources,
-           const std::string& target, bool resume) {
+           const std::string& target, bool resume, bool recursive) {
   std::error_code error;
   if (sources.size() > 1 && target != "-" && !session.Options().fleet &&
       !fs::is_directory(target, error)) {
@@ -400,6 +461,13 @@ int GetAll(HostSession& session, const std::vector<std::string>& sources,
                                      target);
   }
   return EachSource(sources, [&](const std::string& source) {
+    if (recursive && session.Fso().FolderExists(source)) {
+      std::string local = target.empty() ? "." : target;
+      if (session.Options().fleet) local = (fs::path(local) / session.Display()).string();
+      std::error_code error;
+      if (fs::is_directory(local, error)) local = (fs::path(local) / RemoteName(source)).string();
+      return GetTree(session, source, local, resume, 1);
+    }
     return Get(session, source, target, resume);
   });
 }
