@@ -432,6 +432,9 @@ TEST_F(CliServiceTest, MkdirParentsAndRecursiveRm) {
   ServerFile("a/top.txt", 3);
   ServerFile("a/b/c/deep.txt", 4);
   fs::create_directories(service_.Drive('C') + "/a/empty");
+  fs::create_directories(service_.Drive('C') + "/kept");
+  ServerFile("kept/precious.txt", 2);
+  fs::create_directory_symlink("../kept", service_.Drive('C') + "/a/link");
 
   ChildProcess::Result plain = Admin({"rm", "C:\\a"});
   EXPECT_EQ(plain.status, 1);
@@ -439,6 +442,7 @@ TEST_F(CliServiceTest, MkdirParentsAndRecursiveRm) {
   ChildProcess::Result tree = Admin({"rm", "-r", "C:\\a"});
   EXPECT_EQ(tree.status, 0) << tree.err;
   EXPECT_FALSE(fs::exists(service_.Drive('C') + "/a"));
+  EXPECT_TRUE(fs::exists(service_.Drive('C') + "/kept/precious.txt")) << "links are not followed";
   ServerFile("single.txt", 1);
   EXPECT_EQ(Admin({"rm", "-r", "C:\\single.txt"}).status, 0) << "a file needs no folder walk";
   EXPECT_FALSE(fs::exists(service_.Drive('C') + "/single.txt"));

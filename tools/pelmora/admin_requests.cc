@@ -157,8 +157,9 @@ int RemoveFolderTree(HostSession& session, const std::string& folder, int depth)
     const std::string& name = entry->FileName();
     if (name == "." || name == "..") continue;
     std::string path = Child(folder, name);
-    int status = (entry->FileAttribues() & 0x10) != 0
-                     ? RemoveFolderTree(session, path, depth + 1)
+    // A link (reparse point) is deleted itself, never what it points to.
+    bool folder = (entry->FileAttribues() & 0x10) != 0 && (entry->FileAttribues() & 0x400) == 0;
+    int status = folder ? RemoveFolderTree(session, path, depth + 1)
                      : CheckedOnPath(session, session.Fso().DeleteRemoteFile(path), path);
     if (status != kExitOk) return status;
   }
