@@ -188,7 +188,7 @@ void AddGet(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminC
   leaf->add_flag("-C,--resume", args->resume,
                  "Keep a local file that already has the remote file's size and write time");
   leaf->add_flag("-r,--recursive", args->recursive, "Download folders with everything in them");
-  leaf->add_option("REMOTE... [LOCAL]", args->words,
+  leaf->add_option("PATHS", args->words,
                    "Files on the server, then a local file or folder (several files: an existing "
                    "folder), - for standard output (default: the remote name here)")
       ->required();
@@ -206,7 +206,7 @@ void AddPut(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminC
       },
       args);
   leaf->add_flag("-r,--recursive", args->recursive, "Upload folders with everything in them");
-  leaf->add_option("LOCAL... REMOTE", args->words,
+  leaf->add_option("PATHS", args->words,
                    "Local files (- for standard input), then the file or folder on the server "
                    "(ending in \\: that folder; several files need a folder)")
       ->required()
