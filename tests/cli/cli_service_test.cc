@@ -436,6 +436,8 @@ TEST_F(CliServiceTest, MkdirParentsAndRecursiveRm) {
   ServerFile("kept/precious.txt", 2);
   fs::create_directory_symlink("../kept", service_.Drive('C') + "/a/link");
 
+  ChildProcess::Result listing = Admin({"ls", "-l", "C:\\a"});
+  EXPECT_THAT(listing.out, ::testing::ContainsRegex("l---- [^\n]* link\n")) << "ls -l shows links";
   ChildProcess::Result plain = Admin({"rm", "C:\\a"});
   EXPECT_EQ(plain.status, 1);
   EXPECT_TRUE(fs::exists(service_.Drive('C') + "/a/b/c/deep.txt"));

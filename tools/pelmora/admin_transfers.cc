@@ -201,6 +201,7 @@ std::string AttributeLetters(int32_t attributes) {
       {0x10, 'd'}, {0x01, 'r'}, {0x02, 'h'}, {0x04, 's'}, {0x20, 'a'}};
   std::string letters;
   for (auto [bit, letter] : kLetters) letters += (attributes & bit) ? letter : '-';
+  if ((attributes & 0x400) != 0) letters[0] = 'l';  // a link (reparse point), as ls shows it
   return letters;
 }
 

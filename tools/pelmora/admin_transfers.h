@@ -58,7 +58,8 @@ int GetAll(HostSession& session, const std::vector<std::string>& sources, const 
 // Makes sure the local server-file cache holds the current `remote` and prints its local path.
 int Fetch(HostSession& session, const std::string& remote);
 
-// The "drhsa" letters of attribute bits (directory, read-only, hidden, system, archive).
+// The "drhsa" letters of attribute bits (directory, read-only, hidden, system, archive); a link
+// (reparse point, to a file or a folder) shows "l" in the first place.
 std::string AttributeLetters(int32_t attributes);
 
 // The local path a download lands at (see Get); `host` is "" outside fleet runs.
