@@ -171,6 +171,8 @@ void WinINet::Apply(net_internal::TransferRequest& request) const {
   bool web = secure || protocol_ == icHTTP;
   request.ignore_cert_date = secure && ignore_cert_date_;
   request.ignore_cert_name = secure && ignore_cert_name_;
+  request.ca_file = secure ? ca_file_ : "";
+  request.no_cert_check = secure && no_cert_check_;
   request.cookies = !(web && no_cookies_);
   request.idle_timeout_ms = receive_timeout_;
 }

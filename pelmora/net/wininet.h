@@ -28,6 +28,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "pelmora/common/variant.h"
@@ -138,6 +139,14 @@ class WinINet {
   // HTTPS: accept a certificate whose host name does not match (nothing else).
   bool IgnoreCertCommonName() const { return ignore_cert_name_; }
   void SetIgnoreCertCommonName(bool value) { ignore_cert_name_ = value; }
+  // HTTPS, C++ only (no late-bound property): trust the certificates of this PEM file instead
+  // of the system's store; "" (the default) for the system's.
+  const std::string& CaFile() const { return ca_file_; }
+  void SetCaFile(std::string path) { ca_file_ = std::move(path); }
+  // HTTPS, C++ only: accept any certificate, unchecked (authority, dates and host name); the
+  // connection stays encrypted but the server is not authenticated. Default false.
+  bool NoCertCheck() const { return no_cert_check_; }
+  void SetNoCertCheck(bool value) { no_cert_check_ = value; }
   // HTTP, HTTPS: neither send nor store cookies.
   bool NoCookies() const { return no_cookies_; }
   void SetNoCookies(bool value) { no_cookies_ = value; }
@@ -235,6 +244,8 @@ class WinINet {
   std::string proxy_;
   bool ignore_cert_date_ = false;
   bool ignore_cert_name_ = false;
+  std::string ca_file_;
+  bool no_cert_check_ = false;
   bool no_cookies_ = false;
   bool no_cookies_dialog_ = true;
 };

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <condition_variable>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -16,6 +17,8 @@
 #include "pelmora/admin/internal/built_in_secrets.h"
 #include "pelmora/admin/wire.h"
 #include "pelmora/testing/admin_peer.h"
+#include "pelmora/common/system.h"
+#include "pelmora/testing/web_server.h"
 #include "tests/cli/child_process.h"
 
 namespace pelmora_cli_test {
@@ -354,6 +357,20 @@ TEST(CliScripted, BadHostRangeIsAUsageError) {
   EXPECT_EQ(result.err, "pelmora: reversed range \"3-1\"\n");
 }
 
+TEST(CliScripted, LogTailFollowsTheDaysFileAsItGrows) {
+  std::string root = ::testing::TempDir() + "pelmora-follow-" + std::to_string(::getpid());
+  std::string day = pelmora::CurrentLocalTime().Format("yyyymmdd");
+  std::filesystem::create_directories(root + "/" + day.substr(0, 6));
+  std::string file = root + "/" + day.substr(0, 6) + "/" + day + ".log";
+  std::ofstream(file, std::ios::binary) << "2009-03-14 08:05:09,I,PC,[A:B],first\r\n";
+  ChildProcess tail({"log", "tail", "-f", "--root", root}, BaseEnv());
+  EXPECT_TRUE(tail.WaitForOutput("first\n", kLimit));
+  std::ofstream(file, std::ios::binary | std::ios::app)
+      << "2009-03-14 08:05:10,I,PC,[A:B],second\r\n";
+  EXPECT_TRUE(tail.WaitForOutput("first\n2009-03-14 08:05:10,I,PC,[A:B],second\n", kLimit));
+  std::filesystem::remove_all(root);
+}
+
 }  // namespace
 }  // namespace pelmora_cli_test
 
@@ -428,6 +445,26 @@ TEST(CliScripted, VersionAndHelpOfOneCommand) {
   EXPECT_THAT(help.out, HasSubstr("Usage: pelmora admin ls [OPTIONS] FOLDER"));
   EXPECT_THAT(help.out, HasSubstr("-h,--human-readable"));
   EXPECT_EQ(help.out, ChildProcess({"admin", "ls", "--help"}, BaseEnv()).Finish(kLimit).out);
+}
+
+TEST(CliScripted, HttpShowsSizeAndRateOnATerminalButNotOverTheBody) {
+  pelmora::testing::WebServer web;
+  web.WriteDocument("bar.bin", std::string(300000, 'b'));
+  std::string file = web.DocumentRoot() + "/../bar-out.bin";
+  ChildProcess::Result to_file =
+      ChildProcess({"http", "get", web.HttpUrl("/bar.bin"), "-o", file}, BaseEnv(),
+                   Attach::kTerminal)
+          .Finish(kLimit);
+  EXPECT_EQ(to_file.status, 0) << to_file.out;
+  EXPECT_THAT(to_file.out, HasSubstr("100%"));
+  EXPECT_THAT(to_file.out, HasSubstr("/ 293.0 KiB"));
+  EXPECT_THAT(to_file.out, HasSubstr("/s"));
+  ChildProcess::Result to_terminal =
+      ChildProcess({"http", "get", web.HttpUrl("/small.txt")}, BaseEnv(), Attach::kTerminal)
+          .Finish(kLimit);
+  EXPECT_EQ(to_terminal.status, 0);
+  EXPECT_THAT(to_terminal.out, Not(HasSubstr("%")));
+  EXPECT_THAT(to_terminal.out, HasSubstr("small file"));
 }
 
 }  // namespace

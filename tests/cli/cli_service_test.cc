@@ -170,7 +170,7 @@ TEST_F(CliServiceTest, ErrorsNameThePathAndWhatIsWrongWithIt) {
       {{"ls", "C:\\f.txt"}, "8118 Cannot open remote folder (C:\\f.txt: a file)"},
       {{"ls", "data"}, "8118 Cannot open remote folder (data: server paths begin with a drive, as C:\\)"},
       {{"get", "C:\\d", Local("x")}, "8004 Cannot open remote file (C:\\d: a folder: get copies files)"},
-      {{"rm", "C:\\d"}, "5 Access is denied. (C:\\d: a folder: use rmdir)"},
+      {{"rm", "C:\\d"}, "5 Access is denied. (C:\\d: a folder: use rm -r)"},
       {{"cp", "C:\\d", "C:\\e"}, "5 Access is denied. (C:\\d: a folder: use cp -r)"},
       {{"mkdir", "C:\\no\\sub"}, "3 The system cannot find the path specified. (C:\\no\\sub: no folder C:\\no)"},
   };
@@ -360,6 +360,182 @@ TEST_F(CliServiceTest, AnEmptyHostListIsAnError) {
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.err, "pelmora: --hosts names no host\n");
   }
+}
+
+TEST_F(CliServiceTest, TheHostTakesAccountAndPortAndTheEnvironmentFillsIn) {
+  const std::string port = std::to_string(service_.port());
+  ChildProcess::Result destination =
+      ChildProcess({"admin", "-v", "--host", "operator@127.0.0.1:" + port, "time"}, env_)
+          .Finish(kLimit);
+  EXPECT_EQ(destination.status, 0) << destination.err;
+  EXPECT_THAT(destination.err, HasSubstr("logging in as operator"));
+
+  Env environment = env_;
+  environment.insert(environment.end(), {{"PELMORA_HOST", "127.0.0.1"},
+                                         {"PELMORA_PORT", port},
+                                         {"PELMORA_ACCOUNT", "operator"}});
+  ChildProcess::Result defaults = ChildProcess({"admin", "-v", "time"}, environment).Finish(kLimit);
+  EXPECT_EQ(defaults.status, 0) << defaults.err;
+  EXPECT_THAT(defaults.err, HasSubstr("connecting to 127.0.0.1:" + port));
+  EXPECT_THAT(defaults.err, HasSubstr("logging in as operator"));
+
+  // A flag wins over the environment: nothing listens on port 1.
+  ChildProcess::Result flag =
+      ChildProcess({"admin", "--port", "1", "time"}, environment).Finish(kLimit);
+  EXPECT_EQ(flag.status, 3);
+  EXPECT_THAT(flag.err, HasSubstr("127.0.0.1:1"));
+
+  ChildProcess::Result conflict =
+      ChildProcess({"admin", "--host", "operator@127.0.0.1", "--account", "other", "time"}, env_)
+          .Finish(kLimit);
+  EXPECT_EQ(conflict.status, 2);
+  EXPECT_EQ(conflict.err,
+            "pelmora: --host names the account operator and --account other: give one\n");
+}
+
+TEST_F(CliServiceTest, FetchKeepsItsCacheInTheUsersOwnFolder) {
+  ServerFile("cached.txt", 5);
+  const std::string temporary = Local("tmp");
+  fs::create_directories(temporary);
+  struct Case {
+    Env extra;
+    std::string root;
+  };
+  const Case cases[] = {
+      {{{"XDG_CACHE_HOME", Local("xdg")}, {"TMPDIR", temporary}}, Local("xdg") + "/pelmora"},
+      {{{"XDG_CACHE_HOME", ""}, {"HOME", Local("user")}, {"TMPDIR", temporary}},
+       Local("user") + "/.cache/pelmora"},
+  };
+  for (const Case& c : cases) {
+    Env env = env_;
+    env.insert(env.end(), c.extra.begin(), c.extra.end());
+    std::vector<std::string> args = {"admin", "--host", "127.0.0.1", "--port",
+                                     std::to_string(service_.port()), "fetch", "C:\\cached.txt"};
+    ChildProcess::Result result = ChildProcess(args, env).Finish(kLimit);
+    ASSERT_EQ(result.status, 0) << result.err;
+    ASSERT_THAT(result.out, ::testing::StartsWith(c.root + "/"));
+    std::string path = result.out.substr(0, result.out.size() - 1);
+    std::ifstream cached(path);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(cached), {}), "xxxxx");
+    EXPECT_EQ(fs::status(c.root).permissions(), fs::perms::owner_all);
+  }
+  EXPECT_TRUE(Names(temporary).empty()) << "nothing in the shared temporary folder";
+}
+
+TEST_F(CliServiceTest, MkdirParentsAndRecursiveRm) {
+  EXPECT_EQ(Admin({"mkdir", "C:\\a\\b"}).status, 1) << "no parent without -p";
+  for (int round = 0; round < 2; ++round) {
+    ChildProcess::Result made = Admin({"mkdir", "-p", "C:\\a\\b\\c"});
+    EXPECT_EQ(made.status, 0) << "round " << round << ": " << made.err;
+  }
+  ASSERT_TRUE(fs::is_directory(service_.Drive('C') + "/a/b/c"));
+  ServerFile("a/top.txt", 3);
+  ServerFile("a/b/c/deep.txt", 4);
+  fs::create_directories(service_.Drive('C') + "/a/empty");
+  fs::create_directories(service_.Drive('C') + "/kept");
+  ServerFile("kept/precious.txt", 2);
+  fs::create_directory_symlink("../kept", service_.Drive('C') + "/a/link");
+
+  ChildProcess::Result listing = Admin({"ls", "-l", "C:\\a"});
+  EXPECT_THAT(listing.out, ::testing::ContainsRegex("l---- [^\n]* link\n")) << "ls -l shows links";
+  ChildProcess::Result plain = Admin({"rm", "C:\\a"});
+  EXPECT_EQ(plain.status, 1);
+  EXPECT_TRUE(fs::exists(service_.Drive('C') + "/a/b/c/deep.txt"));
+  ChildProcess::Result tree = Admin({"rm", "-r", "C:\\a"});
+  EXPECT_EQ(tree.status, 0) << tree.err;
+  EXPECT_FALSE(fs::exists(service_.Drive('C') + "/a"));
+  EXPECT_TRUE(fs::exists(service_.Drive('C') + "/kept/precious.txt")) << "links are not followed";
+  ServerFile("single.txt", 1);
+  EXPECT_EQ(Admin({"rm", "-r", "C:\\single.txt"}).status, 0) << "a file needs no folder walk";
+  EXPECT_FALSE(fs::exists(service_.Drive('C') + "/single.txt"));
+}
+
+TEST_F(CliServiceTest, GetToStandardOutputAndPutFromStandardInput) {
+  std::string bytes;
+  for (int i = 0; i < 200000; ++i) bytes += static_cast<char>(i * 7 % 256);
+  std::ofstream(Local("input.bin"), std::ios::binary) << bytes;
+  std::vector<std::string> put = {"admin", "--host", "127.0.0.1", "--port",
+                                  std::to_string(service_.port()), "put", "-", "C:\\in.bin"};
+  ChildProcess::Result stored =
+      ChildProcess(put, env_, Attach::kPipes, "", Local("input.bin")).Finish(kLimit);
+  EXPECT_EQ(stored.status, 0) << stored.err;
+  std::ifstream uploaded(service_.Drive('C') + "/in.bin", std::ios::binary);
+  EXPECT_TRUE(std::string(std::istreambuf_iterator<char>(uploaded), {}) == bytes);
+
+  ChildProcess::Result fetched = Admin({"get", "C:\\in.bin", "-"});
+  EXPECT_EQ(fetched.status, 0) << fetched.err;
+  EXPECT_TRUE(fetched.out == bytes) << fetched.out.size() << " bytes";
+  EXPECT_FALSE(fs::exists("-"));
+
+  put.back() = "C:\\";
+  ChildProcess::Result folder =
+      ChildProcess(put, env_, Attach::kPipes, "", Local("input.bin")).Finish(kLimit);
+  EXPECT_EQ(folder.status, 2);
+  EXPECT_THAT(folder.err, HasSubstr("put - needs a file name on the server"));
+}
+
+TEST_F(CliServiceTest, SeveralFilesGoIntoAFolderBothWays) {
+  for (const char* name : {"one.txt", "two.txt"}) std::ofstream(Local(name)) << name;
+  fs::create_directories(service_.Drive('C') + "/data");
+  ChildProcess::Result up = Admin({"put", Local("one.txt"), Local("two.txt"), "C:\\data\\"});
+  EXPECT_EQ(up.status, 0) << up.err;
+  ChildProcess::Result into = Admin({"put", Local("one.txt"), Local("two.txt"), "C:\\data"});
+  EXPECT_EQ(into.status, 0) << "an existing folder without the \\: " << into.err;
+  EXPECT_THAT(Names(service_.Drive('C') + "/data"),
+              ::testing::UnorderedElementsAre("one.txt", "two.txt"));
+
+  fs::create_directories(Local("back"));
+  ChildProcess::Result down =
+      Admin({"get", "C:\\data\\one.txt", "C:\\data\\two.txt", Local("back")});
+  EXPECT_EQ(down.status, 0) << down.err;
+  EXPECT_THAT(Names(Local("back")), ::testing::UnorderedElementsAre("one.txt", "two.txt"));
+
+  struct Refusal {
+    std::vector<std::string> args;
+    std::string message;
+  };
+  const Refusal refusals[] = {
+      {{"put", Local("one.txt"), Local("two.txt"), "C:\\new.txt"},
+       "several files need a folder on the server as target"},
+      {{"put", Local("missing.txt"), "C:\\data\\"}, "no such local file: "},
+      {{"get", "C:\\data\\one.txt", "C:\\data\\two.txt", Local("none")},
+       "several files need an existing local folder as target"},
+  };
+  for (const Refusal& refusal : refusals) {
+    ChildProcess::Result result = Admin(refusal.args);
+    EXPECT_EQ(result.status, 2) << refusal.message;
+    EXPECT_THAT(result.err, HasSubstr(refusal.message));
+  }
+  EXPECT_FALSE(fs::exists(service_.Drive('C') + "/new.txt"));
+}
+
+TEST_F(CliServiceTest, RecursiveTransfersCopyWholeFoldersBothWays) {
+  fs::create_directories(Local("site/css/deep"));
+  fs::create_directories(Local("site/empty"));
+  std::ofstream(Local("site/index.html")) << "index";
+  std::ofstream(Local("site/css/deep/a.css")) << "css";
+  ChildProcess::Result plain = Admin({"put", Local("site"), "C:\\"});
+  EXPECT_EQ(plain.status, 2);
+  EXPECT_THAT(plain.err, HasSubstr("a folder: use put -r"));
+
+  ChildProcess::Result up = Admin({"put", "-r", Local("site"), "C:\\"});
+  EXPECT_EQ(up.status, 0) << up.err;
+  const std::string drive = service_.Drive('C');
+  EXPECT_TRUE(fs::is_directory(drive + "/site/empty"));
+  std::ifstream deep(drive + "/site/css/deep/a.css");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(deep), {}), "css");
+  ChildProcess::Result renamed = Admin({"put", "-r", Local("site"), "C:\\copy"});
+  EXPECT_EQ(renamed.status, 0) << renamed.err;
+  EXPECT_TRUE(fs::exists(drive + "/copy/index.html")) << "a new target is the folder itself";
+
+  ChildProcess::Result down = Admin({"get", "-r", "C:\\site", Local("back")});
+  EXPECT_EQ(down.status, 0) << down.err;
+  std::ifstream back(Local("back/css/deep/a.css"));
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(back), {}), "css");
+  EXPECT_TRUE(fs::is_directory(Local("back/empty")));
+  ChildProcess::Result again = Admin({"get", "-r", "C:\\site", Local("back")});
+  EXPECT_EQ(again.status, 0) << again.err;
+  EXPECT_TRUE(fs::exists(Local("back/site/index.html"))) << "an existing folder receives it";
 }
 
 }  // namespace

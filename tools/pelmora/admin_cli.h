@@ -24,6 +24,10 @@ struct AdminCli {
   std::string hosts_file;
   FleetOptions fleet;
   std::string password_trap;
+  // Which of --host, --account and --port appeared (the rest come from the environment).
+  bool host_given = false;
+  bool account_given = false;
+  bool port_given = false;
 
   bool IsFleet() const { return hosts_given || !hosts_file.empty(); }
 };

@@ -22,6 +22,7 @@
 #include "tools/pelmora/admin_cli.h"
 #include "tools/pelmora/crypto_io.h"
 #include "tools/pelmora/fleet.h"
+#include "tools/pelmora/host_defaults.h"
 #include "tools/pelmora/progress.h"
 
 namespace pelmora_tool {
@@ -34,6 +35,9 @@ constexpr const char* kAdminExamples = R"(Examples:
   pelmora admin --host server cp -r 'C:\data' 'C:\backup\data'
   pelmora admin --hosts 'web[01-40]' --account operator exec uptime
   pelmora admin --hosts-file fleet.txt --gather --failed-file failed.txt version 'C:\qel\bin\qel.exe'
+--host takes ACCOUNT@NAME:PORT as ssh does. What no flag gives comes from PELMORA_HOST (which
+may carry ACCOUNT@ and :PORT too), PELMORA_ACCOUNT and PELMORA_PORT, else localhost, the built-in
+account and port 8002. PELMORA_ACCOUNT and PELMORA_PORT apply to fleet runs as well.
 Passwords are never taken from the command line: --password-file, PELMORA_PASSWORD or the prompt.
 Exit status: 0 success, 1 request failed or "no", 2 usage or credentials, 3 connection or login
 failed. exec on one host: the command's own status (0-255, 128 + N for signal N), 255 when
@@ -110,11 +114,16 @@ int RunFleetCommand(const AdminCli& cli, std::vector<HostTarget> hosts,
 
 void AddGlobalOptions(CLI::App& admin, AdminCli& cli) {
   AdminOptions& o = cli.options;
-  admin.add_option("--host", o.host, "Host of the administration service")->capture_default_str();
-  admin.add_option("--port", o.port, "Port of the service")->capture_default_str()
-      ->check(CLI::Range(1, 65535));
+  admin.add_option("--host", o.host,
+                   "Host of the administration service, [ACCOUNT@]NAME[:PORT] (else PELMORA_HOST)")
+      ->capture_default_str()->each([&cli](const std::string&) { cli.host_given = true; });
+  admin.add_option("--port", o.port, "Port of the service (else PELMORA_PORT)")
+      ->capture_default_str()->check(CLI::Range(1, 65535))
+      ->each([&cli](const std::string&) { cli.port_given = true; });
   admin.add_option("--account", o.account,
-                   "Account to log in with (default: the library's built-in account)");
+                   "Account to log in with (else PELMORA_ACCOUNT, else the library's built-in "
+                   "account)")
+      ->each([&cli](const std::string&) { cli.account_given = true; });
   admin.add_option("--password-file", o.password_file,
                    "File holding the account's password (else PELMORA_PASSWORD, else a prompt)");
   admin.add_option("--access-code-file", o.access_code_file,
@@ -162,11 +171,28 @@ void AddFleetOptions(CLI::App& admin, AdminCli& cli) {
   admin.get_option("--host")->excludes(admin.get_option("--hosts-file"));
 }
 
+// `given` with the host, account and port the flags and the environment choose.
+AdminCli WithConnectDefaults(const AdminCli& given) {
+  AdminCli cli = given;
+  HostFlags flags;
+  if (given.host_given) flags.host = given.options.host;
+  if (given.account_given) flags.account = given.options.account;
+  if (given.port_given) flags.port = given.options.port;
+  // A fleet names its hosts itself; only the account and the default port come from elsewhere.
+  if (cli.IsFleet()) flags.host = "localhost";
+  ConnectDefaults chosen = ChooseConnectDefaults(flags, std::getenv, AdminOptions{}.port);
+  cli.options.host = chosen.host;
+  cli.options.account = chosen.account;
+  cli.options.port = chosen.port;
+  return cli;
+}
+
 }  // namespace
 
-int RunAdmin(const AdminCli& cli, HostRequest request, bool needs_access_code) {
-  Console console(Console::StatusWanted(cli.options.quiet));
+int RunAdmin(const AdminCli& given, HostRequest request, bool needs_access_code) {
+  Console console(Console::StatusWanted(given.options.quiet));
   try {
+    const AdminCli cli = WithConnectDefaults(given);
     std::vector<HostTarget> hosts;
     if (cli.IsFleet()) hosts = FleetHosts(cli);
     auto run = std::make_shared<SharedRun>();
@@ -182,7 +208,7 @@ int RunAdmin(const AdminCli& cli, HostRequest request, bool needs_access_code) {
     return needs_access_code ? output.ExecStatus() : status;
   } catch (const CommandError& e) {
     console.Err(std::string("pelmora: ") + e.what() + "\n");
-    return needs_access_code && !cli.IsFleet() ? kExitExecFailure : kExitUsage;
+    return needs_access_code && !given.IsFleet() ? kExitExecFailure : kExitUsage;
   }
 }
 

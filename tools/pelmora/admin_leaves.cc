@@ -3,10 +3,13 @@
 
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "tools/pelmora/admin_cli.h"
 #include "tools/pelmora/admin_requests.h"
 #include "tools/pelmora/admin_transfers.h"
+#include "tools/pelmora/log_lines.h"
 
 namespace pelmora_tool {
 namespace {
@@ -43,6 +46,24 @@ CLI::App* AddOne(CLI::App& admin, CommandAction& action, const std::shared_ptr<A
       args);
   leaf->add_option(argument, args->first, argument + " on the server")->required();
   return leaf;
+}
+
+// A command with one argument and a flag that chooses `flagged` over `plain`.
+void AddWithFlag(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli,
+                 const std::string& name, const std::string& argument, const std::string& help,
+                 std::pair<std::string, std::string> flag, OneArgument plain,
+                 OneArgument flagged) {
+  auto args = std::make_shared<LeafArgs>();
+  CLI::App* leaf = AddAdminLeaf(
+      admin, action, cli, name, help,
+      [plain, flagged](const LeafArgs& a) {
+        return [run = a.recursive ? flagged : plain, first = a.first](HostSession& s) {
+          return run(s, first);
+        };
+      },
+      args);
+  leaf->add_flag(flag.first, args->recursive, flag.second);
+  leaf->add_option(argument, args->first, argument + " on the server")->required();
 }
 
 // A command with a source and a target.
@@ -155,26 +176,43 @@ void AddStat(CLI::App& admin, CommandAction& action, const std::shared_ptr<Admin
 void AddGet(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli) {
   auto args = std::make_shared<LeafArgs>();
   CLI::App* leaf = AddAdminLeaf(
-      admin, action, cli, "get", "Download a file (fleet: into LOCAL/<host>/)",
+      admin, action, cli, "get", "Download files (fleet: into LOCAL/<host>/)",
       [](const LeafArgs& a) {
-        return [a](HostSession& s) { return Get(s, a.first, a.second, a.resume); };
+        return [a](HostSession& s) {
+          if (a.words.size() == 1) return GetAll(s, a.words, "", a.resume, a.recursive);
+          std::vector<std::string> sources(a.words.begin(), a.words.end() - 1);
+          return GetAll(s, sources, a.words.back(), a.resume, a.recursive);
+        };
       },
       args);
   leaf->add_flag("-C,--resume", args->resume,
                  "Keep a local file that already has the remote file's size and write time");
-  leaf->add_option("REMOTE", args->first, "File on the server")->required();
-  leaf->add_option("LOCAL", args->second, "Local file or folder (default: the remote name here)");
+  leaf->add_flag("-r,--recursive", args->recursive, "Download folders with everything in them");
+  leaf->add_option("PATHS", args->words,
+                   "Files on the server, then a local file or folder (several files: an existing "
+                   "folder), - for standard output (default: the remote name here)")
+      ->required();
 }
 
 void AddPut(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli) {
   auto args = std::make_shared<LeafArgs>();
   CLI::App* leaf = AddAdminLeaf(
-      admin, action, cli, "put", "Upload a file",
-      [](const LeafArgs& a) { return [a](HostSession& s) { return Put(s, a.first, a.second); }; },
+      admin, action, cli, "put", "Upload files",
+      [](const LeafArgs& a) {
+        return [a](HostSession& s) {
+          std::vector<std::string> sources(a.words.begin(), a.words.end() - 1);
+          return PutAll(s, sources, a.words.back(), a.recursive);
+        };
+      },
       args);
-  leaf->add_option("LOCAL", args->first, "Local file")->required()->check(CLI::ExistingFile);
-  leaf->add_option("REMOTE", args->second, "File on the server (ending in \\: that folder)")
-      ->required();
+  leaf->add_flag("-r,--recursive", args->recursive, "Upload folders with everything in them");
+  leaf->add_option("PATHS", args->words,
+                   "Local files (- for standard input), then the file or folder on the server "
+                   "(ending in \\: that folder; several files need a folder)")
+      ->required()
+      ->expected(2, -1);
+  leaf->footer("Examples:\n  pelmora admin --host server put *.txt 'C:\\data\\'\n"
+               "  tar czf - site | pelmora admin --host server put - 'C:\\backup\\site.tgz'");
 }
 
 }  // namespace
@@ -194,16 +232,28 @@ void AddAdminLeaves(CLI::App& admin, CommandAction& action, const std::shared_pt
          Exists);
   AddCopy(admin, action, cli);
   AddTwo(admin, action, cli, "mv", "Move (rename) a file on the server", Move);
-  AddOne(admin, action, cli, "rm", "PATH", "Delete a file on the server", RemoveFile);
-  AddOne(admin, action, cli, "rmdir", "FOLDER", "Delete a folder on the server", RemoveFolder);
-  AddOne(admin, action, cli, "mkdir", "FOLDER", "Create a folder on the server", MakeFolder);
+  AddWithFlag(admin, action, cli, "rm", "PATH",
+              "Delete a file, or with -r a folder and everything in it, on the server",
+              {"-r,--recursive", "Delete a folder with everything in it"}, RemoveFile, RemoveTree);
+  AddOne(admin, action, cli, "rmdir", "FOLDER", "Delete an empty folder on the server",
+         RemoveFolder);
+  AddWithFlag(admin, action, cli, "mkdir", "FOLDER", "Create a folder on the server",
+              {"-p,--parents", "Create missing folders above it too; an existing one is fine"},
+              MakeFolder, MakeFolders);
   AddTouch(admin, action, cli);
   AddList(admin, action, cli);
   AddStat(admin, action, cli);
   AddGet(admin, action, cli);
   AddPut(admin, action, cli);
-  AddOne(admin, action, cli, "fetch", "REMOTE",
-         "Bring the server file into the local cache if changed; print its local path", Fetch);
+  CLI::App* fetch = AddOne(
+      admin, action, cli, "fetch", "REMOTE",
+      "Bring the server file into this user's cache ($XDG_CACHE_HOME/pelmora, mode 700) if "
+      "changed; print its local path",
+      Fetch);
+  // The library keeps its cache under the temporary folder, which it reads when a session is
+  // made: point that at this user's private cache, before any session exists.
+  fetch->parse_complete_callback(
+      [] { setenv("TMPDIR", MakeToolCacheRoot().c_str(), /*overwrite=*/1); });
 }
 
 }  // namespace pelmora_tool

@@ -125,7 +125,7 @@ int Move(HostSession& session, const std::string& source, const std::string& tar
 }
 
 int RemoveFile(HostSession& session, const std::string& path) {
-  return CheckedOnPath(session, session.Fso().DeleteRemoteFile(path), path, "use rmdir");
+  return CheckedOnPath(session, session.Fso().DeleteRemoteFile(path), path, "use rm -r");
 }
 
 int RemoveFolder(HostSession& session, const std::string& path) {
@@ -134,6 +134,55 @@ int RemoveFolder(HostSession& session, const std::string& path) {
 
 int MakeFolder(HostSession& session, const std::string& path) {
   return CheckedOnPath(session, session.Fso().CreateRemoteFolder(path), path, "", false);
+}
+
+namespace {
+
+bool IsSeparator(char c) { return c == '\\' || c == '/'; }
+
+std::string Child(const std::string& folder, const std::string& name) {
+  return !folder.empty() && IsSeparator(folder.back()) ? folder + name : folder + "\\" + name;
+}
+
+int RemoveFolderTree(HostSession& session, const std::string& folder, int depth) {
+  if (depth > kMostFolderDepth) {
+    HostFailure failure;
+    failure.description =
+        folder + ": folders deeper than " + std::to_string(kMostFolderDepth) + " levels";
+    return session.Fail(kExitFailed, failure);
+  }
+  pelmora::admin::RCFileInfoCollection entries = session.Fso().GetFolderFiles(folder);
+  if (session.Fso().ErrCode() != 0) return session.FailOnPath(kExitFailed, folder);
+  for (const auto& entry : entries) {
+    const std::string& name = entry->FileName();
+    if (name == "." || name == "..") continue;
+    std::string path = Child(folder, name);
+    // A link (reparse point) is deleted itself, never what it points to.
+    bool folder = (entry->FileAttribues() & 0x10) != 0 && (entry->FileAttribues() & 0x400) == 0;
+    int status = folder ? RemoveFolderTree(session, path, depth + 1)
+                     : CheckedOnPath(session, session.Fso().DeleteRemoteFile(path), path);
+    if (status != kExitOk) return status;
+  }
+  return RemoveFolder(session, folder);
+}
+
+}  // namespace
+
+int RemoveTree(HostSession& session, const std::string& path) {
+  if (session.Fso().FolderExists(path)) return RemoveFolderTree(session, path, 1);
+  return RemoveFile(session, path);
+}
+
+int MakeFolders(HostSession& session, const std::string& path) {
+  // Each folder from the first below the drive's root ("C:\") down to `path` itself.
+  for (size_t end = path.find_first_of("\\/", 3);; end = path.find_first_of("\\/", end + 1)) {
+    std::string folder = path.substr(0, end);
+    if (!folder.empty() && !IsSeparator(folder.back()) && !session.Fso().FolderExists(folder) &&
+        MakeFolder(session, folder) != kExitOk) {
+      return kExitFailed;
+    }
+    if (end == std::string::npos) return kExitOk;
+  }
 }
 
 int Touch(HostSession& session, const std::string& path, bool unicode) {

@@ -68,6 +68,15 @@ int Move(HostSession& session, const std::string& source, const std::string& tar
 int RemoveFile(HostSession& session, const std::string& path);
 int RemoveFolder(HostSession& session, const std::string& path);
 int MakeFolder(HostSession& session, const std::string& path);
+
+// rm -r: deletes a file, or a folder with everything in it (depth first, at most
+// kMostFolderDepth folders deep); stops at the first failure, which names its path.
+inline constexpr int kMostFolderDepth = 64;
+int RemoveTree(HostSession& session, const std::string& path);
+
+// mkdir -p: creates the folder and each missing folder above it; an existing folder is success.
+int MakeFolders(HostSession& session, const std::string& path);
+
 int Touch(HostSession& session, const std::string& path, bool unicode);
 
 }  // namespace pelmora_tool

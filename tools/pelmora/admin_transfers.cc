@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -16,6 +17,7 @@
 #include <fstream>
 
 #include "pelmora/admin/rc_file_info.h"
+#include "tools/pelmora/admin_requests.h"
 #include "tools/pelmora/transfer_watch.h"
 
 namespace pelmora_tool {
@@ -134,11 +136,14 @@ class PartFile {
  public:
   // Creates the part file for `target` (mode: the replaced file's, else a new file's); a
   // failure is reported on `session` and its status returned.
-  int CreateFor(HostSession& session, const std::string& target, const std::string& name) {
+  // `to_output`: the file goes to the session's output instead, so it is made in the temporary
+  // folder.
+  int CreateFor(HostSession& session, const std::string& target, const std::string& name,
+                bool to_output = false) {
     target_ = target;
     struct stat existing{};
-    bool exists = stat(target.c_str(), &existing) == 0;
-    in_place_ = exists && !S_ISREG(existing.st_mode) && !S_ISDIR(existing.st_mode);
+    bool exists = !to_output && stat(target.c_str(), &existing) == 0;
+    in_place_ = to_output || (exists && !S_ISREG(existing.st_mode) && !S_ISDIR(existing.st_mode));
     const char* temporary = std::getenv("TMPDIR");
     fs::path folder = fs::path(target).parent_path();
     if (in_place_) folder = temporary != nullptr && *temporary ? temporary : "/tmp";
@@ -164,6 +169,17 @@ class PartFile {
     return 0;
   }
 
+  // Writes the complete file to `output`: 0, or the errno of reading it.
+  int WriteTo(HostOutput& output) const {
+    std::ifstream file(path_, std::ios::binary);
+    std::string piece(1 << 16, '\0');
+    while (file.read(piece.data(), static_cast<std::streamsize>(piece.size())) ||
+           file.gcount() > 0) {
+      output.Write(std::string_view(piece.data(), static_cast<size_t>(file.gcount())));
+    }
+    return file.bad() ? EIO : 0;
+  }
+
  private:
   std::string path_;
   std::string target_;
@@ -185,6 +201,7 @@ std::string AttributeLetters(int32_t attributes) {
       {0x10, 'd'}, {0x01, 'r'}, {0x02, 'h'}, {0x04, 's'}, {0x20, 'a'}};
   std::string letters;
   for (auto [bit, letter] : kLetters) letters += (attributes & bit) ? letter : '-';
+  if ((attributes & 0x400) != 0) letters[0] = 'l';  // a link (reparse point), as ls shows it
   return letters;
 }
 
@@ -253,19 +270,23 @@ int Stat(HostSession& session, const std::string& path, bool json) {
 
 int Get(HostSession& session, const std::string& remote, const std::string& local,
         bool resume) {
-  std::string target =
-      DownloadTarget(remote, local, session.Options().fleet ? session.Display() : "");
+  // "-": standard output (in a fleet run, each host's output).
+  const bool to_output = local == "-";
+  std::string target = to_output ? "standard output"
+                                 : DownloadTarget(remote, local,
+                                                  session.Options().fleet ? session.Display() : "");
   fs::path folder = fs::path(target).parent_path();
-  if (session.Options().fleet) {
+  if (session.Options().fleet && !to_output) {
     std::error_code error;
     fs::create_directories(folder, error);
     if (error) return FailLocal(session, "cannot create", folder.string(), error.value());
   }
   RCFileInfo info;
   bool known = session.Fso().GetFileInfo(remote, info) && info.FileSize() >= 0;
-  if (resume && known && SameAsRemote(target, info)) return kExitOk;
+  if (resume && !to_output && known && SameAsRemote(target, info)) return kExitOk;
   PartFile part;
-  if (int status = part.CreateFor(session, target, RemoteName(remote)); status != kExitOk) {
+  if (int status = part.CreateFor(session, target, RemoteName(remote), to_output);
+      status != kExitOk) {
     return status;
   }
   TransferWatch watch(session.Output(), part.Path(),
@@ -278,11 +299,54 @@ int Get(HostSession& session, const std::string& remote, const std::string& loca
     if (cause != 0) return FailLocal(session, "cannot write", target, cause);
     return session.Fail(kExitFailed, {0, remote + " changed while it was downloaded"});
   }
-  int error = part.Deliver();
+  int error = to_output ? part.WriteTo(session.Output()) : part.Deliver();
   return error == 0 ? kExitOk : FailLocal(session, "cannot write", target, error);
 }
 
+namespace {
+
+// A usage problem of this command line, reported for the host with status 2.
+int UsageFailure(HostSession& session, std::string text) {
+  HostFailure failure;
+  failure.description = std::move(text);
+  failure.local = true;
+  return session.Fail(kExitUsage, failure);
+}
+
+// put - TARGET: standard input, read whole into a private temporary file first (the size message
+// comes before the content), then uploaded as a new file.
+int PutInput(HostSession& session, const std::string& remote) {
+  if (session.Options().fleet) {
+    return UsageFailure(session, "put - reads standard input once: give one host");
+  }
+  if (remote.empty() || remote.back() == '\\' || remote.back() == '/' ||
+      session.Fso().FolderExists(remote)) {
+    return UsageFailure(session, "put - needs a file name on the server, not the folder " + remote);
+  }
+  const char* temporary = std::getenv("TMPDIR");
+  std::string path = std::string(temporary != nullptr && *temporary ? temporary : "/tmp") +
+                     "/.pelmora-input-XXXXXX";
+  int fd = mkstemp(path.data());
+  if (fd < 0) {
+    return FailLocal(session, "cannot create a file in", fs::path(path).parent_path().string(),
+                     errno);
+  }
+  fchmod(fd, NewFileMode());
+  close(fd);
+  struct Remover {
+    std::string path;
+    ~Remover() { unlink(path.c_str()); }
+  } remover{path};
+  if (int error = CopyInto("/dev/stdin", path); error != 0) {
+    return FailLocal(session, "cannot read standard input into", path, error);
+  }
+  return Put(session, path, remote);
+}
+
+}  // namespace
+
 int Put(HostSession& session, const std::string& local, const std::string& remote) {
+  if (local == "-") return PutInput(session, remote);
   std::string target = remote;
   std::string name = fs::path(local).filename().string();
   if (!target.empty() && (target.back() == '\\' || target.back() == '/')) {
@@ -295,6 +359,118 @@ int Put(HostSession& session, const std::string& local, const std::string& remot
   bool done = session.Fso().Upload(local, target);
   watch.Stop(done ? std::optional<uint64_t>(size) : std::nullopt);
   return done ? kExitOk : session.FailOnPath(kExitFailed, target, "", /*reading=*/false);
+}
+
+namespace {
+
+// Runs `one` for each source; the first failure's status, else 0.
+template <typename One>
+int EachSource(const std::vector<std::string>& sources, One one) {
+  int status = kExitOk;
+  for (const std::string& source : sources) {
+    int result = one(source);
+    if (status == kExitOk) status = result;
+  }
+  return status;
+}
+
+}  // namespace
+
+// put -r of the local folder `local` as the server folder `remote`.
+int PutTree(HostSession& session, const std::string& local, const std::string& remote) {
+  if (int status = MakeFolders(session, remote); status != kExitOk) return status;
+  int status = kExitOk;
+  std::error_code error;
+  for (fs::recursive_directory_iterator it(local, error), end; !error && it != end;
+       it.increment(error)) {
+    if (it.depth() >= kMostFolderDepth) {
+      it.disable_recursion_pending();
+      continue;
+    }
+    std::string relative = fs::relative(it->path(), local).string();
+    std::replace(relative.begin(), relative.end(), '/', '\\');
+    std::string target = remote + "\\" + relative;
+    int result = it->is_directory() ? MakeFolders(session, target)
+                 : it->is_regular_file() ? Put(session, it->path().string(), target)
+                                         : kExitOk;
+    if (status == kExitOk) status = result;
+  }
+  if (error) return FailLocal(session, "cannot read the folder", local, error.value());
+  return status;
+}
+
+// get -r of the server folder `remote` as the local folder `local`.
+int GetTree(HostSession& session, const std::string& remote, const std::string& local, bool resume,
+            int depth) {
+  std::error_code error;
+  fs::create_directories(local, error);
+  if (error) return FailLocal(session, "cannot create", local, error.value());
+  pelmora::admin::RCFileInfoCollection entries = session.Fso().GetFolderFiles(remote);
+  if (session.Fso().ErrCode() != 0) return session.FailOnPath(kExitFailed, remote);
+  int status = kExitOk;
+  for (const auto& entry : entries) {
+    const std::string& name = entry->FileName();
+    if (name == "." || name == "..") continue;
+    std::string from = remote + (remote.back() == '\\' ? "" : "\\") + name;
+    std::string to = (fs::path(local) / name).string();
+    int result = kExitOk;
+    if ((entry->FileAttribues() & 0x10) == 0) {
+      result = Get(session, from, to, resume);
+    } else if (depth < kMostFolderDepth) {
+      result = GetTree(session, from, to, resume, depth + 1);
+    }
+    if (status == kExitOk) status = result;
+  }
+  return status;
+}
+
+int PutAll(HostSession& session, const std::vector<std::string>& sources,
+           const std::string& target, bool recursive) {
+  bool folder = !target.empty() && (target.back() == '\\' || target.back() == '/');
+  if (sources.size() > 1 && !folder && !session.Fso().FolderExists(target)) {
+    return UsageFailure(session, "several files need a folder on the server as target, not " +
+                                     target + " (end it with \\)");
+  }
+  for (const std::string& source : sources) {
+    std::error_code error;
+    if (recursive && fs::is_directory(source, error)) continue;
+    if (source != "-" && !fs::is_regular_file(source, error)) {
+      return UsageFailure(session, fs::is_directory(source, error)
+                                       ? source + ": a folder: use put -r"
+                                       : "no such local file: " + source);
+    }
+  }
+  bool into = folder || session.Fso().FolderExists(target);
+  return EachSource(sources, [&](const std::string& source) {
+    std::error_code error;
+    if (recursive && fs::is_directory(source, error)) {
+      std::string name = fs::path(source).lexically_normal().filename().string();
+      if (name.empty()) name = fs::path(source).lexically_normal().parent_path().filename().string();
+      std::string base = folder ? target.substr(0, target.size() - 1) : target;
+      return PutTree(session, source, into ? base + "\\" + name : target);
+    }
+    return Put(session, source, folder || sources.size() == 1 ? target : target + "\\");
+  });
+}
+
+int GetAll(HostSession& session, const std::vector<std::string>& sources,
+           const std::string& target, bool resume, bool recursive) {
+  std::error_code error;
+  if (sources.size() > 1 && target != "-" && !session.Options().fleet &&
+      !fs::is_directory(target, error)) {
+    return UsageFailure(session, "several files need an existing local folder as target, not " +
+                                     target);
+  }
+  return EachSource(sources, [&](const std::string& source) {
+    if (recursive && session.Fso().FolderExists(source)) {
+      std::string local = target.empty() ? "." : target;
+      if (session.Options().fleet) local = (fs::path(local) / session.Display()).string();
+      std::error_code error;
+      if (fs::is_directory(local, error)) local = (fs::path(local) / RemoteName(source)).string();
+      return GetTree(session, source, local, resume, 1);
+    }
+    return Get(session, source, target, resume);
+  });
 }
 
 int Fetch(HostSession& session, const std::string& remote) {

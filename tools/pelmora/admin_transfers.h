@@ -8,6 +8,7 @@
 #define TOOLS_PELMORA_ADMIN_TRANSFERS_H_
 
 #include <string>
+#include <vector>
 
 #include "tools/pelmora/admin_session.h"
 
@@ -43,10 +44,22 @@ int Get(HostSession& session, const std::string& remote, const std::string& loca
 // receives the local file under its own name.
 int Put(HostSession& session, const std::string& local, const std::string& remote);
 
+// Several files at once, as cp and scp take them: every source into the folder `target` (a
+// remote one for PutAll, which must end in "\" or exist; a local one for GetAll, which must
+// exist). Each file is tried; the status is the first failure's, else 0. With `recursive` a
+// folder among the sources is copied with everything in it, as cp -r does: into the target
+// folder under its own name when the target exists, else as the target (its folders made as
+// needed, at most kMostFolderDepth deep).
+int PutAll(HostSession& session, const std::vector<std::string>& sources, const std::string& target,
+           bool recursive = false);
+int GetAll(HostSession& session, const std::vector<std::string>& sources, const std::string& target,
+           bool resume, bool recursive = false);
+
 // Makes sure the local server-file cache holds the current `remote` and prints its local path.
 int Fetch(HostSession& session, const std::string& remote);
 
-// The "drhsa" letters of attribute bits (directory, read-only, hidden, system, archive).
+// The "drhsa" letters of attribute bits (directory, read-only, hidden, system, archive); a link
+// (reparse point, to a file or a folder) shows "l" in the first place.
 std::string AttributeLetters(int32_t attributes);
 
 // The local path a download lands at (see Get); `host` is "" outside fleet runs.

@@ -172,6 +172,8 @@ TEST(AdminTransfers, AttributeLettersFollowTheBits) {
   EXPECT_EQ(AttributeLetters(0x10), "d----");
   EXPECT_EQ(AttributeLetters(0x37), "drhsa");
   EXPECT_EQ(AttributeLetters(0x22), "--h-a");
+  EXPECT_EQ(AttributeLetters(0x400), "l----");
+  EXPECT_EQ(AttributeLetters(0x430), "l---a") << "a link to a folder";
 }
 
 TEST(AdminTransfers, DownloadTargets) {

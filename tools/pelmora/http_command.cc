@@ -4,12 +4,14 @@
 //   pelmora http head URL [-o FILE] [-H ...]              the response headers
 //   pelmora http post|put URL [-d DATA | -d @FILE] [-o FILE] [-H ...]
 //
-// The response body goes to standard output unless -o names a file; on a terminal a progress
-// bar runs on standard error. -d @FILE sends the file's bytes, -d TEXT the text (ANSI code page).
+// The response body goes to standard output unless -o names a file; a progress bar (size, rate,
+// time left) runs on a terminal's standard error unless the body goes there. -d @FILE sends the
+// file's bytes, -d TEXT the text (ANSI code page).
 // -i writes the status line and headers first; --fail turns a status of 400 or more into a
 // failure; --max-time bounds each wait for data and the whole transfer. Any port 1-65535 works:
 // a GET on a port above 32767 (which the object's 16-bit port refuses for requests with a verb)
-// is read whole through OpenURL, then written.
+// is read whole through OpenURL, then written. --cacert FILE trusts that PEM file's
+// certificates instead of the system's store; -k accepts any certificate, as curl's.
 // Exit status: 0 when a response arrived (with --fail: below 400), 1 when the request fails
 // (the WinInet number and its text are printed on standard error), 2 for usage and file errors.
 #include <unistd.h>
@@ -20,6 +22,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <chrono>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -31,6 +34,7 @@
 #include "pelmora/net/wininet.h"
 #include "tools/pelmora/commands.h"
 #include "tools/pelmora/crypto_io.h"
+#include "tools/pelmora/progress.h"
 
 namespace pelmora_tool {
 namespace {
@@ -48,6 +52,8 @@ struct HttpOptions {
   bool fail = false;
   bool include = false;
   double max_time = 0;  // seconds, 0: none
+  std::string ca_file;  // HTTPS: trusted certificates instead of the system's
+  bool insecure = false;  // HTTPS: no certificate check at all
 };
 
 constexpr int32_t kOverflow = 6;  // the object's port above 32767
@@ -55,39 +61,26 @@ constexpr int32_t kTimeout = 12002;
 
 constexpr int32_t kPiece = 256 * 1024;
 
-// Draws "[#####     ]  50% 512/1024 bytes" on standard error.
-void DrawProgress(uint64_t done, uint64_t total) {
-  constexpr int kWidth = 30;
-  int filled = total > 0 ? static_cast<int>(kWidth * std::min<uint64_t>(done, total) / total) : 0;
-  std::string bar(static_cast<size_t>(filled), '#');
-  bar.resize(kWidth, ' ');
-  if (total > 0) {
-    std::fprintf(stderr, "\r[%s] %3d%% %llu/%llu bytes", bar.c_str(),
-                 static_cast<int>(100 * std::min<uint64_t>(done, total) / total),
-                 static_cast<unsigned long long>(done), static_cast<unsigned long long>(total));
-  } else {
-    std::fprintf(stderr, "\r%llu bytes", static_cast<unsigned long long>(done));
-  }
-}
-
-// Copies the response to `out` piece by piece; returns false when writing fails. Throws
-// CommandError when `deadline` passes first.
+// Copies the response to `out` piece by piece, with admin's progress bar (size, rate, time
+// left) on standard error when it is a terminal and the body does not go to that terminal too;
+// returns false when writing fails. Throws CommandError when `deadline` passes first.
 bool CopyBody(WinINet& inet, std::FILE* out, std::optional<Clock::time_point> deadline) {
-  bool progress = ::isatty(STDERR_FILENO) == 1;
+  bool to_terminal = out == stdout && ::isatty(STDOUT_FILENO) == 1;
+  Console console(!to_terminal && Console::StatusWanted(false));
   uint64_t total = std::strtoull(inet.GetHeader("Content-Length").c_str(), nullptr, 10);
+  TransferProgress progress(console, total);
   uint64_t done = 0;
   while (true) {
     std::vector<uint8_t> piece = inet.GetChunk(kPiece, pelmora::icByteArray).ToBytes();
     if (piece.empty()) break;
     if (std::fwrite(piece.data(), 1, piece.size(), out) != piece.size()) return false;
     done += piece.size();
-    if (progress) DrawProgress(done, total);
+    progress.Update(done);
     if (deadline && Clock::now() > *deadline) {
       inet.Cancel();
       throw pelmora::Error(kTimeout, pelmora::DescribeError(kTimeout));
     }
   }
-  if (progress) std::fputc('\n', stderr);
   return true;
 }
 
@@ -128,6 +121,11 @@ void WriteResponse(WinINet& inet, const HttpOptions& o, const std::string& head,
 int Run(const HttpOptions& o) {
   try {
     WinINet inet;
+    if (!o.ca_file.empty()) {
+      if (!std::ifstream(o.ca_file)) throw CommandError("cannot read the CA file " + o.ca_file);
+      inet.SetCaFile(o.ca_file);
+    }
+    inet.SetNoCertCheck(o.insecure);
     std::optional<Clock::time_point> deadline;
     if (o.max_time > 0) {
       inet.SetReceiveTimeout(static_cast<int32_t>(o.max_time * 1000));
@@ -172,6 +170,10 @@ void AddVerb(CLI::App& http, CommandAction& action, const std::string& name,
   sub->add_option("-m,--max-time", o->max_time,
                   "seconds for each wait for data and for the whole transfer")
       ->check(CLI::PositiveNumber);
+  sub->add_option("--cacert", o->ca_file,
+                  "HTTPS: trust the certificates in this PEM file instead of the system's");
+  sub->add_flag("-k,--insecure", o->insecure,
+                "HTTPS: accept any certificate (the server is not authenticated)");
   if (name == "post" || name == "put") {
     sub->add_option("-d,--data", o->data, "the request body: TEXT, or @FILE for a file's bytes");
   }

@@ -101,5 +101,42 @@ TEST(HttpCommand, FailureExitsWithOneAndNamesTheWinInetNumber) {
   EXPECT_EQ(RunTool({"http", "post", "http://127.0.0.1:1/", "-d", "@/nonexistent/file"}), 2);
 }
 
+TEST(HttpCommand, CertificatesAreCheckedAgainstTheCaFileOrNotAtAllWithInsecure) {
+  using Cert = pelmora::testing::WebServer::Cert;
+  ::unsetenv("SSL_CERT_FILE");
+  pelmora::testing::WebServer web;
+  std::string out = web.DocumentRoot() + "/../tls-out.txt";
+  struct Case {
+    Cert cert;
+    std::vector<std::string> flags;
+    int status;
+    const char* error;  // the start of standard error when the request fails
+  };
+  const Case cases[] = {
+      {Cert::kValid, {}, 1, "pelmora: http: error 12045: "},
+      {Cert::kValid, {"--cacert", web.CaFile()}, 0, ""},
+      {Cert::kWrongHost, {"--cacert", web.CaFile()}, 1, "pelmora: http: error 12038: "},
+      {Cert::kSelfSigned, {"--cacert", web.CaFile()}, 1, "pelmora: http: error 12045: "},
+      {Cert::kSelfSigned, {"-k"}, 0, ""},
+      {Cert::kExpired, {"--insecure"}, 0, ""},
+      {Cert::kValid, {"--cacert", web.CaFile() + ".missing"}, 2,
+       "pelmora: http: cannot read the CA file "},
+  };
+  for (const Case& c : cases) {
+    std::remove(out.c_str());
+    std::vector<std::string> args = {"http", "get", web.TlsUrl(c.cert, "/small.txt"), "-o", out};
+    args.insert(args.end(), c.flags.begin(), c.flags.end());
+    ::testing::internal::CaptureStderr();
+    int status = RunTool(args);
+    std::string err = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(status, c.status) << args[2] << " " << err;
+    if (c.status == 0) {
+      EXPECT_EQ(Slurp(out), "small file\n");
+    } else {
+      EXPECT_THAT(err, ::testing::StartsWith(c.error));
+    }
+  }
+}
+
 }  // namespace
 }  // namespace pelmora_tool

@@ -6,13 +6,16 @@
 // warnings), and the block-message client and the common routines to DIR/yyyymm/<prefix>
 // yyyymmdd.log/.err. DIR is --root, else the tool's log folder (ToolLogRoot in log_lines.h), where
 // the admin commands have the library write. Every file of the day is read, its lines merged in
-// time order (each line starts with its time stamp), and the last LINES are printed. Exit
-// status: 0, also when there is no log yet; 2 for a bad date.
+// time order (each line starts with its time stamp), and the last LINES are printed. -f then
+// keeps printing the lines written to the day's files, and to the next day's after midnight,
+// until interrupted. Exit status: 0, also when there is no log yet; 2 for a bad date.
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "pelmora/common/system.h"
@@ -27,11 +30,36 @@ struct LogTailOptions {
   std::string date;
   int lines = 20;
   bool errors_only = false;
+  bool follow = false;
 };
+
+constexpr std::chrono::milliseconds kFollowInterval(250);
+
+std::string Today() { return pelmora::CurrentLocalTime().Format("yyyymmdd"); }
+
+// Prints the last `count` lines of the day, then the lines added to the day's files as they
+// come, on to the next day's; never returns (an interrupt or a closed output ends the process).
+[[noreturn]] void Follow(const std::string& root, bool errors_only, size_t count) {
+  LogFollower follower(root, errors_only, &Today);
+  std::vector<std::string> backlog = follower.Poll();
+  size_t first = backlog.size() > count ? backlog.size() - count : 0;
+  for (size_t i = first; i < backlog.size(); ++i) std::printf("%s\n", backlog[i].c_str());
+  for (;;) {
+    std::vector<std::string> lines = follower.Poll();
+    for (const std::string& line : lines) std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+    if (lines.empty()) std::this_thread::sleep_for(kFollowInterval);
+  }
+}
 
 int LogTail(const LogTailOptions& o) {
   std::string root = o.root.empty() ? ToolLogRoot() : o.root;
-  std::string day = o.date.empty() ? pelmora::CurrentLocalTime().Format("yyyymmdd") : o.date;
+  if (o.follow && !o.date.empty()) {
+    std::fprintf(stderr, "pelmora: log tail: -f follows today's files: leave out --date\n");
+    return 2;
+  }
+  std::string day = o.date.empty() ? Today() : o.date;
+  if (o.follow) Follow(root, o.errors_only, static_cast<size_t>(o.lines));
   if (day.size() != 8 || !std::all_of(day.begin(), day.end(), ::isdigit)) {
     std::fprintf(stderr, "pelmora: log tail: the date must be YYYYMMDD, not \"%s\"\n", day.c_str());
     return 2;
@@ -60,7 +88,9 @@ void AddLogCommand(CLI::App& app, CommandAction& action) {
       ->check(CLI::PositiveNumber);
   tail->add_option("--date", o->date, "Day to show, YYYYMMDD (default: today)");
   tail->add_flag("--errors", o->errors_only, "Only the error and warning files");
-  tail->footer("Example:\n  pelmora log tail -n 50 --errors");
+  tail->add_flag("-f,--follow", o->follow,
+                 "Keep printing lines as they are written, on to the next day's files");
+  tail->footer("Examples:\n  pelmora log tail -n 50 --errors\n  pelmora log tail -f");
   tail->callback([o, &action] { action = [o] { return LogTail(*o); }; });
 }
 

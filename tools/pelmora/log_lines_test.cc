@@ -59,5 +59,38 @@ TEST_F(LogLinesTest, AMissingDayGivesNoLines) {
   EXPECT_TRUE(DayLogLines(root_.string(), "20100101", false).empty());
 }
 
+TEST_F(LogLinesTest, FollowingGivesCompleteNewLinesAndMovesOnToTheNextDay) {
+  auto append = [this](const std::string& folder, const std::string& name,
+                       const std::string& text) {
+    fs::create_directories(root_ / folder);
+    std::ofstream(root_ / folder / name, std::ios::binary | std::ios::app) << text;
+  };
+  append("200903", "20090331.log", "2009-03-31 23:59:00,I,PC,[A:B],before\r\n");
+  std::string today = "20090331";
+  LogFollower follower(root_.string(), false, [&today] { return today; });
+  EXPECT_THAT(follower.Poll(), ::testing::ElementsAre("2009-03-31 23:59:00,I,PC,[A:B],before"));
+  EXPECT_TRUE(follower.Poll().empty()) << "lines already given are not repeated";
+
+  append("200903", "20090331.log", "2009-03-31 23:59:58,I,PC,[A:B],one\r\n2009-03-31 23:59:5");
+  append("200903", "20090331.err", "2009-03-31 23:59:57,E,PC,[A:B],error\r\n");
+  EXPECT_THAT(follower.Poll(), ::testing::ElementsAre("2009-03-31 23:59:57,E,PC,[A:B],error",
+                                                      "2009-03-31 23:59:58,I,PC,[A:B],one"));
+  EXPECT_TRUE(follower.Poll().empty()) << "half a line waits for its end";
+
+  // Midnight: the old day's last line, then the new day's file (in a new month) from its start.
+  append("200903", "20090331.log", "9,I,PC,[A:B],two\r\n");
+  append("200904", "20090401.log", "2009-04-01 00:00:01,I,PC,[A:B],three\r\n");
+  today = "20090401";
+  EXPECT_THAT(follower.Poll(), ::testing::ElementsAre("2009-03-31 23:59:59,I,PC,[A:B],two",
+                                                      "2009-04-01 00:00:01,I,PC,[A:B],three"));
+  append("200903", "20090331.log", "2009-03-31 23:59:59,I,PC,[A:B],late\r\n");
+  EXPECT_TRUE(follower.Poll().empty()) << "yesterday's files are left behind";
+
+  // A file replaced by a shorter one is read from its start.
+  fs::remove(root_ / "200904" / "20090401.log");
+  append("200904", "20090401.log", "2009-04-01 00:00:02,I,PC,[A:B],new\r\n");
+  EXPECT_THAT(follower.Poll(), ::testing::ElementsAre("2009-04-01 00:00:02,I,PC,[A:B],new"));
+}
+
 }  // namespace
 }  // namespace pelmora_tool

@@ -138,6 +138,13 @@ void CurlTransfer::ConfigureTls() {
   if (const char* dir = std::getenv("SSL_CERT_DIR"); dir != nullptr && *dir != '\0') {
     curl_easy_setopt(easy_, CURLOPT_CAPATH, dir);
   }
+  if (!request_.ca_file.empty()) {
+    curl_easy_setopt(easy_, CURLOPT_CAINFO, request_.ca_file.c_str());
+  }
+  if (request_.no_cert_check) {
+    curl_easy_setopt(easy_, CURLOPT_SSL_VERIFYPEER, 0L);
+    curl_easy_setopt(easy_, CURLOPT_SSL_VERIFYHOST, 0L);
+  }
 }
 
 // The platform's FTP default is active mode: the client listens on the control connection's
@@ -319,6 +326,10 @@ size_t CurlTransfer::OnRead(char* data, size_t size, size_t count, void* self_po
 CURLcode CurlTransfer::OnSslContext(CURL*, void* ssl_ctx, void* self) {
   auto* context = static_cast<SSL_CTX*>(ssl_ctx);
   SSL_CTX_set_ex_data(context, TransferSlot(), self);
+  if (static_cast<CurlTransfer*>(self)->request_.no_cert_check) {
+    SSL_CTX_set_verify(context, SSL_VERIFY_NONE, nullptr);
+    return CURLE_OK;
+  }
   SSL_CTX_set_verify(context, SSL_VERIFY_PEER, &CurlTransfer::OnVerify);
   return CURLE_OK;
 }

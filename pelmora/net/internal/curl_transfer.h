@@ -52,6 +52,8 @@ struct TransferRequest {
   std::string headers;               // the caller's header lines, separated by CR LF
   bool ignore_cert_date = false;
   bool ignore_cert_name = false;
+  std::string ca_file;               // trusted certificates instead of the system's; "": system's
+  bool no_cert_check = false;        // accept any certificate
   bool cookies = true;
   int32_t idle_timeout_ms = 30000;   // 0: no limit
   bool ftp_passive = false;          // FTP data connections: PASV instead of PORT (or EPRT)

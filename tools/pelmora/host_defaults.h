@@ -1,0 +1,57 @@
+// Where `pelmora admin` connects when the command line leaves something out: `--host` may carry
+// the account and the port as ssh's destinations do ("operator@web1:8003"), and the environment
+// gives defaults for what no flag names.
+//
+//   HostFlags flags{.host = "operator@web1:8003"};
+//   ConnectDefaults chosen = ChooseConnectDefaults(flags, std::getenv);
+//   // chosen.host "web1", chosen.account "operator", chosen.port 8003
+//
+// Precedence: the flags (--host with its ACCOUNT@ and :PORT, --account, --port), then the
+// environment (PELMORA_HOST, which may carry ACCOUNT@ and :PORT itself, then PELMORA_ACCOUNT and
+// PELMORA_PORT), then the built-in defaults (localhost, the built-in account, port 8002).
+#ifndef TOOLS_PELMORA_HOST_DEFAULTS_H_
+#define TOOLS_PELMORA_HOST_DEFAULTS_H_
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace pelmora_tool {
+
+// "[ACCOUNT@]NAME[:PORT]" taken apart; account "" and port 0 where the text names none.
+struct HostSpec {
+  std::string account;
+  std::string name;
+  int32_t port = 0;
+};
+
+// Parses one destination. Throws CommandError naming `origin` (such as "--host") for an empty
+// name or account, a bad port, or an expression that stands for several hosts.
+HostSpec ParseHostSpec(std::string_view text, std::string_view origin);
+
+// What the command line gave; nullopt for a flag that was not there.
+struct HostFlags {
+  std::optional<std::string> host;
+  std::optional<std::string> account;
+  std::optional<int32_t> port;
+};
+
+struct ConnectDefaults {
+  std::string host;
+  std::string account;  // "" for the built-in account
+  int32_t port = 0;
+};
+
+// Reads an environment variable; nullptr when it is not set.
+using GetEnvironment = std::function<const char*(const char*)>;
+
+// The host, account and port to use, in the precedence above. Throws CommandError when the
+// account or the port of --host contradicts --account or --port, or a variable is malformed.
+ConnectDefaults ChooseConnectDefaults(const HostFlags& flags, const GetEnvironment& getenv,
+                                      int32_t default_port);
+
+}  // namespace pelmora_tool
+
+#endif  // TOOLS_PELMORA_HOST_DEFAULTS_H_
