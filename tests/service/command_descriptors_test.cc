@@ -22,6 +22,10 @@ using pelmora::admin::RemoteCommandIo;
 
 constexpr int kWarmUp = 3;
 constexpr int kCommands = 20;
+// What one command may still hold for a moment after its status reached the client (its pipe,
+// exit descriptor and their duplicates): the count is compared with this margin, far below the
+// two or more per command that a leak adds.
+constexpr size_t kOneCommand = 4;
 
 size_t OpenDescriptors(pid_t pid) {
   size_t count = 0;
@@ -60,7 +64,7 @@ TEST(ServiceDescriptors, ShortCommandsGiveBackEveryDescriptor) {
     for (int i = 0; i < kWarmUp; ++i) ASSERT_TRUE(exchange.run()) << fso.ErrDescription();
     const size_t before = OpenDescriptors(service.pid());
     for (int i = 0; i < kCommands; ++i) ASSERT_TRUE(exchange.run()) << fso.ErrDescription();
-    EXPECT_EQ(OpenDescriptors(service.pid()), before);
+    EXPECT_LE(OpenDescriptors(service.pid()), before + kOneCommand);
   }
 }
 
