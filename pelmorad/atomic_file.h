@@ -1,7 +1,9 @@
-// A file written beside its target and put in place in one rename, so readers see the old file
-// or the whole new one, never a part: the content goes to an unnamed file (O_TMPFILE) in the
-// target's folder, is flushed with fsync, gets a temporary name and is renamed over the target.
-// A crash or a dropped client before Commit leaves the target as it was.
+// A file written beside its target and put in place at once, so readers see the old file or the
+// whole new one, never a part: the content goes to an unnamed file (O_TMPFILE) in the target's
+// folder and is flushed with fsync; then it is linked under the target name when there is none,
+// or gets a temporary name (".pelmora-<16 hex digits>.part") and is renamed over the target.
+// A crash or a dropped client before Commit leaves the target as it was. A temporary left by a
+// crash between link and rename is removed the first time the next run writes to its folder.
 //
 //   AtomicFile file;
 //   if (int32_t error = file.Begin(drives, path); error != 0) return error;
@@ -26,6 +28,10 @@ struct FileTimes {
   timespec modification{};
 };
 
+// Removes from the folder the temporaries that earlier runs of the service left: files named as
+// above whose last change is older than this process.
+void RemoveLeftoverTemporaries(int folder_fd);
+
 class AtomicFile {
  public:
   AtomicFile() = default;
@@ -42,8 +48,8 @@ class AtomicFile {
   // later call, so a sender can keep draining its stream. Blocks.
   int32_t Write(std::span<const uint8_t> bytes);
 
-  // fsync, the times, then the rename: over an existing target when `replace`, else 80 when the
-  // target appeared meanwhile. Returns the first error of any step (the target is then
+  // fsync, the times, then the link or rename: over an existing target when `replace`, else 80
+  // when the target appeared meanwhile. Returns the first error of any step (the target is then
   // untouched). Blocks.
   int32_t Commit(const FileTimes& times, bool replace);
 

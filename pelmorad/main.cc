@@ -1,5 +1,8 @@
 // pelmorad: the administration service. See options.h for the command line and docs/protocol.md
 // for what it answers.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <iostream>
 #include <memory>
@@ -9,6 +12,7 @@
 
 #include "pelmora/common/error.h"
 #include "pelmora/sched/task_runner.h"
+#include "pelmorad/atomic_file.h"
 #include "pelmorad/command_tree.h"
 #include "pelmorad/config.h"
 #include "pelmorad/options.h"
@@ -37,13 +41,23 @@ int CheckConfig(const std::string& path) {
   return 0;
 }
 
+// How long a start waits for the task runner's lock, which a task process that a killed service
+// had just forked may still hold for a moment.
+constexpr int kRunnerLockWaitMs = 5000;
+
 // Starts the task runner that the configuration's [scheduler] section asks for; nullptr when it
-// asks for none. The runner keeps the folder it started with across reloads.
+// asks for none. The runner keeps the folder it started with across reloads; temporaries that a
+// killed run left in its folder are removed first.
 std::unique_ptr<pelmora::sched::TaskRunner> StartScheduler(const std::string& config_path) {
   pelmorad::Config config = pelmorad::LoadConfig(config_path);
   if (!config.scheduler.enabled) return nullptr;
-  auto runner = std::make_unique<pelmora::sched::TaskRunner>(
-      pelmora::sched::TaskRunnerOptions{.folder = *config.LinuxPathOf(config.scheduler.folder)});
+  std::string folder = *config.LinuxPathOf(config.scheduler.folder);
+  if (int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); fd >= 0) {
+    pelmorad::RemoveLeftoverTemporaries(fd);
+    ::close(fd);
+  }
+  auto runner = std::make_unique<pelmora::sched::TaskRunner>(pelmora::sched::TaskRunnerOptions{
+      .folder = folder, .lock_wait_ms = kRunnerLockWaitMs});
   runner->Start();
   return runner;
 }

@@ -63,6 +63,7 @@ struct CommandIo {
   asio::posix::stream_descriptor exit_watch;
   asio::steady_timer deadline;
   asio::steady_timer drain;
+  bool output_ended = false;  // set once the output is forwarded to its end
 };
 
 pelmora::ChildSpec SpecFor(const Config& config, const Account& account, std::string command) {
@@ -144,6 +145,9 @@ asio::awaitable<bool> Session::StreamCommand(std::shared_ptr<RunningCommand> com
                             [io, command](const asio::error_code& error) {
                               if (error) return;
                               command->ReleaseSlot();
+                              // Output already at its end: nothing to drain, and a wait armed
+                              // now would keep the command's descriptors for its whole length.
+                              if (io->output_ended) return;
                               io->drain.expires_after(kDrainAfterExit);
                               io->drain.async_wait([io](const asio::error_code& drained) {
                                 // a grandchild that left the group may still hold the pipe
@@ -152,6 +156,7 @@ asio::awaitable<bool> Session::StreamCommand(std::shared_ptr<RunningCommand> com
                             });
   bool connected = co_await ForwardOutput(io->output);
   asio::error_code ignored;
+  io->output_ended = true;
   io->drain.cancel();
   if (!connected) {
     // The client is gone or stopped reading until its session was closed: the command ends

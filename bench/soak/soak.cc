@@ -13,6 +13,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <pwd.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/resource.h>
@@ -106,6 +107,18 @@ void WriteAll(const std::string& path, const std::string& bytes) {
                                                                static_cast<long>(bytes.size()));
 }
 
+// A service run by root runs the account as nobody: the drive becomes nobody's, and the scratch
+// folder above it only passable.
+void GiveDriveToNobody(const std::string& folder) {
+  const passwd* nobody = ::getpwnam("nobody");
+  if (nobody == nullptr) return;
+  ::chmod(folder.c_str(), 0711);
+  for (const auto& entry : fs::recursive_directory_iterator(folder + "/c")) {
+    ::lchown(entry.path().c_str(), nobody->pw_uid, nobody->pw_gid);
+  }
+  ::lchown((folder + "/c").c_str(), nobody->pw_uid, nobody->pw_gid);
+}
+
 // The service in a scratch folder, with a fast-hash account that may run commands and limits
 // wide enough for the sessions and the wrong passwords.
 class Service {
@@ -117,10 +130,13 @@ class Service {
     std::string hash = crypt_rn(kPassword, "$6$rounds=1000$soaksalt", &data, sizeof(data));
     std::ofstream(folder + "/pelmorad.toml")
         << "[drives]\nC = \"" << folder << "/c\"\n[accounts." << kAccount << "]\npassword = \""
-        << hash << "\"\ncommands = true\n[limits]\nsessions = " << sessions + 100
+        << hash << "\"\ncommands = true\n"
+        << (::geteuid() == 0 ? "run_as = \"nobody\"\n" : "") << "[limits]\nsessions = "
+        << sessions + 100
         << "\nsessions_per_address = " << sessions + 100
         << "\nidle_seconds = 3600\nlogin_failures = 1000\nlogin_delay_ms = 0\n";
     ::chmod((folder + "/pelmorad.toml").c_str(), 0600);
+    if (::geteuid() == 0) GiveDriveToNobody(folder);
     std::string fifo = folder + "/port";
     ::mkfifo(fifo.c_str(), 0600);
     int reader = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);

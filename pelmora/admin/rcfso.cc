@@ -33,6 +33,7 @@ RCFSO::RCFSO() {
   // and that refusal is of no consequence, as it always was.
   (void)socket_.SetSocketOption(sckSOL_SOCKET, sckSO_KEEPALIVE, -1);
   socket_.SetReceiveTimeout(kDefaultTimeout);
+  socket_.SetSendTimeout(kDefaultTimeout);
   // No caller can reach this socket, so its small reads may be served from a read-ahead buffer.
   socket_.SetReadAhead(true);
   connected_ = false;
@@ -96,7 +97,12 @@ void RCFSO::RemoveEventSink(RCFSOEvents* sink) {
 
 int32_t RCFSO::timeout() const { return socket_.ReceiveTimeout(); }
 
-void RCFSO::set_timeout(int32_t value) { socket_.SetReceiveTimeout(value); }
+// The session time-out bounds the client's own sends as well: a send that cannot get a byte onto
+// a dead link for that long fails with 10060, as a reply that does not come does.
+void RCFSO::set_timeout(int32_t value) {
+  socket_.SetReceiveTimeout(value);
+  socket_.SetSendTimeout(socket_.ReceiveTimeout());
+}
 
 std::string RCFSO::LogPath() const { return LogRoot(); }
 

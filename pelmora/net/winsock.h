@@ -26,6 +26,7 @@
 #ifndef PELMORA_NET_WINSOCK_H_
 #define PELMORA_NET_WINSOCK_H_
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -254,6 +255,11 @@ class WinSock {
   // (through SocketHandle or after Detach). Only an owner that never lets anyone else read the
   // socket may turn it on; Detach, Attach and Disconnect discard what was read ahead.
   void SetReadAhead(bool enabled) { read_ahead_enabled_ = enabled; }
+  // C++ only: milliseconds that each wait of SendData for room in the socket may last before it
+  // gives up with 10060 (each wait starts afresh, so only a send that makes no progress for that
+  // long fails); 0, the default, waits without limit. Not a dispatched property: an owner that
+  // bounds its replies (the administration client) bounds its own sends by the same time.
+  void SetSendTimeout(int32_t milliseconds) { send_timeout_ = std::max(milliseconds, 0); }
 
  private:
   [[noreturn]] void Raise(int32_t number);
@@ -263,6 +269,7 @@ class WinSock {
   int OpenSocket();
   int32_t ReceiveInto(uint8_t* out, int32_t size, int32_t& received);
   int32_t WaitReadable();
+  int32_t WaitReady(short events, int32_t timeout_ms);
   net_internal::SocketResult ReceiveSome(uint8_t* out, size_t missing, bool& drained);
   net_internal::SocketResult FillReadAhead();
   size_t TakeReadAhead(uint8_t* out, size_t wanted);
@@ -281,6 +288,7 @@ class WinSock {
   SckProtocolConstants protocol_ = sckTCPProtocol;
   int32_t last_error_ = 0;
   int32_t receive_timeout_ = 0;
+  int32_t send_timeout_ = 0;
   // Bytes received from the socket but not yet handed out: read_ahead_[read_pos_, read_end_).
   // Allocated at the first small GetData.
   std::unique_ptr<uint8_t[]> read_ahead_;

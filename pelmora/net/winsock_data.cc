@@ -136,16 +136,20 @@ size_t WinSock::TakeReadAhead(uint8_t* out, size_t wanted) {
 
 // Waits until the socket is readable or closed: 0, 10060 after ReceiveTimeout ms (each wait
 // starts afresh), or the socket number of a failed wait.
-int32_t WinSock::WaitReadable() {
-  const bool limited = receive_timeout_ >= 1;
-  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(receive_timeout_);
+int32_t WinSock::WaitReadable() { return WaitReady(POLLIN, receive_timeout_); }
+
+// Waits for `events` on the socket: 0, 10060 after `timeout_ms` (without limit below 1), or the
+// socket number of a failed wait.
+int32_t WinSock::WaitReady(short events, int32_t timeout_ms) {
+  const bool limited = timeout_ms >= 1;
+  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   for (;;) {
-    int timeout_ms = -1;
+    int wait_ms = -1;
     if (limited) {
       auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-      timeout_ms = static_cast<int>(std::max<int64_t>(left.count(), 0));
+      wait_ms = static_cast<int>(std::max<int64_t>(left.count(), 0));
     }
-    SocketResult polled = api_->Poll(handle_, POLLIN, timeout_ms);
+    SocketResult polled = api_->Poll(handle_, events, wait_ms);
     if (polled.error == EINTR) continue;
     if (!polled.ok()) return WsaErrorFromErrno(polled.error);
     if (polled.value == 0) return sckTimedout;
@@ -160,19 +164,20 @@ int32_t WinSock::SendData(std::span<const uint8_t> Buffer) {
 }
 
 // Sends every byte: a short send, or a socket that would block, waits until the socket can take
-// more (poll for POLLOUT, without limit) and continues where it stopped.
+// more (poll for POLLOUT, at most the send time-out, without limit when it is 0) and continues
+// where it stopped. A wait that runs out gives 10060.
 int32_t WinSock::SendAll(std::span<const uint8_t> bytes) {
   size_t sent = 0;
   while (sent < bytes.size()) {
-    SocketResult done = api_->Send(handle_, bytes.data() + sent, bytes.size() - sent, 0);
+    // With a send time-out, a blocking socket must not wait inside the send itself.
+    const int flags = send_timeout_ > 0 ? MSG_DONTWAIT : 0;
+    SocketResult done = api_->Send(handle_, bytes.data() + sent, bytes.size() - sent, flags);
     if (done.ok()) sent += static_cast<size_t>(done.value);
     if (sent == bytes.size()) break;
     if (!done.ok() && done.error != EAGAIN && done.error != EWOULDBLOCK) {
       return WsaErrorFromErrno(done.error);
     }
-    SocketResult polled = api_->Poll(handle_, POLLOUT, -1);
-    if (!polled.ok() && polled.error != EINTR) return WsaErrorFromErrno(polled.error);
-    if (polled.ok() && PollFailure(polled.value) != 0) return sckNotSocket;
+    if (int32_t failed = WaitReady(POLLOUT, send_timeout_); failed != 0) return failed;
   }
   return 0;
 }

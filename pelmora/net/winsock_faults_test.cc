@@ -136,6 +136,16 @@ TEST_F(FaultyConnection, SendThatWouldBlockWaitsAndRetries) {
   EXPECT_EQ(peer_.Received(0), (Bytes{1, 2, 3, 4}));
 }
 
+// A peer that stops reading: once the system's buffers are full, a send with a time-out gives up
+// with 10060 instead of waiting without limit; the same send without one is the default.
+TEST_F(FaultyConnection, SendToAPeerThatStopsReadingEndsAtTheSendTimeOut) {
+  peer_.Stall();
+  Connect();
+  socket_.SetSendTimeout(50);
+  EXPECT_EQ(socket_.SendData(Pattern(64 << 20, 3)), sckTimedout);
+  EXPECT_GE(api_->Calls(SocketCall::kPoll), 1);
+}
+
 struct DataFault {
   SocketCall call;
   int error;

@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <strings.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
@@ -15,7 +16,9 @@
 #include <cerrno>
 #include <chrono>
 #include <map>
+#include <mutex>
 #include <optional>
+#include <thread>
 #include <vector>
 
 #include "pelmora/common/error.h"
@@ -42,6 +45,50 @@ constexpr int64_t kNever = INT64_MAX;
 int64_t SystemClockMs() {
   using namespace std::chrono;
   return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
+}
+
+// The runner locks this process holds. A child forked by any thread closes them first thing
+// (from the fork handler, before its own code runs), so a child that outlives the process
+// cannot keep the lock from the next runner; they are close-on-exec as well.
+constexpr int kLockSlots = 8;
+std::atomic<int> held_locks[kLockSlots];
+
+void CloseLocksInChild() {
+  for (std::atomic<int>& slot : held_locks) {
+    int fd = slot.load(std::memory_order_relaxed);
+    if (fd >= 0) close(fd);
+  }
+}
+
+void RememberLock(int fd) {
+  static std::once_flag registered;
+  std::call_once(registered, [] {
+    for (std::atomic<int>& slot : held_locks) slot.store(-1);
+    pthread_atfork(nullptr, nullptr, &CloseLocksInChild);
+  });
+  for (std::atomic<int>& slot : held_locks) {
+    int free = -1;
+    if (slot.compare_exchange_strong(free, fd)) return;
+  }
+}
+
+void ForgetLock(int fd) {
+  for (std::atomic<int>& slot : held_locks) {
+    int held = fd;
+    if (slot.compare_exchange_strong(held, -1)) return;
+  }
+}
+
+// Takes the exclusive lock, waiting at most `wait_ms` for another holder to let it go.
+bool TakeLock(int fd, int wait_ms) {
+  constexpr auto kStep = std::chrono::milliseconds(20);
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(wait_ms);
+  while (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    if (errno != EWOULDBLOCK && errno != EINTR) return false;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(kStep);
+  }
+  return true;
 }
 
 Date LocalDate(int64_t ms) { return Date::FromUnixTime(ms >= 0 ? ms / 1000 : (ms - 999) / 1000); }
@@ -86,10 +133,12 @@ class TaskRunner::Loop {
       : folder_(options.folder.empty() ? DefaultTasksFolder() : options.folder),
         clock_(options.clock_ms ? options.clock_ms : &SystemClockMs),
         run_at_start_(options.run_at_start),
+        lock_wait_ms_(options.lock_wait_ms),
         started_(started),
         finished_(finished) {}
 
   ~Loop() {
+    if (lock_fd_ >= 0) ForgetLock(lock_fd_);
     for (int fd : {inotify_fd_, wake_fd_, lock_fd_}) {
       if (fd >= 0) close(fd);
     }
@@ -99,7 +148,8 @@ class TaskRunner::Loop {
     if (!pelmora::internal::CreateFolderPath(folder_ + "/")) RaiseErrno(errno);
     lock_fd_ = open(RunnerLockPath(folder_).c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0644);
     if (lock_fd_ < 0) RaiseErrno(errno);
-    if (flock(lock_fd_, LOCK_EX | LOCK_NB) != 0) throw Error(32, DescribeError(32), kSource);
+    RememberLock(lock_fd_);
+    if (!TakeLock(lock_fd_, lock_wait_ms_)) throw Error(32, DescribeError(32), kSource);
     inotify_fd_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     wake_fd_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (inotify_fd_ < 0 || wake_fd_ < 0) RaiseErrno(errno);
@@ -281,6 +331,7 @@ class TaskRunner::Loop {
   std::string folder_;
   std::function<int64_t()> clock_;
   bool run_at_start_;
+  int lock_wait_ms_;
   std::atomic<int>& started_;
   std::atomic<int>& finished_;
   int inotify_fd_ = -1;

@@ -35,6 +35,10 @@ struct TaskRunnerOptions {
   std::function<int64_t()> clock_ms = nullptr;
   // Whether Start fires the tasks that have an enabled "at system start" trigger.
   bool run_at_start = true;
+  // How long Start waits for the folder's runner lock before refusing with 32; 0 refuses at
+  // once. A service restarted right after a crash gives a process that the crashed one had just
+  // forked (and that still shares the lock) this long to go.
+  int lock_wait_ms = 0;
 };
 
 class TaskRunner {
@@ -47,8 +51,8 @@ class TaskRunner {
 
   // Takes the folder's runner lock, reads every task and starts watching. Raises pelmora::Error
   // (source "TaskRunner") when the folder cannot be created or watched (the errno's system
-  // text) or another runner holds the lock (32, the sharing violation text). Blocks only for the
-  // initial read.
+  // text) or another runner holds the lock for longer than lock_wait_ms (32, the sharing
+  // violation text). Blocks only for the initial read and that wait.
   void Start();
 
   // Stops watching, kills the process groups of the runs in progress and records them as

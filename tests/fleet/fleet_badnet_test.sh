@@ -11,12 +11,12 @@
 # healthy hosts must come back about as fast as in a run of the healthy hosts alone; and no
 # partial file may be left, neither in the local target folders nor in the service's drives.
 #   fleet_badnet_test.sh PELMORA PELMORAD SCRATCH [all|upload-cut|download-cut]
-# Two known faults have modes of their own, so that the main run stays meaningful:
-#   upload-cut    a put with host 5's link cut mid-upload: the client's send waits on the dead
-#                 link without limit, so the host is abandoned at the overall time-out (and
-#                 --json then prints no object for it) instead of being reported as 10060.
-#   download-cut  a get with host 5's link cut mid-download: the pieces received before the
-#                 cut stay in the local folder under the target name.
+# The cut link has modes of its own, run apart from the main run:
+#   upload-cut    a put with host 5's link cut mid-upload: the client's sends are bounded by the
+#                 reply time-out, so the host is reported as 10060 well before the overall
+#                 time-out that keeps the run bounded.
+#   download-cut  a get with host 5's link cut mid-download: nothing of the file may be left in
+#                 the local folder.
 # Exits 77 (skipped) where network namespaces, nftables or tbf are not available.
 set -uo pipefail
 tool=$1
@@ -212,8 +212,8 @@ case "$mode" in
     ;;
   upload-cut)
     # put with host 5's link going down mid-upload: the host must be reported as timed out
-    # (10060) within the reply time-out, and nothing may appear in its drive. The overall
-    # time-out keeps the run bounded when the upload waits on the dead link.
+    # (10060) within the reply time-out of the cut, long before the overall time-out, and
+    # nothing may appear in its drive.
     cut_link_later tx > "$work/put.cut" &
     cutter=$!
     fleet "10.232.5.2,$healthy" "$work/put.json" --overall-timeout $((4 * timeout_ms)) \
@@ -222,6 +222,9 @@ case "$mode" in
     echo "host 5: $(cat "$work/put.cut")"
     check "put: host 5 failed" '"failed"' "$(field "$work/put.json" 10.232.5.2 result)"
     check "put: host 5 timed out" "$timed_out" "$(error_of "$work/put.json" 10.232.5.2)"
+    reported=$(line_of "$work/put.json" 10.232.5.2 | cut -d' ' -f1)
+    check_true "put: host 5 reported before the overall time-out (${reported:-never} s)" \
+      le "${reported:-999}" "$(calc "3 * $timeout_ms / 1000")"
     check_true "put: no file under the target name on host 5" test ! -e "$work/host5/c/put.bin"
     check_true "put: no partial file in host 5's drive" no_leftovers "$work/host5/c"
     ;;

@@ -39,6 +39,22 @@ struct FleetState {
   }
 };
 
+// Prints the reports due when a host ends, or is abandoned at the overall time-out: its group
+// block, its --json object and its files in the output folder.
+void ReportFinished(FleetState& s, const HostRecord& record) {
+  if (s.options.group && !s.options.gather) {
+    s.console->Out(GroupBlock(record));
+    if (record.failure) s.console->Err(ErrorLine(record.target.Display(), *record.failure) + "\n");
+  }
+  if (s.options.json) s.console->Out(JsonLine(record));
+  if (s.options.output_dir.empty()) return;
+  try {
+    WriteOutputFiles(s.options.output_dir, record);
+  } catch (const CommandError& e) {
+    if (s.report_error.empty()) s.report_error = e.what();
+  }
+}
+
 class FleetHostOutput : public HostOutput {
  public:
   FleetHostOutput(std::shared_ptr<FleetState> state, size_t index)
@@ -92,7 +108,7 @@ class FleetHostOutput : public HostOutput {
       std::string rest = prefixer_.Flush();
       if (!rest.empty()) s.console->Out(rest);
     }
-    ReportFinished(record);
+    ReportFinished(s, record);
     ++s.done;
     if (!record.Ok()) ++s.failed;
     s.ShowProgress();
@@ -100,21 +116,6 @@ class FleetHostOutput : public HostOutput {
   }
 
  private:
-  void ReportFinished(const HostRecord& record) {
-    FleetState& s = *state_;
-    if (s.options.group && !s.options.gather) {
-      s.console->Out(GroupBlock(record));
-      if (record.failure) s.console->Err(ErrorLine(host_, *record.failure) + "\n");
-    }
-    if (s.options.json) s.console->Out(JsonLine(record));
-    if (s.options.output_dir.empty()) return;
-    try {
-      WriteOutputFiles(s.options.output_dir, record);
-    } catch (const CommandError& e) {
-      if (s.report_error.empty()) s.report_error = e.what();
-    }
-  }
-
   std::shared_ptr<FleetState> state_;
   size_t index_;
   std::string host_;
@@ -161,6 +162,7 @@ size_t WaitAndClose(FleetState& s) {
     ++abandoned;
     record.status = kExitTimedOut;
     record.seconds = std::chrono::duration<double>(Clock::now() - s.start).count();
+    ReportFinished(s, record);
   }
   return abandoned;
 }

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdio>
 #include <future>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
@@ -158,6 +159,32 @@ TEST(Fleet, OverallTimeOutLeavesSlowHostsBehindAsTimedOut) {
   EXPECT_EQ(outcome.records[1].status, kExitTimedOut);
   release->set_value();
   EXPECT_THAT(console.Err(), HasSubstr("slow  timed out     6"));
+}
+
+// A host left at the overall time-out still gets its --json object, as "timed out".
+TEST(Fleet, JsonReportsAHostAbandonedAtTheOverallTimeOut) {
+  auto release = std::make_shared<std::promise<void>>();
+  std::shared_future<void> released = release->get_future().share();
+  auto runner = [released](const HostTarget& target, HostOutput&) {
+    if (target.name == "slow") released.wait();
+    return kExitOk;
+  };
+  CapturedConsole console;
+  FleetOptions options = Hosts("fast,slow");
+  options.overall_timeout_ms = 100;
+  options.json = true;
+  RunFleet(options, runner, console.Get());
+  release->set_value();
+  std::istringstream lines(console.Out());
+  std::map<std::string, nlohmann::json> objects;
+  for (std::string line; std::getline(lines, line);) {
+    nlohmann::json object = nlohmann::json::parse(line);
+    objects[object["host"].get<std::string>()] = object;
+  }
+  ASSERT_EQ(objects.size(), 2u);
+  EXPECT_EQ(objects["fast"]["result"], "ok");
+  EXPECT_EQ(objects["slow"]["result"], "timed out");
+  EXPECT_EQ(objects["slow"]["status"], kExitTimedOut);
 }
 
 TEST(Fleet, ARunnerThatThrowsCountsAsFailed) {
