@@ -6,8 +6,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <future>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
@@ -104,6 +107,27 @@ TEST(Fleet, NeverRunsMoreHostsAtOnceThanParallel) {
   EXPECT_EQ(RunFleet(options, runner, console.Get()).status, 0);
   EXPECT_LE(most.load(), 3);
   EXPECT_GE(most.load(), 1);
+}
+
+TEST(Fleet, ParallelHostsRunAtTheSameTime) {
+  // Each host's command waits until all three have started: hosts run one after the other
+  // never meet, and each gives up after the bound.
+  std::mutex mutex;
+  std::condition_variable all_started;
+  int started = 0;
+  std::atomic<int> met{0};
+  auto runner = [&](const HostTarget&, HostOutput&) {
+    std::unique_lock lock(mutex);
+    ++started;
+    all_started.notify_all();
+    if (all_started.wait_for(lock, std::chrono::seconds(30), [&] { return started == 3; })) ++met;
+    return kExitOk;
+  };
+  CapturedConsole console;
+  FleetOptions options = Hosts("h[1-3]");
+  options.parallel = 3;
+  EXPECT_EQ(RunFleet(options, runner, console.Get()).status, 0);
+  EXPECT_EQ(met.load(), 3);
 }
 
 TEST(Fleet, JsonPrintsOneObjectPerHostAndNoTable) {
