@@ -90,6 +90,14 @@ TEST(Fleet, EveryHostSucceedingGivesStatusZeroAndRecordsInListOrder) {
   EXPECT_EQ(outcome.records[2].port, 8002);
 }
 
+// The status of a fleet run over `list` with --parallel 3.
+int RunThreeAtATime(const std::string& list, const HostRunner& runner) {
+  CapturedConsole console;
+  FleetOptions options = Hosts(list);
+  options.parallel = 3;
+  return RunFleet(options, runner, console.Get()).status;
+}
+
 TEST(Fleet, NeverRunsMoreHostsAtOnceThanParallel) {
   std::atomic<int> running{0};
   std::atomic<int> most{0};
@@ -101,10 +109,7 @@ TEST(Fleet, NeverRunsMoreHostsAtOnceThanParallel) {
     --running;
     return kExitOk;
   };
-  CapturedConsole console;
-  FleetOptions options = Hosts("h[1-40]");
-  options.parallel = 3;
-  EXPECT_EQ(RunFleet(options, runner, console.Get()).status, 0);
+  EXPECT_EQ(RunThreeAtATime("h[1-40]", runner), 0);
   EXPECT_LE(most.load(), 3);
   EXPECT_GE(most.load(), 1);
 }
@@ -123,10 +128,7 @@ TEST(Fleet, ParallelHostsRunAtTheSameTime) {
     if (all_started.wait_for(lock, std::chrono::seconds(30), [&] { return started == 3; })) ++met;
     return kExitOk;
   };
-  CapturedConsole console;
-  FleetOptions options = Hosts("h[1-3]");
-  options.parallel = 3;
-  EXPECT_EQ(RunFleet(options, runner, console.Get()).status, 0);
+  EXPECT_EQ(RunThreeAtATime("h[1-3]", runner), 0);
   EXPECT_EQ(met.load(), 3);
 }
 
