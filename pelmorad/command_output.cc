@@ -6,28 +6,17 @@
 #include <cerrno>
 
 #include "pelmora/common/error.h"
+#include "pelmora/platform/utf8.h"
 #include "pelmorad/command_tree.h"
 
 namespace pelmorad {
-namespace {
-
-// The length of the sequence a UTF-8 lead byte starts, 0 for a byte that cannot lead one.
-std::size_t SequenceLength(unsigned char byte) {
-  if (byte < 0x80) return 1;
-  if ((byte & 0xE0) == 0xC0) return 2;
-  if ((byte & 0xF0) == 0xE0) return 3;
-  if ((byte & 0xF8) == 0xF0) return 4;
-  return 0;
-}
-
-}  // namespace
 
 std::size_t WholeUtf8Prefix(std::string_view bytes) {
   std::size_t size = bytes.size();
   for (std::size_t back = 1; back <= 4 && back <= size; ++back) {
     auto byte = static_cast<unsigned char>(bytes[size - back]);
     if ((byte & 0xC0) == 0x80) continue;  // a continuation byte: look further back
-    std::size_t needed = SequenceLength(byte);
+    std::size_t needed = pelmora::platform::Utf8SequenceLength(byte);
     return needed > back ? size - back : size;
   }
   return size;

@@ -14,6 +14,7 @@
 
 #include "pelmora/common/error.h"
 #include "pelmora/common/error_texts.h"
+#include "pelmora/platform/win_error.h"
 
 namespace pelmorad {
 namespace {
@@ -123,7 +124,7 @@ pelmora::ChildProcess StartKept(const pelmora::ChildSpec& launch) {
   const std::vector<std::string>& words = launch.arguments;
   if (words.size() >= 3 && words[0] == KeeperBinary() && words[1] == "--") program = words[2];
   if (!program.empty() && ::access(program.c_str(), X_OK) != 0) {
-    int32_t number = errno == ENOENT || errno == ENOTDIR ? 2 : 5;
+    int32_t number = pelmora::platform::Win32FromErrno(errno);
     throw pelmora::Error(number, pelmora::DescribeError(number), "ChildProcess");
   }
   return pelmora::ChildProcess::Start(launch);

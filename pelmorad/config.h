@@ -17,6 +17,8 @@
 #include <utility>
 #include <vector>
 
+#include "pelmora/admin/wire.h"
+
 namespace pelmorad {
 
 // The configuration file used when none is given on the command line.
@@ -69,7 +71,7 @@ struct SchedulerConfig {
 
 // The whole configuration.
 struct Config {
-  std::vector<std::string> listen = {"127.0.0.1:8002"};
+  std::vector<std::string> listen = {"127.0.0.1:" + std::to_string(pelmora::admin::kServicePort)};
   std::map<char, std::string> drives;                      // letter -> Linux folder
   std::vector<std::pair<std::string, std::string>> paths;  // key -> drive-letter path
   std::string system_directory = "C:\\Windows\\system32";

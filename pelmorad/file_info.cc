@@ -8,12 +8,11 @@
 #include <cerrno>
 #include <memory>
 
+#include "pelmora/platform/file_time.h"
 #include "pelmorad/win_error.h"
 
 namespace pelmorad {
 namespace {
-
-constexpr int64_t kUnixEpochInFileTime = 116444736000000000;
 
 struct DirCloser {
   void operator()(DIR* dir) const { ::closedir(dir); }
@@ -59,21 +58,12 @@ pelmora::admin::FileInfoRecord EntryRecord(const DriveTable& drives, int folder,
 }  // namespace
 
 uint64_t ToFileTime(const timespec& time) {
-  int64_t ticks = static_cast<int64_t>(time.tv_sec) * 10000000 + time.tv_nsec / 100;
-  int64_t filetime = ticks + kUnixEpochInFileTime;
-  return filetime < 0 ? 0 : static_cast<uint64_t>(filetime);
+  return pelmora::platform::FileTimeFromUnix(time.tv_sec, time.tv_nsec);
 }
 
 timespec FromFileTime(uint64_t filetime) {
-  int64_t ticks = static_cast<int64_t>(filetime) - kUnixEpochInFileTime;
-  if (filetime > static_cast<uint64_t>(INT64_MAX)) ticks = INT64_MAX - kUnixEpochInFileTime;
-  int64_t seconds = ticks / 10000000;
-  int64_t rest = ticks % 10000000;
-  if (rest < 0) {
-    rest += 10000000;
-    --seconds;
-  }
-  return timespec{static_cast<time_t>(seconds), static_cast<long>(rest * 100)};
+  pelmora::platform::UnixTime time = pelmora::platform::UnixFromFileTime(filetime);
+  return timespec{static_cast<time_t>(time.seconds), static_cast<long>(time.nanoseconds)};
 }
 
 int32_t AttributesFor(mode_t mode, std::string_view name) {

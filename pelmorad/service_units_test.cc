@@ -115,6 +115,7 @@ TEST(WholeUtf8Prefix, HoldsBackOnlyAnUnfinishedCharacter) {
   EXPECT_EQ(WholeUtf8Prefix("x\xE2\x82"), 1u);             // two of the three bytes of €
   EXPECT_EQ(WholeUtf8Prefix("x\xF0\x9F\x98\x80"), 5u);     // a four-byte character complete
   EXPECT_EQ(WholeUtf8Prefix("x\xFF"), 2u);                 // not UTF-8: never held back
+  EXPECT_EQ(WholeUtf8Prefix("x\xC1"), 2u);                 // an overlong lead never completes
   EXPECT_EQ(WholeUtf8Prefix("\x80\x80\x80\x80\x80"), 5u);  // stray continuation bytes
 }
 

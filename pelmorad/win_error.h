@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <string>
 
+#include "pelmora/platform/win_error.h"
+
 namespace pelmorad {
 
 // The numbers used in replies (their texts are the platform's messages).
@@ -30,15 +32,12 @@ inline constexpr int32_t kNotAFolder = 267;
 inline constexpr int32_t kLogonFailure = 1326;
 inline constexpr int32_t kTimeout = 1460;
 
-// Which "not found" a missing name means: the final name (kFile: 2) or a folder on the way
-// (kPath: 3).
-enum class Missing { kFile, kPath };
+using pelmora::platform::Missing;
 
-// The Windows number for an errno value. ENOENT gives 2 or 3 as `missing` says; ENOTDIR 3;
-// EXDEV, ELOOP, EACCES, EPERM, EROFS and EISDIR 5 (a name that would leave the drive's folder is
-// "access denied"); EEXIST 80; ENOTEMPTY 145; ENOSPC/EDQUOT 112; ENAMETOOLONG 206; EBUSY/ETXTBSY
-// 32; EMFILE/ENFILE 4; ENOMEM 8; EINVAL 87; anything else 1.
-int32_t FromErrno(int error, Missing missing);
+// The Windows number for an errno value (the library's one table).
+inline int32_t FromErrno(int error, Missing missing) {
+  return pelmora::platform::Win32FromErrno(error, missing);
+}
 
 // The text for `code` (the platform message); "Error: N (no description)" when there is none.
 std::string ErrorText(int32_t code);

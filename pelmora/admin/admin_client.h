@@ -26,6 +26,7 @@
 #include <utility>
 
 #include "pelmora/admin/rcfso.h"
+#include "pelmora/admin/wire.h"
 #include "pelmora/common/date.h"
 
 namespace pelmora::admin {
@@ -103,7 +104,7 @@ class AdminClient {
   RCFSO fso_;
   std::string command_output_;
   OutputCollector collector_{command_output_};
-  int32_t service_port_ = 8002;
+  int32_t service_port_ = kServicePort;
 };
 
 }  // namespace pelmora::admin

@@ -37,7 +37,6 @@ RCFSO::RCFSO() {
   // No caller can reach this socket, so its small reads may be served from a read-ahead buffer.
   socket_.SetReadAhead(true);
   connected_ = false;
-  std::fill(std::begin(header_template_), std::end(header_template_), uint8_t{0xFF});
   LogLevel() = 3;
   sequence_ = kFirstSequenceNumber;
   cache_folder_ = GetTempFolder() + std::string(kCacheSubfolder);

@@ -325,7 +325,6 @@ class RCFSO {
   std::string err_description_;
   int32_t err_code_ = 0;
   int32_t sequence_ = 0;
-  uint8_t header_template_[3] = {0, 0, 0};
   std::string cache_folder_;
   std::vector<RCFSOEvents*> sinks_;
   TlsClientSettings tls_;

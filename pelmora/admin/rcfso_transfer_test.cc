@@ -325,14 +325,5 @@ TEST_F(RCFSOTransfer, DownloadRefusesBlankNamesBeforeSending) {
   EXPECT_TRUE(log_.Has(".log", {"I", "RFSO", "Download", Handle(fso) + "Send request fail"}));
 }
 
-TEST(LocalFile, FileTimesConvertBothWays) {
-  int64_t seconds = 0;
-  int64_t nanoseconds = 0;
-  internal::UnixFromFileTime(kAccess, seconds, nanoseconds);
-  EXPECT_EQ(internal::FileTimeFromUnix(seconds, nanoseconds), kAccess);
-  EXPECT_EQ(internal::FileTimeFromUnix(0, 0), 116444736000000000u);
-  EXPECT_EQ(internal::FileTimeFromUnix(-kFileTimeUnixEpochSeconds - 1, 0), 0u);
-}
-
 }  // namespace
 }  // namespace pelmora::admin

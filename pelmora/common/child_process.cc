@@ -22,6 +22,7 @@
 
 #include "pelmora/common/error.h"
 #include "pelmora/common/error_texts.h"
+#include "pelmora/platform/win_error.h"
 
 #ifndef P_PIDFD
 #define P_PIDFD 3
@@ -41,34 +42,11 @@ struct ChildFailure {
   int error = 0;
 };
 
-// Win32 numbers for the errno values a start can fail with.
-int ErrnoToSystemError(int error) {
-  switch (error) {
-    case ENOENT:
-      return 2;
-    case ENOTDIR:
-    case ENAMETOOLONG:
-    case ELOOP:
-      return 3;
-    case EACCES:
-    case EPERM:
-      return 5;
-    case ENOMEM:
-    case EAGAIN:
-      return 8;
-    case EMFILE:
-    case ENFILE:
-      return 4;
-    default:
-      return 87;
-  }
-}
-
 Error StartError(int number) { return Error(number, DescribeError(number), kSource); }
 
 Error FailureError(const ChildFailure& failure) {
   if (failure.stage == Stage::kFolder) return StartError(267);
-  return StartError(ErrnoToSystemError(failure.error));
+  return StartError(platform::Win32FromErrno(failure.error));
 }
 
 // An owned file descriptor.
@@ -95,7 +73,7 @@ struct Pipe {
 
 Pipe MakePipe() {
   int fds[2];
-  if (pipe2(fds, O_CLOEXEC) != 0) throw StartError(ErrnoToSystemError(errno));
+  if (pipe2(fds, O_CLOEXEC) != 0) throw StartError(platform::Win32FromErrno(errno));
   return {UniqueFd(fds[0]), UniqueFd(fds[1])};
 }
 
@@ -294,7 +272,7 @@ pid_t ForkChild(const LaunchPlan& plan, ChildFds fds, int status_fd) {
   if (pid == 0) RunChild(plan, fds, status_fd);
   int fork_error = errno;
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-  if (pid < 0) throw StartError(ErrnoToSystemError(fork_error));
+  if (pid < 0) throw StartError(platform::Win32FromErrno(fork_error));
   return pid;
 }
 
@@ -319,7 +297,7 @@ void ReapQuietly(pid_t pid) {
 ChildProcess ChildProcess::Start(const ChildSpec& launch) {
   LaunchPlan plan = MakePlan(launch);
   UniqueFd null_fd(open("/dev/null", O_RDONLY | O_CLOEXEC));
-  if (null_fd.Get() < 0) throw StartError(ErrnoToSystemError(errno));
+  if (null_fd.Get() < 0) throw StartError(platform::Win32FromErrno(errno));
   Pipe output = MakePipe();
   Pipe status = MakePipe();
   std::optional<Pipe> input, error;
@@ -347,7 +325,7 @@ ChildProcess ChildProcess::Start(const ChildSpec& launch) {
     int error = errno;
     kill(-pid, SIGKILL);
     ReapQuietly(pid);
-    throw StartError(ErrnoToSystemError(error));
+    throw StartError(platform::Win32FromErrno(error));
   }
   ChildProcess child(pid, output.read.Release(), exit_fd.Release());
   if (input) {

@@ -256,27 +256,36 @@ TEST(ChildProcess, DestroyingARunningChildKillsItsWholeGroup) {
   close(grandchild);
 }
 
-// A user for the run-as tests, created when missing.
-constexpr char kTestUser[] = "pelmora-child-test";
+// A user for the run-as test, added for it and removed with its home folder afterwards.
+class TestUser {
+ public:
+  TestUser() : name_("pelmora-child-" + std::to_string(getpid())) {
+    Run("userdel --remove " + name_);  // a leftover of an earlier run with this pid
+    Run("useradd --create-home --shell /bin/sh " + name_);
+  }
+  ~TestUser() { Run("userdel --remove " + name_); }
+  const std::string& name() const { return name_; }
 
-bool EnsureTestUser() {
-  if (getpwnam(kTestUser) != nullptr) return true;
-  std::string command =
-      std::string("useradd --create-home --shell /bin/sh ") + kTestUser + " >/dev/null 2>&1";
-  return std::system(command.c_str()) == 0 && getpwnam(kTestUser) != nullptr;
-}
+ private:
+  static void Run(const std::string& command) {
+    [[maybe_unused]] int status = std::system((command + " >/dev/null 2>&1").c_str());
+  }
+  std::string name_;
+};
 
 TEST(ChildProcess, RunsAsTheGivenUserWhenRoot) {
   if (geteuid() != 0) GTEST_SKIP() << "run_as needs root";
-  ASSERT_TRUE(EnsureTestUser());
-  passwd* user = getpwnam(kTestUser);
+  TestUser test_user;
+  const std::string& user_name = test_user.name();
+  passwd* user = getpwnam(user_name.c_str());
+  ASSERT_NE(user, nullptr) << "cannot add " << user_name;
   std::string home = user->pw_dir;
   Result r =
-      RunChild(Command("id -un; id -u; id -g; pwd; echo $HOME $USER $LOGNAME $SHELL", kTestUser));
-  EXPECT_EQ(r.output, std::string(kTestUser) + "\n" + std::to_string(user->pw_uid) + "\n" +
+      RunChild(Command("id -un; id -u; id -g; pwd; echo $HOME $USER $LOGNAME $SHELL", user_name));
+  EXPECT_EQ(r.output, user_name + "\n" + std::to_string(user->pw_uid) + "\n" +
                           std::to_string(user->pw_gid) + "\n" + home + "\n" + home + " " +
-                          kTestUser + " " + kTestUser + " /bin/sh\n");
-  EXPECT_EQ(RunChild(Command("id -G", kTestUser)).output, std::to_string(user->pw_gid) + "\n");
+                          user_name + " " + user_name + " /bin/sh\n");
+  EXPECT_EQ(RunChild(Command("id -G", user_name)).output, std::to_string(user->pw_gid) + "\n");
 }
 
 TEST(ChildProcess, RefusesAnUnknownRunAsUserWhenRoot) {

@@ -11,8 +11,15 @@
 #include <mutex>
 #include <shared_mutex>
 
+#include "pelmora/platform/utf8.h"
+
 namespace pelmora {
 namespace {
+
+// The bytes one step over UTF-8 takes from `lead`: its sequence, or 1 for a stray byte.
+size_t Utf8Step(unsigned char lead) {
+  return std::max<size_t>(platform::Utf8SequenceLength(lead), 1);
+}
 
 // Turns "1252" into "CP1252"; names pass through.
 std::string IconvName(std::string_view code_page) {
@@ -60,14 +67,6 @@ class Converter {
  private:
   iconv_t cd_;
 };
-
-// Length of the UTF-8 sequence starting with `lead`, 1 for a stray byte.
-size_t Utf8SequenceLength(unsigned char lead) {
-  if (lead >= 0xF0 && lead <= 0xF4) return 4;
-  if (lead >= 0xE0) return lead <= 0xEF ? 3 : 1;
-  if (lead >= 0xC2) return 2;
-  return 1;
-}
 
 // Converts with iconv, replacing each input unit it cannot convert by `replacement` and skipping
 // `skip(input)` bytes of input for it.
@@ -153,7 +152,7 @@ std::string FoldCase(std::string_view utf8) {
       ++i;
       continue;
     }
-    size_t n = std::min(Utf8SequenceLength(lead), utf8.size() - i);
+    size_t n = std::min(Utf8Step(lead), utf8.size() - i);
     char32_t c = 0;
     if (!DecodeUtf8(bytes + i, n, c)) {
       out += static_cast<char>(lead);
@@ -190,7 +189,7 @@ std::string AnsiToUtf8(std::string_view ansi) {
 
 std::string Utf8ToAnsi(std::string_view utf8) {
   return Convert(AnsiCodePage(), "UTF-8", utf8, "?", [](std::string_view rest) {
-    return Utf8SequenceLength(static_cast<unsigned char>(rest[0]));
+    return Utf8Step(static_cast<unsigned char>(rest[0]));
   });
 }
 
@@ -209,7 +208,7 @@ std::string Utf16LeToUtf8(std::string_view utf16le) {
 size_t Utf16Length(std::string_view utf8) {
   size_t units = 0;
   for (size_t i = 0; i < utf8.size();) {
-    size_t n = Utf8SequenceLength(static_cast<unsigned char>(utf8[i]));
+    size_t n = Utf8Step(static_cast<unsigned char>(utf8[i]));
     units += n == 4 ? 2 : 1;
     i += n;
   }

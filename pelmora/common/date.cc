@@ -96,8 +96,7 @@ Date Date::FromUnixTime(int64_t seconds) {
 }
 
 Date Date::FromFileTime(uint64_t filetime) {
-  int64_t seconds = static_cast<int64_t>(filetime / 10000000) - kFileTimeUnixEpochSeconds;
-  return FromUnixTime(seconds);
+  return FromUnixTime(platform::UnixFromFileTime(filetime).seconds);
 }
 
 Date Date::Now() { return FromUnixTime(static_cast<int64_t>(std::time(nullptr))); }
@@ -132,8 +131,7 @@ int64_t Date::ToUnixTime() const {
 }
 
 uint64_t Date::ToFileTime() const {
-  int64_t seconds = ToUnixTime() + kFileTimeUnixEpochSeconds;
-  return seconds < 0 ? 0 : static_cast<uint64_t>(seconds) * 10000000;
+  return platform::FileTimeFromUnix(ToUnixTime(), 0);
 }
 
 std::string Date::Format(std::string_view pattern) const {

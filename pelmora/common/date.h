@@ -16,6 +16,8 @@
 #include <string>
 #include <string_view>
 
+#include "pelmora/platform/file_time.h"
+
 namespace pelmora {
 
 // Calendar fields of a Date: month 1-12, day 1-31, hour 0-23, minute and second 0-59.
@@ -79,7 +81,7 @@ class Date {
 };
 
 // Seconds between 1601-01-01 and 1970-01-01.
-inline constexpr int64_t kFileTimeUnixEpochSeconds = 11644473600;
+using platform::kFileTimeUnixEpochSeconds;
 
 }  // namespace pelmora
 

@@ -22,6 +22,7 @@
 #include "pelmora/net/internal/curl_transfer.h"
 #include "pelmora/net/internal/url_cracker.h"
 #include "pelmora/net/wininet.h"
+#include "pelmora/platform/win_error.h"
 
 namespace pelmora {
 namespace {
@@ -50,18 +51,6 @@ Variant ResultOf(std::vector<uint8_t> data, int32_t data_type) {
   if (data.empty()) return Variant();
   return Variant(AnsiToUtf8(std::string_view(reinterpret_cast<const char*>(data.data()),
                                              data.size())));
-}
-
-// The Win32 number of a failed open of a file for reading.
-int32_t FileErrorNumber(int error) {
-  switch (error) {
-    case ENOENT: return 2;
-    case ENOTDIR:
-    case ENAMETOOLONG: return 3;
-    case EMFILE:
-    case ENFILE: return 4;
-    default: return 5;
-  }
 }
 
 // The count the chunked file loop reports: whole ChunkSize reads from `start` until `length`
@@ -188,12 +177,12 @@ int32_t WinINet::UploadFile(const std::string& FileName, int32_t Start, int32_t 
   RequireHttp();
   CheckPort16();
   int fd = ::open(FileName.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) net_internal::RaiseWithText(FileErrorNumber(errno));
+  if (fd < 0) net_internal::RaiseWithText(platform::Win32FromErrno(errno));
   struct stat info {};
   bool is_file = ::fstat(fd, &info) == 0 && !S_ISDIR(info.st_mode);
   if (!is_file) {
     ::close(fd);  // a folder cannot be opened as a file: access denied
-    net_internal::RaiseWithText(FileErrorNumber(EISDIR));
+    net_internal::RaiseWithText(platform::Win32FromErrno(EISDIR));
   }
   int64_t size = static_cast<int64_t>(info.st_size & 0xFFFFFFFF);
   if (Start > size) {

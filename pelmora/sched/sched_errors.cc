@@ -1,10 +1,10 @@
 #include "pelmora/sched/sched_errors.h"
 
-#include <cerrno>
 #include <string_view>
 
 #include "pelmora/common/error.h"
 #include "pelmora/common/error_texts.h"
+#include "pelmora/platform/win_error.h"
 
 namespace pelmora::sched {
 namespace {
@@ -46,23 +46,10 @@ constexpr ResultText kTexts[] = {
 
 }  // namespace
 
-uint32_t ResultFromWin32(uint32_t win32) {
-  return win32 == 0 ? 0 : (0x80070000u | (win32 & 0xFFFF));
-}
+uint32_t ResultFromWin32(uint32_t win32) { return platform::HresultFromWin32(win32); }
 
 uint32_t ResultFromErrno(int error) {
-  switch (error) {
-    case ENOENT:
-    case ENOTDIR:
-      return kFileNotFound;
-    case EEXIST:
-      return kFileExists;
-    case EACCES:
-    case EPERM:
-      return kAccessDenied;
-    default:
-      return kFail;
-  }
+  return platform::HresultFromErrno(error, platform::Missing::kFile);
 }
 
 std::string SchedResultText(uint32_t code) {

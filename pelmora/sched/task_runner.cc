@@ -24,6 +24,7 @@
 #include "pelmora/common/error.h"
 #include "pelmora/common/error_texts.h"
 #include "pelmora/common/internal/platform.h"
+#include "pelmora/platform/win_error.h"
 #include "pelmora/sched/internal/file_io.h"
 #include "pelmora/sched/task.h"
 #include "pelmora/sched/task_execution.h"
@@ -38,7 +39,7 @@ constexpr char kSource[] = "TaskRunner";
 constexpr int64_t kNever = INT64_MAX;
 
 [[noreturn]] void RaiseErrno(int error) {
-  int32_t number = error == EACCES || error == EPERM ? 5 : error == ENOENT ? 3 : 31;
+  int32_t number = platform::Win32FromErrno(error, platform::Missing::kPath);
   throw Error(number, DescribeError(number), kSource);
 }
 

@@ -58,6 +58,20 @@ def test_errors_carry_number_description_and_source():
 
 
 def test_values_of_every_kind_cross_unchanged():
+    info = pelmora.CreateObject("Pelmora.RCFileInfo")
+    cases = [
+        ("LastWriteTime", datetime.datetime(2009, 3, 14, 15, 9, 26)),
+        ("CreationTime", datetime.datetime(1899, 12, 30)),
+        ("FileName", "Grüße €.txt"),
+        ("FileName", ""),
+        ("FileSize", -2147483648),
+        ("FileSize", 2147483647),
+        ("FileAttribues", 0x21),
+    ]
+    for name, value in cases:
+        setattr(info, name, value)
+        got = getattr(info, name)
+        assert (type(got), got) == (type(value), value), name
     sock = pelmora.CreateObject("Pelmora.WinSock")
     with pytest.raises(TypeError):
         sock.RemoteHost = object()

@@ -40,7 +40,7 @@ inline constexpr int kExitExecFailure = 255;
 // The global options of `pelmora admin`.
 struct AdminOptions {
   std::string host = "localhost";
-  int32_t port = 8002;
+  int32_t port = pelmora::admin::kServicePort;
   std::string account;           // "" for the built-in service account
   std::string password_file;
   std::string access_code_file;

@@ -30,7 +30,7 @@ namespace pelmora_tool {
 // How a fleet run reports.
 struct FleetOptions {
   std::vector<HostTarget> hosts;
-  int32_t default_port = 8002;
+  int32_t default_port = pelmora::admin::kServicePort;
   int parallel = 16;
   bool group = false;
   bool gather = false;

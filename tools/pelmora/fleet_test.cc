@@ -6,9 +6,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <future>
 #include <map>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
@@ -88,6 +91,14 @@ TEST(Fleet, EveryHostSucceedingGivesStatusZeroAndRecordsInListOrder) {
   EXPECT_EQ(outcome.records[2].port, 8002);
 }
 
+// The status of a fleet run over `list` with --parallel 3.
+int RunThreeAtATime(const std::string& list, const HostRunner& runner) {
+  CapturedConsole console;
+  FleetOptions options = Hosts(list);
+  options.parallel = 3;
+  return RunFleet(options, runner, console.Get()).status;
+}
+
 TEST(Fleet, NeverRunsMoreHostsAtOnceThanParallel) {
   std::atomic<int> running{0};
   std::atomic<int> most{0};
@@ -99,12 +110,27 @@ TEST(Fleet, NeverRunsMoreHostsAtOnceThanParallel) {
     --running;
     return kExitOk;
   };
-  CapturedConsole console;
-  FleetOptions options = Hosts("h[1-40]");
-  options.parallel = 3;
-  EXPECT_EQ(RunFleet(options, runner, console.Get()).status, 0);
+  EXPECT_EQ(RunThreeAtATime("h[1-40]", runner), 0);
   EXPECT_LE(most.load(), 3);
   EXPECT_GE(most.load(), 1);
+}
+
+TEST(Fleet, ParallelHostsRunAtTheSameTime) {
+  // Each host's command waits until all three have started: hosts run one after the other
+  // never meet, and each gives up after the bound.
+  std::mutex mutex;
+  std::condition_variable all_started;
+  int started = 0;
+  std::atomic<int> met{0};
+  auto runner = [&](const HostTarget&, HostOutput&) {
+    std::unique_lock lock(mutex);
+    ++started;
+    all_started.notify_all();
+    if (all_started.wait_for(lock, std::chrono::seconds(30), [&] { return started == 3; })) ++met;
+    return kExitOk;
+  };
+  EXPECT_EQ(RunThreeAtATime("h[1-3]", runner), 0);
+  EXPECT_EQ(met.load(), 3);
 }
 
 TEST(Fleet, JsonPrintsOneObjectPerHostAndNoTable) {

@@ -7,31 +7,21 @@
 #include <cerrno>
 #include <utility>
 
-#include "pelmora/common/date.h"
+#include "pelmora/platform/file_time.h"
 
 namespace pelmora::admin::internal {
 namespace {
 
-constexpr int64_t kTicksPerSecond = 10000000;
-constexpr int64_t kNanosecondsPerTick = 100;
-
 uint64_t FileTimeOf(const struct statx_timestamp& t) {
-  return FileTimeFromUnix(t.tv_sec, t.tv_nsec);
+  return platform::FileTimeFromUnix(t.tv_sec, t.tv_nsec);
+}
+
+timespec TimespecOf(uint64_t filetime) {
+  platform::UnixTime time = platform::UnixFromFileTime(filetime);
+  return {static_cast<time_t>(time.seconds), static_cast<long>(time.nanoseconds)};
 }
 
 }  // namespace
-
-uint64_t FileTimeFromUnix(int64_t seconds, int64_t nanoseconds) {
-  const int64_t since_1601 = seconds + kFileTimeUnixEpochSeconds;
-  if (since_1601 < 0) return 0;
-  return static_cast<uint64_t>(since_1601) * kTicksPerSecond +
-         static_cast<uint64_t>(nanoseconds / kNanosecondsPerTick);
-}
-
-void UnixFromFileTime(uint64_t filetime, int64_t& seconds, int64_t& nanoseconds) {
-  seconds = static_cast<int64_t>(filetime / kTicksPerSecond) - kFileTimeUnixEpochSeconds;
-  nanoseconds = static_cast<int64_t>(filetime % kTicksPerSecond) * kNanosecondsPerTick;
-}
 
 LocalFile LocalFile::OpenForReading(const std::string& path) {
   return LocalFile(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -95,13 +85,7 @@ std::optional<FileTimes> LocalFile::Times() const {
 }
 
 bool LocalFile::SetTimes(uint64_t last_access, uint64_t last_write) {
-  struct timespec ts[2] = {};
-  int64_t seconds = 0;
-  int64_t nanoseconds = 0;
-  UnixFromFileTime(last_access, seconds, nanoseconds);
-  ts[0] = {static_cast<time_t>(seconds), static_cast<long>(nanoseconds)};
-  UnixFromFileTime(last_write, seconds, nanoseconds);
-  ts[1] = {static_cast<time_t>(seconds), static_cast<long>(nanoseconds)};
+  struct timespec ts[2] = {TimespecOf(last_access), TimespecOf(last_write)};
   return ::futimens(fd_, ts) == 0;
 }
 

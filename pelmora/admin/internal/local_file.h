@@ -26,12 +26,6 @@ struct FileTimes {
   uint64_t last_write = 0;
 };
 
-// FILETIME of a time in seconds and nanoseconds since 1970-01-01 UTC; 0 before 1601.
-uint64_t FileTimeFromUnix(int64_t seconds, int64_t nanoseconds);
-
-// Seconds and nanoseconds since 1970-01-01 UTC of a FILETIME.
-void UnixFromFileTime(uint64_t filetime, int64_t& seconds, int64_t& nanoseconds);
-
 class LocalFile {
  public:
   // Opens an existing file for reading (like a read-share open of an existing file).
