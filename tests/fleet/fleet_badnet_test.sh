@@ -54,16 +54,8 @@ command -v nft >/dev/null || skip "nft is not installed (Debian package nftables
 command -v python3 >/dev/null || skip "python3 is not installed"
 rm -rf "$work" && mkdir -p "$work" || exit 2
 
-for n in 1 2 3 4 5 6; do
-  [[ $n == 1 ]] || ip netns add "$tag-$n" || exit 2
-  ip link add "$tag-h$n" type veth peer name "$tag-n$n" || exit 2
-  ip link set "$tag-n$n" netns "$tag-$n"
-  ip addr add "10.232.$n.1/24" dev "$tag-h$n"
-  ip link set "$tag-h$n" up
-  ip -n "$tag-$n" addr add "10.232.$n.2/24" dev "$tag-n$n"
-  ip -n "$tag-$n" link set "$tag-n$n" up
-  ip -n "$tag-$n" link set lo up
-done
+source "$(dirname "$0")/netns_hosts.sh"
+make_hosts "$tag" 10.232 6
 
 # Host 4 loses packets; host 5's link is slow both ways, so the cut comes mid-transfer.
 ip netns exec "$tag-4" nft -f - <<'EOF' || skip "nftables does not work in a network namespace here"

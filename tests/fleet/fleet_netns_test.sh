@@ -30,16 +30,8 @@ fi
 rm -rf "$work" && mkdir -p "$work" || exit 2
 
 # Four hosts, each on its own link.
-for n in 1 2 3 4; do
-  [[ $n == 1 ]] || ip netns add "$tag-$n" || exit 2
-  ip link add "$tag-h$n" type veth peer name "$tag-n$n" || exit 2
-  ip link set "$tag-n$n" netns "$tag-$n"
-  ip addr add "10.231.$n.1/24" dev "$tag-h$n"
-  ip link set "$tag-h$n" up
-  ip -n "$tag-$n" addr add "10.231.$n.2/24" dev "$tag-n$n"
-  ip -n "$tag-$n" link set "$tag-n$n" up
-  ip -n "$tag-$n" link set lo up
-done
+source "$(dirname "$0")/netns_hosts.sh"
+make_hosts "$tag" 10.231 4
 
 printf 'fleet password\n' > "$work/password"
 good_hash=$(printf 'fleet password\n' | "$service" --hash-password)

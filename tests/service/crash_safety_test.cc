@@ -38,11 +38,6 @@
 namespace pelmorad::testing {
 namespace {
 
-constexpr char kSchedulerSection[] = R"(
-[scheduler]
-enabled = true
-folder = 'C:\tasks'
-)";
 constexpr int kFiles = 4;
 constexpr int kTasks = 3;
 // Sizes cycle through empty, under one piece, a few reads' worth and several megabytes.

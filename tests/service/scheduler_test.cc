@@ -15,11 +15,6 @@
 namespace pelmorad::testing {
 namespace {
 
-constexpr char kSchedulerSection[] = R"(
-[scheduler]
-enabled = true
-folder = 'C:\tasks'
-)";
 
 TEST(ServiceScheduler, TaskSavedThroughTheServiceRunsOnItsMachine) {
   ServiceProcess service(kSchedulerSection);

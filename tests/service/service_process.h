@@ -20,6 +20,12 @@ namespace pelmorad::testing {
 
 inline constexpr std::string_view kOperatorPassword = "operator secret";
 inline constexpr std::string_view kReaderPassword = "reader secret";
+// A configuration section that turns the task runner on over drive C's tasks folder.
+inline constexpr char kSchedulerSection[] = R"(
+[scheduler]
+enabled = true
+folder = 'C:\tasks'
+)";
 
 // The crypt(3) hash of one of the passwords above (computed once per test program).
 const std::string& HashOf(std::string_view password);
