@@ -30,11 +30,11 @@ int32_t PortVariable(const std::string& text) {
 }  // namespace
 
 HostSpec ParseHostSpec(std::string_view text, std::string_view origin) {
-  HostSpec spec;
+  HostSpec given;
   size_t at = text.rfind('@');
   if (at != std::string_view::npos) {
-    spec.account = std::string(text.substr(0, at));
-    if (spec.account.empty()) {
+    given.account = std::string(text.substr(0, at));
+    if (given.account.empty()) {
       throw CommandError(fmt::format("{}: an empty account before '@' in \"{}\"", origin, text));
     }
     text = text.substr(at + 1);
@@ -50,28 +50,28 @@ HostSpec ParseHostSpec(std::string_view text, std::string_view origin) {
     throw CommandError(fmt::format("{} names one host (\"{}\" is {}): use --hosts for several",
                                    origin, text, hosts.size()));
   }
-  spec.name = hosts[0].name;
-  spec.port = hosts[0].port;
-  return spec;
+  given.name = hosts[0].name;
+  given.port = hosts[0].port;
+  return given;
 }
 
 ConnectDefaults ChooseConnectDefaults(const HostFlags& flags, const GetEnvironment& getenv,
                                       int32_t default_port) {
-  HostSpec spec{"", "localhost", 0};
+  HostSpec given{"", "localhost", 0};
   if (flags.host) {
-    spec = ParseHostSpec(*flags.host, "--host");
-    if (flags.account && !spec.account.empty() && spec.account != *flags.account) {
+    given = ParseHostSpec(*flags.host, "--host");
+    if (flags.account && !given.account.empty() && given.account != *flags.account) {
       throw CommandError(fmt::format("--host names the account {} and --account {}: give one",
-                                     spec.account, *flags.account));
+                                     given.account, *flags.account));
     }
-    if (flags.port && spec.port != 0 && spec.port != *flags.port) {
+    if (flags.port && given.port != 0 && given.port != *flags.port) {
       throw CommandError(fmt::format("--host names the port {} and --port {}: give one",
-                                     spec.port, *flags.port));
+                                     given.port, *flags.port));
     }
   } else if (auto host = Variable(getenv, "PELMORA_HOST")) {
-    spec = ParseHostSpec(*host, "PELMORA_HOST");
+    given = ParseHostSpec(*host, "PELMORA_HOST");
   }
-  ConnectDefaults chosen{spec.name, spec.account, spec.port};
+  ConnectDefaults chosen{given.name, given.account, given.port};
   // The account and port written into the host name that is used win over the variables.
   if (flags.account) {
     chosen.account = *flags.account;
