@@ -12,13 +12,12 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 int main(int argc, char** argv) {
-  const char* shell = std::getenv("PELMORAD_COMMAND_SHELL");
-  std::string shell_path = shell != nullptr ? shell : "";
+  const char* given = std::getenv("PELMORAD_COMMAND_SHELL");
+  char* shell = given != nullptr ? ::strdup(given) : nullptr;  // kept past the unsetenv
   ::unsetenv("PELMORAD_COMMAND_SHELL");
-  char* shell_argv[] = {shell_path.data(), const_cast<char*>("-c"), nullptr, nullptr};
+  char* shell_argv[] = {shell, const_cast<char*>("-c"), nullptr, nullptr};
   char** command = nullptr;
   if (argc == 3 && std::strcmp(argv[1], "-c") == 0 && shell != nullptr) {
     shell_argv[2] = argv[2];
