@@ -14,8 +14,13 @@
 #include <cstring>
 
 int main(int argc, char** argv) {
+  // The shell's path is copied before unsetenv may take the variable's text away.
+  static char shell_path[4096];
   const char* given = std::getenv("PELMORAD_COMMAND_SHELL");
-  char* shell = given != nullptr ? ::strdup(given) : nullptr;  // kept past the unsetenv
+  char* shell = nullptr;
+  if (given != nullptr && std::strlen(given) < sizeof(shell_path)) {
+    shell = std::strcpy(shell_path, given);
+  }
   ::unsetenv("PELMORAD_COMMAND_SHELL");
   char* shell_argv[] = {shell, const_cast<char*>("-c"), nullptr, nullptr};
   char** command = nullptr;
