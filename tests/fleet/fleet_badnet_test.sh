@@ -82,15 +82,7 @@ start_service() {  # start_service N LISTEN
   # The account has no run_as: its file work runs as nobody, so the drive belongs to nobody.
   chown -R nobody "$dir/c"
   printf '[drives]\nC = "%s/c"\n[accounts.fleet]\npassword = "%s"\n' "$dir" "$hash" > "$dir/pelmorad.toml"
-  chmod 600 "$dir/pelmorad.toml"
-  mkfifo "$dir/port"
-  exec {fd}<>"$dir/port"
-  ip netns exec "$tag-$n" "$service" --config "$dir/pelmorad.toml" --listen "$2" \
-    --port-file "$dir/port" 2> "$dir/audit.log" &
-  pids+=($!)
-  local port
-  read -r -t 20 port <&"$fd" && [[ -n "$port" ]] || { echo "FAIL host $n did not start"; cat "$dir/audit.log"; exit 1; }
-  exec {fd}<&-
+  start_service_in "$tag" "$n" "$dir" "$2" "$service"
 }
 for n in 1 2 4 5; do start_service "$n" "10.232.$n.2:8002"; done
 start_service 3 "127.0.0.1:8002"

@@ -44,15 +44,7 @@ start_host() {  # start_host N HASH
   echo "hello from host $n" > "$dir/c/hello.txt"
   printf '[drives]\nC = "%s/c"\n[accounts.fleet]\npassword = "%s"\ncommands = true\nrun_as = "root"\n' \
     "$dir" "$2" > "$dir/pelmorad.toml"
-  chmod 600 "$dir/pelmorad.toml"
-  mkfifo "$dir/port"
-  exec {fd}<>"$dir/port"
-  ip netns exec "$tag-$n" "$service" --config "$dir/pelmorad.toml" --listen "10.231.$n.2:8002" \
-    --port-file "$dir/port" 2> "$dir/audit.log" &
-  pids+=($!)
-  local port
-  read -r -t 20 port <&"$fd" || { echo "FAIL host $n did not start"; cat "$dir/audit.log"; exit 1; }
-  exec {fd}<&-
+  start_service_in "$tag" "$n" "$dir" "10.231.$n.2:8002" "$service"
 }
 start_host 1 "$good_hash"
 start_host 2 "$good_hash"

@@ -15,3 +15,19 @@ make_hosts() {
     ip -n "$tag-$n" link set lo up
   done
 }
+
+# Starts pelmorad in namespace "$tag-N" with DIR/pelmorad.toml, listening on LISTEN, its audit
+# lines in DIR/audit.log; appends its pid to the array `pids` and waits (20 s at most) until it
+# has written its port to a FIFO. Ends the test when it does not start.
+#   start_service_in TAG N DIR LISTEN SERVICE
+start_service_in() {
+  local tag=$1 n=$2 dir=$3 listen=$4 service=$5 fd port
+  chmod 600 "$dir/pelmorad.toml"
+  mkfifo "$dir/port"
+  exec {fd}<>"$dir/port"
+  ip netns exec "$tag-$n" "$service" --config "$dir/pelmorad.toml" --listen "$listen" \
+    --port-file "$dir/port" 2> "$dir/audit.log" &
+  pids+=($!)
+  read -r -t 20 port <&"$fd" && [[ -n "$port" ]] || { echo "FAIL host $n did not start"; cat "$dir/audit.log"; exit 1; }
+  exec {fd}<&-
+}
