@@ -26,7 +26,7 @@ std::optional<std::string> RunForOutput(const pelmora::ChildSpec& launch, std::s
                                         std::chrono::milliseconds limit) {
   std::optional<pelmora::ChildProcess> child;
   try {
-    child.emplace(StartKept(launch));
+    child.emplace(pelmora::ChildProcess::Start(launch));
   } catch (const pelmora::Error&) {
     return std::nullopt;
   }

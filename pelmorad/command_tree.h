@@ -1,12 +1,11 @@
-// Every process a command starts, however it detaches: the service runs each command line under
-// a small keeper (`pelmorad-keeper -c LINE`, installed beside pelmorad, with the real shell named
-// in its environment) that marks itself a child subreaper, runs the shell and reaps whatever
-// ends beneath it. A process that calls setsid or double-forks is reparented to the
-// keeper instead of to init, so while the keeper lives the whole tree hangs below it, and
-// KillCommandTree kills that tree before the keeper's process group.
+// Every process a command starts, however it detaches: each command's shell (or program, for an
+// argument vector) is started as a child subreaper (ChildSpec::track_descendants), so a process
+// that calls setsid or double-forks is reparented to it instead of to init. While the command
+// runs the whole tree hangs below its first process, and KillCommandTree stops that process and
+// kills the tree beneath it before the process itself.
 //
-//   pelmora::ChildSpec launch = KeptCommand(shell, line);   // then ChildProcess::Start(launch)
-//   KillCommandTree(child);                                 // time-out, client gone, shutdown
+//   pelmora::ChildSpec launch = TrackedCommand(shell, line);   // then ChildProcess::Start(launch)
+//   KillCommandTree(child);                                    // time-out, client gone, shutdown
 #ifndef PELMORAD_COMMAND_TREE_H_
 #define PELMORAD_COMMAND_TREE_H_
 
@@ -19,35 +18,18 @@
 
 namespace pelmorad {
 
-// The environment variable that names the real shell to the keeper.
-inline constexpr char kKeeperShellVariable[] = "PELMORAD_COMMAND_SHELL";
-// The keeper's file name, looked for in the service binary's folder.
-inline constexpr char kKeeperName[] = "pelmorad-keeper";
+// A launch of `command_line` under `shell -c` that keeps its descendants beneath it.
+pelmora::ChildSpec TrackedCommand(const std::string& shell, std::string command_line);
 
-// Looks for the keeper beside the running service's binary (call once at start, before any
-// thread).
-void FindKeeper();
-// True when FindKeeper found it.
-bool KeeperFound();
+// A launch of the argument vector `arguments` (its program found as ChildProcess finds it), run
+// without a shell, that keeps its descendants beneath it.
+pelmora::ChildSpec TrackedArguments(std::vector<std::string> arguments);
 
-// A launch of `command_line` under `shell -c` through the keeper. Without a keeper (FindKeeper
-// found none) the shell is started directly.
-pelmora::ChildSpec KeptCommand(const std::string& shell, std::string command_line);
-
-// A launch of the argument vector `arguments` (its program found as ChildProcess finds it) through
-// the keeper, run without a shell. Without a keeper the arguments are started directly.
-pelmora::ChildSpec KeptArguments(std::vector<std::string> arguments);
-
-// Starts a launch made by KeptCommand or KeptArguments. Raises what ChildProcess::Start raises, and
-// also 2 (no such program) or 5 (not executable) for the real shell or program, as a direct start
-// would: the keeper itself always starts. Blocks for the fork and exec.
-pelmora::ChildProcess StartKept(const pelmora::ChildSpec& launch);
-
-// SIGKILLs every live process beneath `root` (read from /proc, again until none is left, at most
-// a bounded number of rounds), then `root`'s process group. Never blocks beyond the /proc reads.
+// SIGKILLs every live process beneath `root`, then `root` and its process group
+// (pelmora::KillProcessTree). Blocks as that does.
 void KillProcessTree(pid_t root);
 
-// KillProcessTree for a started child; the caller must not have reaped it (its number could be
+// KillProcessTree for a started child; nothing once the caller has reaped it (its number could be
 // another process's by then).
 void KillCommandTree(pelmora::ChildProcess& child);
 

@@ -65,7 +65,6 @@ std::unique_ptr<pelmora::sched::TaskRunner> StartScheduler(const std::string& co
 }  // namespace
 
 int main(int argc, char** argv) {
-  pelmorad::FindKeeper();
   std::vector<std::string_view> arguments(argv + 1, argv + argc);
   try {
     pelmorad::Options options = pelmorad::ParseOptions(arguments);

@@ -67,7 +67,7 @@ struct CommandIo {
 };
 
 pelmora::ChildSpec SpecFor(const Config& config, const Account& account, std::string command) {
-  pelmora::ChildSpec launch = KeptCommand(config.shell, std::move(command));
+  pelmora::ChildSpec launch = TrackedCommand(config.shell, std::move(command));
   launch.working_folder = account.working_folder;
   launch.run_as = account.run_as;
   return launch;
@@ -96,7 +96,7 @@ asio::awaitable<bool> Session::HandleCommand(const RequestBlock& block) {
   pelmora::ChildSpec launch = SpecFor(runtime_->config, *account_, request->command);
   command->start_error = co_await RunBlocking(context_.pool, [&] {
     try {
-      command->child.emplace(StartKept(launch));
+      command->child.emplace(pelmora::ChildProcess::Start(launch));
       return 0;
     } catch (const pelmora::Error& error) {
       return static_cast<int>(error.Number());

@@ -99,16 +99,16 @@ asio::awaitable<bool> Session::HandleExec(const RequestBlock& block) {
     co_return co_await SendResult(refusal);
   }
   auto job = std::make_shared<ExecJob>();
-  // Under the keeper, as every command: descendants that detach are still killed with it.
+  // Tracked, as every command: descendants that detach are still killed with it.
   pelmora::ChildSpec launch = request->arguments.empty()
-                                  ? KeptCommand(runtime_->config.shell, request->command_line)
-                                  : KeptArguments(request->arguments);
+                                  ? TrackedCommand(runtime_->config.shell, request->command_line)
+                                  : TrackedArguments(request->arguments);
   launch.working_folder = account_->working_folder;
   launch.run_as = account_->run_as;
   launch.separate_streams = true;
   int32_t start_error = co_await RunBlocking(context_.pool, [&] {
     try {
-      job->child.emplace(StartKept(launch));
+      job->child.emplace(pelmora::ChildProcess::Start(launch));
       return 0;
     } catch (const pelmora::Error& error) {
       return static_cast<int>(error.Number());

@@ -1,12 +1,15 @@
-// ChildProcess: fork, then only async-signal-safe calls in the child until execve. Everything the
-// child needs (argument and environment arrays, the identity, the group list) is prepared in the
-// parent, because the parent may have other threads holding locks the child would inherit.
+// ChildProcess: vfork, then only system calls in the child until execve. Everything the child
+// needs (argument and environment arrays, the identity, the group list) is prepared in the parent,
+// because the child shares the parent's memory and the parent may have other threads holding
+// locks. A vfork copies no page tables, which a fork of a large service with many threads does on
+// every command; the calling thread waits only until the child has called execve.
 #include "pelmora/common/child_process.h"
 
 #include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -22,6 +25,7 @@
 
 #include "pelmora/common/error.h"
 #include "pelmora/common/error_texts.h"
+#include "pelmora/common/process_tree.h"
 #include "pelmora/platform/win_error.h"
 
 #ifndef P_PIDFD
@@ -169,6 +173,7 @@ struct LaunchPlan {
   Identity identity;
   std::string folder;
   bool folder_given = false;  // otherwise a home folder that cannot be entered falls back to "/"
+  bool subreaper = false;
   std::vector<std::string> strings;  // the arguments (shell, "-c", command line), then the environment
   std::vector<char*> argv;
   std::vector<char*> envp;
@@ -178,6 +183,7 @@ LaunchPlan MakePlan(const ChildSpec& launch) {
   LaunchPlan plan;
   plan.identity = ResolveIdentity(launch.run_as);
   plan.folder_given = !launch.working_folder.empty();
+  plan.subreaper = launch.track_descendants;
   plan.folder = plan.folder_given ? launch.working_folder : plan.identity.home;
   if (plan.folder.empty()) plan.folder = "/";
   plan.strings = launch.arguments.empty()
@@ -196,7 +202,9 @@ LaunchPlan MakePlan(const ChildSpec& launch) {
   return plan;
 }
 
-// --- In the child: async-signal-safe calls only. ---
+// --- In the child: system calls only. The child shares the parent's memory until execve, so it
+// goes through no C library code that takes locks or signals threads (setuid and its kin do:
+// they are made as raw system calls). ---
 
 [[noreturn]] void FailChild(Stage stage, int status_fd = kStatusFd) {
   ChildFailure failure{stage, errno};
@@ -239,8 +247,8 @@ void ResetSignals() {
 
 void BecomeUser(const Identity& identity) {
   if (!identity.change) return;
-  if (setgroups(identity.groups.size(), identity.groups.data()) != 0 || setgid(identity.gid) != 0 ||
-      setuid(identity.uid) != 0) {
+  if (syscall(SYS_setgroups, identity.groups.size(), identity.groups.data()) != 0 ||
+      syscall(SYS_setgid, identity.gid) != 0 || syscall(SYS_setuid, identity.uid) != 0) {
     FailChild(Stage::kIdentity);
   }
 }
@@ -249,6 +257,7 @@ void BecomeUser(const Identity& identity) {
   ArrangeFds(fds, status_fd);
   ResetSignals();
   setpgid(0, 0);
+  if (plan.subreaper && prctl(PR_SET_CHILD_SUBREAPER, 1) != 0) FailChild(Stage::kExec);
   BecomeUser(plan.identity);
   if (chdir(plan.folder.c_str()) != 0 && (plan.folder_given || chdir("/") != 0)) {
     FailChild(Stage::kFolder);
@@ -262,13 +271,13 @@ void BecomeUser(const Identity& identity) {
 
 // --- In the parent. ---
 
-// Forks with every signal blocked, so no handler of the parent runs in the child before the
-// child has restored the default dispositions.
+// Starts the child with vfork and every signal blocked, so no handler of the parent runs in the
+// child (on the parent's memory) before the child has restored the default dispositions.
 pid_t ForkChild(const LaunchPlan& plan, ChildFds fds, int status_fd) {
   sigset_t all, previous;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &previous);
-  pid_t pid = fork();
+  pid_t pid = vfork();
   if (pid == 0) RunChild(plan, fds, status_fd);
   int fork_error = errno;
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
@@ -385,6 +394,12 @@ void ChildProcess::KillGroup() {
   // After the leader is reaped its id stays reserved while any member of the group lives, so
   // this still reaches the grandchildren it left behind.
   if (pid_ > 0) kill(-pid_, SIGKILL);
+}
+
+void ChildProcess::KillTree() {
+  if (pid_ <= 0 || exit_) return;
+  KillProcessTree(pid_);
+  KillGroup();
 }
 
 std::optional<ChildExit> ChildProcess::TryReap() { return Reap(false); }

@@ -44,6 +44,10 @@ struct ChildSpec {
   // the user the child runs as and PATH=/usr/local/bin:/usr/bin:/bin); an entry replaces a base
   // entry of the same name.
   std::vector<std::string> environment;
+  // The child becomes a child subreaper (PR_SET_CHILD_SUBREAPER, kept across its execve): every
+  // process it starts stays beneath it while it runs, however it detaches (setsid, double forks),
+  // so KillTree reaches them all. What it leaves behind when it ends goes on as usual.
+  bool track_descendants = false;
 };
 
 // How a child ended: its exit status, or the number of the signal that killed it.
@@ -98,6 +102,11 @@ class ChildProcess {
   // Sends SIGKILL to the child's whole process group (the shell and everything it started that
   // stayed in the group). Idempotent; never blocks.
   void KillGroup();
+
+  // KillProcessTree (process_tree.h) for the child, then KillGroup: with track_descendants, every
+  // process the child started and that still runs. Does nothing once the child is reaped. Blocks
+  // as KillProcessTree does.
+  void KillTree();
 
   // The child's exit when it has exited (reaping it the first time), nullopt while it runs. Never
   // blocks. After the first reap it keeps returning the same exit.

@@ -98,7 +98,7 @@ check "the unit is enabled" test -L "$root/etc/systemd/system/multi-user.target.
 check "the linker's cache knows libpelmora" in_root sh -c 'ldconfig -p | grep -q "libpelmora.so.0 "'
 for installed in /usr/share/man/man1/pelmora.1 /usr/share/man/man8/pelmorad.8 \
                  /usr/share/bash-completion/completions/pelmora /usr/share/doc/pelmora/protocol.md \
-                 /usr/lib/systemd/system/pelmorad.service /usr/sbin/pelmorad-keeper; do
+                 /usr/lib/systemd/system/pelmorad.service; do
   check "$installed is installed" test -s "$root$installed"
 done
 check "the programs name their version" in_root sh -c \
