@@ -47,8 +47,8 @@ std::optional<JobFile> PatchTask(const std::string& folder, const std::string& f
   return job;
 }
 
-// Waits for the child to exit, discarding its output; kills its group once `limit` milliseconds
-// have passed. False when it was killed.
+// Waits for the child to exit, discarding its output; kills it and everything it started once
+// `limit` milliseconds have passed. False when it was killed.
 bool WaitForRun(ChildProcess& child, std::optional<int64_t> limit) {
   using Clock = std::chrono::steady_clock;
   Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(limit.value_or(0));
@@ -58,7 +58,7 @@ bool WaitForRun(ChildProcess& child, std::optional<int64_t> limit) {
     if (limit) {
       auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
       if (left <= 0) {
-        child.KillGroup();
+        child.KillTree();
         return false;
       }
       timeout = static_cast<int>(std::min<int64_t>(left, 1000));
@@ -156,6 +156,7 @@ std::optional<ChildProcess> StartTaskRun(const std::string& folder, const std::s
   launch.command_line = TaskCommandLine(job);
   launch.working_folder = job.working_directory;
   launch.run_as = TaskAccount(folder, file_name);
+  launch.track_descendants = true;  // so that a kill reaches what the task detached, too
   std::optional<ChildProcess> child;
   start_error = 0;
   try {

@@ -304,7 +304,7 @@ class TaskRunner::Loop {
   }
 
   static void Kill(RunningTask& run) {
-    run.child.KillGroup();
+    run.child.KillTree();
     run.killed = true;
     run.deadline = kNever;
   }
@@ -312,7 +312,7 @@ class TaskRunner::Loop {
   void KillAll() {
     int64_t now = clock_();
     for (auto& [name, run] : running_) {
-      run->child.KillGroup();
+      run->child.KillTree();
       FinishTaskRun(folder_, name, run->child.Wait(), true, LocalDate(now));
       ++finished_;  // after the file says so
     }

@@ -9,7 +9,8 @@
 // The runner watches the folder with inotify, so a task saved, changed or deleted takes effect at
 // once; it fires each enabled task at the next run of its time triggers (in local time), and
 // tasks with an "at system start" trigger when it starts. A run starts the task's program as
-// its user (ChildProcess), kills its process group after MaxRunTime, retries a run that failed
+// its user (ChildProcess), kills it and every process it started (however detached) after
+// MaxRunTime, retries a run that failed
 // (could not start, or ended with a non-zero exit code) ErrorRetryCount times ErrorRetryInterval
 // minutes apart, deletes a DeleteWhenDone task with no further runs, and keeps the task file's
 // state bytes (running count, last run, exit code, status, start error) up to date in place.
@@ -55,7 +56,7 @@ class TaskRunner {
   // violation text). Blocks only for the initial read and that wait.
   void Start();
 
-  // Stops watching, kills the process groups of the runs in progress and records them as
+  // Stops watching, kills the runs in progress with every process they started and records them as
   // terminated, and releases the lock. Blocks until the runs are reaped.
   void Stop();
 

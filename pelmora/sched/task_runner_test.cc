@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/inotify.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -10,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <string>
 
 #include "pelmora/common/error.h"
 #include "pelmora/sched/internal/file_io.h"
@@ -179,6 +182,55 @@ TEST_F(TaskRunnerTest, StopKillsRunsInProgressAndRecordsThemAsTerminated) {
   runner.Stop();
   EXPECT_EQ(OnDisk("held.job").status, kSchedTaskTerminated);
   EXPECT_EQ(OnDisk("held.job").instance_count, 0);
+}
+
+// True when process `pid` has ended (or is gone) within `milliseconds`.
+bool ProcessEnds(pid_t pid, int milliseconds) {
+  int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+  if (pidfd < 0) return true;
+  pollfd entry{pidfd, POLLIN, 0};
+  bool ended = poll(&entry, 1, milliseconds) == 1;
+  close(pidfd);
+  return ended;
+}
+
+// However a run ends before its program does (MaxRunTime, a Terminate request, the runner's
+// stop), a process the task detached from its group (setsid, then a double fork) ends with it.
+TEST_F(TaskRunnerTest, EndingARunKillsWhatItDetached) {
+  enum class End { kMaxRunTime, kTerminate, kStop };
+  const struct {
+    const char* name;
+    End end;
+  } cases[] = {{"max run time", End::kMaxRunTime}, {"terminate", End::kTerminate},
+               {"stop", End::kStop}};
+  for (const auto& test : cases) {
+    SCOPED_TRACE(test.name);
+    std::string pid_file = folder_.Path() + "/detached.pid";
+    std::filesystem::remove(pid_file);
+    auto task = Add("detaching",
+                    "-c \"(setsid sh -c 'echo $$ > " + pid_file +
+                        ".new && mv " + pid_file + ".new " + pid_file +
+                        "; exec sleep 60' &); sleep 60\"",
+                    "daily 03:00");
+    if (test.end == End::kMaxRunTime) task->SetMaxRunTime(1000);
+    scheduler_.Add(task);
+    TaskRunner runner({.folder = folder_.Path()});
+    runner.Start();
+    task->Run();
+    ASSERT_TRUE(WaitUntil([&] { return std::filesystem::exists(pid_file); }));
+    std::string text;
+    internal::ReadWholeFile(pid_file, 64, text);
+    pid_t detached = std::atoi(text.c_str());
+    ASSERT_GT(detached, 0);
+    if (test.end == End::kTerminate) task->Terminate();
+    if (test.end == End::kStop) runner.Stop();
+    ASSERT_TRUE(WaitUntil([&] { return runner.RunsFinished() == 1; }));
+    EXPECT_EQ(OnDisk("detaching.job").status, kSchedTaskTerminated);
+    EXPECT_TRUE(ProcessEnds(detached, 10000));
+    if (!ProcessEnds(detached, 0)) kill(detached, SIGKILL);
+    runner.Stop();
+    scheduler_.Remove("detaching");
+  }
 }
 
 }  // namespace

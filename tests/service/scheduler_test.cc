@@ -1,7 +1,9 @@
 // The service's task runner: a task saved and started from another machine (through the
 // administration client's file requests on the "Tasks" path key) runs on the service's machine.
+#include <signal.h>
 #include <sys/stat.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <string>
 
@@ -42,6 +44,32 @@ TEST(ServiceScheduler, AnEmptyTaskFolderListsNoTasksFromAnotherMachine) {
   pelmora::TaskScheduler scheduler;
   scheduler.SetTargetComputer("\\\\127.0.0.1:" + std::to_string(service.port()));
   EXPECT_TRUE(scheduler.ItemNames().empty());
+}
+
+// A task that detached a process (setsid, then a double fork that orphans it) is still running
+// when the service stops: the stop ends the detached process too.
+TEST(ServiceScheduler, StopKillsWhatARunningTaskDetached) {
+  ServiceProcess service(kSchedulerSection);
+  ASSERT_TRUE(service.Start()) << service.ErrorOutput();
+  std::string script = service.Drive('C') + "/detach.sh";
+  std::string pid_file = service.Drive('C') + "/detached.pid";
+  std::ofstream(script) << "#!/bin/sh\n(setsid sh -c 'echo $$ > " << pid_file
+                        << "; exec sleep 60' &)\nexec sleep 60\n";
+  ::chmod(script.c_str(), 0755);
+
+  pelmora::TaskScheduler scheduler;
+  scheduler.SetTargetComputer("\\\\127.0.0.1:" + std::to_string(service.port()));
+  std::shared_ptr<pelmora::Task> task = scheduler.CreateTask("detaching");
+  task->SetApplicationName(script);
+  task->SetTriggers({*pelmora::sched::ParseTrigger("daily 02:30", pelmora::Date::Now())});
+  scheduler.Add(task);
+  task->Run();
+  ASSERT_TRUE(WaitForLine(pid_file)) << service.ErrorOutput();
+  pid_t detached = std::atoi(ReadFile(pid_file).c_str());
+  ASSERT_GT(detached, 0);
+  EXPECT_EQ(service.Stop(SIGTERM), 0) << service.ErrorOutput();
+  EXPECT_TRUE(ProcessEnds(detached, 10000));
+  if (!ProcessEnds(detached, 0)) ::kill(detached, SIGKILL);
 }
 
 }  // namespace
