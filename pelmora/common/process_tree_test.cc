@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,10 +13,12 @@
 #include <vector>
 
 #include "pelmora/common/child_process.h"
+#include "pelmora/testing/process_ends.h"
 
 namespace pelmora {
 namespace {
 
+using testing::ProcessEnds;
 constexpr int kWaitMs = 10000;  // upper bound for anything a test waits on
 
 TEST(ParseChildList, ReadsNumbersUpToTheFirstStrayByte) {
@@ -40,16 +41,6 @@ TEST(ParseChildList, ReadsNumbersUpToTheFirstStrayByte) {
   for (const auto& test : cases) {
     EXPECT_EQ(ParseChildList(test.text), test.pids) << '"' << test.text << '"';
   }
-}
-
-// True when process `pid` has ended (or is gone) within `milliseconds`.
-bool ProcessEnds(pid_t pid, int milliseconds) {
-  int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-  if (pidfd < 0) return true;
-  pollfd entry{pidfd, POLLIN, 0};
-  bool ended = poll(&entry, 1, milliseconds) == 1;
-  close(pidfd);
-  return ended;
 }
 
 // The first `count` process numbers the child writes, one per line (bounded by kWaitMs).

@@ -4,7 +4,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/inotify.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -21,12 +20,14 @@
 #include "pelmora/sched/sched_errors.h"
 #include "pelmora/sched/task_scheduler.h"
 #include "pelmora/sched/trigger.h"
+#include "pelmora/testing/process_ends.h"
 #include "pelmora/testing/raised_error.h"
 
 namespace pelmora::sched {
 namespace {
 
 using std::chrono::steady_clock;
+using pelmora::testing::ProcessEnds;
 using testing::At;
 using testing::ScopedTimeZone;
 using pelmora::internal::ScratchFolder;
@@ -182,16 +183,6 @@ TEST_F(TaskRunnerTest, StopKillsRunsInProgressAndRecordsThemAsTerminated) {
   runner.Stop();
   EXPECT_EQ(OnDisk("held.job").status, kSchedTaskTerminated);
   EXPECT_EQ(OnDisk("held.job").instance_count, 0);
-}
-
-// True when process `pid` has ended (or is gone) within `milliseconds`.
-bool ProcessEnds(pid_t pid, int milliseconds) {
-  int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-  if (pidfd < 0) return true;
-  pollfd entry{pidfd, POLLIN, 0};
-  bool ended = poll(&entry, 1, milliseconds) == 1;
-  close(pidfd);
-  return ended;
 }
 
 // However a run ends before its program does (MaxRunTime, a Terminate request, the runner's
