@@ -17,21 +17,29 @@
 namespace pelmorad::testing {
 namespace {
 
+// Writes the shell script `text` to `script` and saves, through the service's file requests, a
+// daily task named `name` that runs it.
+std::shared_ptr<pelmora::Task> SaveScriptTask(const ServiceProcess& service,
+                                              const std::string& name, const std::string& script,
+                                              const std::string& text) {
+  std::ofstream(script) << "#!/bin/sh\n" << text;
+  ::chmod(script.c_str(), 0755);
+  pelmora::TaskScheduler scheduler;
+  scheduler.SetTargetComputer("\\\\127.0.0.1:" + std::to_string(service.port()));
+  std::shared_ptr<pelmora::Task> task = scheduler.CreateTask(name);
+  task->SetApplicationName(script);
+  task->SetTriggers({*pelmora::sched::ParseTrigger("daily 02:30", pelmora::Date::Now())});
+  scheduler.Add(task);
+  return task;
+}
 
 TEST(ServiceScheduler, TaskSavedThroughTheServiceRunsOnItsMachine) {
   ServiceProcess service(kSchedulerSection);
   ASSERT_TRUE(service.Start()) << service.ErrorOutput();
-  std::string script = service.Drive('C') + "/job.sh";
   std::string marker = service.Drive('C') + "/ran.txt";
-  std::ofstream(script) << "#!/bin/sh\necho ran on the service > '" << marker << "'\n";
-  ::chmod(script.c_str(), 0755);
-
-  pelmora::TaskScheduler scheduler;
-  scheduler.SetTargetComputer("\\\\127.0.0.1:" + std::to_string(service.port()));
-  std::shared_ptr<pelmora::Task> task = scheduler.CreateTask("remote");
-  task->SetApplicationName(script);
-  task->SetTriggers({*pelmora::sched::ParseTrigger("daily 02:30", pelmora::Date::Now())});
-  scheduler.Add(task);
+  std::shared_ptr<pelmora::Task> task =
+      SaveScriptTask(service, "remote", service.Drive('C') + "/job.sh",
+                     "echo ran on the service > '" + marker + "'\n");
   EXPECT_EQ(ReadFile(service.Drive('C') + "/tasks/remote.job").size() > 0, true);
   task->Run();
   ASSERT_TRUE(WaitForLine(marker)) << service.ErrorOutput();
@@ -51,18 +59,11 @@ TEST(ServiceScheduler, AnEmptyTaskFolderListsNoTasksFromAnotherMachine) {
 TEST(ServiceScheduler, StopKillsWhatARunningTaskDetached) {
   ServiceProcess service(kSchedulerSection);
   ASSERT_TRUE(service.Start()) << service.ErrorOutput();
-  std::string script = service.Drive('C') + "/detach.sh";
   std::string pid_file = service.Drive('C') + "/detached.pid";
-  std::ofstream(script) << "#!/bin/sh\n(setsid sh -c 'echo $$ > " << pid_file
-                        << "; exec sleep 60' &)\nexec sleep 60\n";
-  ::chmod(script.c_str(), 0755);
-
-  pelmora::TaskScheduler scheduler;
-  scheduler.SetTargetComputer("\\\\127.0.0.1:" + std::to_string(service.port()));
-  std::shared_ptr<pelmora::Task> task = scheduler.CreateTask("detaching");
-  task->SetApplicationName(script);
-  task->SetTriggers({*pelmora::sched::ParseTrigger("daily 02:30", pelmora::Date::Now())});
-  scheduler.Add(task);
+  std::shared_ptr<pelmora::Task> task =
+      SaveScriptTask(service, "detaching", service.Drive('C') + "/detach.sh",
+                     "(setsid sh -c 'echo $$ > " + pid_file +
+                         "; exec sleep 60' &)\nexec sleep 60\n");
   task->Run();
   ASSERT_TRUE(WaitForLine(pid_file)) << service.ErrorOutput();
   pid_t detached = std::atoi(ReadFile(pid_file).c_str());
