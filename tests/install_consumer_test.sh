@@ -8,6 +8,7 @@ cmake --install "$build" --prefix "$scratch/prefix" >/dev/null
 expected="No connection could be made because the target machine actively refused it."
 sanitize=()
 grep -q 'PELMORA_SANITIZE:BOOL=ON' "$build/CMakeCache.txt" && sanitize=(-fsanitize=address,undefined)
+grep -q 'PELMORA_TSAN:BOOL=ON' "$build/CMakeCache.txt" && sanitize=(-fsanitize=thread)
 
 # find_package(Pelmora)
 cmake -S "$source" -B "$scratch/cmake" -G Ninja -DCMAKE_CXX_COMPILER="$cxx" \
