@@ -337,6 +337,7 @@ ChildProcess ChildProcess::Start(const ChildSpec& launch) {
     throw StartError(platform::Win32FromErrno(error));
   }
   ChildProcess child(pid, output.read.Release(), exit_fd.Release());
+  child.tracked_ = launch.track_descendants;
   if (input) {
     child.input_fd_ = input->write.Release();
     child.error_fd_ = error->read.Release();
@@ -353,6 +354,7 @@ ChildProcess::ChildProcess(ChildProcess&& other) noexcept
       exit_fd_(std::exchange(other.exit_fd_, -1)),
       input_fd_(std::exchange(other.input_fd_, -1)),
       error_fd_(std::exchange(other.error_fd_, -1)),
+      tracked_(other.tracked_),
       exit_(std::exchange(other.exit_, std::nullopt)) {}
 
 ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept {
@@ -363,6 +365,7 @@ ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept {
     exit_fd_ = std::exchange(other.exit_fd_, -1);
     input_fd_ = std::exchange(other.input_fd_, -1);
     error_fd_ = std::exchange(other.error_fd_, -1);
+    tracked_ = other.tracked_;
     exit_ = std::exchange(other.exit_, std::nullopt);
   }
   return *this;
@@ -372,6 +375,7 @@ ChildProcess::~ChildProcess() { Release(); }
 
 void ChildProcess::Release() noexcept {
   if (pid_ > 0 && !exit_) {
+    if (tracked_) KillTree();
     KillGroup();
     Reap(true);
   }

@@ -78,8 +78,9 @@ class ChildProcess {
 
   ChildProcess(ChildProcess&& other) noexcept;
   ChildProcess& operator=(ChildProcess&& other) noexcept;
-  // Kills the process group and reaps the child when it has not been reaped yet; closes the
-  // descriptors. Blocks until the child is gone.
+  // Kills the process group (with track_descendants, the whole tree: KillTree) and reaps the
+  // child when it has not been reaped yet; closes the descriptors. Blocks until the child is
+  // gone.
   ~ChildProcess();
 
   // The non-blocking, close-on-exec read end of the pipe carrying the child's standard output and
@@ -128,6 +129,7 @@ class ChildProcess {
   int exit_fd_ = -1;
   int input_fd_ = -1;
   int error_fd_ = -1;
+  bool tracked_ = false;  // started with track_descendants
   std::optional<ChildExit> exit_;
 };
 

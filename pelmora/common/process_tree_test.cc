@@ -99,6 +99,18 @@ TEST(KillProcessTree, KillsWhatATrackedChildDetached) {
   }
 }
 
+TEST(KillProcessTree, DestroyingARunningTrackedChildKillsWhatItDetached) {
+  std::vector<pid_t> detached;
+  {
+    ChildProcess child =
+        ChildProcess::Start(Tracked("(setsid sh -c 'echo $$; exec sleep 60' &); sleep 60"));
+    detached = ReadPids(child, 1);
+    ASSERT_EQ(detached.size(), 1u);
+  }
+  EXPECT_TRUE(ProcessEnds(detached[0], kWaitMs));
+  if (!ProcessEnds(detached[0], 0)) kill(detached[0], SIGKILL);
+}
+
 // What a child leaves running when it ends normally goes on, as without tracking.
 TEST(KillProcessTree, LeavesWhatOutlivesANormalEnd) {
   ChildProcess probe = ChildProcess::Start(Tracked("setsid sh -c 'echo $$; exec sleep 60' &"));
