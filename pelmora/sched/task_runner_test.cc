@@ -205,7 +205,9 @@ TEST_F(TaskRunnerTest, EndingARunKillsWhatItDetached) {
                     "daily 03:00");
     if (test.end == End::kMaxRunTime) task->SetMaxRunTime(1000);
     scheduler_.Add(task);
-    TaskRunner runner({.folder = folder_.Path()});
+    // A fake clock, so that the maximum run time passes only once the process has detached.
+    now_ = MsOf("2026-11-23 02:00:00");
+    TaskRunner runner({.folder = folder_.Path(), .clock_ms = [this] { return now_.load(); }});
     runner.Start();
     task->Run();
     ASSERT_TRUE(WaitUntil([&] { return std::filesystem::exists(pid_file); }));
@@ -213,6 +215,10 @@ TEST_F(TaskRunnerTest, EndingARunKillsWhatItDetached) {
     internal::ReadWholeFile(pid_file, 64, text);
     pid_t detached = std::atoi(text.c_str());
     ASSERT_GT(detached, 0);
+    if (test.end == End::kMaxRunTime) {
+      now_ += 2000;
+      runner.Wake();
+    }
     if (test.end == End::kTerminate) task->Terminate();
     if (test.end == End::kStop) runner.Stop();
     ASSERT_TRUE(WaitUntil([&] { return runner.RunsFinished() == 1; }));
