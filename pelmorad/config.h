@@ -101,8 +101,8 @@ Config ParseConfig(std::string_view text, std::string_view source);
 // than root and the service's, or a folder above it (as written or after resolving links) is
 // not root's or the service user's, or is group- or other-writable without the sticky bit that
 // protects the entry below it. Warns on standard error when every user may read it. Throws
-// what ParseConfig throws. Blocks on the read.
-Config LoadConfig(const std::string& path);
+// what ParseConfig throws. Blocks on the read. `text`, when given, receives the text parsed.
+Config LoadConfig(const std::string& path, std::string* text = nullptr);
 
 }  // namespace pelmorad
 
