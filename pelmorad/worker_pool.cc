@@ -99,6 +99,8 @@ std::shared_ptr<WorkerPool::Worker> WorkerPool::Spawn(const Account& account) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, theirs.get(), kWorkerLinkFd);
+  // Nothing else of the root process's: not the listeners, nor other clients' connections.
+  posix_spawn_file_actions_addclosefrom_np(&actions, kWorkerLinkFd + 1);
   char name[] = "pelmorad";
   char* argv[] = {name, const_cast<char*>(kWorkerOption), nullptr};
   pid_t pid = -1;

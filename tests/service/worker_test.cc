@@ -56,6 +56,23 @@ std::set<pid_t> WorkersOf(pid_t service) {
   return workers;
 }
 
+// How many of process `pid`'s descriptors are sockets.
+int SocketsOf(pid_t pid) {
+  std::string folder = "/proc/" + std::to_string(pid) + "/fd";
+  int sockets = 0;
+  DIR* fds = ::opendir(folder.c_str());
+  while (dirent* entry = fds != nullptr ? ::readdir(fds) : nullptr) {
+    char target[64] = {};
+    std::string link = folder + "/" + entry->d_name;
+    if (::readlink(link.c_str(), target, sizeof(target) - 1) > 0 &&
+        std::string_view(target).starts_with("socket:")) {
+      sockets += 1;
+    }
+  }
+  if (fds != nullptr) ::closedir(fds);
+  return sockets;
+}
+
 std::string Repeated(uid_t id) {
   std::string one = std::to_string(id);
   return one + "\t" + one + "\t" + one + "\t" + one;
@@ -125,6 +142,16 @@ TEST_F(ServiceWorkers, EachAccountIsServedByOneWorkerOfItsOwnUserOnly) {
   }
   // The root process itself serves no request.
   EXPECT_EQ(StatusOf(service_.pid())["Uid"], Repeated(0));
+}
+
+TEST_F(ServiceWorkers, AWorkerHoldsItsOwnSessionsAndLinkButNoOtherSocketOfTheService) {
+  RawClient waiting, served;
+  ASSERT_TRUE(waiting.Connect(service_.port()));  // held by the root process, not logged in
+  ASSERT_TRUE(Served(served, "alpha"));
+  pid_t worker = WorkerOf(alpha_);
+  ASSERT_GT(worker, 0);
+  EXPECT_EQ(SocketsOf(worker), 2);  // the link to the root process and the one session
+  EXPECT_GE(SocketsOf(service_.pid()), 3);
 }
 
 TEST_F(ServiceWorkers, RequestsTakeEffectAsTheAccountsUserWhoCannotBecomeRoot) {
