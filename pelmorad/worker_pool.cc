@@ -1,6 +1,7 @@
 #include "pelmorad/worker_pool.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/mman.h>
@@ -144,10 +145,13 @@ std::shared_ptr<WorkerPool::Worker> WorkerPool::Spawn(const Account& account) {
     return nullptr;  // WatchExit reaps it
   }
   asio::co_spawn(context_.io, Listen(worker), asio::detached);
+  ServiceMessage(fmt::format("account {}: worker {} serves as user {}", account.name, pid,
+                             root ? identity->user : std::string("of the service")));
   return worker;
 }
 
 bool WorkerPool::HandOff(const Account& account, SessionState state, UniqueFd connection) {
+  if (context_.stopping) return false;
   std::shared_ptr<Worker> worker;
   if (auto found = by_account_.find(account.name); found != by_account_.end()) {
     worker = found->second;
