@@ -14,6 +14,7 @@
 #include <asio/signal_set.hpp>
 #include <asio/use_awaitable.hpp>
 #include <cstdlib>
+#include <deque>
 
 #include "pelmora/common/error.h"
 #include "pelmorad/audit.h"
@@ -73,9 +74,7 @@ class Worker {
         account_(*context_.runtime->config.FindAccount(account)),
         link_(io_, kWorkerLinkFd),
         signals_(io_, SIGTERM, SIGINT) {
-    context_.session_ended = [](uint64_t id) {
-      SendPacket(kWorkerLinkFd, EncodeNumber(LinkKind::kEnded, id), {});
-    };
+    context_.session_ended = [this](uint64_t id) { Ended(id); };
   }
 
   ServiceContext& context() { return context_; }
@@ -129,6 +128,31 @@ class Worker {
     co_await Stop(0);
   }
 
+  // Tells the root process that session `id` ended; queued while the link is full.
+  void Ended(uint64_t id) {
+    outbox_.push_back(EncodeNumber(LinkKind::kEnded, id));
+    if (flushing_) return;
+    flushing_ = true;
+    asio::co_spawn(io_, Flush(), asio::detached);
+  }
+
+  asio::awaitable<void> Flush() {
+    while (!outbox_.empty()) {
+      int failed = SendPacket(kWorkerLinkFd, outbox_.front(), {});
+      if (failed == 0) {
+        outbox_.pop_front();
+        continue;
+      }
+      if (failed != EAGAIN) break;
+      asio::error_code error;
+      co_await link_.async_wait(asio::posix::descriptor_base::wait_write,
+                                asio::redirect_error(asio::use_awaitable, error));
+      if (error) break;
+    }
+    outbox_.clear();  // the root process is gone: nobody counts them any more
+    flushing_ = false;
+  }
+
   asio::awaitable<void> Stop(int grace_seconds) {
     if (stopping_) co_return;
     stopping_ = true;
@@ -142,6 +166,8 @@ class Worker {
   const Account& account_;
   asio::posix::stream_descriptor link_;
   asio::signal_set signals_;
+  std::deque<std::vector<uint8_t>> outbox_;  // session ends the link had no room for yet
+  bool flushing_ = false;
   bool stopping_ = false;
 };
 

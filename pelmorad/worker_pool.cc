@@ -94,6 +94,12 @@ std::shared_ptr<WorkerPool::Worker> WorkerPool::Spawn(const Account& account) {
   if (root && identity == nullptr) return nullptr;  // never serve an account as root by default
   auto free_slot = std::find(slot_used_.begin(), slot_used_.end(), false);
   if (free_slot == slot_used_.end()) return nullptr;
+  UniqueFd config;
+  try {
+    config = TextDescriptor(WorkerConfigText(runtime.config_text, account.name));
+  } catch (const std::exception&) {
+    return nullptr;  // the loaded text parses; this is for an out-of-memory
+  }
   int pair[2];
   if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) return nullptr;
   UniqueFd ours(pair[0]), theirs(pair[1]);
@@ -133,7 +139,6 @@ std::shared_ptr<WorkerPool::Worker> WorkerPool::Spawn(const Account& account) {
   setup.service = ::getpid();
   setup.command_slot = static_cast<uint32_t>(worker->slot);
   if (root) setup.identity = *identity;
-  UniqueFd config = TextDescriptor(runtime.config_text);
   std::vector<int> descriptors = {config.get(), counts_fd_.get()};
   for (const auto& [letter, fd] : runtime.drives->Descriptors()) {
     setup.drive_letters.push_back(letter);

@@ -85,7 +85,8 @@ std::string AccountsFor(const ScopedUser& alpha, const ScopedUser& beta, bool wi
     accounts += "[accounts.beta]\npassword = \"" + HashOf(kOperatorPassword) +
                 "\"\nrun_as = \"" + beta.name() + "\"\n";
   }
-  return accounts + "[limits]\ngrace_seconds = 1\n";
+  return accounts +
+         "[limits]\ngrace_seconds = 1\nsessions = 2000\nsessions_per_address = 2000\n";
 }
 
 class ServiceWorkers : public ::testing::Test {
@@ -105,7 +106,11 @@ class ServiceWorkers : public ::testing::Test {
   bool Served(RawClient& client, const char* account) {
     if (!client.Connect(service_.port())) return false;
     auto login = client.Login(account, kOperatorPassword);
-    if (!login || !login->success) return false;
+    return login && login->success && DriveAnswers(client);
+  }
+
+  // True when the session's worker answers that drive C's root exists.
+  static bool DriveAnswers(RawClient& client) {
     if (!client.RequestPath(RequestCode::kFolderExists, "C:\\")) return false;
     auto reply = client.ReadResult();
     return reply && reply->success;
@@ -189,6 +194,23 @@ TEST_F(ServiceWorkers, AWorkerEndsOnceItsLastSessionHasGoneAndAFreshOneFollows) 
   EXPECT_GT(WorkerOf(alpha_), 0);
 }
 
+// Many sessions ending at once fill the link with their ends; the root process must hear of every
+// one, or the worker (which it believes still serves some) would never be told to end.
+TEST_F(ServiceWorkers, EveryEndOfManySessionsEndingAtOnceIsCounted) {
+  constexpr int kSessions = 600;
+  std::vector<RawClient> clients(kSessions);
+  for (RawClient& client : clients) {
+    ASSERT_TRUE(client.Connect(service_.port()));
+    auto login = client.Login("beta", kOperatorPassword);
+    ASSERT_TRUE(login && login->success) << service_.ErrorOutput();
+  }
+  ASSERT_TRUE(DriveAnswers(clients.back()));
+  pid_t worker = WorkerOf(beta_);
+  ASSERT_GT(worker, 0);
+  clients.clear();
+  EXPECT_TRUE(ProcessEnds(worker, 20000));
+}
+
 TEST_F(ServiceWorkers, ARequestSentRightBehindTheLoginIsServed) {
   RawClient client;
   ASSERT_TRUE(client.Connect(service_.port()));
@@ -217,18 +239,14 @@ TEST_F(ServiceWorkers, ARequestSentRightBehindTheLoginIsServed) {
 
 TEST_F(ServiceWorkers, AReloadEndsTheWorkerOfARemovedAccountOnly) {
   RawClient alpha, beta;
-  ASSERT_TRUE(Served(alpha, "alpha"));
-  ASSERT_TRUE(Served(beta, "beta"));
+  ASSERT_TRUE(Served(alpha, "alpha") && Served(beta, "beta")) << service_.ErrorOutput();
   pid_t alpha_worker = WorkerOf(alpha_), beta_worker = WorkerOf(beta_);
   ASSERT_GT(beta_worker, 0);
   service_.WriteConfig(AccountsFor(alpha_, beta_, false));
   service_.Signal(SIGHUP);
   EXPECT_TRUE(beta.WaitForClose(10000)) << service_.ErrorOutput();
   EXPECT_TRUE(ProcessEnds(beta_worker, 10000));
-  ASSERT_TRUE(alpha.RequestPath(RequestCode::kFolderExists, "C:\\"));
-  auto reply = alpha.ReadResult();
-  ASSERT_TRUE(reply);
-  EXPECT_TRUE(reply->success);
+  EXPECT_TRUE(DriveAnswers(alpha));
   EXPECT_EQ(WorkerOf(alpha_), alpha_worker);
   RawClient again;
   ASSERT_TRUE(again.Connect(service_.port()));
@@ -239,8 +257,7 @@ TEST_F(ServiceWorkers, AReloadEndsTheWorkerOfARemovedAccountOnly) {
 
 TEST_F(ServiceWorkers, SigtermEndsEveryWorkerWithTheService) {
   RawClient running, idle;
-  ASSERT_TRUE(Served(running, "alpha"));
-  ASSERT_TRUE(Served(idle, "beta"));
+  ASSERT_TRUE(Served(running, "alpha") && Served(idle, "beta")) << service_.ErrorOutput();
   std::string command = "sleep 60";
   ASSERT_TRUE(running.SendFramed(
       pelmora::admin::BuildSizeMessage(pelmora::admin::CommandRequestTotal(command))));
