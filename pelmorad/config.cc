@@ -375,25 +375,6 @@ Config ParseConfig(std::string_view text, std::string_view source) {
   return config;
 }
 
-std::string WorkerConfigText(std::string_view text, const std::string& account) {
-  toml::table root = toml::parse(text);
-  if (toml::table* accounts = root["accounts"].as_table()) {
-    for (auto entry = accounts->begin(); entry != accounts->end();) {
-      if (entry->first.str() != account) {
-        entry = accounts->erase(entry);
-        continue;
-      }
-      if (toml::table* fields = entry->second.as_table()) {
-        fields->insert_or_assign("password", kWorkerPasswordHash);
-      }
-      ++entry;
-    }
-  }
-  std::ostringstream out;
-  out << root;
-  return out.str();
-}
-
 Config LoadConfig(const std::string& path, std::string* text_read) {
   CheckFilePermissions(path);
   std::ifstream in(path, std::ios::binary);

@@ -63,6 +63,39 @@ UniqueFd TextDescriptor(const std::string& text) {
   return fd;
 }
 
+struct Launched {
+  pid_t pid = -1;
+  UniqueFd link;  // the root process's end, non-blocking
+  UniqueFd exit;  // a process descriptor
+};
+
+// Starts `pelmorad --account-worker` with the other end of a new link as kWorkerLinkFd.
+std::optional<Launched> LaunchWorkerProcess() {
+  int pair[2];
+  if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) return std::nullopt;
+  Launched launched;
+  launched.link = UniqueFd(pair[0]);
+  UniqueFd theirs(pair[1]);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, theirs.get(), kWorkerLinkFd);
+  // Nothing else of the root process's: not the listeners, nor other clients' connections.
+  posix_spawn_file_actions_addclosefrom_np(&actions, kWorkerLinkFd + 1);
+  char name[] = "pelmorad";
+  char* argv[] = {name, const_cast<char*>(kWorkerOption), nullptr};
+  int failed = ::posix_spawn(&launched.pid, "/proc/self/exe", &actions, nullptr, argv, environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (failed != 0) return std::nullopt;
+  launched.exit = UniqueFd(static_cast<int>(::syscall(SYS_pidfd_open, launched.pid, 0)));
+  if (!launched.exit) {
+    ::kill(launched.pid, SIGKILL);
+    ::waitpid(launched.pid, nullptr, 0);
+    return std::nullopt;
+  }
+  ::fcntl(launched.link.get(), F_SETFL, ::fcntl(launched.link.get(), F_GETFL) | O_NONBLOCK);
+  return launched;
+}
+
 }  // namespace
 
 WorkerPool::WorkerPool(ServiceContext& context)
@@ -88,71 +121,54 @@ void WorkerPool::KillAll() {
 }
 
 std::shared_ptr<WorkerPool::Worker> WorkerPool::Spawn(const Account& account) {
-  const Runtime& runtime = *context_.runtime;
-  const Identity* identity = runtime.IdentityOf(account);
-  bool root = ::geteuid() == 0;
-  if (root && identity == nullptr) return nullptr;  // never serve an account as root by default
+  const Identity* identity = context_.runtime->IdentityOf(account);
+  if (::geteuid() == 0 && identity == nullptr) return nullptr;  // never an account as root
   auto free_slot = std::find(slot_used_.begin(), slot_used_.end(), false);
   if (free_slot == slot_used_.end()) return nullptr;
-  UniqueFd config;
-  try {
-    config = TextDescriptor(WorkerConfigText(runtime.config_text, account.name));
-  } catch (const std::exception&) {
-    return nullptr;  // the loaded text parses; this is for an out-of-memory
-  }
-  int pair[2];
-  if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) return nullptr;
-  UniqueFd ours(pair[0]), theirs(pair[1]);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, theirs.get(), kWorkerLinkFd);
-  // Nothing else of the root process's: not the listeners, nor other clients' connections.
-  posix_spawn_file_actions_addclosefrom_np(&actions, kWorkerLinkFd + 1);
-  char name[] = "pelmorad";
-  char* argv[] = {name, const_cast<char*>(kWorkerOption), nullptr};
-  pid_t pid = -1;
-  int failed = ::posix_spawn(&pid, "/proc/self/exe", &actions, nullptr, argv, environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (failed != 0) return nullptr;
-  theirs = UniqueFd();
-  UniqueFd exit_fd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
-  if (!exit_fd) {
-    ::kill(pid, SIGKILL);
-    ::waitpid(pid, nullptr, 0);
-    return nullptr;
-  }
-  ::fcntl(ours.get(), F_SETFL, ::fcntl(ours.get(), F_GETFL) | O_NONBLOCK);
-
-  auto worker = std::make_shared<Worker>(context_.io, ours.release(), exit_fd.release());
+  std::optional<Launched> launched = LaunchWorkerProcess();
+  if (!launched) return nullptr;
+  auto worker = std::make_shared<Worker>(context_.io, launched->link.release(),
+                                         launched->exit.release());
   worker->account = account.name;
   worker->runtime = context_.runtime;
-  worker->pid = pid;
+  worker->pid = launched->pid;
   worker->slot = static_cast<std::size_t>(free_slot - slot_used_.begin());
   *free_slot = true;
   counts_[worker->slot].store(0);
   workers_.insert(worker);
   WatchExit(worker);
+  if (!SendSetup(*worker, account, identity)) {
+    ::kill(worker->pid, SIGKILL);
+    return nullptr;  // WatchExit reaps it
+  }
+  asio::co_spawn(context_.io, Listen(worker), asio::detached);
+  ServiceMessage(fmt::format("account {}: worker {} serves as user {}", account.name, worker->pid,
+                             ::geteuid() == 0 ? identity->user : std::string("of the service")));
+  return worker;
+}
 
+bool WorkerPool::SendSetup(Worker& worker, const Account& account, const Identity* identity) {
+  const Runtime& runtime = *worker.runtime;
+  UniqueFd config;
+  try {
+    config = TextDescriptor(WorkerConfigText(runtime.config_text, account.name));
+  } catch (const std::exception&) {
+    return false;  // the loaded text parses: this is for an out-of-memory
+  }
   WorkerSetup setup;
   setup.account = account.name;
   setup.config_source = runtime.config_source;
   setup.service = ::getpid();
-  setup.command_slot = static_cast<uint32_t>(worker->slot);
-  if (root) setup.identity = *identity;
+  setup.command_slot = static_cast<uint32_t>(worker.slot);
+  if (::geteuid() == 0) setup.identity = *identity;
   std::vector<int> descriptors = {config.get(), counts_fd_.get()};
   for (const auto& [letter, fd] : runtime.drives->Descriptors()) {
     setup.drive_letters.push_back(letter);
     descriptors.push_back(fd);
   }
   // The link is empty: the set-up fits whatever its size.
-  if (!config || SendPacket(worker->link.native_handle(), EncodeSetup(setup), descriptors) != 0) {
-    ::kill(pid, SIGKILL);
-    return nullptr;  // WatchExit reaps it
-  }
-  asio::co_spawn(context_.io, Listen(worker), asio::detached);
-  ServiceMessage(fmt::format("account {}: worker {} serves as user {}", account.name, pid,
-                             root ? identity->user : std::string("of the service")));
-  return worker;
+  return config &&
+         SendPacket(worker.link.native_handle(), EncodeSetup(setup), descriptors) == 0;
 }
 
 bool WorkerPool::HandOff(const Account& account, SessionState state, UniqueFd connection) {
@@ -273,8 +289,8 @@ void WorkerPool::WatchExit(const std::shared_ptr<Worker>& worker) {
 
 void WorkerPool::Reaped(const std::shared_ptr<Worker>& worker) {
   // Its sessions ended with it (it held their only descriptors).
-  while (!worker->sessions.empty()) SessionEnded(*worker, worker->sessions.begin()->first);
   worker->retired = true;
+  while (!worker->sessions.empty()) SessionEnded(*worker, worker->sessions.begin()->first);
   worker->linger.cancel();
   auto found = by_account_.find(worker->account);
   if (found != by_account_.end() && found->second == worker) by_account_.erase(found);

@@ -65,6 +65,8 @@ class WorkerPool {
  private:
   struct Worker;
   std::shared_ptr<Worker> Spawn(const Account& account);
+  // Sends a started worker what it needs before it serves; false when it could not.
+  bool SendSetup(Worker& worker, const Account& account, const Identity* identity);
   bool Send(const std::shared_ptr<Worker>& worker, std::vector<uint8_t> packet, UniqueFd fd);
   asio::awaitable<void> Flush(std::shared_ptr<Worker> worker);
   asio::awaitable<void> Listen(std::shared_ptr<Worker> worker);
