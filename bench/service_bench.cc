@@ -1,7 +1,8 @@
 // The administration service under load: 1000 concurrent sessions, each logging in and then
 // sending FileExists requests back to back for a bounded time, against the real pelmorad and,
 // for comparison, against a plain epoll peer that answers the same 1500-byte packets without any
-// work. Reports requests per second, errors (must be 0) and the service's peak memory:
+// work. Reports requests per second, errors (must be 0) and the peak memory of the service's root
+// process and of its account workers together:
 //   build/h/bench/pelmora_bench --benchmark_filter=Service
 // The service binary is found beside the benchmark's build tree (or PELMORAD_BINARY).
 #include <benchmark/benchmark.h>
@@ -235,13 +236,24 @@ pid_t StartService(const std::string& folder, int& port) {
   return pid;
 }
 
-long PeakKilobytes(pid_t pid) {
+// The "VmHWM" (peak resident kilobytes) or "PPid" field of process `pid`'s status.
+long StatusField(pid_t pid, const std::string& field) {
   std::ifstream status("/proc/" + std::to_string(pid) + "/status");
   std::string line;
   while (std::getline(status, line)) {
-    if (line.rfind("VmHWM:", 0) == 0) return std::atol(line.c_str() + 6);
+    if (line.rfind(field + ":", 0) == 0) return std::atol(line.c_str() + field.size() + 1);
   }
   return 0;
+}
+
+// The peak resident kilobytes of `pid` and of its child processes (the account workers).
+long PeakKilobytes(pid_t pid) {
+  long total = StatusField(pid, "VmHWM");
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    pid_t child = static_cast<pid_t>(std::atoi(entry.path().filename().c_str()));
+    if (child > 0 && StatusField(child, "PPid") == pid) total += StatusField(child, "VmHWM");
+  }
+  return total;
 }
 
 void Report(benchmark::State& state, const LoadResult& result) {

@@ -14,7 +14,6 @@
 #include <string_view>
 #include <utility>
 
-#include "pelmorad/identity.h"
 #include "pelmorad/win_error.h"
 
 namespace pelmorad {
@@ -135,8 +134,7 @@ int32_t AtomicFile::Begin(const DriveTable& drives, const DrivePath& target) {
   }
   if (fd < 0) return FromErrno(errno, Missing::kPath);
   file_ = UniqueFd(fd);
-  if (int error = GiveToOwner(fd); error != 0) return error_ = FromErrno(error, Missing::kPath);
-  // After the owner change, which may clear them, the permission bits as chosen.
+  // The permission bits as chosen, whatever the umask took away.
   ::fchmod(fd, mode);
   return kSuccess;
 }

@@ -375,7 +375,7 @@ Config ParseConfig(std::string_view text, std::string_view source) {
   return config;
 }
 
-Config LoadConfig(const std::string& path) {
+Config LoadConfig(const std::string& path, std::string* text_read) {
   CheckFilePermissions(path);
   std::ifstream in(path, std::ios::binary);
   if (!in) {
@@ -383,7 +383,9 @@ Config LoadConfig(const std::string& path) {
   }
   std::ostringstream text;
   text << in.rdbuf();
-  return ParseConfig(text.str(), path);
+  Config config = ParseConfig(text.str(), path);
+  if (text_read != nullptr) *text_read = text.str();
+  return config;
 }
 
 }  // namespace pelmorad

@@ -96,13 +96,21 @@ struct Config {
 // key is unknown (with its line and the nearest known key: "did you mean commands?").
 Config ParseConfig(std::string_view text, std::string_view source);
 
+// The password hash an account worker's configuration carries instead of the real one.
+inline constexpr char kWorkerPasswordHash[] = "$-";
+
+// The configuration an account worker gets: `text` (which ParseConfig accepted) with every
+// account but `account` left out and that one's password hash replaced by kWorkerPasswordHash,
+// so a worker holds no password hash. Its other values parse as in `text`.
+std::string WorkerConfigText(std::string_view text, const std::string& account);
+
 // Reads and parses the file at `path`. Throws pelmora::Error 2 when it cannot be read, 5 when
 // other users could change it: the file is group- or other-writable or belongs to a user other
 // than root and the service's, or a folder above it (as written or after resolving links) is
 // not root's or the service user's, or is group- or other-writable without the sticky bit that
 // protects the entry below it. Warns on standard error when every user may read it. Throws
-// what ParseConfig throws. Blocks on the read.
-Config LoadConfig(const std::string& path);
+// what ParseConfig throws. Blocks on the read. `text`, when given, receives the text parsed.
+Config LoadConfig(const std::string& path, std::string* text = nullptr);
 
 }  // namespace pelmorad
 

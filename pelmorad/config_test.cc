@@ -55,6 +55,25 @@ TEST(Config, ReadsEveryKeyOfTheExample) {
   EXPECT_EQ(config.FindAccount("Operator"), nullptr);
 }
 
+TEST(Config, AWorkersCopyHoldsItsOneAccountAndNoPasswordHash) {
+  std::string text = std::string(kExample) + "[accounts.other]\npassword = \"$y$other\"\n";
+  std::string copy = WorkerConfigText(text, "operator");
+  EXPECT_EQ(copy.find("$y$"), std::string::npos) << copy;
+  Config original = ParseConfig(text, "example");
+  Config worker = ParseConfig(copy, "worker");
+  EXPECT_EQ(worker.FindAccount("other"), nullptr);
+  Account expected = *original.FindAccount("operator");
+  expected.password_hash = kWorkerPasswordHash;
+  ASSERT_NE(worker.FindAccount("operator"), nullptr);
+  EXPECT_TRUE(*worker.FindAccount("operator") == expected);
+  EXPECT_EQ(worker.listen, original.listen);
+  EXPECT_EQ(worker.drives, original.drives);
+  EXPECT_EQ(worker.PathForKey("QelProgram"), original.PathForKey("QelProgram"));
+  EXPECT_EQ(worker.system_directory, original.system_directory);
+  EXPECT_EQ(worker.limits.sessions, 10);
+  EXPECT_EQ(worker.limits.idle_seconds, 30);
+}
+
 TEST(Config, DefaultsListenOnLoopbackPort8002) {
   Config config = ParseConfig("", "empty");
   EXPECT_THAT(config.listen, ::testing::ElementsAre("127.0.0.1:8002"));

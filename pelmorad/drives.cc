@@ -62,6 +62,19 @@ std::shared_ptr<const DriveTable> DriveTable::Open(const std::map<char, std::str
   return table;
 }
 
+std::shared_ptr<const DriveTable> DriveTable::Adopt(
+    std::map<char, std::pair<std::string, UniqueFd>> roots) {
+  auto table = std::make_shared<DriveTable>();
+  table->roots_ = std::move(roots);
+  return table;
+}
+
+std::vector<std::pair<char, int>> DriveTable::Descriptors() const {
+  std::vector<std::pair<char, int>> descriptors;
+  for (const auto& [letter, root] : roots_) descriptors.emplace_back(letter, root.second.get());
+  return descriptors;
+}
+
 std::string DriveTable::Folder(char letter) const {
   auto found = roots_.find(letter);
   return found == roots_.end() ? std::string() : found->second.first;

@@ -15,6 +15,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "pelmorad/drive_path.h"
 
@@ -52,6 +53,11 @@ class DriveTable {
   // Opens every folder. Throws pelmora::Error 3 naming the folder when one cannot be opened as a
   // folder. Blocks on the file system.
   static std::shared_ptr<const DriveTable> Open(const std::map<char, std::string>& drives);
+  // A table of folders opened elsewhere (an account worker takes its service's): `roots` gives
+  // each letter's folder and its O_PATH descriptor, which the table then owns.
+  static std::shared_ptr<const DriveTable> Adopt(std::map<char, std::pair<std::string, UniqueFd>> roots);
+  // Each letter's folder descriptor, owned by the table, in letter order.
+  std::vector<std::pair<char, int>> Descriptors() const;
 
   // True when `letter` is mapped.
   bool IsMapped(char letter) const { return roots_.contains(letter); }

@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "pelmorad/atomic_file.h"
-#include "pelmorad/identity.h"
 #include "pelmorad/win_error.h"
 
 namespace pelmorad {
@@ -120,13 +119,6 @@ int32_t CreateFile(const DriveTable& drives, const DrivePath& path, bool overwri
     if (opened.error == EEXIST) return kFileExists;
     return FromErrno(opened.error, Missing::kPath);
   }
-  if (created) {
-    if (int error = GiveToOwner(opened.fd.get()); error != 0) {
-      Opened parent = drives.OpenParent(path);
-      if (parent.fd) ::unlinkat(parent.fd.get(), path.Name().c_str(), 0);
-      return FromErrno(error, Missing::kPath);
-    }
-  }
   if (!unicode) return kSuccess;
   static constexpr std::array<uint8_t, 2> kByteOrderMark = {0xFF, 0xFE};
   if (::write(opened.fd.get(), kByteOrderMark.data(), 2) != 2) {
@@ -141,10 +133,6 @@ int32_t CreateFolder(const DriveTable& drives, const DrivePath& path) {
   if (!parent.fd) return FromErrno(parent.error, Missing::kPath);
   if (::mkdirat(parent.fd.get(), path.Name().c_str(), 0755) != 0) {
     return errno == EEXIST ? kAlreadyExists : FromErrno(errno, Missing::kPath);
-  }
-  if (int error = GiveToOwnerAt(parent.fd.get(), path.Name()); error != 0) {
-    ::unlinkat(parent.fd.get(), path.Name().c_str(), AT_REMOVEDIR);
-    return FromErrno(error, Missing::kPath);
   }
   return kSuccess;
 }

@@ -1,35 +1,12 @@
 #include "pelmorad/identity.h"
 
-#include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
-#include <sys/fsuid.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 
 namespace pelmorad {
 namespace {
 
 constexpr int kMaxGroups = 1024;
-
-thread_local const Identity* current_owner = nullptr;
-
-bool ServiceIsRoot() { return ::geteuid() == 0; }
-
-// The service's own supplementary groups, read once.
-const std::vector<gid_t>& ServiceGroups() {
-  static const std::vector<gid_t> groups = [] {
-    int count = ::getgroups(0, nullptr);
-    std::vector<gid_t> list(static_cast<std::size_t>(count > 0 ? count : 0));
-    if (count > 0 && ::getgroups(count, list.data()) != count) list.clear();
-    return list;
-  }();
-  return groups;
-}
 
 }  // namespace
 
@@ -53,54 +30,6 @@ std::optional<Identity> LookUpIdentity(const std::string& user) {
   }
   identity.groups.resize(static_cast<std::size_t>(count));
   return identity;
-}
-
-namespace {
-
-// Sets this thread's file-system identity; false when the kernel did not take it.
-bool SwitchThread(uid_t uid, gid_t gid, const std::vector<gid_t>& groups) {
-  if (::syscall(SYS_setgroups, groups.size(), groups.data()) != 0) return false;
-  ::setfsgid(gid);
-  ::setfsuid(uid);
-  // Each call answers the value before it: asking again with -1 reads what is in force.
-  return static_cast<uid_t>(::setfsuid(static_cast<uid_t>(-1))) == uid &&
-         static_cast<gid_t>(::setfsgid(static_cast<gid_t>(-1))) == gid;
-}
-
-[[noreturn]] void AbortOnSwitch(const char* what) {
-  std::fprintf(stderr, "pelmorad: cannot %s a file-system identity; stopping\n", what);
-  std::abort();
-}
-
-}  // namespace
-
-OwnerScope::OwnerScope(const Identity* owner) : previous_(current_owner) {
-  current_owner = owner;
-  if (owner == nullptr || !ServiceIsRoot() || previous_ != nullptr) return;
-  if (owner->uid == ::geteuid() && owner->gid == ::getegid()) return;
-  ServiceGroups();  // read before the first switch, so it holds the service's own
-  if (!SwitchThread(owner->uid, owner->gid, owner->groups)) AbortOnSwitch("take on");
-  switched_ = true;
-}
-
-OwnerScope::~OwnerScope() {
-  current_owner = previous_;
-  if (switched_ && !SwitchThread(::geteuid(), ::getegid(), ServiceGroups())) {
-    AbortOnSwitch("give back");
-  }
-}
-
-int GiveToOwner(int fd) {
-  if (current_owner == nullptr || !ServiceIsRoot()) return 0;
-  return ::fchown(fd, current_owner->uid, current_owner->gid) == 0 ? 0 : errno;
-}
-
-int GiveToOwnerAt(int dirfd, const std::string& name) {
-  if (current_owner == nullptr || !ServiceIsRoot()) return 0;
-  return ::fchownat(dirfd, name.c_str(), current_owner->uid, current_owner->gid,
-                    AT_SYMLINK_NOFOLLOW) == 0
-             ? 0
-             : errno;
 }
 
 }  // namespace pelmorad

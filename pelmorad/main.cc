@@ -19,6 +19,7 @@
 #include "pelmorad/password.h"
 #include "pelmorad/runtime.h"
 #include "pelmorad/server.h"
+#include "pelmorad/worker.h"
 
 namespace {
 
@@ -65,6 +66,9 @@ std::unique_ptr<pelmora::sched::TaskRunner> StartScheduler(const std::string& co
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 2 && std::string_view(argv[1]) == pelmorad::kWorkerOption) {
+    return pelmorad::RunWorker();
+  }
   std::vector<std::string_view> arguments(argv + 1, argv + argc);
   try {
     pelmorad::Options options = pelmorad::ParseOptions(arguments);

@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <future>
+#include <thread>
 
 #include "pelmora/common/error.h"
 
@@ -61,6 +63,41 @@ bool Runtime::MayChangeTasks(const Account& account, const DrivePath& path) cons
   return !tasks_folder->Contains(path) && !path.Contains(*tasks_folder);
 }
 
+bool AccountUnchanged(const Runtime& before, const Account& account, const Runtime& after) {
+  const Account* now = after.config.FindAccount(account.name);
+  if (now == nullptr || !(*now == account)) return false;
+  const Identity* was = before.IdentityOf(account);
+  const Identity* is = after.IdentityOf(*now);
+  if ((was == nullptr) != (is == nullptr)) return false;
+  if (was != nullptr &&
+      (was->uid != is->uid || was->gid != is->gid || was->groups != is->groups)) {
+    return false;
+  }
+  return after.config.drives == before.config.drives &&
+         after.tasks_folder.has_value() == before.tasks_folder.has_value();
+}
+
+void CommandCount::Share(std::atomic<int>* slots, std::size_t count, std::size_t own) {
+  slots_ = slots;
+  count_ = count;
+  own_ = own;
+}
+
+bool CommandCount::TryTake(int limit) {
+  slots_[own_].fetch_add(1);
+  if (Total() <= limit) return true;
+  slots_[own_].fetch_sub(1);
+  return false;
+}
+
+void CommandCount::Give() { slots_[own_].fetch_sub(1); }
+
+int CommandCount::Total() const {
+  int total = 0;
+  for (std::size_t i = 0; i < count_; ++i) total += slots_[i].load();
+  return total;
+}
+
 bool DropUnauthenticated(int waiting, const Limits& limits, double chance) {
   if (waiting < limits.unauthenticated_start) return false;
   if (waiting >= limits.unauthenticated) return true;
@@ -82,7 +119,22 @@ std::shared_ptr<const Runtime> MakeRuntime(Config config) {
 }
 
 std::shared_ptr<const Runtime> LoadRuntime(const std::string& config_path) {
-  return MakeRuntime(LoadConfig(config_path));
+  std::string text;
+  Config config = LoadConfig(config_path, &text);
+  auto runtime = std::const_pointer_cast<Runtime>(MakeRuntime(std::move(config)));
+  runtime->config_text = std::move(text);
+  runtime->config_source = config_path;
+  return runtime;
+}
+
+bool JoinPoolWithin(asio::thread_pool& pool, std::chrono::milliseconds limit) {
+  auto joined = std::make_shared<std::promise<void>>();
+  std::future<void> done = joined->get_future();
+  std::thread([&pool, joined] {
+    pool.join();
+    joined->set_value();
+  }).detach();
+  return done.wait_for(limit) == std::future_status::ready;
 }
 
 ServiceContext::ServiceContext(asio::io_context& io_context, std::shared_ptr<const Runtime> first)

@@ -6,6 +6,9 @@
 
 #include <asio/io_context.hpp>
 #include <asio/thread_pool.hpp>
+#include <atomic>
+#include <chrono>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -24,6 +27,8 @@ namespace pelmorad {
 // One loaded configuration.
 struct Runtime {
   Config config;
+  std::string config_text;    // as read, for the account workers
+  std::string config_source;  // its path
   std::shared_ptr<const DriveTable> drives;
   // The identity of each account that names a `run_as` user, by account name.
   std::map<std::string, Identity> identities;
@@ -56,7 +61,40 @@ std::shared_ptr<const Runtime> MakeRuntime(Config config);
 // user (its commands and tasks would run as root). Blocks on the user database.
 std::map<std::string, Identity> CheckAccounts(const Config& config, bool service_is_root);
 
+// True when a session that logged in to `account` under `before` may go on under `after`: the
+// account, its identity, the drive map and whether there is a Tasks folder are all unchanged.
+bool AccountUnchanged(const Runtime& before, const Account& account, const Runtime& after);
+
+// The number of commands running in all of the service's processes: each process counts its own
+// in a slot of a table that every process maps (MAP_SHARED), so one process's sum holds for all.
+class CommandCount {
+ public:
+  // Until Share, counts this process alone.
+  CommandCount() = default;
+  CommandCount(const CommandCount&) = delete;
+  CommandCount& operator=(const CommandCount&) = delete;
+  // Counts in `slots[own]` of the `count` shared slots.
+  void Share(std::atomic<int>* slots, std::size_t count, std::size_t own);
+  // Takes a place when fewer than `limit` commands run; false (nothing taken) otherwise. Two
+  // processes racing for the last place may both be refused, never both admitted.
+  bool TryTake(int limit);
+  // Gives a place back.
+  void Give();
+  int Total() const;
+
+ private:
+  std::atomic<int> local_{0};
+  std::atomic<int>* slots_ = &local_;
+  std::size_t count_ = 1;
+  std::size_t own_ = 0;
+};
+
+// Joins `pool` on a helper thread and waits for it at most `limit`; false when a pool thread is
+// still blocked (the helper is then left behind with the process about to end).
+bool JoinPoolWithin(asio::thread_pool& pool, std::chrono::milliseconds limit);
+
 class Session;
+struct SessionState;
 
 // The service-wide state. Touched only on the I/O thread, except `pool`, which runs file work,
 // and `passwords`, which the pool's login checks share.
@@ -71,8 +109,15 @@ struct ServiceContext {
   std::set<Session*> sessions;
   std::map<std::string, int> sessions_per_address;
   int unauthenticated = 0;  // sessions not yet logged in
-  int running_commands = 0;
+  CommandCount running_commands;
   bool stopping = false;
+  // In the root process: hands a session that has just logged in to its account's worker,
+  // which then owns `connection`; false when none could take it.
+  std::function<bool(const Account&, SessionState, UniqueFd connection)> hand_off;
+  // Sessions the workers serve, in all and per client address (for the session limits).
+  int served_by_workers = 0;
+  // In a worker: tells the root process that the session handed over as `id` ended.
+  std::function<void(uint64_t id)> session_ended;
 };
 
 }  // namespace pelmorad

@@ -13,14 +13,13 @@
 #include <asio/use_awaitable.hpp>
 #include <chrono>
 #include <fstream>
-#include <future>
-#include <thread>
 #include <list>
 
 #include "pelmora/common/error.h"
 #include "pelmorad/audit.h"
 #include "pelmorad/runtime.h"
 #include "pelmorad/session.h"
+#include "pelmorad/worker_pool.h"
 
 namespace pelmorad {
 namespace {
@@ -29,6 +28,8 @@ constexpr int kBacklog = 1024;
 constexpr auto kShutdownPoll = std::chrono::milliseconds(50);
 constexpr auto kAcceptRetry = std::chrono::milliseconds(100);
 constexpr auto kPoolJoinLimit = std::chrono::milliseconds(1000);
+// How long after the grace period a worker still has to end before it is killed.
+constexpr auto kWorkerMargin = std::chrono::milliseconds(1000);
 
 std::shared_ptr<const Runtime> LoadChecked(const std::string& path) {
   if (!BeneathResolutionAvailable()) {
@@ -89,13 +90,19 @@ class Server::Impl {
       : options_(std::move(options)),
         io_(std::make_unique<asio::io_context>(1)),
         context_(*io_, LoadChecked(options_.config_path)),
-        signals_(std::make_unique<asio::signal_set>(*io_, SIGTERM, SIGINT, SIGHUP)) {}
+        signals_(std::make_unique<asio::signal_set>(*io_, SIGTERM, SIGINT, SIGHUP)),
+        workers_(std::make_unique<WorkerPool>(context_)) {
+    context_.hand_off = [this](const Account& account, SessionState state, UniqueFd connection) {
+      return workers_->HandOff(account, std::move(state), std::move(connection));
+    };
+  }
 
   // Sessions still suspended when the loop stopped are destroyed with the I/O context, and they
   // unregister from context_: so the context goes first.
   ~Impl() {
     acceptors_.clear();
     signals_.reset();
+    workers_.reset();  // kills the workers still running
     io_.reset();
   }
 
@@ -110,7 +117,7 @@ class Server::Impl {
     ServiceMessage("serving");
     io_->run();
     context_.pool.stop();
-    if (!PoolEndsWithin(kPoolJoinLimit)) {
+    if (!JoinPoolWithin(context_.pool, kPoolJoinLimit)) {
       abandoned_ = true;
       ServiceMessage("stopped; file work still blocked in the kernel is abandoned");
       return 0;
@@ -122,18 +129,6 @@ class Server::Impl {
   bool abandoned() const { return abandoned_; }
 
  private:
-  // Joins the pool on a helper thread and waits for it at most `limit`; false when a worker is
-  // still blocked (the helper is then left behind with the process about to end).
-  bool PoolEndsWithin(std::chrono::milliseconds limit) {
-    auto joined = std::make_shared<std::promise<void>>();
-    std::future<void> done = joined->get_future();
-    std::thread([this, joined] {
-      context_.pool.join();
-      joined->set_value();
-    }).detach();
-    return done.wait_for(limit) == std::future_status::ready;
-  }
-
   void Bind() {
     std::vector<std::string> addresses =
         options_.listen.empty() ? context_.runtime->config.listen : options_.listen;
@@ -196,6 +191,7 @@ class Server::Impl {
       // Copied: closing a session may end it and take it out of the set.
       std::vector<Session*> sessions(context_.sessions.begin(), context_.sessions.end());
       for (Session* session : sessions) session->Reconfigured(*context_.runtime);
+      workers_->Reconfigured(*context_.runtime);
     } catch (const pelmora::Error& error) {
       ServiceMessage("reload refused, the running configuration stays: " + error.Description());
     }
@@ -203,23 +199,18 @@ class Server::Impl {
 
   asio::awaitable<void> Stop() {
     ServiceMessage("stopping");
-    context_.stopping = true;
     for (asio::ip::tcp::acceptor& acceptor : acceptors_) acceptor.close();
-    for (Session* session : context_.sessions) {
-      session->KillCommand();
-      if (session->Idle()) session->Close();
-    }
-    auto deadline = std::chrono::steady_clock::now() +
-                    std::chrono::seconds(context_.runtime->config.limits.grace_seconds);
+    int grace = context_.runtime->config.limits.grace_seconds;
+    workers_->Stop(grace);
+    co_await Session::EndAll(context_, grace);
+    // The workers end their own sessions within the same grace period.
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(grace) + kWorkerMargin;
     asio::steady_timer timer(*io_);
-    while (!context_.sessions.empty() && std::chrono::steady_clock::now() < deadline) {
+    while (!workers_->Empty() && std::chrono::steady_clock::now() < deadline) {
       timer.expires_after(kShutdownPoll);
       co_await timer.async_wait(asio::use_awaitable);
-      for (Session* session : context_.sessions) {
-        if (session->Idle()) session->Close();
-      }
     }
-    for (Session* session : context_.sessions) session->Close();
+    workers_->KillAll();
     signals_->cancel();
     io_->stop();
   }
@@ -228,6 +219,7 @@ class Server::Impl {
   std::unique_ptr<asio::io_context> io_;
   ServiceContext context_;
   std::unique_ptr<asio::signal_set> signals_;
+  std::unique_ptr<WorkerPool> workers_;
   std::list<asio::ip::tcp::acceptor> acceptors_;
   bool abandoned_ = false;
 };

@@ -62,6 +62,7 @@ void Session::LeaveUnauthenticated() {
 }
 
 Session::~Session() {
+  if (handed_off_as_ != 0 && context_.session_ended) context_.session_ended(handed_off_as_);
   LeaveUnauthenticated();
   context_.sessions.erase(this);
   if (--context_.sessions_per_address[address_] <= 0) {
@@ -74,7 +75,8 @@ void Session::Start(ServiceContext& context, asio::ip::tcp::socket socket) {
   std::string peer = PeerText(socket, address);
   const Limits& limits = context.runtime->config.limits;
   auto per_address = context.sessions_per_address.find(address);
-  bool too_many = static_cast<int>(context.sessions.size()) >= limits.sessions ||
+  bool too_many =
+      static_cast<int>(context.sessions.size()) + context.served_by_workers >= limits.sessions ||
                   (per_address != context.sessions_per_address.end() &&
                    per_address->second >= limits.sessions_per_address);
   if (too_many || context.stopping) {
@@ -104,19 +106,11 @@ void Session::Close() {
 
 void Session::Reconfigured(const Runtime& runtime) {
   if (account_ == nullptr || !socket_.is_open()) return;
-  const Account* now = runtime.config.FindAccount(account_->name);
-  const Identity* identity = now != nullptr ? runtime.IdentityOf(*now) : nullptr;
-  auto same_identity = [&] {
-    if ((identity == nullptr) != (identity_ == nullptr)) return false;
-    return identity == nullptr || (identity->uid == identity_->uid &&
-                                   identity->gid == identity_->gid &&
-                                   identity->groups == identity_->groups);
-  };
-  if (now != nullptr && *now == *account_ && same_identity() &&
-      runtime.config.drives == runtime_->config.drives &&
-      runtime.tasks_folder.has_value() == runtime_->tasks_folder.has_value()) {
-    return;
-  }
+  if (!AccountUnchanged(*runtime_, *account_, runtime)) Revoke();
+}
+
+void Session::Revoke() {
+  if (account_ == nullptr || !socket_.is_open()) return;
   Audit({peer_, account_->name, -1, "closed: the account was removed or changed by a reload",
          kAccessDenied});
   Close();
@@ -155,6 +149,13 @@ asio::awaitable<void> Session::Watchdog() {
 
 asio::awaitable<bool> Session::ReadExactly(std::span<uint8_t> buffer) {
   ArmIdleTimer();
+  if (!pending_.empty()) {
+    std::size_t taken = std::min(pending_.size(), buffer.size());
+    std::copy_n(pending_.begin(), taken, buffer.begin());
+    pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(taken));
+    buffer = buffer.subspan(taken);
+    if (buffer.empty()) co_return true;
+  }
   asio::error_code error;
   co_await asio::async_read(socket_, asio::buffer(buffer.data(), buffer.size()),
                             asio::redirect_error(asio::use_awaitable, error));
@@ -209,7 +210,12 @@ asio::awaitable<void> Session::Run() {
     if (context_.stopping) break;
     std::optional<ClientMessage> message = co_await ReadMessage();
     idle_ = false;
+    bool logged_in = account_ != nullptr;
     if (!message || !co_await HandleMessage(*message)) break;
+    if (!logged_in && account_ != nullptr && context_.hand_off) {
+      HandOff();
+      co_return;
+    }
   }
   Close();
 }

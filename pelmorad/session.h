@@ -22,6 +22,7 @@
 #include "pelmorad/blocking.h"
 #include "pelmorad/drive_path.h"
 #include "pelmorad/runtime.h"
+#include "pelmorad/worker_link.h"
 
 namespace pelmorad {
 
@@ -42,6 +43,14 @@ class Session : public std::enable_shared_from_this<Session> {
 
   // Registers a new session for `socket` and starts its coroutine on the I/O thread.
   static void Start(ServiceContext& context, asio::ip::tcp::socket socket);
+  // In an account worker: takes over `connection`, a session that logged in to `account` in
+  // the root process, and serves its requests from where the login left it
+  // (session_handoff.cc).
+  static void StartLoggedIn(ServiceContext& context, const Account& account, UniqueFd connection,
+                            SessionState state);
+  // The service's stop: ends running commands, closes sessions as they become idle and, after
+  // `grace_seconds`, every session left. Ends when no session is left.
+  static asio::awaitable<void> EndAll(ServiceContext& context, int grace_seconds);
 
   // Closes the connection and kills a running command's process group; the coroutine ends at its
   // next step. Never blocks.
@@ -54,6 +63,8 @@ class Session : public std::enable_shared_from_this<Session> {
   // (its rights, password, user or the drive map); other sessions go on with the configuration
   // they started with. Never blocks.
   void Reconfigured(const Runtime& runtime);
+  // Ends a logged-in session because a reload removed or changed its account. Never blocks.
+  void Revoke();
   // The client's address without the port.
   const std::string& address() const { return address_; }
 
@@ -71,6 +82,8 @@ class Session : public std::enable_shared_from_this<Session> {
   };
 
   asio::awaitable<void> Run();
+  // Passes the connection of a session that has just logged in to its account's worker.
+  void HandOff();
   asio::awaitable<void> Watchdog();
   void ArmIdleTimer();
 
@@ -111,13 +124,11 @@ class Session : public std::enable_shared_from_this<Session> {
   asio::awaitable<bool> StreamExec(std::shared_ptr<ExecJob> job, int32_t timeout,
                                    std::string audit_text);
 
-  // Runs file work on the pool with the account's identity as the owner of what it creates.
+  // Runs file work on the pool. Requests are served only in an account worker, which already
+  // is the account's user.
   template <typename Function>
   auto RunFileWork(Function function) {
-    return RunBlocking(context_.pool, [identity = identity_, function = std::move(function)] {
-      OwnerScope owner(identity);
-      return function();
-    });
+    return RunBlocking(context_.pool, std::move(function));
   }
 
   // Checks argument `index` as a path; `write` when the request changes the file system.
@@ -144,6 +155,8 @@ class Session : public std::enable_shared_from_this<Session> {
   const Account* account_ = nullptr;
   const Identity* identity_ = nullptr;  // the account's, held by runtime_
   int32_t sequence_ = 0;  // of the client's last framed message
+  uint64_t handed_off_as_ = 0;   // in a worker: the id the root process gave the session
+  std::vector<uint8_t> pending_;  // bytes the root process read past the login
   int refused_before_login_ = 0;
   bool counted_unauthenticated_ = true;  // counted in context_.unauthenticated
   asio::steady_timer::time_point login_deadline_;

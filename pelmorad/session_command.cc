@@ -33,14 +33,14 @@ struct RunningCommand {
   bool finished = false;  // reaped: its process group id may be someone else's now
   bool timed_out = false;
   bool client_gone = false;
-  int* slot = nullptr;  // the service's running-command count while this one holds a place
+  CommandCount* slot = nullptr;  // the service's running-command count while this one holds a place
 
   void Kill() {
     if (!finished && child) KillCommandTree(*child);
   }
   // Gives the command's place back (once), as soon as its shell has ended.
   void ReleaseSlot() {
-    if (slot != nullptr) *slot -= 1;
+    if (slot != nullptr) slot->Give();
     slot = nullptr;
   }
 };
@@ -84,10 +84,10 @@ int32_t StatusFor(const RunningCommand& command, const pelmora::ChildExit& exit)
 asio::awaitable<bool> Session::HandleCommand(const RequestBlock& block) {
   std::optional<pelmora::admin::CommandRequest> request =
       pelmora::admin::ParseCommandRequest(block);
-  int32_t refusal = !request                                         ? kInvalidParameter
-                    : !account_->commands                            ? kAccessDenied
-                    : context_.running_commands >= limits().commands ? kNotEnoughMemory
-                                                                     : kSuccess;
+  int32_t refusal = !request                                                 ? kInvalidParameter
+                    : !account_->commands                                    ? kAccessDenied
+                    : !context_.running_commands.TryTake(limits().commands) ? kNotEnoughMemory
+                                                                             : kSuccess;
   if (refusal != kSuccess) {
     AuditRequest(block.code, request ? request->command : "", refusal);
     co_return co_await Refuse(block, refusal);
@@ -103,10 +103,10 @@ asio::awaitable<bool> Session::HandleCommand(const RequestBlock& block) {
     }
   });
   if (command->start_error != 0) {
+    context_.running_commands.Give();
     AuditRequest(block.code, request->command, command->start_error);
     co_return co_await Refuse(block, command->start_error);
   }
-  context_.running_commands += 1;
   command->slot = &context_.running_commands;
   command_group_ = command->child->pid();
   bool connected = co_await StreamCommand(command, request->timeout);

@@ -89,10 +89,10 @@ asio::awaitable<bool> Session::HandleExec(const RequestBlock& block) {
         pelmora::admin::BuildResultReply(true, pelmora::admin::kExecVersion, ""));
   }
   std::optional<ExecRequest> request = pelmora::admin::ParseExecRequest(block);
-  int32_t refusal = !request                                         ? kInvalidParameter
-                    : !account_->commands                            ? kAccessDenied
-                    : context_.running_commands >= limits().commands ? kNotEnoughMemory
-                                                                     : kSuccess;
+  int32_t refusal = !request                                                 ? kInvalidParameter
+                    : !account_->commands                                    ? kAccessDenied
+                    : !context_.running_commands.TryTake(limits().commands) ? kNotEnoughMemory
+                                                                             : kSuccess;
   std::string audit_text = request ? AuditText(*request) : "";
   if (refusal != kSuccess) {
     AuditRequest(block.code, audit_text, refusal);
@@ -115,6 +115,7 @@ asio::awaitable<bool> Session::HandleExec(const RequestBlock& block) {
     }
   });
   if (start_error != 0) {
+    context_.running_commands.Give();
     AuditRequest(block.code, audit_text, start_error);
     co_return co_await SendResult(start_error);
   }
@@ -123,12 +124,14 @@ asio::awaitable<bool> Session::HandleExec(const RequestBlock& block) {
 
 asio::awaitable<bool> Session::StreamExec(std::shared_ptr<ExecJob> job, int32_t timeout,
                                           std::string audit_text) {
-  if (!co_await SendResult(kSuccess)) co_return false;
+  if (!co_await SendResult(kSuccess)) {
+    context_.running_commands.Give();
+    co_return false;
+  }
   idle_timer_.expires_at(asio::steady_timer::time_point::max());
   job->socket_fd = ::dup(socket_.native_handle());
   job->limits.timeout_ms = timeout;
   job->limits.finish_ms = limits().idle_seconds * 1000;
-  context_.running_commands += 1;
   command_group_ = job->child->pid();
   // The coroutine keeps the job alive while it waits; the lambda holds a plain pointer because
   // GCC 12 mis-copies non-trivial captures of lambdas made inside a coroutine.
@@ -143,7 +146,7 @@ asio::awaitable<bool> Session::StreamExec(std::shared_ptr<ExecJob> job, int32_t 
     result.exit = {pelmora::admin::ExecOutcome::kSignalled, SIGKILL};
   }
   command_group_ = 0;
-  context_.running_commands -= 1;
+  context_.running_commands.Give();
   AuditRequest(pelmora::admin::kExecRunCode, audit_text + OutcomeText(result.exit),
                result.in_step ? kSuccess : kInvalidFunction);
   ArmIdleTimer();

@@ -69,8 +69,8 @@ asio::awaitable<bool> Session::HandlePathWithKey(const RequestBlock& block) {
 
 asio::awaitable<bool> Session::HandleSameMachine(const RequestBlock& block) {
   asio::error_code error;
-  asio::ip::tcp::endpoint peer = socket_.remote_endpoint(error);
-  bool same = !error && IsOwnAddress(peer.address());
+  asio::ip::address peer = asio::ip::make_address(address_, error);
+  bool same = !error && IsOwnAddress(peer);
   AuditRequest(block.code, same ? "same machine" : "other machine", kSuccess);
   co_return co_await SendMessage(pelmora::admin::BuildResultReply(same, 0, ""));
 }

@@ -171,10 +171,11 @@ TEST_F(ServiceIdentity, AnUploadedTaskRunsWithItsUploadersIdentityWhateverItsRec
   EXPECT_EQ(ReadFile(marker), std::to_string(user_.uid()) + "\n");
 }
 
-// One worker thread, so every request runs on the same thread whichever account sends it.
-class ServiceThreadIdentity : public ServiceIdentity {
+// Accounts of different users taking turns, with one file-work thread per process: each
+// request's access checks are its own account's whichever account came before.
+class ServiceIdentityInTurn : public ServiceIdentity {
  protected:
-  ServiceThreadIdentity() { service_.WriteConfig(AccountsFor(user_.name()) + "[limits]\nworkers = 1\n"); }
+  ServiceIdentityInTurn() { service_.WriteConfig(AccountsFor(user_.name()) + "[limits]\nworkers = 1\n"); }
 
   // The size a download of `path` announces as `account` (-1 refused, -2 no answer).
   int32_t DownloadSize(const char* account, std::string_view path) {
@@ -185,12 +186,12 @@ class ServiceThreadIdentity : public ServiceIdentity {
   }
 };
 
-TEST_F(ServiceThreadIdentity, AccessChecksFollowTheAccountAndTheServiceGetsItsOwnBack) {
+TEST_F(ServiceIdentityInTurn, AccessChecksFollowTheAccountWhoeverCameBefore) {
   WriteFile(C("secret.txt"), "root only");
   ::chmod(C("secret.txt").c_str(), 0600);
   EXPECT_EQ(DownloadSize("owned", "C:\\secret.txt"), -1);   // the run_as user may not read it
   EXPECT_EQ(DownloadSize("writer", "C:\\secret.txt"), -1);  // nor may nobody
-  EXPECT_EQ(DownloadSize("operator", "C:\\secret.txt"), 9);  // run_as root, same thread
+  EXPECT_EQ(DownloadSize("operator", "C:\\secret.txt"), 9);  // run_as root
   EXPECT_EQ(DownloadSize("owned", "C:\\secret.txt"), -1);
   RawClient client;
   ASSERT_TRUE(LoginAs(client, "writer"));

@@ -1,0 +1,87 @@
+// A session's passage from the root process, which takes the login, to the account's worker,
+// which serves the requests; and the stop that both kinds of process share.
+#include <sys/socket.h>
+
+#include <asio/co_spawn.hpp>
+#include <asio/detached.hpp>
+#include <asio/use_awaitable.hpp>
+#include <chrono>
+
+#include "pelmorad/audit.h"
+#include "pelmorad/session.h"
+#include "pelmorad/win_error.h"
+
+namespace pelmorad {
+namespace {
+
+constexpr auto kStopPoll = std::chrono::milliseconds(50);
+
+// The connection as a socket of the session's type. Only its descriptor is used from here on:
+// the client's address comes with the session's state.
+asio::ip::tcp::socket AdoptConnection(asio::io_context& io, UniqueFd connection) {
+  sockaddr_storage local{};
+  socklen_t size = sizeof(local);
+  ::getsockname(connection.get(), reinterpret_cast<sockaddr*>(&local), &size);
+  asio::ip::tcp::socket socket(io);
+  asio::error_code error;
+  socket.assign(local.ss_family == AF_INET6 ? asio::ip::tcp::v6() : asio::ip::tcp::v4(),
+                connection.get(), error);
+  if (!error) connection.release();
+  return socket;
+}
+
+}  // namespace
+
+void Session::HandOff() {
+  SessionState state;
+  state.address = address_;
+  state.peer = peer_;
+  state.sequence = sequence_;
+  state.pending = std::move(pending_);
+  asio::error_code error;
+  UniqueFd connection(socket_.release(error));
+  idle_timer_.cancel();
+  if (error || !context_.hand_off(*account_, std::move(state), std::move(connection))) {
+    Audit({peer_, account_->name, -1, "closed: no worker could take the session",
+           kNotEnoughMemory});
+  }
+}
+
+void Session::StartLoggedIn(ServiceContext& context, const Account& account, UniqueFd connection,
+                            SessionState state) {
+  auto session = std::make_shared<Session>(
+      context, AdoptConnection(context.io, std::move(connection)), state.address);
+  session->peer_ = std::move(state.peer);
+  session->sequence_ = state.sequence;
+  session->pending_ = std::move(state.pending);
+  session->handed_off_as_ = state.id;
+  session->account_ = &account;
+  session->identity_ = session->runtime_->IdentityOf(account);
+  session->LeaveUnauthenticated();
+  asio::co_spawn(
+      context.io, [session]() { return session->Run(); }, asio::detached);
+  asio::co_spawn(
+      context.io, [session]() { return session->Watchdog(); }, asio::detached);
+}
+
+asio::awaitable<void> Session::EndAll(ServiceContext& context, int grace_seconds) {
+  context.stopping = true;
+  for (Session* session : context.sessions) {
+    session->KillCommand();
+    if (session->Idle()) session->Close();
+  }
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(grace_seconds);
+  asio::steady_timer timer(context.io);
+  while (!context.sessions.empty() && std::chrono::steady_clock::now() < deadline) {
+    timer.expires_after(kStopPoll);
+    co_await timer.async_wait(asio::use_awaitable);
+    for (Session* session : context.sessions) {
+      if (session->Idle()) session->Close();
+    }
+  }
+  // Copied: closing a session may end it and take it out of the set.
+  std::vector<Session*> left(context.sessions.begin(), context.sessions.end());
+  for (Session* session : left) session->Close();
+}
+
+}  // namespace pelmorad
