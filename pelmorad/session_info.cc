@@ -68,9 +68,7 @@ asio::awaitable<bool> Session::HandlePathWithKey(const RequestBlock& block) {
 }
 
 asio::awaitable<bool> Session::HandleSameMachine(const RequestBlock& block) {
-  asio::error_code error;
-  asio::ip::tcp::endpoint peer = socket_.remote_endpoint(error);
-  bool same = !error && IsOwnAddress(peer.address());
+  bool same = IsOwnAddress(connection_.peer.address());
   AuditRequest(block.code, same ? "same machine" : "other machine", kSuccess);
   co_return co_await SendMessage(pelmora::admin::BuildResultReply(same, 0, ""));
 }
