@@ -173,16 +173,15 @@ asio::awaitable<void> ServeConnection(ServiceContext& context, SSL_CTX* ssl_cont
   relay->tcp.non_blocking(true, error);
   asio::steady_timer deadline(
       context.io, accepted + std::chrono::seconds(context.runtime->config.limits.login_grace_seconds));
-  deadline.async_wait([relay](const asio::error_code& expired) {
+  // Audited before the close, so the line is there when the client sees the end.
+  deadline.async_wait([relay, client](const asio::error_code& expired) {
     if (expired) return;
     relay->timed_out = true;
+    Audit({client, "", -1, "closed: no TLS handshake within the login grace time", kTimeout});
     relay->CloseAll();
   });
   auto fail = [&](const std::string& why) {
-    Audit({client, "", -1,
-           relay->timed_out ? "closed: no TLS handshake within the login grace time"
-                            : "closed: " + why,
-           relay->timed_out ? kTimeout : kInvalidParameter});
+    if (!relay->timed_out) Audit({client, "", -1, "closed: " + why, kInvalidParameter});
   };
 
   co_await relay->tcp.async_wait(Wait::wait_read, redirect_error(use_awaitable, error));
