@@ -28,7 +28,7 @@ namespace pelmorad {
 namespace {
 
 // Each direction moves up to this much per step: several TLS records per system call.
-constexpr std::size_t kRelayBytes = 256 * 1024;
+constexpr std::size_t kRelayBytes = 64 * 1024;
 constexpr uint8_t kHandshakeRecord = 0x16;
 constexpr uint8_t kFramedMarker = 0xFF;
 constexpr unsigned char kSessionIdContext[] = "pelmorad";
