@@ -103,6 +103,27 @@ void CreateOwnPair(const std::string& folder, const std::string& key_path,
                              key_path, certificate_path, CertificateFingerprintOf(certificate.get())));
 }
 
+// The own pair is trusted only where no other user could have put or changed it: the folder
+// belongs to root or the service's user and nobody else may write in it, and the key is
+// readable by its owner only (as sshd refuses an unprotected host key).
+void CheckOwnPair(const std::string& folder, const std::string& key_path) {
+  struct stat info {};
+  if (::stat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+    Fail(kReadFailure, fmt::format("cannot read the state folder {}", folder));
+  }
+  if ((info.st_uid != 0 && info.st_uid != ::geteuid()) || (info.st_mode & (S_IWGRP | S_IWOTH))) {
+    Fail(kWriteFailure,
+         fmt::format("{}: refused, the state folder can be changed by other users", folder));
+  }
+  if (::stat(key_path.c_str(), &info) != 0) {
+    Fail(kReadFailure, fmt::format("cannot read the TLS key {}", key_path));
+  }
+  if ((info.st_mode & 077) != 0) {
+    Fail(kWriteFailure,
+         fmt::format("{}: refused, other users may read the key (chmod 600)", key_path));
+  }
+}
+
 }  // namespace
 
 std::string CertificateFingerprintOf(X509* certificate) {
@@ -134,6 +155,7 @@ TlsIdentity LoadOrCreateTlsIdentity(const Config& config) {
         ::access(identity.certificate_path.c_str(), F_OK) != 0) {
       CreateOwnPair(config.state_directory, identity.key_path, identity.certificate_path);
     }
+    CheckOwnPair(config.state_directory, identity.key_path);
   }
   identity.fingerprint = CertificateFileFingerprint(identity.certificate_path);
   return identity;

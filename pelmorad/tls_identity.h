@@ -29,7 +29,9 @@ struct TlsIdentity {
 // when either file is missing: the folder with mode 700 when it does not exist, the key with
 // mode 600, the certificate with 644, each written under a temporary name and renamed into
 // place. Throws pelmora::Error 2 when a file cannot be read or is not PEM, 5 when the folder or
-// a file cannot be made. Blocks on the files.
+// a file cannot be made, when the state folder belongs to another user than root and the
+// service's or others may write in it, or when others may read the own key. Blocks on the
+// files.
 TlsIdentity LoadOrCreateTlsIdentity(const Config& config);
 
 // The fingerprint ("SHA256:" + base64 without padding) of the first certificate in the PEM file

@@ -105,6 +105,14 @@ TEST(ServiceTls, OwnCertificateIsMadeOnceOwnerOnlyAndShownAsTheClientSeesIt) {
   EXPECT_TRUE(LogIn(again, Checks(shown.substr(0, shown.size() - 1)), service.tls_port(),
                     "operator", kOperatorPassword))
       << again.ErrDescription();
+  // A key others may read, or a state folder others may write in, is not used.
+  ::chmod(key.c_str(), 0640);
+  EXPECT_THAT(ServiceOutput("--show-fingerprint -c " + service.config_path() + " 2>&1"),
+              HasSubstr(key + ": refused, other users may read the key (chmod 600)"));
+  ::chmod(key.c_str(), 0600);
+  ::chmod(service.StateFolder().c_str(), 0777);
+  EXPECT_THAT(ServiceOutput("--show-fingerprint -c " + service.config_path() + " 2>&1"),
+              HasSubstr("refused, the state folder can be changed by other users"));
 }
 
 TEST(ServiceTls, EachTrustModeAcceptsTheOwnAndAConfiguredCertificate) {
