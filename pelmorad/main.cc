@@ -22,6 +22,7 @@
 #include "pelmorad/runtime.h"
 #include "pelmorad/server.h"
 #include "pelmorad/tls_identity.h"
+#include "pelmorad/tls_listener.h"
 
 namespace {
 
@@ -42,6 +43,10 @@ int CheckConfig(const std::string& path) {
   const pelmorad::Config& config = runtime->config;
   if (!config.tls_only) pelmorad::CheckListenAddresses(config.listen);
   pelmorad::CheckListenAddresses(config.listen_tls);
+  // A configured certificate and key must work together (the own pair is made at start).
+  if (!config.listen_tls.empty() && !config.tls.certificate.empty()) {
+    pelmorad::TlsListener check(pelmorad::LoadOrCreateTlsIdentity(config));
+  }
   std::cout << path << ": the configuration is valid\n";
   if (config.tls_only) {
     std::cout << path << ": tls_only: no plain listeners; TLS only on "

@@ -322,6 +322,12 @@ TEST(ServiceTls, TlsOnlyOpensNoPlainListenerAndCheckConfigSaysSo) {
   EXPECT_TRUE(LogIn(fso, Checks(service.tls_fingerprint()), service.tls_port(), "operator",
                     kOperatorPassword))
       << fso.ErrDescription();
+  // A configured certificate with another certificate's key does not pass the check.
+  pelmora::testing::WriteTestCertificates(service.folder());
+  service.WriteConfig("[tls]\ncertificate = \"" + service.folder() + "/valid.pem\"\nkey = \"" +
+                      service.folder() + "/expired.pem\"\n");
+  EXPECT_THAT(ServiceOutput("--check-config -c " + service.config_path() + " 2>&1"),
+              HasSubstr("cannot use the TLS certificate " + service.folder() + "/valid.pem"));
 }
 
 }  // namespace
