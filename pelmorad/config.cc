@@ -188,7 +188,9 @@ void ReadScheduler(const toml::table& root, std::string_view source, Config& con
 
 void ReadTransport(const toml::table& root, std::string_view source, Config& config) {
   toml::node_view<const toml::node> parsed(root);
-  if (parsed["listen_tls"]) config.listen_tls = TextList(parsed["listen_tls"], source, "listen_tls");
+  if (parsed["listen_tls"]) {
+    config.listen_tls = TextList(parsed["listen_tls"], source, "listen_tls");
+  }
   config.tls_only = Flag(parsed["tls_only"], source, "tls_only", false);
   if (config.tls_only && config.listen_tls.empty()) {
     Fail(source, "tls_only turns the plain listeners off, so listen_tls must name an address");

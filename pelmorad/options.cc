@@ -37,18 +37,19 @@ Options ParseOptions(std::span<const std::string_view> arguments) {
       if (i + 1 >= arguments.size()) Refuse(std::string(argument) + " needs a value");
       return std::string(arguments[++i]);
     };
+    auto address = [&]() -> std::string {
+      std::string text = value();
+      if (!ParseListenAddress(text)) Refuse("bad listen address " + text);
+      return text;
+    };
     if (argument == "--config" || argument == "-c") {
       options.server.config_path = value();
     } else if (argument == "--listen") {
-      std::string address = value();
-      if (!ParseListenAddress(address)) Refuse("bad listen address " + address);
-      options.server.listen.push_back(address);
+      options.server.listen.push_back(address());
     } else if (argument == "--port-file") {
       options.server.port_file = value();
     } else if (argument == "--listen-tls") {
-      std::string address = value();
-      if (!ParseListenAddress(address)) Refuse("bad listen address " + address);
-      options.server.listen_tls.push_back(address);
+      options.server.listen_tls.push_back(address());
     } else if (argument == "--tls-port-file") {
       options.server.tls_port_file = value();
     } else if (argument == "--show-fingerprint") {

@@ -161,7 +161,8 @@ class Server::Impl {
     for (const std::string& text : addresses) {
       std::optional<asio::ip::tcp::endpoint> endpoint = ParseListenAddress(text);
       if (!endpoint) throw pelmora::Error(87, "bad listen address " + text, "pelmorad");
-      asio::ip::tcp::acceptor& acceptor = acceptors_.emplace_back(Listener{asio::ip::tcp::acceptor(*io_), tls}).acceptor;
+      asio::ip::tcp::acceptor& acceptor =
+          acceptors_.emplace_back(Listener{asio::ip::tcp::acceptor(*io_), tls}).acceptor;
       asio::error_code error;
       acceptor.open(endpoint->protocol(), error);
       if (!error) acceptor.set_option(asio::socket_base::reuse_address(true), error);

@@ -40,8 +40,9 @@ class Server {
   ~Server();
 
   // Binds every address (throws pelmora::Error 10048 with the address when one cannot be bound;
-  // no plain address with tls_only), writes the port files, serves until SIGTERM and returns the exit status (0). Returns at most
-  // about a second after the grace period even when file work is still blocked in the kernel;
+  // no plain address with tls_only), writes the port files, serves until SIGTERM and returns
+  // the exit status (0). Returns at most about a second after the grace period even when file
+  // work is still blocked in the kernel;
   // Abandoned() then tells the caller to end the process without destroying the server.
   int Run();
 

@@ -49,17 +49,17 @@ Owned<X509> MakeSelfSigned(EVP_PKEY* key) {
   char host[256] = {};
   if (::gethostname(host, sizeof(host) - 1) != 0 || host[0] == '\0') std::strcpy(host, "pelmorad");
   X509_NAME* name = X509_get_subject_name(certificate.get());
-  bool made = certificate && serial && X509_set_version(certificate.get(), 2) == 1 &&
-              BN_rand(serial.get(), kSerialBits, BN_RAND_TOP_ANY, BN_RAND_BOTTOM_ANY) == 1 &&
-              BN_to_ASN1_INTEGER(serial.get(), X509_get_serialNumber(certificate.get())) &&
-              X509_gmtime_adj(X509_getm_notBefore(certificate.get()), -kBackdateSeconds) &&
-              ASN1_TIME_set_string(X509_getm_notAfter(certificate.get()), kNoExpiry) == 1 &&
-              X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8,
-                                         reinterpret_cast<const unsigned char*>(host), -1, -1,
-                                         0) == 1 &&
-              X509_set_issuer_name(certificate.get(), name) == 1 &&
-              X509_set_pubkey(certificate.get(), key) == 1 &&
-              X509_sign(certificate.get(), key, EVP_sha256()) > 0;
+  bool made =
+      certificate && serial && X509_set_version(certificate.get(), 2) == 1 &&
+      BN_rand(serial.get(), kSerialBits, BN_RAND_TOP_ANY, BN_RAND_BOTTOM_ANY) == 1 &&
+      BN_to_ASN1_INTEGER(serial.get(), X509_get_serialNumber(certificate.get())) &&
+      X509_gmtime_adj(X509_getm_notBefore(certificate.get()), -kBackdateSeconds) &&
+      ASN1_TIME_set_string(X509_getm_notAfter(certificate.get()), kNoExpiry) == 1 &&
+      X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8,
+                                 reinterpret_cast<const unsigned char*>(host), -1, -1, 0) == 1 &&
+      X509_set_issuer_name(certificate.get(), name) == 1 &&
+      X509_set_pubkey(certificate.get(), key) == 1 &&
+      X509_sign(certificate.get(), key, EVP_sha256()) > 0;
   if (!made) Fail(kWriteFailure, "cannot make the TLS certificate");
   return certificate;
 }
@@ -70,7 +70,8 @@ void WriteAtomically(const std::string& path, mode_t mode, Write write) {
   std::string temporary = path + ".new";
   ::unlink(temporary.c_str());
   int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode);
-  if (fd < 0) Fail(kWriteFailure, fmt::format("cannot write {}: {}", temporary, std::strerror(errno)));
+  if (fd < 0)
+    Fail(kWriteFailure, fmt::format("cannot write {}: {}", temporary, std::strerror(errno)));
   ::fchmod(fd, mode);  // whatever the umask
   Owned<FILE> file(::fdopen(fd, "w"));
   if (!file) {
@@ -100,7 +101,8 @@ void CreateOwnPair(const std::string& folder, const std::string& key_path,
   WriteAtomically(certificate_path, 0644,
                   [&](FILE* file) { return PEM_write_X509(file, certificate.get()) == 1; });
   ServiceMessage(fmt::format("made the TLS key {} and its self-signed certificate {} ({})",
-                             key_path, certificate_path, CertificateFingerprintOf(certificate.get())));
+                             key_path, certificate_path,
+                             CertificateFingerprintOf(certificate.get())));
 }
 
 // The own pair is trusted only where no other user could have put or changed it: the folder

@@ -145,8 +145,7 @@ asio::awaitable<void> AnswerPlainClient(std::shared_ptr<Relay> relay, const std:
   int32_t sequence = static_cast<int32_t>(packet[3] | (packet[4] << 8) | (packet[5] << 16) |
                                           (static_cast<uint32_t>(packet[6]) << 24));
   std::vector<uint8_t> reply = pelmora::admin::BuildFramedPacket(
-      sequence,
-      pelmora::admin::BuildResultReply(false, kLogonFailure, kPlainClientOnTlsPort));
+      sequence, pelmora::admin::BuildResultReply(false, kLogonFailure, kPlainClientOnTlsPort));
   co_await asio::async_write(relay->tcp, asio::buffer(reply), redirect_error(use_awaitable, error));
 }
 
@@ -172,7 +171,8 @@ asio::awaitable<void> ServeConnection(ServiceContext& context, SSL_CTX* ssl_cont
   auto relay = std::make_shared<Relay>(std::move(socket));
   relay->tcp.non_blocking(true, error);
   asio::steady_timer deadline(
-      context.io, accepted + std::chrono::seconds(context.runtime->config.limits.login_grace_seconds));
+      context.io,
+      accepted + std::chrono::seconds(context.runtime->config.limits.login_grace_seconds));
   // Audited before the close, so the line is there when the client sees the end.
   deadline.async_wait([relay, client](const asio::error_code& expired) {
     if (expired) return;
@@ -249,8 +249,8 @@ TlsListener::TlsListener(const TlsIdentity& identity) : fingerprint_(identity.fi
       SSL_CTX_use_certificate_chain_file(context_, identity.certificate_path.c_str()) == 1 &&
       SSL_CTX_use_PrivateKey_file(context_, identity.key_path.c_str(), SSL_FILETYPE_PEM) == 1 &&
       SSL_CTX_check_private_key(context_) == 1 &&
-      SSL_CTX_set_session_id_context(context_, kSessionIdContext,
-                                     sizeof(kSessionIdContext) - 1) == 1;
+      SSL_CTX_set_session_id_context(context_, kSessionIdContext, sizeof(kSessionIdContext) - 1) ==
+          1;
   if (!usable) {
     std::string reason = OpenSslReason();
     SSL_CTX_free(context_);
@@ -268,8 +268,7 @@ TlsListener::TlsListener(const TlsIdentity& identity) : fingerprint_(identity.fi
 TlsListener::~TlsListener() { SSL_CTX_free(context_); }
 
 void TlsListener::Serve(ServiceContext& context, asio::ip::tcp::socket socket) {
-  asio::co_spawn(context.io, ServeConnection(context, context_, std::move(socket)),
-                 asio::detached);
+  asio::co_spawn(context.io, ServeConnection(context, context_, std::move(socket)), asio::detached);
 }
 
 }  // namespace pelmorad

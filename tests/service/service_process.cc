@@ -119,6 +119,17 @@ std::optional<int> WaitFor(pid_t pid, int milliseconds) {
 
 }  // namespace
 
+pelmora::TlsClientSettings TlsChecks(std::string fingerprint, std::string ca_file,
+                                     std::string known_hosts, bool trust_new) {
+  pelmora::TlsClientSettings settings;
+  settings.enabled = true;
+  settings.fingerprint = std::move(fingerprint);
+  settings.ca_file = std::move(ca_file);
+  settings.known_hosts = std::move(known_hosts);
+  settings.trust_new = trust_new;
+  return settings;
+}
+
 bool TestTransportIsTls() {
   const char* transport = std::getenv("PELMORA_TEST_TRANSPORT");
   return transport != nullptr && std::string_view(transport) == "tls";
@@ -204,10 +215,7 @@ bool ServiceProcess::Start(std::string listen) {
 bool ServiceProcess::ConnectClient(pelmora::admin::RCFSO& fso, std::string_view user,
                                    std::string_view password) const {
   if (!TestTransportIsTls()) return fso.Connect("127.0.0.1", port_, user, password, false);
-  pelmora::TlsClientSettings settings;
-  settings.enabled = true;
-  settings.fingerprint = tls_fingerprint_;
-  fso.set_tls(settings);
+  fso.set_tls(TlsChecks(tls_fingerprint_));
   return fso.Connect("127.0.0.1", tls_port_, user, password, false);
 }
 

@@ -40,6 +40,10 @@ enum class Listeners {
   kTlsOnly,      // a TLS port only (tls_only = true)
 };
 
+// TLS client settings with the given checks of the server (see TlsClientSettings).
+pelmora::TlsClientSettings TlsChecks(std::string fingerprint, std::string ca_file = "",
+                                     std::string known_hosts = "", bool trust_new = false);
+
 // The transport library clients of the tests use (ServiceProcess::ConnectClient): TLS when the
 // environment has PELMORA_TEST_TRANSPORT=tls (the suite's second run), else plain.
 bool TestTransportIsTls();

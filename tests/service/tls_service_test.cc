@@ -47,17 +47,6 @@ std::string ServiceOutput(const std::string& arguments) {
   return output;
 }
 
-TlsClientSettings Checks(std::string fingerprint, std::string ca_file = "",
-                         std::string known_hosts = "", bool trust_new = false) {
-  TlsClientSettings settings;
-  settings.enabled = true;
-  settings.fingerprint = std::move(fingerprint);
-  settings.ca_file = std::move(ca_file);
-  settings.known_hosts = std::move(known_hosts);
-  settings.trust_new = trust_new;
-  return settings;
-}
-
 TlsClientSettings Presenting(TlsClientSettings settings, const std::string& pem) {
   settings.client_certificate = pem;
   settings.client_key = pem;
@@ -90,7 +79,7 @@ TEST(ServiceTls, OwnCertificateIsMadeOnceOwnerOnlyAndShownAsTheClientSeesIt) {
   EXPECT_THAT(key_text, HasSubstr("PRIVATE KEY"));
   const std::string known_hosts = service.folder() + "/known_hosts";
   RCFSO fso;
-  ASSERT_TRUE(LogIn(fso, Checks("", "", known_hosts, true), service.tls_port(), "operator",
+  ASSERT_TRUE(LogIn(fso, TlsChecks("", "", known_hosts, true), service.tls_port(), "operator",
                     kOperatorPassword))
       << fso.ErrDescription();
   EXPECT_EQ(fso.PresentedFingerprint() + "\n", shown);
@@ -102,7 +91,7 @@ TEST(ServiceTls, OwnCertificateIsMadeOnceOwnerOnlyAndShownAsTheClientSeesIt) {
   EXPECT_EQ(service.ErrorOutput().find("made the TLS key"),
             service.ErrorOutput().rfind("made the TLS key"));
   RCFSO again;
-  EXPECT_TRUE(LogIn(again, Checks(shown.substr(0, shown.size() - 1)), service.tls_port(),
+  EXPECT_TRUE(LogIn(again, TlsChecks(shown.substr(0, shown.size() - 1)), service.tls_port(),
                     "operator", kOperatorPassword))
       << again.ErrDescription();
   // A key others may read, or a state folder others may write in, is not used.
@@ -139,13 +128,14 @@ TEST(ServiceTls, EachTrustModeAcceptsTheOwnAndAConfiguredCertificate) {
       const char* host;
     };
     std::vector<Case> cases = {
-        {"pinned", Checks(fingerprint), "127.0.0.1"},
-        {"first use", Checks("", "", known_hosts, true), "127.0.0.1"},
-        {"known host", Checks("", "", known_hosts), "127.0.0.1"},
+        {"pinned", TlsChecks(fingerprint), "127.0.0.1"},
+        {"first use", TlsChecks("", "", known_hosts, true), "127.0.0.1"},
+        {"known host", TlsChecks("", "", known_hosts), "127.0.0.1"},
     };
     if (configured) {
-      cases.push_back({"CA file, address", Checks("", service.folder() + "/ca.pem"), "127.0.0.1"});
-      cases.push_back({"CA file, name", Checks("", service.folder() + "/ca.pem"), "localhost"});
+      cases.push_back(
+          {"CA file, address", TlsChecks("", service.folder() + "/ca.pem"), "127.0.0.1"});
+      cases.push_back({"CA file, name", TlsChecks("", service.folder() + "/ca.pem"), "localhost"});
     }
     for (const Case& c : cases) {
       RCFSO fso;
@@ -158,7 +148,7 @@ TEST(ServiceTls, EachTrustModeAcceptsTheOwnAndAConfiguredCertificate) {
     if (!configured) {
       RCFSO fso;
       pelmora::testing::WriteTestCertificates(service.folder());
-      EXPECT_FALSE(LogIn(fso, Checks("", service.folder() + "/ca.pem"), service.tls_port(),
+      EXPECT_FALSE(LogIn(fso, TlsChecks("", service.folder() + "/ca.pem"), service.tls_port(),
                          "operator", kOperatorPassword));
       EXPECT_EQ(fso.ErrCode(), pelmora::tlsCertificateNotTrusted);
     }
@@ -171,16 +161,16 @@ class ServiceTlsLogin : public ::testing::Test {
     pelmora::testing::WriteTestCertificates(service_.folder());
     certificate_ = service_.folder() + "/self-signed.pem";
     foreign_ = service_.folder() + "/valid.pem";
-    service_.WriteConfig(
-        "[accounts.certified]\npassword = \"" + HashOf(kOperatorPassword) +
-        "\"\nclient_certificates = [\"" + CertificateFileFingerprint(certificate_) +
-        "\"]\n[accounts.tlsonly]\npassword = \"" + HashOf(kOperatorPassword) +
-        "\"\nrequire_tls = true\n");
+    service_.WriteConfig("[accounts.certified]\npassword = \"" + HashOf(kOperatorPassword) +
+                         "\"\nclient_certificates = [\"" +
+                         CertificateFileFingerprint(certificate_) +
+                         "\"]\n[accounts.tlsonly]\npassword = \"" + HashOf(kOperatorPassword) +
+                         "\"\nrequire_tls = true\n");
     service_.set_listeners(Listeners::kPlainAndTls);
     ASSERT_TRUE(service_.Start());
   }
 
-  TlsClientSettings Pinned() const { return Checks(service_.tls_fingerprint()); }
+  TlsClientSettings Pinned() const { return TlsChecks(service_.tls_fingerprint()); }
 
   ServiceProcess service_;
   std::string certificate_;
@@ -233,9 +223,10 @@ TEST_F(ServiceTlsLogin, RequireTlsRefusesOnlyThePlainLogin) {
   RCFSO plain;
   EXPECT_FALSE(plain.Connect("127.0.0.1", service_.port(), "tlsonly", kOperatorPassword, false));
   EXPECT_EQ(plain.ErrCode(), kLogonFailure);
-  EXPECT_THAT(service_.ErrorOutput(),
-              HasSubstr("account=\"tlsonly\" code=-1 path=\"login refused: the account requires TLS "
-                        "and this connection is plain\" result=1326"));
+  EXPECT_THAT(
+      service_.ErrorOutput(),
+      HasSubstr("account=\"tlsonly\" code=-1 path=\"login refused: the account requires TLS "
+                "and this connection is plain\" result=1326"));
   RCFSO tls;
   EXPECT_TRUE(LogIn(tls, Pinned(), service_.tls_port(), "tlsonly", kOperatorPassword))
       << tls.ErrDescription();
@@ -268,8 +259,8 @@ TEST_F(ServiceTlsLogin, ThePasswordNeverCrossesTheWireInTheClear) {
 
 TEST_F(ServiceTlsLogin, MismatchedTransportsFailClearlyOnBothSides) {
   RCFSO plain_client;
-  EXPECT_FALSE(plain_client.Connect("127.0.0.1", service_.tls_port(), "operator",
-                                    kOperatorPassword, false));
+  EXPECT_FALSE(
+      plain_client.Connect("127.0.0.1", service_.tls_port(), "operator", kOperatorPassword, false));
   EXPECT_EQ(plain_client.ErrCode(), kLogonFailure);
   EXPECT_EQ(plain_client.ErrDescription(), kPlainClientOnTlsPort);
   EXPECT_THAT(service_.ErrorOutput(), HasSubstr("refused: a plain client on the TLS port"));
@@ -304,7 +295,7 @@ TEST(ServiceTls, AHandshakeCountsAgainstThePreLoginBounds) {
               HasSubstr("path=\"closed: no TLS handshake within the login grace time\""));
   // With the place free again, a TLS login goes through.
   RCFSO fso;
-  EXPECT_TRUE(LogIn(fso, Checks(service.tls_fingerprint()), service.tls_port(), "operator",
+  EXPECT_TRUE(LogIn(fso, TlsChecks(service.tls_fingerprint()), service.tls_port(), "operator",
                     kOperatorPassword))
       << fso.ErrDescription();
 }
@@ -319,7 +310,7 @@ TEST(ServiceTls, TlsOnlyOpensNoPlainListenerAndCheckConfigSaysSo) {
   EXPECT_EQ(log.find("listening on"), log.rfind("listening on")) << log;
   EXPECT_THAT(log, HasSubstr("(TLS, certificate " + service.tls_fingerprint() + ")"));
   RCFSO fso;
-  EXPECT_TRUE(LogIn(fso, Checks(service.tls_fingerprint()), service.tls_port(), "operator",
+  EXPECT_TRUE(LogIn(fso, TlsChecks(service.tls_fingerprint()), service.tls_port(), "operator",
                     kOperatorPassword))
       << fso.ErrDescription();
   // A configured certificate with another certificate's key does not pass the check.
