@@ -64,7 +64,8 @@ struct Relay {
   bool timed_out = false;
 };
 
-// What an SSL call that did not complete waits for; nullopt when the connection is done.
+// What an SSL call that did not complete waits for; nullopt when the connection is done (the
+// reason is then on OpenSSL's error queue).
 std::optional<Wait> WaitFor(SSL* ssl, int result) {
   switch (SSL_get_error(ssl, result)) {
     case SSL_ERROR_WANT_READ:
@@ -72,7 +73,6 @@ std::optional<Wait> WaitFor(SSL* ssl, int result) {
     case SSL_ERROR_WANT_WRITE:
       return Wait::wait_write;
     default:
-      ERR_clear_error();
       return std::nullopt;
   }
 }
@@ -106,6 +106,7 @@ asio::awaitable<void> ToSession(std::shared_ptr<Relay> relay) {
       if (error) break;
     }
   }
+  ERR_clear_error();
   relay->CloseAll();
 }
 
@@ -132,6 +133,7 @@ asio::awaitable<void> ToClient(std::shared_ptr<Relay> relay) {
       sound = wait && !error;
     }
   }
+  ERR_clear_error();
   relay->CloseAll();
 }
 

@@ -5,6 +5,7 @@
 // handshake counts against, and tls_only.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <openssl/ssl.h>
 #include <signal.h>
 #include <sys/stat.h>
 
@@ -273,6 +274,27 @@ TEST_F(ServiceTlsLogin, MismatchedTransportsFailClearlyOnBothSides) {
   EXPECT_THAT(tls_client.ErrDescription(), HasSubstr("plain administration port"));
   EXPECT_THAT(service_.ErrorOutput(), HasSubstr("closed: a TLS client on the plain port"));
   EXPECT_THAT(service_.ErrorOutput(), Not(HasSubstr("grace time")));
+}
+
+// Runs a client handshake limited to TLS 1.2 on the connected `fd`; true when it completes.
+bool Tls12HandshakeCompletes(int fd) {
+  SSL_CTX* context = SSL_CTX_new(TLS_client_method());
+  SSL_CTX_set_max_proto_version(context, TLS1_2_VERSION);
+  SSL* ssl = SSL_new(context);
+  SSL_set_fd(ssl, fd);
+  const bool completed = SSL_connect(ssl) == 1;
+  SSL_free(ssl);
+  SSL_CTX_free(context);
+  return completed;
+}
+
+TEST_F(ServiceTlsLogin, AnOlderTlsVersionIsRefusedAtTheHandshakeAndAudited) {
+  RawClient client;
+  ASSERT_TRUE(client.Connect(service_.tls_port()));
+  EXPECT_FALSE(Tls12HandshakeCompletes(client.fd()));
+  EXPECT_TRUE(client.WaitForClose());
+  EXPECT_THAT(service_.ErrorOutput(), HasSubstr("path=\"closed: TLS handshake failed: "
+                                                "unsupported protocol\" result=87"));
 }
 
 TEST(ServiceTls, AHandshakeCountsAgainstThePreLoginBounds) {
