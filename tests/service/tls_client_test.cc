@@ -235,7 +235,7 @@ TEST_F(ServiceOverTls, SettingsThatCannotBeUsedAreRefusedWithoutSending) {
 }
 
 TEST_F(ServiceOverTls, PlainAndTlsMismatchesFailClearlyInsteadOfHanging) {
-  // A TLS client at the plain port: the handshake gets no answer within the receive time-out.
+  // A TLS client at the plain port: the service closes at once on its handshake record.
   RCFSO tls_client;
   tls_client.set_timeout(2000);
   EXPECT_FALSE(Login(tls_client, Pinned(valid_fingerprint_), service_.port()));
