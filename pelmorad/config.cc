@@ -80,6 +80,16 @@ void ReadPaths(const toml::table& root, std::string_view source, Config& config)
   }
 }
 
+// "SHA256:" and the 43 base64 characters (without padding) of a SHA-256 digest.
+bool IsFingerprint(std::string_view text) {
+  constexpr std::string_view kPrefix = "SHA256:";
+  constexpr std::size_t kDigits = 43;
+  if (text.size() != kPrefix.size() + kDigits || !text.starts_with(kPrefix)) return false;
+  return std::all_of(text.begin() + kPrefix.size(), text.end(), [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) || c == '+' || c == '/';
+  });
+}
+
 Account ReadAccount(std::string_view name, const toml::table& table, std::string_view source) {
   Account account;
   account.name = name;
@@ -100,6 +110,18 @@ Account ReadAccount(std::string_view name, const toml::table& table, std::string
   account.tasks = Flag(view["tasks"], source, prefix + "tasks", false);
   account.run_as = Text(view["run_as"], source, prefix + "run_as", "");
   account.working_folder = Text(view["working_folder"], source, prefix + "working_folder", "/");
+  account.require_tls = Flag(view["require_tls"], source, prefix + "require_tls", false);
+  if (view["client_certificates"]) {
+    account.client_certificates =
+        TextList(view["client_certificates"], source, prefix + "client_certificates");
+    for (const std::string& fingerprint : account.client_certificates) {
+      if (!IsFingerprint(fingerprint)) {
+        Fail(source, fmt::format("{}client_certificates: \"{}\" is not a fingerprint of the form "
+                                 "SHA256: followed by 43 base64 characters",
+                                 prefix, fingerprint));
+      }
+    }
+  }
   return account;
 }
 
@@ -164,6 +186,27 @@ void ReadScheduler(const toml::table& root, std::string_view source, Config& con
   }
 }
 
+void ReadTransport(const toml::table& root, std::string_view source, Config& config) {
+  toml::node_view<const toml::node> parsed(root);
+  if (parsed["listen_tls"]) {
+    config.listen_tls = TextList(parsed["listen_tls"], source, "listen_tls");
+  }
+  config.tls_only = Flag(parsed["tls_only"], source, "tls_only", false);
+  if (config.tls_only && config.listen_tls.empty()) {
+    Fail(source, "tls_only turns the plain listeners off, so listen_tls must name an address");
+  }
+  config.state_directory =
+      Text(parsed["state_directory"], source, "state_directory", config.state_directory);
+  if (config.state_directory.empty() || config.state_directory[0] != '/') {
+    Fail(source, "state_directory must be an absolute folder");
+  }
+  config.tls.certificate = Text(parsed["tls"]["certificate"], source, "tls.certificate", "");
+  config.tls.key = Text(parsed["tls"]["key"], source, "tls.key", "");
+  if (config.tls.certificate.empty() != config.tls.key.empty()) {
+    Fail(source, "tls.certificate and tls.key go together: give both or neither");
+  }
+}
+
 void ReadSystem(const toml::table& root, std::string_view source, Config& config) {
   toml::node_view<const toml::node> system = root["system"];
   config.system_directory =
@@ -179,14 +222,18 @@ void ReadSystem(const toml::table& root, std::string_view source, Config& config
 // The keys each table may hold; "*" takes any key (the table checks its own).
 const std::map<std::string, std::vector<std::string>>& KnownKeys() {
   static const std::map<std::string, std::vector<std::string>> keys = {
-      {"", {"listen", "drives", "paths", "system", "scheduler", "accounts", "limits"}},
+      {"",
+       {"listen", "listen_tls", "tls_only", "state_directory", "tls", "drives", "paths", "system",
+        "scheduler", "accounts", "limits"}},
+      {"tls", {"certificate", "key"}},
       {"drives", {"*"}},
       {"paths", {"*"}},
       {"system", {"directory", "print_queue_command", "shell"}},
       {"scheduler", {"enabled", "folder"}},
       {"accounts", {"*"}},
       {"account",
-       {"password", "drives", "read_only", "commands", "tasks", "run_as", "working_folder"}},
+       {"password", "drives", "read_only", "commands", "tasks", "run_as", "working_folder",
+        "require_tls", "client_certificates"}},
       {"limits",
        {"sessions", "sessions_per_address", "commands", "request_bytes", "path_length",
         "idle_seconds", "login_failures", "lockout_seconds", "login_delay_ms", "grace_seconds",
@@ -233,7 +280,7 @@ void CheckKeys(const toml::table& table, const std::string& kind, const std::str
 
 void CheckAllKeys(const toml::table& root, std::string_view source) {
   CheckKeys(root, "", "", source);
-  for (const char* kind : {"system", "scheduler", "limits"}) {
+  for (const char* kind : {"system", "scheduler", "limits", "tls"}) {
     if (const toml::table* table = root[kind].as_table()) {
       CheckKeys(*table, kind, std::string(kind) + ".", source);
     }
@@ -366,6 +413,7 @@ Config ParseConfig(std::string_view text, std::string_view source) {
   Config config;
   const toml::table& parsed = root;
   if (parsed["listen"]) config.listen = TextList(parsed["listen"], source, "listen");
+  ReadTransport(root, source, config);
   ReadDrives(root, source, config);
   ReadPaths(root, source, config);
   ReadSystem(root, source, config);

@@ -34,6 +34,10 @@ struct Account {
   bool tasks = false;                // may change the scheduler's Tasks folder
   std::string run_as;                // Linux user the account's work runs as (service as root)
   std::string working_folder = "/";  // Linux folder commands start in
+  bool require_tls = false;          // refuses the login on a plain connection
+  // Fingerprints ("SHA256:" + base64) of client certificates that log in as this account over
+  // TLS without a password.
+  std::vector<std::string> client_certificates;
 
   // True when the account may use drive `letter` (upper case).
   bool MayUseDrive(char letter) const;
@@ -69,9 +73,23 @@ struct SchedulerConfig {
   std::string folder;
 };
 
+// The TLS listeners' certificate and key (PEM paths); both empty: the service's own, made in
+// the state folder on first start.
+struct TlsConfig {
+  std::string certificate;
+  std::string key;
+};
+
+// The state folder used when the configuration names none.
+inline constexpr std::string_view kDefaultStateDirectory = "/var/lib/pelmora";
+
 // The whole configuration.
 struct Config {
   std::vector<std::string> listen = {"127.0.0.1:" + std::to_string(pelmora::admin::kServicePort)};
+  std::vector<std::string> listen_tls;  // addresses that carry the protocol inside TLS 1.3
+  bool tls_only = false;                // no plain listeners at all
+  std::string state_directory = std::string(kDefaultStateDirectory);
+  TlsConfig tls;
   std::map<char, std::string> drives;                      // letter -> Linux folder
   std::vector<std::pair<std::string, std::string>> paths;  // key -> drive-letter path
   std::string system_directory = "C:\\Windows\\system32";

@@ -113,7 +113,45 @@ INSTANTIATE_TEST_SUITE_P(
         BadConfig{"[drives]\nC = \"/c\"\n[scheduler]\nenabled = true\nfolder = 'D:\\t'",
                   "scheduler.folder must be a drive path"},
         BadConfig{"[drives]\nC = \"/c\"\n[scheduler]\nenabled = true\nfolder = 'C:\\..\\t'",
-                  "scheduler.folder must be a drive path"}));
+                  "scheduler.folder must be a drive path"},
+        BadConfig{"tls_only = true", "listen_tls must name an address"},
+        BadConfig{"state_directory = \"var/lib\"", "state_directory must be an absolute"},
+        BadConfig{"[tls]\ncertificate = \"/c.pem\"", "give both or neither"},
+        BadConfig{"[tls]\ncertficate = \"/c.pem\"", "did you mean certificate?"},
+        BadConfig{"[accounts.a]\npassword = \"$y$x\"\nclient_certificates = [\"SHA256:abc\"]",
+                  "\"SHA256:abc\" is not a fingerprint"},
+        BadConfig{"[accounts.a]\npassword = \"$y$x\"\nrequire_tls = \"yes\"",
+                  "require_tls must be true"}));
+
+TEST(Config, ReadsTheTransportKeys) {
+  const std::string fingerprint = "SHA256:" + std::string(43, 'A');
+  Config config = ParseConfig(R"(
+listen_tls = ["0.0.0.0:8443"]
+tls_only = true
+state_directory = "/srv/state"
+[tls]
+certificate = "/etc/pelmora/tls.crt"
+key = "/etc/pelmora/tls.key"
+[accounts.a]
+password = "$y$x"
+require_tls = true
+client_certificates = [")" + fingerprint + R"("]
+)",
+                              "transport");
+  EXPECT_THAT(config.listen_tls, ::testing::ElementsAre("0.0.0.0:8443"));
+  EXPECT_TRUE(config.tls_only);
+  EXPECT_EQ(config.state_directory, "/srv/state");
+  EXPECT_EQ(config.tls.certificate, "/etc/pelmora/tls.crt");
+  EXPECT_EQ(config.tls.key, "/etc/pelmora/tls.key");
+  const Account* account = config.FindAccount("a");
+  ASSERT_NE(account, nullptr);
+  EXPECT_TRUE(account->require_tls);
+  EXPECT_THAT(account->client_certificates, ::testing::ElementsAre(fingerprint));
+  Config defaults = ParseConfig("", "empty");
+  EXPECT_TRUE(defaults.listen_tls.empty());
+  EXPECT_FALSE(defaults.tls_only);
+  EXPECT_EQ(defaults.state_directory, "/var/lib/pelmora");
+}
 
 TEST(Config, SchedulerFolderIsADrivePathPublishedUnderTasks) {
   Config config = ParseConfig(

@@ -1,6 +1,8 @@
 // pelmorad: the administration service. See options.h for the command line and docs/protocol.md
 // for what it answers.
 #include <fcntl.h>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -19,6 +21,8 @@
 #include "pelmorad/password.h"
 #include "pelmorad/runtime.h"
 #include "pelmorad/server.h"
+#include "pelmorad/tls_identity.h"
+#include "pelmorad/tls_listener.h"
 #include "pelmorad/worker.h"
 
 namespace {
@@ -37,8 +41,23 @@ int HashFromStandardInput() {
 
 int CheckConfig(const std::string& path) {
   std::shared_ptr<const pelmorad::Runtime> runtime = pelmorad::LoadRuntime(path);
-  pelmorad::CheckListenAddresses(runtime->config.listen);
+  const pelmorad::Config& config = runtime->config;
+  if (!config.tls_only) pelmorad::CheckListenAddresses(config.listen);
+  pelmorad::CheckListenAddresses(config.listen_tls);
+  // A configured certificate and key must work together (the own pair is made at start).
+  if (!config.listen_tls.empty() && !config.tls.certificate.empty()) {
+    pelmorad::TlsListener check(pelmorad::LoadOrCreateTlsIdentity(config));
+  }
   std::cout << path << ": the configuration is valid\n";
+  if (config.tls_only) {
+    std::cout << path << ": tls_only: no plain listeners; TLS only on "
+              << fmt::format("{}", fmt::join(config.listen_tls, ", ")) << "\n";
+  }
+  return 0;
+}
+
+int ShowFingerprint(const std::string& path) {
+  std::cout << pelmorad::LoadOrCreateTlsIdentity(pelmorad::LoadConfig(path)).fingerprint << '\n';
   return 0;
 }
 
@@ -84,6 +103,8 @@ int main(int argc, char** argv) {
         return HashFromStandardInput();
       case pelmorad::Action::kCheckConfig:
         return CheckConfig(options.server.config_path);
+      case pelmorad::Action::kShowFingerprint:
+        return ShowFingerprint(options.server.config_path);
       case pelmorad::Action::kServe:
         break;
     }

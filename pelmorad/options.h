@@ -1,7 +1,8 @@
 // The service's command line:
 //
-//   pelmorad [--config FILE] [--listen ADDR:PORT]... [--port-file FILE] [--check-config]
-//            [--hash-password] [--version] [--help]
+//   pelmorad [--config FILE] [--listen ADDR:PORT]... [--port-file FILE]
+//            [--listen-tls ADDR:PORT]... [--tls-port-file FILE] [--check-config]
+//            [--show-fingerprint] [--hash-password] [--version] [--help]
 #ifndef PELMORAD_OPTIONS_H_
 #define PELMORAD_OPTIONS_H_
 
@@ -14,7 +15,7 @@
 namespace pelmorad {
 
 // What to do.
-enum class Action { kServe, kCheckConfig, kHashPassword, kHelp, kVersion };
+enum class Action { kServe, kCheckConfig, kShowFingerprint, kHashPassword, kHelp, kVersion };
 
 struct Options {
   Action action = Action::kServe;

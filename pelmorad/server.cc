@@ -19,6 +19,8 @@
 #include "pelmorad/audit.h"
 #include "pelmorad/runtime.h"
 #include "pelmorad/session.h"
+#include "pelmorad/tls_identity.h"
+#include "pelmorad/tls_listener.h"
 #include "pelmorad/worker_pool.h"
 
 namespace pelmorad {
@@ -95,6 +97,9 @@ class Server::Impl {
     context_.hand_off = [this](const Account& account, SessionState state, UniqueFd connection) {
       return workers_->HandOff(account, std::move(state), std::move(connection));
     };
+    if (!TlsAddresses().empty()) {
+      tls_ = std::make_unique<TlsListener>(LoadOrCreateTlsIdentity(context_.runtime->config));
+    }
   }
 
   // Sessions still suspended when the loop stopped are destroyed with the I/O context, and they
@@ -109,9 +114,10 @@ class Server::Impl {
   int Run() {
     ::signal(SIGPIPE, SIG_IGN);
     Bind();
-    WritePortFile();
-    for (asio::ip::tcp::acceptor& acceptor : acceptors_) {
-      asio::co_spawn(*io_, Accept(acceptor), asio::detached);
+    WritePortFile(options_.port_file, false);
+    WritePortFile(options_.tls_port_file, true);
+    for (Listener& listener : acceptors_) {
+      asio::co_spawn(*io_, Accept(listener), asio::detached);
     }
     WaitForSignal();
     ServiceMessage("serving");
@@ -129,13 +135,28 @@ class Server::Impl {
   bool abandoned() const { return abandoned_; }
 
  private:
+  // A listening socket and whether its connections carry TLS.
+  struct Listener {
+    asio::ip::tcp::acceptor acceptor;
+    bool tls = false;
+  };
+
+  std::vector<std::string> TlsAddresses() const {
+    return options_.listen_tls.empty() ? context_.runtime->config.listen_tls : options_.listen_tls;
+  }
+
   void Bind() {
-    std::vector<std::string> addresses =
-        options_.listen.empty() ? context_.runtime->config.listen : options_.listen;
+    const Config& config = context_.runtime->config;
+    if (!config.tls_only) Bind(options_.listen.empty() ? config.listen : options_.listen, false);
+    Bind(TlsAddresses(), true);
+  }
+
+  void Bind(const std::vector<std::string>& addresses, bool tls) {
     for (const std::string& text : addresses) {
       std::optional<asio::ip::tcp::endpoint> endpoint = ParseListenAddress(text);
       if (!endpoint) throw pelmora::Error(87, "bad listen address " + text, "pelmorad");
-      asio::ip::tcp::acceptor& acceptor = acceptors_.emplace_back(*io_);
+      asio::ip::tcp::acceptor& acceptor =
+          acceptors_.emplace_back(Listener{asio::ip::tcp::acceptor(*io_), tls}).acceptor;
       asio::error_code error;
       acceptor.open(endpoint->protocol(), error);
       if (!error) acceptor.set_option(asio::socket_base::reuse_address(true), error);
@@ -148,23 +169,39 @@ class Server::Impl {
         throw pelmora::Error(10048, fmt::format("cannot listen on {}: {}", text, error.message()),
                              "pelmorad");
       }
-      ServiceMessage(fmt::format("listening on {}", text));
+      ServiceMessage(tls ? fmt::format("listening on {} (TLS, certificate {})", text,
+                                       tls_->fingerprint())
+                         : fmt::format("listening on {}", text));
     }
   }
 
-  void WritePortFile() {
-    if (options_.port_file.empty() || acceptors_.empty()) return;
-    std::ofstream out(options_.port_file);
-    out << acceptors_.front().local_endpoint().port() << '\n';
+  // Writes the first bound port of the kind asked for to `path` ("" for none).
+  void WritePortFile(const std::string& path, bool tls) {
+    if (path.empty()) return;
+    for (Listener& listener : acceptors_) {
+      if (listener.tls != tls) continue;
+      std::ofstream out(path);
+      out << listener.acceptor.local_endpoint().port() << '\n';
+      return;
+    }
   }
 
-  asio::awaitable<void> Accept(asio::ip::tcp::acceptor& acceptor) {
+  asio::awaitable<void> Accept(Listener& listener) {
+    asio::ip::tcp::acceptor& acceptor = listener.acceptor;
     while (acceptor.is_open()) {
       asio::error_code error;
       asio::ip::tcp::socket socket =
           co_await acceptor.async_accept(asio::redirect_error(asio::use_awaitable, error));
-      if (!error) {
-        Session::Start(context_, std::move(socket));
+      if (!error && listener.tls) {
+        tls_->Serve(context_, std::move(socket));
+      } else if (!error) {
+        asio::ip::tcp::endpoint peer = socket.remote_endpoint(error);
+        if (error) continue;
+        Session::Socket plain(*io_, asio::generic::stream_protocol(peer.protocol()),
+                              socket.release());
+        Connection connection;
+        connection.peer = peer;
+        Session::Start(context_, std::move(plain), std::move(connection));
       } else if (acceptor.is_open() && error != asio::error::operation_aborted) {
         asio::steady_timer pause(*io_, kAcceptRetry);  // out of descriptors: let some go first
         co_await pause.async_wait(asio::redirect_error(asio::use_awaitable, error));
@@ -199,7 +236,7 @@ class Server::Impl {
 
   asio::awaitable<void> Stop() {
     ServiceMessage("stopping");
-    for (asio::ip::tcp::acceptor& acceptor : acceptors_) acceptor.close();
+    for (Listener& listener : acceptors_) listener.acceptor.close();
     int grace = context_.runtime->config.limits.grace_seconds;
     workers_->Stop(grace);
     co_await Session::EndAll(context_, grace);
@@ -220,7 +257,8 @@ class Server::Impl {
   ServiceContext context_;
   std::unique_ptr<asio::signal_set> signals_;
   std::unique_ptr<WorkerPool> workers_;
-  std::list<asio::ip::tcp::acceptor> acceptors_;
+  std::unique_ptr<TlsListener> tls_;  // when there are TLS addresses
+  std::list<Listener> acceptors_;
   bool abandoned_ = false;
 };
 

@@ -19,7 +19,9 @@ namespace pelmorad {
 struct ServerOptions {
   std::string config_path;
   std::vector<std::string> listen;  // overrides the configured addresses when not empty
-  std::string port_file;            // written with the first bound port, "" for none
+  std::string port_file;            // written with the first bound plain port, "" for none
+  std::vector<std::string> listen_tls;  // overrides the configured TLS addresses when not empty
+  std::string tls_port_file;            // written with the first bound TLS port, "" for none
 };
 
 // "127.0.0.1:8002", "[::1]:0" or "0.0.0.0:8002" as an endpoint; nullopt when malformed.
@@ -37,9 +39,10 @@ class Server {
   explicit Server(ServerOptions options);
   ~Server();
 
-  // Binds every address (throws pelmora::Error 10048 with the address when one cannot be bound),
-  // writes the port file, serves until SIGTERM and returns the exit status (0). Returns at most
-  // about a second after the grace period even when file work is still blocked in the kernel;
+  // Binds every address (throws pelmora::Error 10048 with the address when one cannot be bound;
+  // no plain address with tls_only), writes the port files, serves until SIGTERM and returns
+  // the exit status (0). Returns at most about a second after the grace period even when file
+  // work is still blocked in the kernel;
   // Abandoned() then tells the caller to end the process without destroying the server.
   int Run();
 

@@ -168,11 +168,17 @@ Options Parse(std::vector<std::string_view> arguments) { return ParseOptions(arg
 
 TEST(Options, ReadsEveryOption) {
   Options options = Parse({"--config", "/x.toml", "--listen", "127.0.0.1:0", "--listen",
-                           "[::1]:8002", "--port-file", "/p"});
+                           "[::1]:8002", "--port-file", "/p", "--listen-tls", "127.0.0.1:8443",
+                           "--tls-port-file", "/t"});
   EXPECT_EQ(options.action, Action::kServe);
   EXPECT_EQ(options.server.config_path, "/x.toml");
   EXPECT_THAT(options.server.listen, ::testing::ElementsAre("127.0.0.1:0", "[::1]:8002"));
   EXPECT_EQ(options.server.port_file, "/p");
+  EXPECT_THAT(options.server.listen_tls, ::testing::ElementsAre("127.0.0.1:8443"));
+  EXPECT_EQ(options.server.tls_port_file, "/t");
+  Options shown = Parse({"--show-fingerprint", "-c", "/y.toml"});
+  EXPECT_EQ(shown.action, Action::kShowFingerprint);
+  EXPECT_EQ(shown.server.config_path, "/y.toml");
   EXPECT_EQ(Parse({}).server.config_path, "/etc/pelmora/pelmorad.toml");
   EXPECT_EQ(Parse({"--check-config"}).action, Action::kCheckConfig);
   EXPECT_EQ(Parse({"--hash-password"}).action, Action::kHashPassword);
@@ -183,7 +189,9 @@ TEST(Options, RefusesUnknownArgumentsMissingValuesAndBadAddresses) {
                                                   {"--config"},
                                                   {"--listen", "localhost:1"},
                                                   {"--listen", "127.0.0.1"},
-                                                  {"--listen", "127.0.0.1:70000"}}) {
+                                                  {"--listen", "127.0.0.1:70000"},
+                                                  {"--listen-tls", "localhost:8443"},
+                                                  {"--tls-port-file"}}) {
     try {
       Parse(arguments);
       ADD_FAILURE() << "accepted " << arguments[0];

@@ -21,15 +21,17 @@ namespace pelmorad {
 
 using pelmora::admin::RequestBlock;
 
-namespace {
-
-std::string PeerText(const asio::ip::tcp::socket& socket, std::string& address) {
-  asio::error_code error;
-  asio::ip::tcp::endpoint peer = socket.remote_endpoint(error);
-  if (error) return "?";
-  address = peer.address().to_string();
+std::string EndpointText(const asio::ip::tcp::endpoint& peer) {
+  std::string address = peer.address().to_string();
   return peer.address().is_v6() ? "[" + address + "]:" + std::to_string(peer.port())
                                 : address + ":" + std::to_string(peer.port());
+}
+
+namespace {
+
+std::string PeerText(const asio::ip::tcp::endpoint& peer, std::string& address) {
+  address = peer.address().to_string();
+  return EndpointText(peer);
 }
 
 // A size message that is a plausible request announcement rather than a login message.
@@ -41,18 +43,17 @@ bool LooksLikeAnnouncement(std::span<const uint8_t> data, int limit) {
 
 }  // namespace
 
-Session::Session(ServiceContext& context, asio::ip::tcp::socket socket, std::string address)
+Session::Session(ServiceContext& context, Socket socket, Connection connection)
     : context_(context),
       runtime_(context.runtime),
       socket_(std::move(socket)),
       idle_timer_(socket_.get_executor()),
-      address_(std::move(address)) {
-  std::string ignored;
-  peer_ = PeerText(socket_, ignored);
+      connection_(std::move(connection)) {
+  peer_ = PeerText(connection_.peer, address_);
   context_.sessions.insert(this);
   context_.sessions_per_address[address_] += 1;
   context_.unauthenticated += 1;
-  login_deadline_ = asio::steady_timer::clock_type::now() +
+  login_deadline_ = connection_.accepted.value_or(asio::steady_timer::clock_type::now()) +
                     std::chrono::seconds(limits().login_grace_seconds);
 }
 
@@ -70,9 +71,9 @@ Session::~Session() {
   }
 }
 
-void Session::Start(ServiceContext& context, asio::ip::tcp::socket socket) {
+bool Session::Admit(ServiceContext& context, const asio::ip::tcp::endpoint& endpoint) {
   std::string address;
-  std::string peer = PeerText(socket, address);
+  std::string peer = PeerText(endpoint, address);
   const Limits& limits = context.runtime->config.limits;
   auto per_address = context.sessions_per_address.find(address);
   bool too_many =
@@ -81,15 +82,20 @@ void Session::Start(ServiceContext& context, asio::ip::tcp::socket socket) {
                    per_address->second >= limits.sessions_per_address);
   if (too_many || context.stopping) {
     Audit({peer, "", -1, "refused: session limit", kAccessDenied});
-    return;  // the socket closes as it goes
+    return false;
   }
   static thread_local std::mt19937 random(std::random_device{}());
   double chance = std::uniform_real_distribution<double>(0.0, 1.0)(random);
   if (DropUnauthenticated(context.unauthenticated, limits, chance)) {
     Audit({peer, "", -1, "refused: too many connections not logged in", kAccessDenied});
-    return;
+    return false;
   }
-  auto session = std::make_shared<Session>(context, std::move(socket), address);
+  return true;
+}
+
+void Session::Start(ServiceContext& context, Socket socket, Connection connection) {
+  if (!connection.admitted && !Admit(context, connection.peer)) return;  // the socket closes
+  auto session = std::make_shared<Session>(context, std::move(socket), std::move(connection));
   asio::co_spawn(
       context.io, [session]() { return session->Run(); }, asio::detached);
   asio::co_spawn(
@@ -99,7 +105,7 @@ void Session::Start(ServiceContext& context, asio::ip::tcp::socket socket) {
 void Session::Close() {
   KillCommand();  // a command never outlives its session
   asio::error_code ignored;
-  socket_.shutdown(asio::ip::tcp::socket::shutdown_both, ignored);
+  socket_.shutdown(Socket::shutdown_both, ignored);
   socket_.close(ignored);
   idle_timer_.cancel();
 }
@@ -174,7 +180,20 @@ asio::awaitable<bool> Session::SendRaw(std::span<const uint8_t> data) {
 
 asio::awaitable<std::optional<Session::ClientMessage>> Session::ReadMessage() {
   std::vector<uint8_t> packet(pelmora::admin::kPacketSize);
-  if (!co_await ReadExactly(packet)) co_return std::nullopt;
+  std::span<uint8_t> rest(packet);
+  if (account_ == nullptr && !connection_.tls) {
+    // A framed packet starts with 0xFF; a TLS client's first record with 0x16: that client
+    // would wait for the handshake's answer while the session waits for the whole packet.
+    constexpr std::size_t kFirstBytes = 3;
+    constexpr uint8_t kTlsHandshakeRecord = 0x16;
+    if (!co_await ReadExactly(rest.first(kFirstBytes))) co_return std::nullopt;
+    if (packet[0] == kTlsHandshakeRecord) {
+      Audit({peer_, "", -1, "closed: a TLS client on the plain port", kInvalidParameter});
+      co_return std::nullopt;
+    }
+    rest = rest.subspan(kFirstBytes);
+  }
+  if (!co_await ReadExactly(rest)) co_return std::nullopt;
   int32_t sequence = static_cast<int32_t>(packet[3] | (packet[4] << 8) | (packet[5] << 16) |
                                           (static_cast<uint32_t>(packet[6]) << 24));
   pelmora::admin::FramedMessage framed = pelmora::admin::ParseFramedPacket(packet, sequence);

@@ -2,11 +2,16 @@
 // other, answers each in its reply form, and audits it. Created by the listener; lives as long as
 // its coroutine (it holds itself through a shared pointer).
 //
-//   Session::Start(context, std::move(socket));
+//   Session::Start(context, std::move(socket), {.peer = tcp_socket.remote_endpoint()});
+//
+// The session's socket is a stream socket of any family: the accepted TCP connection itself, or,
+// for a TLS connection, one end of a unix socket pair whose other end the listener relays to and
+// from the TLS session.
 #ifndef PELMORAD_SESSION_H_
 #define PELMORAD_SESSION_H_
 
 #include <asio/awaitable.hpp>
+#include <asio/generic/stream_protocol.hpp>
 #include <asio/ip/tcp.hpp>
 #include <asio/posix/stream_descriptor.hpp>
 #include <asio/steady_timer.hpp>
@@ -34,15 +39,34 @@ inline constexpr int kRequestBytesBeforeLogin = 8192;
 struct RunningCommand;
 struct ExecJob;
 
+// "192.0.2.1:40312" or "[2001:db8::1]:40312", as the audit lines name a client.
+std::string EndpointText(const asio::ip::tcp::endpoint& peer);
+
+// What the listener knows about a connection.
+struct Connection {
+  asio::ip::tcp::endpoint peer;     // the client's address and port
+  bool tls = false;                 // the bytes arrive through TLS
+  std::string client_fingerprint;   // of the client's certificate over TLS, "" for none
+  // When the connection was accepted (the login grace time runs from it); default: now.
+  std::optional<asio::steady_timer::time_point> accepted;
+  bool admitted = false;            // the listener has already applied the connection limits
+};
+
 class Session : public std::enable_shared_from_this<Session> {
  public:
-  Session(ServiceContext& context, asio::ip::tcp::socket socket, std::string address);
+  using Socket = asio::generic::stream_protocol::socket;
+
+  Session(ServiceContext& context, Socket socket, Connection connection);
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
   // Registers a new session for `socket` and starts its coroutine on the I/O thread.
-  static void Start(ServiceContext& context, asio::ip::tcp::socket socket);
+  static void Start(ServiceContext& context, Socket socket, Connection connection);
+  // Applies the connection limits to a new connection from `peer` (sessions in all and per
+  // address, random early drop of connections not logged in); audits and returns false when it
+  // is refused.
+  static bool Admit(ServiceContext& context, const asio::ip::tcp::endpoint& peer);
   // In an account worker: takes over `connection`, a session that logged in to `account` in
   // the root process, and serves its requests from where the login left it
   // (session_handoff.cc).
@@ -98,6 +122,8 @@ class Session : public std::enable_shared_from_this<Session> {
   // Protocol steps; false ends the session.
   asio::awaitable<bool> HandleMessage(const ClientMessage& message);
   asio::awaitable<bool> HandleLogin(std::span<const uint8_t> data);
+  // Logs the session in as `account` (held by runtime_) and answers success.
+  asio::awaitable<bool> LogIn(const Account& account, const std::string& audit_text);
   asio::awaitable<bool> HandleAnnouncement(int32_t total);
   asio::awaitable<bool> Dispatch(const pelmora::admin::RequestBlock& block);
   asio::awaitable<bool> Refuse(const pelmora::admin::RequestBlock& block, int32_t error);
@@ -148,8 +174,9 @@ class Session : public std::enable_shared_from_this<Session> {
 
   ServiceContext& context_;
   std::shared_ptr<const Runtime> runtime_;
-  asio::ip::tcp::socket socket_;
+  Socket socket_;
   asio::steady_timer idle_timer_;
+  Connection connection_;
   std::string address_;
   std::string peer_;  // address:port
   const Account* account_ = nullptr;

@@ -2,6 +2,7 @@
 // reply and the checks on path arguments.
 #include <asio/steady_timer.hpp>
 #include <asio/use_awaitable.hpp>
+#include <algorithm>
 #include <chrono>
 
 #include "pelmora/admin/credentials.h"
@@ -37,6 +38,17 @@ asio::awaitable<bool> Session::HandleLogin(std::span<const uint8_t> data) {
     user = pelmora::AnsiToUtf8(pelmora::admin::DecodeCredential(parts->first));
     password = pelmora::admin::DecodeCredential(parts->second);
   }
+  // Over TLS the client's certificate is checked first: one the account lists logs in without
+  // the password, whatever the message carries in its place.
+  auto certificate_admits = [&](const Account* account) {
+    return account != nullptr && connection_.tls && !connection_.client_fingerprint.empty() &&
+           std::ranges::find(account->client_certificates, connection_.client_fingerprint) !=
+               account->client_certificates.end();
+  };
+  if (parts && certificate_admits(runtime_->config.FindAccount(user))) {
+    co_return co_await LogIn(*runtime_->config.FindAccount(user),
+                             "login by client certificate " + connection_.client_fingerprint);
+  }
   // Counted as in flight until it is answered, whatever ends the session meanwhile.
   struct Attempt {
     LoginThrottle& throttle;
@@ -70,17 +82,32 @@ asio::awaitable<bool> Session::HandleLogin(std::span<const uint8_t> data) {
     accepted = fresh != nullptr && fresh->password_hash == hash;
     if (accepted) runtime_ = context_.runtime, account = fresh;
   }
-  attempt.accepted = accepted;
-  if (accepted) {
-    account_ = account;
-    identity_ = runtime_->IdentityOf(*account);
-    LeaveUnauthenticated();
-    ArmIdleTimer();
-    Audit({peer_, user, -1, "login", kSuccess});
-    co_return co_await SendResult(kSuccess);
+  // Why the password path was taken over TLS, for the audit line.
+  std::string how;
+  if (connection_.tls) {
+    how = connection_.client_fingerprint.empty()
+              ? " by password over TLS"
+              : " by password over TLS (client certificate " + connection_.client_fingerprint +
+                    " is not the account's)";
   }
-  Audit({peer_, user, -1, "login failed", kLogonFailure});
+  if (accepted && account->require_tls && !connection_.tls) {
+    Audit({peer_, user, -1, "login refused: the account requires TLS and this connection is plain",
+           kLogonFailure});
+    co_return co_await SendResult(kLogonFailure);
+  }
+  attempt.accepted = accepted;
+  if (accepted) co_return co_await LogIn(*account, "login" + how);
+  Audit({peer_, user, -1, "login failed" + how, kLogonFailure});
   co_return co_await SendResult(kLogonFailure);
+}
+
+asio::awaitable<bool> Session::LogIn(const Account& account, const std::string& audit_text) {
+  account_ = &account;
+  identity_ = runtime_->IdentityOf(account);
+  LeaveUnauthenticated();
+  ArmIdleTimer();
+  Audit({peer_, account.name, -1, audit_text, kSuccess});
+  co_return co_await SendResult(kSuccess);
 }
 
 asio::awaitable<bool> Session::Dispatch(const RequestBlock& block) {

@@ -1,5 +1,6 @@
 // A session's passage from the root process, which takes the login, to the account's worker,
 // which serves the requests; and the stop that both kinds of process share.
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <asio/co_spawn.hpp>
@@ -16,15 +17,17 @@ namespace {
 
 constexpr auto kStopPoll = std::chrono::milliseconds(50);
 
-// The connection as a socket of the session's type. Only its descriptor is used from here on:
-// the client's address comes with the session's state.
-asio::ip::tcp::socket AdoptConnection(asio::io_context& io, UniqueFd connection) {
+// The connection as a socket of the session's type: a TCP connection, or the worker's end of
+// the root process's TLS relay. Only its descriptor is used from here on: the client's address
+// comes with the session's state.
+Session::Socket AdoptConnection(asio::io_context& io, UniqueFd connection) {
   sockaddr_storage local{};
   socklen_t size = sizeof(local);
   ::getsockname(connection.get(), reinterpret_cast<sockaddr*>(&local), &size);
-  asio::ip::tcp::socket socket(io);
+  int family = local.ss_family;
+  Session::Socket socket(io);
   asio::error_code error;
-  socket.assign(local.ss_family == AF_INET6 ? asio::ip::tcp::v6() : asio::ip::tcp::v4(),
+  socket.assign(asio::generic::stream_protocol(family, family == AF_UNIX ? 0 : IPPROTO_TCP),
                 connection.get(), error);
   if (!error) connection.release();
   return socket;
@@ -49,8 +52,12 @@ void Session::HandOff() {
 
 void Session::StartLoggedIn(ServiceContext& context, const Account& account, UniqueFd connection,
                             SessionState state) {
+  Connection logged_in;
+  asio::error_code error;
+  logged_in.peer = asio::ip::tcp::endpoint(asio::ip::make_address(state.address, error), 0);
+  logged_in.admitted = true;
   auto session = std::make_shared<Session>(
-      context, AdoptConnection(context.io, std::move(connection)), state.address);
+      context, AdoptConnection(context.io, std::move(connection)), std::move(logged_in));
   session->peer_ = std::move(state.peer);
   session->sequence_ = state.sequence;
   session->pending_ = std::move(state.pending);

@@ -68,9 +68,7 @@ asio::awaitable<bool> Session::HandlePathWithKey(const RequestBlock& block) {
 }
 
 asio::awaitable<bool> Session::HandleSameMachine(const RequestBlock& block) {
-  asio::error_code error;
-  asio::ip::address peer = asio::ip::make_address(address_, error);
-  bool same = !error && IsOwnAddress(peer);
+  bool same = IsOwnAddress(connection_.peer.address());
   AuditRequest(block.code, same ? "same machine" : "other machine", kSuccess);
   co_return co_await SendMessage(pelmora::admin::BuildResultReply(same, 0, ""));
 }

@@ -13,6 +13,7 @@
 
 #include "pelmora/admin/exec_wire.h"
 #include "pelmora/admin/rcfso.h"
+#include "pelmora/net/internal/tls_socket_api.h"
 
 namespace pelmora::admin {
 namespace {
@@ -22,11 +23,14 @@ constexpr std::size_t kPiece = 65536;
 constexpr std::size_t kSendQueueLimit = 256 * 1024;
 
 // The client's side of the stream phase. Fails with a socket number (10054 when the service
-// closes, 10060 when the wait runs out) or 8004 for a malformed frame.
+// closes, 10060 when the wait runs out) or 8004 for a malformed frame. Over TLS the bytes go
+// through `tls`, and each read drains what the TLS session holds, so that a poll of the
+// descriptor never waits for bytes that were already taken from it.
 class ExecClientStream {
  public:
-  ExecClientStream(int socket_fd, RemoteCommandIo& io, std::optional<Clock::time_point> deadline)
-      : socket_fd_(socket_fd), io_(io), deadline_(deadline), input_(io.input) {}
+  ExecClientStream(int socket_fd, net_internal::SocketApi* tls, RemoteCommandIo& io,
+                   std::optional<Clock::time_point> deadline)
+      : socket_fd_(socket_fd), tls_(tls), io_(io), deadline_(deadline), input_(io.input) {}
 
   // 0 with the exit in `exit`, otherwise the failure's number.
   int32_t Run(ExecExit& exit);
@@ -44,7 +48,12 @@ class ExecClientStream {
     return !input_ended_ && !exit_ && credit_ > 0 && send_.size() - sent_ < kSendQueueLimit;
   }
 
+  // recv and send on the socket, or through the TLS session: the count, or -1 with errno set.
+  ssize_t Receive(uint8_t* buffer, std::size_t size);
+  ssize_t Transmit(const uint8_t* data, std::size_t size);
+
   int socket_fd_;
+  net_internal::SocketApi* tls_;  // nullptr on the plain transport
   RemoteCommandIo& io_;
   std::optional<Clock::time_point> deadline_;
   std::string_view input_;
@@ -87,16 +96,35 @@ int32_t ExecClientStream::Step() {
   return (fds[0].revents & POLLOUT) ? Flush() : 0;
 }
 
+ssize_t ExecClientStream::Receive(uint8_t* buffer, std::size_t size) {
+  if (tls_ == nullptr) return ::recv(socket_fd_, buffer, size, MSG_DONTWAIT);
+  net_internal::SocketResult result = tls_->Recv(socket_fd_, buffer, size, MSG_DONTWAIT);
+  errno = result.error;
+  return result.ok() ? static_cast<ssize_t>(result.value) : -1;
+}
+
+ssize_t ExecClientStream::Transmit(const uint8_t* data, std::size_t size) {
+  if (tls_ == nullptr) return ::send(socket_fd_, data, size, MSG_DONTWAIT | MSG_NOSIGNAL);
+  net_internal::SocketResult result = tls_->Send(socket_fd_, data, size, MSG_DONTWAIT);
+  errno = result.error;
+  return result.ok() ? static_cast<ssize_t>(result.value) : -1;
+}
+
 int32_t ExecClientStream::ReadSocket() {
   uint8_t buffer[kPiece];
-  ssize_t got = ::recv(socket_fd_, buffer, sizeof(buffer), MSG_DONTWAIT);
-  if (got < 0) return errno == EAGAIN || errno == EINTR ? 0 : 10054;
-  if (got == 0) return 10054;
-  reader_.Append(std::span<const uint8_t>(buffer, static_cast<std::size_t>(got)));
-  while (std::optional<ExecFrame> frame = reader_.Next()) {
-    if (int32_t failure = HandleFrame(*frame)) return failure;
+  // One read on the plain transport; over TLS until the session needs more bytes.
+  for (bool more = true; more;) {
+    ssize_t got = Receive(buffer, sizeof(buffer));
+    if (got < 0) return errno == EAGAIN || errno == EINTR ? 0 : 10054;
+    if (got == 0) return 10054;
+    reader_.Append(std::span<const uint8_t>(buffer, static_cast<std::size_t>(got)));
+    while (std::optional<ExecFrame> frame = reader_.Next()) {
+      if (int32_t failure = HandleFrame(*frame)) return failure;
+    }
+    if (reader_.Broken()) return 8004;
+    more = tls_ != nullptr && !exit_;
   }
-  return reader_.Broken() ? 8004 : 0;
+  return 0;
 }
 
 int32_t ExecClientStream::HandleFrame(const ExecFrame& frame) {
@@ -150,8 +178,7 @@ void ExecClientStream::SendInput() {
 
 int32_t ExecClientStream::Flush() {
   while (sent_ < send_.size()) {
-    ssize_t n = ::send(socket_fd_, send_.data() + sent_, send_.size() - sent_,
-                       MSG_DONTWAIT | MSG_NOSIGNAL);
+    ssize_t n = Transmit(send_.data() + sent_, send_.size() - sent_);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) return errno == EAGAIN ? 0 : 10054;
     sent_ += static_cast<std::size_t>(n);
@@ -188,7 +215,7 @@ bool RCFSO::RunCommand(const RemoteCommand& command, RemoteCommandIo& io, ExecEx
   if (command.timeout > 0 && timeout() > 0) {
     deadline = Clock::now() + std::chrono::milliseconds(int64_t{command.timeout} + timeout());
   }
-  ExecClientStream stream(socket_.SocketHandle(), io, deadline);
+  ExecClientStream stream(socket_.SocketHandle(), tls_api_.get(), io, deadline);
   int32_t failure = stream.Run(exit);
   if (failure == 8004) SetError(8004, "Invalid Data Size");
   if (failure != 0 && failure != 8004) SetSocketError(failure);

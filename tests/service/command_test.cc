@@ -40,7 +40,7 @@ class ServiceCommands : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(service_.Start());
-    ASSERT_TRUE(fso_.Connect("127.0.0.1", service_.port(), "operator", kOperatorPassword, false));
+    ASSERT_TRUE(service_.ConnectClient(fso_, "operator", kOperatorPassword));
     fso_.AddEventSink(&output_);
     fso_.set_timeout(20000);
   }
@@ -113,7 +113,7 @@ TEST_F(ServiceCommands, TimeOutKillsTheWholeProcessTree) {
 
 TEST_F(ServiceCommands, AccountWithoutCommandsGetsNotStarted) {
   RCFSO reader;
-  ASSERT_TRUE(reader.Connect("127.0.0.1", service_.port(), "reader", kReaderPassword, false));
+  ASSERT_TRUE(service_.ConnectClient(reader, "reader", kReaderPassword));
   EXPECT_FALSE(reader.SyncCreateProcess("echo no", 10000));
   EXPECT_EQ(reader.ErrCode(), 9001);
   EXPECT_EQ(reader.ErrDescription(), "Create process fail");

@@ -43,7 +43,7 @@ class ExecExtension : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(service_.Start());
-    ASSERT_TRUE(fso_.Connect("127.0.0.1", service_.port(), "operator", kOperatorPassword, false));
+    ASSERT_TRUE(service_.ConnectClient(fso_, "operator", kOperatorPassword));
     fso_.set_timeout(20000);
   }
 
@@ -165,7 +165,7 @@ TEST_F(ExecExtension, CommandLinesAndArgumentsCarryAnyCharacter) {
 
 TEST_F(ExecExtension, AccountWithoutCommandsIsRefused) {
   RCFSO reader;
-  ASSERT_TRUE(reader.Connect("127.0.0.1", service_.port(), "reader", kReaderPassword, false));
+  ASSERT_TRUE(service_.ConnectClient(reader, "reader", kReaderPassword));
   RemoteCommandIo io;
   ExecExit exit;
   EXPECT_FALSE(reader.RunCommand({.command_line = "echo no"}, io, exit));

@@ -20,7 +20,7 @@ class ServiceLibraryClient : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(service_.Start());
-    ASSERT_TRUE(fso_.Connect("127.0.0.1", service_.port(), "operator", kOperatorPassword, false));
+    ASSERT_TRUE(service_.ConnectClient(fso_, "operator", kOperatorPassword));
   }
 
   std::string Local(const std::string& name) { return service_.folder() + "/" + name; }
@@ -80,7 +80,7 @@ TEST_F(ServiceLibraryClient, SighupReloadKeepsABadFileOutAndServesNewSessionsWit
   bool refused = false;
   for (int attempt = 0; attempt < 200 && !refused; ++attempt) {
     RCFSO fresh;  // each login paces the loop; the service logs the refusal meanwhile
-    ASSERT_TRUE(fresh.Connect("127.0.0.1", service_.port(), "operator", kOperatorPassword, false));
+    ASSERT_TRUE(service_.ConnectClient(fresh, "operator", kOperatorPassword));
     EXPECT_EQ(fresh.GetPathWithKey("QelProgram"), "C:\\qel\\bin");
     refused = service_.ErrorOutput().find("reload refused") != std::string::npos;
   }
@@ -93,7 +93,7 @@ TEST_F(ServiceLibraryClient, SighupReloadKeepsABadFileOutAndServesNewSessionsWit
   std::string answer;
   for (int attempt = 0; attempt < 200 && answer.empty(); ++attempt) {
     RCFSO fresh;
-    ASSERT_TRUE(fresh.Connect("127.0.0.1", service_.port(), "operator", kOperatorPassword, false));
+    ASSERT_TRUE(service_.ConnectClient(fresh, "operator", kOperatorPassword));
     answer = fresh.GetPathWithKey("VorProgram");
   }
   EXPECT_EQ(answer, "D:\\vor\\bin");

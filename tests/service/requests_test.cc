@@ -25,7 +25,7 @@ class ServiceRequests : public ::testing::Test {
   }
 
   bool Login(RCFSO& fso, std::string_view user, std::string_view password) {
-    return fso.Connect("127.0.0.1", service_.port(), user, password, false);
+    return service_.ConnectClient(fso, user, password);
   }
 
   std::string C(const std::string& relative) { return service_.Drive('C') + "/" + relative; }

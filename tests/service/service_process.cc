@@ -23,7 +23,9 @@
 #include <vector>
 
 #include "pelmora/admin/internal/built_in_secrets.h"
+#include "pelmorad/config.h"
 #include "pelmorad/password.h"
+#include "pelmorad/tls_identity.h"
 
 extern char** environ;
 
@@ -49,8 +51,11 @@ const std::string& HashOf(std::string_view password) { return Hash(password); }
 
 namespace {
 
-std::string ConfigText(const std::string& folder, const std::string& extra) {
+std::string ConfigText(const std::string& folder, const std::string& extra,
+                       const std::string& top) {
   return fmt::format(R"(
+state_directory = "{0}/state"
+{6}
 [drives]
 C = "{0}/c"
 D = "{0}/d"
@@ -75,7 +80,28 @@ run_as = "root"
 {5}
 )",
                      folder, Hash(kOperatorPassword), Hash(kReaderPassword),
-                     pelmora::admin::internal::BuiltInAccount(), Hash("built-in"), extra);
+                     pelmora::admin::internal::BuiltInAccount(), Hash("built-in"), extra, top);
+}
+
+// Opens a FIFO at `path` for the service to write a port into; the reading end.
+int OpenPortFifo(const std::string& path) {
+  ::unlink(path.c_str());
+  ::mkfifo(path.c_str(), 0600);
+  return ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+}
+
+// The port the service writes into the FIFO read through `reader` (0 when none comes within
+// the start time); closes `reader`.
+int ReadPort(int reader) {
+  std::string text;
+  pollfd entry{reader, POLLIN, 0};
+  if (::poll(&entry, 1, kStartMilliseconds) == 1) {
+    char buffer[32] = {};
+    ssize_t got = ::read(reader, buffer, sizeof(buffer) - 1);
+    if (got > 0) text.assign(buffer, static_cast<size_t>(got));
+  }
+  ::close(reader);
+  return std::atoi(text.c_str());
 }
 
 // Waits for `pid` to end, at most `milliseconds`; its status or nullopt.
@@ -93,7 +119,25 @@ std::optional<int> WaitFor(pid_t pid, int milliseconds) {
 
 }  // namespace
 
-ServiceProcess::ServiceProcess(std::string extra) {
+pelmora::TlsClientSettings TlsChecks(std::string fingerprint, std::string ca_file,
+                                     std::string known_hosts, bool trust_new) {
+  pelmora::TlsClientSettings settings;
+  settings.enabled = true;
+  settings.fingerprint = std::move(fingerprint);
+  settings.ca_file = std::move(ca_file);
+  settings.known_hosts = std::move(known_hosts);
+  settings.trust_new = trust_new;
+  return settings;
+}
+
+bool TestTransportIsTls() {
+  const char* transport = std::getenv("PELMORA_TEST_TRANSPORT");
+  return transport != nullptr && std::string_view(transport) == "tls";
+}
+
+ServiceProcess::ServiceProcess(std::string extra, std::string top)
+    : top_(std::move(top)),
+      listeners_(TestTransportIsTls() ? Listeners::kPlainAndTls : Listeners::kPlain) {
   char folder_template[] = "/tmp/pelmorad-e2e-XXXXXX";
   if (::mkdtemp(folder_template) == nullptr) ADD_FAILURE() << "mkdtemp failed";
   folder_ = folder_template;
@@ -112,7 +156,7 @@ ServiceProcess::~ServiceProcess() {
 
 void ServiceProcess::WriteConfig(const std::string& extra) {
   std::string temporary = config_path_ + ".new";
-  WriteFile(temporary, ConfigText(folder_, extra));
+  WriteFile(temporary, ConfigText(folder_, extra, top_));
   ::chmod(temporary.c_str(), 0600);
   ::rename(temporary.c_str(), config_path_.c_str());
 }
@@ -129,11 +173,14 @@ bool ServiceProcess::Start(std::string listen) {
     return false;
   }
   std::string fifo = folder_ + "/port.fifo";
-  ::unlink(fifo.c_str());
-  ::mkfifo(fifo.c_str(), 0600);
-  int reader = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  std::vector<std::string> args = {binary, "--config",    config_path_, "--listen",
-                                   listen, "--port-file", fifo};
+  std::string tls_fifo = folder_ + "/tls-port.fifo";
+  int reader = listeners_ != Listeners::kTlsOnly ? OpenPortFifo(fifo) : -1;
+  int tls_reader = listeners_ != Listeners::kPlain ? OpenPortFifo(tls_fifo) : -1;
+  std::vector<std::string> args = {binary, "--config", config_path_};
+  if (reader >= 0) args.insert(args.end(), {"--listen", listen, "--port-file", fifo});
+  if (tls_reader >= 0) {
+    args.insert(args.end(), {"--listen-tls", "127.0.0.1:0", "--tls-port-file", tls_fifo});
+  }
   std::vector<char*> argv;
   for (std::string& arg : args) argv.push_back(arg.data());
   argv.push_back(nullptr);
@@ -145,21 +192,31 @@ bool ServiceProcess::Start(std::string listen) {
   int spawned = ::posix_spawn(&pid_, binary, &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   if (spawned != 0) {
-    ::close(reader);
+    if (reader >= 0) ::close(reader);
+    if (tls_reader >= 0) ::close(tls_reader);
     ADD_FAILURE() << "cannot start " << binary;
     return false;
   }
-  std::string text;
-  pollfd entry{reader, POLLIN, 0};
-  if (::poll(&entry, 1, kStartMilliseconds) == 1) {
-    char buffer[32] = {};
-    ssize_t got = ::read(reader, buffer, sizeof(buffer) - 1);
-    if (got > 0) text.assign(buffer, static_cast<size_t>(got));
+  // The service writes the plain port first.
+  port_ = reader >= 0 ? ReadPort(reader) : 0;
+  tls_port_ = tls_reader >= 0 && (reader < 0 || port_ > 0) ? ReadPort(tls_reader) : 0;
+  if (tls_reader >= 0 && port_ <= 0 && reader >= 0) ::close(tls_reader);
+  bool up = (reader < 0 || port_ > 0) && (tls_reader < 0 || tls_port_ > 0);
+  if (!up) ADD_FAILURE() << "pelmorad did not come up:\n" << ErrorOutput();
+  if (up && tls_port_ > 0) {
+    Config config = ParseConfig(ReadFile(config_path_), config_path_);
+    tls_fingerprint_ = CertificateFileFingerprint(
+        config.tls.certificate.empty() ? StateFolder() + "/" + kOwnCertificateName
+                                       : config.tls.certificate);
   }
-  ::close(reader);
-  port_ = std::atoi(text.c_str());
-  if (port_ <= 0) ADD_FAILURE() << "pelmorad did not come up:\n" << ErrorOutput();
-  return port_ > 0;
+  return up;
+}
+
+bool ServiceProcess::ConnectClient(pelmora::admin::RCFSO& fso, std::string_view user,
+                                   std::string_view password) const {
+  if (!TestTransportIsTls()) return fso.Connect("127.0.0.1", port_, user, password, false);
+  fso.set_tls(TlsChecks(tls_fingerprint_));
+  return fso.Connect("127.0.0.1", tls_port_, user, password, false);
 }
 
 void ServiceProcess::Signal(int signal) const {

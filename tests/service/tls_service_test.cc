@@ -1,0 +1,347 @@
+// The service's TLS listeners against real TLS clients on loopback: its own key and certificate
+// (made once, owner-only, shown by --show-fingerprint as the client sees it) and a configured
+// one under each way the client checks a server, certificate login, require_tls, what crosses
+// the wire during a TLS login, the plain/TLS mismatches on both sides, the pre-login bounds a
+// handshake counts against, and tls_only.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <openssl/ssl.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "pelmora/admin/credentials.h"
+#include "pelmora/admin/rcfso.h"
+#include "pelmora/net/tls_client.h"
+#include "pelmora/testing/tls_relay.h"
+#include "pelmora/testing/web_server.h"
+#include "pelmorad/tls_identity.h"
+#include "pelmorad/tls_listener.h"
+#include "tests/service/raw_client.h"
+#include "tests/service/service_process.h"
+
+namespace pelmorad::testing {
+namespace {
+
+using pelmora::TlsClientSettings;
+using pelmora::admin::RCFSO;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+constexpr int32_t kLogonFailure = 1326;
+
+// What `pelmorad ARGUMENTS` prints on standard output.
+std::string ServiceOutput(const std::string& arguments) {
+  const char* binary = std::getenv("PELMORAD_BINARY");
+  std::string command =
+      std::string(binary != nullptr ? binary : PELMORAD_DEFAULT_BINARY) + " " + arguments;
+  FILE* pipe = ::popen(command.c_str(), "r");
+  if (pipe == nullptr) return "";
+  std::string output;
+  char buffer[512];
+  while (std::fgets(buffer, sizeof(buffer), pipe) != nullptr) output += buffer;
+  ::pclose(pipe);
+  return output;
+}
+
+TlsClientSettings Presenting(TlsClientSettings settings, const std::string& pem) {
+  settings.client_certificate = pem;
+  settings.client_key = pem;
+  return settings;
+}
+
+bool LogIn(RCFSO& fso, const TlsClientSettings& settings, int port, std::string_view user,
+           std::string_view password, const std::string& host = "127.0.0.1") {
+  fso.set_tls(settings);
+  return fso.Connect(host, port, user, password, false);
+}
+
+mode_t ModeOf(const std::string& path) {
+  struct stat info {};
+  return ::stat(path.c_str(), &info) == 0 ? (info.st_mode & 07777) : 0;
+}
+
+TEST(ServiceTls, OwnCertificateIsMadeOnceOwnerOnlyAndShownAsTheClientSeesIt) {
+  ServiceProcess service;
+  service.set_listeners(Listeners::kPlainAndTls);
+  // Shown before the first start: made by --show-fingerprint, then used by the service.
+  const std::string shown = ServiceOutput("--show-fingerprint -c " + service.config_path());
+  ASSERT_THAT(shown, ::testing::MatchesRegex("SHA256:[A-Za-z0-9+/]{43}\n"));
+  ASSERT_TRUE(service.Start());
+  const std::string key = service.StateFolder() + "/" + kOwnKeyName;
+  const std::string key_text = ReadFile(key);
+  EXPECT_EQ(ModeOf(service.StateFolder()), 0700u);
+  EXPECT_EQ(ModeOf(key), 0600u);
+  EXPECT_EQ(ModeOf(service.StateFolder() + "/" + kOwnCertificateName), 0644u);
+  EXPECT_THAT(key_text, HasSubstr("PRIVATE KEY"));
+  const std::string known_hosts = service.folder() + "/known_hosts";
+  RCFSO fso;
+  ASSERT_TRUE(LogIn(fso, TlsChecks("", "", known_hosts, true), service.tls_port(), "operator",
+                    kOperatorPassword))
+      << fso.ErrDescription();
+  EXPECT_EQ(fso.PresentedFingerprint() + "\n", shown);
+  // A restart reuses the pair: the recorded host is still the same.
+  ASSERT_EQ(service.Stop(SIGTERM), 0);
+  WriteFile(known_hosts, "");
+  ASSERT_TRUE(service.Start());
+  EXPECT_EQ(ReadFile(key), key_text);
+  EXPECT_EQ(service.ErrorOutput().find("made the TLS key"),
+            service.ErrorOutput().rfind("made the TLS key"));
+  RCFSO again;
+  EXPECT_TRUE(LogIn(again, TlsChecks(shown.substr(0, shown.size() - 1)), service.tls_port(),
+                    "operator", kOperatorPassword))
+      << again.ErrDescription();
+  // A key others may read, or a state folder others may write in, is not used.
+  ::chmod(key.c_str(), 0640);
+  EXPECT_THAT(ServiceOutput("--show-fingerprint -c " + service.config_path() + " 2>&1"),
+              HasSubstr(key + ": refused, other users may read the key (chmod 600)"));
+  ::chmod(key.c_str(), 0600);
+  ::chmod(service.StateFolder().c_str(), 0777);
+  EXPECT_THAT(ServiceOutput("--show-fingerprint -c " + service.config_path() + " 2>&1"),
+              HasSubstr("refused, the state folder can be changed by other users"));
+}
+
+TEST(ServiceTls, EachTrustModeAcceptsTheOwnAndAConfiguredCertificate) {
+  for (bool configured : {false, true}) {
+    ServiceProcess service;
+    pelmora::testing::WriteTestCertificates(service.folder());
+    const std::string pem = service.folder() + "/valid.pem";
+    if (configured) {
+      service.WriteConfig("[tls]\ncertificate = \"" + pem + "\"\nkey = \"" + pem + "\"\n");
+    }
+    service.set_listeners(Listeners::kPlainAndTls);
+    ASSERT_TRUE(service.Start());
+    const std::string fingerprint = service.tls_fingerprint();
+    if (configured) {
+      EXPECT_EQ(fingerprint, CertificateFileFingerprint(pem));
+    }
+    EXPECT_EQ(ServiceOutput("--show-fingerprint --config " + service.config_path()),
+              fingerprint + "\n");
+    EXPECT_EQ(PathExists(service.StateFolder()), !configured);
+    const std::string known_hosts = service.folder() + "/known_hosts";
+    struct Case {
+      const char* name;
+      TlsClientSettings settings;
+      const char* host;
+    };
+    std::vector<Case> cases = {
+        {"pinned", TlsChecks(fingerprint), "127.0.0.1"},
+        {"first use", TlsChecks("", "", known_hosts, true), "127.0.0.1"},
+        {"known host", TlsChecks("", "", known_hosts), "127.0.0.1"},
+    };
+    if (configured) {
+      cases.push_back(
+          {"CA file, address", TlsChecks("", service.folder() + "/ca.pem"), "127.0.0.1"});
+      cases.push_back({"CA file, name", TlsChecks("", service.folder() + "/ca.pem"), "localhost"});
+    }
+    for (const Case& c : cases) {
+      RCFSO fso;
+      EXPECT_TRUE(LogIn(fso, c.settings, service.tls_port(), "operator", kOperatorPassword, c.host))
+          << configured << " " << c.name << ": " << fso.ErrDescription();
+      EXPECT_EQ(fso.PresentedFingerprint(), fingerprint) << c.name;
+      EXPECT_EQ(fso.GetSystemDirectory(), "C:\\Windows\\system32") << c.name;
+    }
+    // The own certificate is no authority's: the CA file check refuses it.
+    if (!configured) {
+      RCFSO fso;
+      pelmora::testing::WriteTestCertificates(service.folder());
+      EXPECT_FALSE(LogIn(fso, TlsChecks("", service.folder() + "/ca.pem"), service.tls_port(),
+                         "operator", kOperatorPassword));
+      EXPECT_EQ(fso.ErrCode(), pelmora::tlsCertificateNotTrusted);
+    }
+  }
+}
+
+class ServiceTlsLogin : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    pelmora::testing::WriteTestCertificates(service_.folder());
+    certificate_ = service_.folder() + "/self-signed.pem";
+    foreign_ = service_.folder() + "/valid.pem";
+    service_.WriteConfig("[accounts.certified]\npassword = \"" + HashOf(kOperatorPassword) +
+                         "\"\nclient_certificates = [\"" +
+                         CertificateFileFingerprint(certificate_) +
+                         "\"]\n[accounts.tlsonly]\npassword = \"" + HashOf(kOperatorPassword) +
+                         "\"\nrequire_tls = true\n");
+    service_.set_listeners(Listeners::kPlainAndTls);
+    ASSERT_TRUE(service_.Start());
+  }
+
+  TlsClientSettings Pinned() const { return TlsChecks(service_.tls_fingerprint()); }
+
+  ServiceProcess service_;
+  std::string certificate_;
+  std::string foreign_;
+};
+
+TEST_F(ServiceTlsLogin, ACertificateLogsInItsAccountAndAForeignOneFallsToThePassword) {
+  const std::string fingerprint = CertificateFileFingerprint(certificate_);
+  const std::string foreign = CertificateFileFingerprint(foreign_);
+  struct Case {
+    const char* name;
+    TlsClientSettings settings;
+    const char* user;
+    std::string_view password;
+    bool accepted;
+    std::string audit;
+  };
+  const Case cases[] = {
+      {"listed certificate, any password", Presenting(Pinned(), certificate_), "certified",
+       "not the password", true, "path=\"login by client certificate " + fingerprint + "\""},
+      {"listed certificate, another account", Presenting(Pinned(), certificate_), "operator",
+       "not the password", false,
+       "path=\"login failed by password over TLS (client certificate " + fingerprint +
+           " is not the account's)\""},
+      {"foreign certificate, wrong password", Presenting(Pinned(), foreign_), "certified",
+       "not the password", false,
+       "path=\"login failed by password over TLS (client certificate " + foreign +
+           " is not the account's)\""},
+      {"foreign certificate, right password", Presenting(Pinned(), foreign_), "certified",
+       kOperatorPassword, true,
+       "path=\"login by password over TLS (client certificate " + foreign +
+           " is not the account's)\""},
+      {"no certificate, right password", Pinned(), "certified", kOperatorPassword, true,
+       "account=\"certified\" code=-1 path=\"login by password over TLS\""},
+  };
+  for (const Case& c : cases) {
+    RCFSO fso;
+    EXPECT_EQ(LogIn(fso, c.settings, service_.tls_port(), c.user, c.password), c.accepted)
+        << c.name << ": " << fso.ErrDescription();
+    if (c.accepted) {
+      EXPECT_EQ(fso.GetSystemDirectory(), "C:\\Windows\\system32") << c.name;
+    } else {
+      EXPECT_EQ(fso.ErrCode(), kLogonFailure) << c.name;
+    }
+    EXPECT_THAT(service_.ErrorOutput(), HasSubstr(c.audit)) << c.name;
+  }
+}
+
+TEST_F(ServiceTlsLogin, RequireTlsRefusesOnlyThePlainLogin) {
+  RCFSO plain;
+  EXPECT_FALSE(plain.Connect("127.0.0.1", service_.port(), "tlsonly", kOperatorPassword, false));
+  EXPECT_EQ(plain.ErrCode(), kLogonFailure);
+  EXPECT_THAT(
+      service_.ErrorOutput(),
+      HasSubstr("account=\"tlsonly\" code=-1 path=\"login refused: the account requires TLS "
+                "and this connection is plain\" result=1326"));
+  RCFSO tls;
+  EXPECT_TRUE(LogIn(tls, Pinned(), service_.tls_port(), "tlsonly", kOperatorPassword))
+      << tls.ErrDescription();
+  // The others still log in on the plain port.
+  EXPECT_TRUE(plain.Connect("127.0.0.1", service_.port(), "certified", kOperatorPassword, false));
+}
+
+TEST_F(ServiceTlsLogin, ThePasswordNeverCrossesTheWireInTheClear) {
+  const std::string encoded = pelmora::admin::EncodeCredential(kOperatorPassword);
+  // A plain relay in front of each port records every byte the client sends.
+  pelmora::testing::TlsRelay over_tls("", static_cast<uint16_t>(service_.tls_port()));
+  RCFSO fso;
+  ASSERT_TRUE(LogIn(fso, Pinned(), over_tls.port(), "operator", kOperatorPassword))
+      << fso.ErrDescription();
+  EXPECT_EQ(fso.GetSystemDirectory(), "C:\\Windows\\system32");
+  fso.set_tls({});
+  fso.Connect("127.0.0.1", service_.port(), "operator", kOperatorPassword, false);
+  const std::string seen = over_tls.Received();
+  EXPECT_GT(seen.size(), pelmora::admin::kPacketSize);
+  for (std::string_view secret : {std::string_view(kOperatorPassword), std::string_view(encoded),
+                                  std::string_view("operator")}) {
+    EXPECT_EQ(seen.find(secret), std::string::npos) << secret;
+  }
+  // The same login on the plain port carries the encoded password: the check can see it.
+  pelmora::testing::TlsRelay over_plain("", static_cast<uint16_t>(service_.port()));
+  RCFSO plain;
+  ASSERT_TRUE(plain.Connect("127.0.0.1", over_plain.port(), "operator", kOperatorPassword, false));
+  EXPECT_NE(over_plain.Received().find(encoded), std::string::npos);
+}
+
+TEST_F(ServiceTlsLogin, MismatchedTransportsFailClearlyOnBothSides) {
+  RCFSO plain_client;
+  EXPECT_FALSE(
+      plain_client.Connect("127.0.0.1", service_.tls_port(), "operator", kOperatorPassword, false));
+  EXPECT_EQ(plain_client.ErrCode(), kLogonFailure);
+  EXPECT_EQ(plain_client.ErrDescription(), kPlainClientOnTlsPort);
+  EXPECT_THAT(service_.ErrorOutput(), HasSubstr("refused: a plain client on the TLS port"));
+  RCFSO tls_client;
+  tls_client.set_timeout(20000);
+  EXPECT_FALSE(LogIn(tls_client, Pinned(), service_.port(), "operator", kOperatorPassword));
+  EXPECT_EQ(tls_client.ErrCode(), pelmora::tlsChannelError);
+  // Closed by the service, not left to the client's time-out.
+  EXPECT_THAT(tls_client.ErrDescription(), HasSubstr("the server closed the connection"));
+  EXPECT_THAT(tls_client.ErrDescription(), HasSubstr("plain administration port"));
+  EXPECT_THAT(service_.ErrorOutput(), HasSubstr("closed: a TLS client on the plain port"));
+  EXPECT_THAT(service_.ErrorOutput(), Not(HasSubstr("grace time")));
+}
+
+// Runs a client handshake limited to TLS 1.2 on the connected `fd`; true when it completes.
+bool Tls12HandshakeCompletes(int fd) {
+  SSL_CTX* context = SSL_CTX_new(TLS_client_method());
+  SSL_CTX_set_max_proto_version(context, TLS1_2_VERSION);
+  SSL* ssl = SSL_new(context);
+  SSL_set_fd(ssl, fd);
+  const bool completed = SSL_connect(ssl) == 1;
+  SSL_free(ssl);
+  SSL_CTX_free(context);
+  return completed;
+}
+
+TEST_F(ServiceTlsLogin, AnOlderTlsVersionIsRefusedAtTheHandshakeAndAudited) {
+  RawClient client;
+  ASSERT_TRUE(client.Connect(service_.tls_port()));
+  EXPECT_FALSE(Tls12HandshakeCompletes(client.fd()));
+  EXPECT_TRUE(client.WaitForClose());
+  EXPECT_THAT(service_.ErrorOutput(), HasSubstr("path=\"closed: TLS handshake failed: "
+                                                "unsupported protocol\" result=87"));
+}
+
+TEST(ServiceTls, AHandshakeCountsAgainstThePreLoginBounds) {
+  ServiceProcess service(
+      "[limits]\nlogin_grace_seconds = 1\nunauthenticated = 1\nunauthenticated_start = 1\n");
+  service.set_listeners(Listeners::kPlainAndTls);
+  ASSERT_TRUE(service.Start());
+  // A handshake that starts and never goes on holds the only place for a connection not
+  // logged in, and is closed at the login grace time.
+  RawClient stalled;
+  ASSERT_TRUE(stalled.Connect(service.tls_port()));
+  const std::vector<uint8_t> record_start = {0x16, 0x03, 0x01};
+  ASSERT_TRUE(stalled.Send(record_start));
+  RawClient second;  // to the same listener, so it is accepted after the first
+  ASSERT_TRUE(second.Connect(service.tls_port()));
+  EXPECT_TRUE(second.WaitForClose());
+  EXPECT_THAT(service.ErrorOutput(), HasSubstr("refused: too many connections not logged in"));
+  EXPECT_TRUE(stalled.WaitForClose());
+  EXPECT_THAT(service.ErrorOutput(),
+              HasSubstr("path=\"closed: no TLS handshake within the login grace time\""));
+  // With the place free again, a TLS login goes through.
+  RCFSO fso;
+  EXPECT_TRUE(LogIn(fso, TlsChecks(service.tls_fingerprint()), service.tls_port(), "operator",
+                    kOperatorPassword))
+      << fso.ErrDescription();
+}
+
+TEST(ServiceTls, TlsOnlyOpensNoPlainListenerAndCheckConfigSaysSo) {
+  ServiceProcess service("", "tls_only = true\nlisten_tls = [\"127.0.0.1:0\"]\n");
+  EXPECT_THAT(ServiceOutput("--check-config -c " + service.config_path()),
+              HasSubstr("tls_only: no plain listeners; TLS only on 127.0.0.1:0"));
+  service.set_listeners(Listeners::kTlsOnly);
+  ASSERT_TRUE(service.Start());
+  const std::string log = service.ErrorOutput();
+  EXPECT_EQ(log.find("listening on"), log.rfind("listening on")) << log;
+  EXPECT_THAT(log, HasSubstr("(TLS, certificate " + service.tls_fingerprint() + ")"));
+  RCFSO fso;
+  EXPECT_TRUE(LogIn(fso, TlsChecks(service.tls_fingerprint()), service.tls_port(), "operator",
+                    kOperatorPassword))
+      << fso.ErrDescription();
+  // A configured certificate with another certificate's key does not pass the check.
+  pelmora::testing::WriteTestCertificates(service.folder());
+  service.WriteConfig("[tls]\ncertificate = \"" + service.folder() + "/valid.pem\"\nkey = \"" +
+                      service.folder() + "/expired.pem\"\n");
+  EXPECT_THAT(ServiceOutput("--check-config -c " + service.config_path() + " 2>&1"),
+              HasSubstr("cannot use the TLS certificate " + service.folder() + "/valid.pem"));
+}
+
+}  // namespace
+}  // namespace pelmorad::testing
