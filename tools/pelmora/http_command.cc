@@ -20,6 +20,7 @@
 #include <cstdint>
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <chrono>
@@ -65,18 +66,33 @@ struct HttpOptions {
 
 constexpr int32_t kTimeout = 12002;
 
+// Writes all of `size` bytes to `fd`; false when the system refuses.
+bool WriteAll(int fd, const uint8_t* data, size_t size) {
+  while (size > 0) {
+    ssize_t written = ::write(fd, data, size);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return false;
+    data += written;
+    size -= static_cast<size_t>(written);
+  }
+  return true;
+}
+
 // Writes the response body to `out` as it arrives, with admin's progress bar (size, rate, time
 // left) on standard error when it is a terminal and the body does not go to that terminal too;
-// returns false when writing fails. Raises 12002 when `deadline` passes first.
+// returns false when writing fails. Raises 12002 when `deadline` passes first. Each piece goes
+// to the file in one system call (the stream's buffer would cut it into blocks of its size).
 bool CopyBody(WinINet& inet, std::FILE* out, std::optional<Clock::time_point> deadline) {
   bool to_terminal = out == stdout && ::isatty(STDOUT_FILENO) == 1;
   Console console(!to_terminal && Console::StatusWanted(false));
   uint64_t total = std::strtoull(inet.GetHeader("Content-Length").c_str(), nullptr, 10);
   TransferProgress progress(console, total);
+  if (std::fflush(out) != 0) return false;
+  int fd = ::fileno(out);
   uint64_t done = 0;
   bool late = false;
   bool ended = inet.ReadResponseTo([&](const uint8_t* data, size_t size) {
-    if (std::fwrite(data, 1, size, out) != size) return false;
+    if (!WriteAll(fd, data, size)) return false;
     done += size;
     progress.Update(done);
     late = deadline && Clock::now() > *deadline;

@@ -46,6 +46,9 @@ TEST(HttpCommand, GetHeadAndPutGoThroughTheWebServer) {
                      out}),
             0);
   EXPECT_EQ(Slurp(out), "posted");
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(RunTool({"http", "get", web.HttpUrl("/small.txt"), "-o", "/dev/full"}), 2);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "pelmora: http: cannot write /dev/full\n");
 }
 
 // Every verb (the subcommands and -X), a -d body and -H headers reach nginx on a port above 32767,
