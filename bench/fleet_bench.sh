@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Benchmarks of the pelmora tool against a real pelmorad, each next to its peer in the same run:
-#   1. a fleet `exec true` across 1000 sessions (1000 loopback addresses, one service);
+#   1. a fleet `exec true` across 1000 sessions (1000 loopback addresses, one service), and
+#      across 10 000 (the addresses ten times over) with the client's peak resident memory;
 #   2. `pelmora admin get` of a large file next to a plain TCP pump of the same bytes;
 #   3. `pelmora admin exec true` next to `ssh localhost true` when an SSH server answers.
 # Runs inside a private network namespace (only its loopback), so the service may listen on every
@@ -53,6 +54,12 @@ seconds() { local s=$EPOCHREALTIME; "$@" > /dev/null; echo "$EPOCHREALTIME - $s"
 for a in 0 1 2 3; do for b in $(seq 1 250); do echo "127.0.$a.$b:$port"; done; done > "$work/hosts"
 fleet=$(seconds pel --hosts-file "$work/hosts" --parallel 64 exec true)
 echo "fleet exec true, 1000 sessions, --parallel 64: ${fleet} s ($(echo "scale=1; 1000 / $fleet" | bc) sessions/s)"
+for i in $(seq 10); do cat "$work/hosts"; done > "$work/hosts10k"
+start=$EPOCHREALTIME
+peak=$( { /usr/bin/time -f '%M' "$tool" admin --account bench --password-file "$work/password" \
+  --quiet --hosts-file "$work/hosts10k" --parallel 64 exec true > /dev/null; } 2>&1 | tail -1)
+fleet10k=$(echo "$EPOCHREALTIME - $start" | bc)
+echo "fleet exec true, 10000 sessions, --parallel 64: ${fleet10k} s, client peak resident ${peak} KiB"
 
 head -c "$((mib * 1048576))" /dev/urandom > "$work/c/big.bin"
 get=$(seconds pel --host 127.0.0.1 --port "$port" get 'C:\big.bin' "$work/got.bin")

@@ -5,14 +5,18 @@
 // the max_rss_growth_kib counter shows the resident growth during the run), BM_WinINetOpenUrl
 // fetches it whole as a Byte(), BM_CurlProgram runs `curl -s -o /dev/null` on the same URL and
 // BM_CurlProgramToMemory `curl -s -o /dev/shm/...` (the body kept in memory, like OpenURL's).
+// BM_HttpToolVsCurl/0 runs `pelmora http get -o /dev/null` and `curl -s -o /dev/null` by turns
+// (whole processes), /1 the same into a file in /dev/shm, and reports curl's time over the
+// tool's as rate_vs_curl (above 1: the tool is faster).
 // Compare bytes_per_second within one run:
-//   build/h/bench/pelmora_bench --benchmark_filter='WinINet|CurlProgram'
+//   build/h/bench/pelmora_bench --benchmark_filter='WinINet|CurlProgram|HttpTool'
 #include <benchmark/benchmark.h>
 #include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdint>
 #include <fstream>
 #include <memory>
@@ -87,9 +91,8 @@ void BM_WinINetOpenUrl(benchmark::State& state) {
 }
 BENCHMARK(BM_WinINetOpenUrl)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
 
-// Runs the curl program on `url`, writing the body to `output`; false when it fails.
-bool RunCurl(const std::string& url, const char* output) {
-  const char* argv[] = {"/usr/bin/curl", "-s", "-o", output, url.c_str(), nullptr};
+// Runs a program to its end; false when it cannot start or fails.
+bool RunProgram(const char* const* argv) {
   pid_t pid = -1;
   if (posix_spawn(&pid, argv[0], nullptr, nullptr, const_cast<char* const*>(argv), environ) != 0) {
     return false;
@@ -97,6 +100,17 @@ bool RunCurl(const std::string& url, const char* output) {
   int status = 0;
   ::waitpid(pid, &status, 0);
   return status == 0;
+}
+
+// Runs the curl program on `url`, writing the body to `output`; false when it fails.
+bool RunCurl(const std::string& url, const char* output) {
+  const char* argv[] = {"/usr/bin/curl", "-s", "-o", output, url.c_str(), nullptr};
+  return RunProgram(argv);
+}
+
+bool RunTool(const std::string& url, const char* output) {
+  const char* argv[] = {PELMORA_TOOL_PATH, "http", "get", url.c_str(), "-o", output, nullptr};
+  return RunProgram(argv);
 }
 
 void BM_CurlProgram(benchmark::State& state) {
@@ -122,5 +136,32 @@ void BM_CurlProgramToMemory(benchmark::State& state) {
   state.SetBytesProcessed(state.iterations() * kFileSize);
 }
 BENCHMARK(BM_CurlProgramToMemory)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
+
+// The tool and curl by turns on the same URL and output (0: /dev/null, 1: a file in /dev/shm).
+void BM_HttpToolVsCurl(benchmark::State& state) {
+  using Clock = std::chrono::steady_clock;
+  std::string url = Server().HttpUrl("/gib.bin");
+  std::string output = state.range(0) == 0
+                           ? "/dev/null"
+                           : "/dev/shm/pelmora-bench-http-" + std::to_string(::getpid());
+  double curl_seconds = 0;
+  double tool_seconds = 0;
+  for (auto _ : state) {
+    for (bool tool : {false, true}) {
+      auto start = Clock::now();
+      bool ok = tool ? RunTool(url, output.c_str()) : RunCurl(url, output.c_str());
+      (tool ? tool_seconds : curl_seconds) +=
+          std::chrono::duration<double>(Clock::now() - start).count();
+      if (!ok) state.SkipWithError(tool ? "pelmora http failed" : "curl failed");
+      if (output != "/dev/null") ::unlink(output.c_str());
+    }
+  }
+  state.SetBytesProcessed(state.iterations() * kFileSize * 2);
+  state.counters["curl_s"] = curl_seconds;
+  state.counters["tool_s"] = tool_seconds;
+  state.counters["rate_vs_curl"] = tool_seconds > 0 ? curl_seconds / tool_seconds : 0;
+}
+BENCHMARK(BM_HttpToolVsCurl)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->Iterations(5)
+    ->UseRealTime();
 
 }  // namespace

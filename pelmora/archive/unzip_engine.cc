@@ -181,6 +181,7 @@ int ProcessEntries(zip_t* archive, uint64_t count, const std::vector<CentralFlag
   for (uint64_t i = 0; i < count; ++i) {
     auto entry = ReadEntry(archive, i, flags);
     if (!entry) {
+      run.Drain();
       callbacks.print(fmt::format("error:  cannot read entry {} of {}\n", i, dcl.zip_file_name));
       run.Note(kUnzipBadErr);
       continue;
@@ -190,6 +191,7 @@ int ProcessEntries(zip_t* archive, uint64_t count, const std::vector<CentralFlag
     if (!listing && !run.ProcessEntry(*entry)) return run.Code();
   }
   if (listing) return kUnzipOk;
+  run.Drain();
   if (selector.ReportUnmatched(callbacks.print)) run.Note(kUnzipFind);
   run.Finish(selection.include.empty());
   return run.Code();

@@ -153,7 +153,9 @@ void WinINet::OpenSession() {
 
 void WinINet::Cancel() { transfer_.reset(); }
 
-void WinINet::CheckPort16() const { (void)RemotePort(); }
+void WinINet::CheckPort16() const {
+  if (!full_port_range_) (void)RemotePort();
+}
 
 void WinINet::RequireHost() const {
   if (remote_host_.empty()) throw Error(35755, "No remote computer is specified");

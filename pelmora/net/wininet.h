@@ -24,7 +24,9 @@
 #ifndef PELMORA_NET_WININET_H_
 #define PELMORA_NET_WININET_H_
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -147,6 +149,10 @@ class WinINet {
   // connection stays encrypted but the server is not authenticated. Default false.
   bool NoCertCheck() const { return no_cert_check_; }
   void SetNoCertCheck(bool value) { no_cert_check_ = value; }
+  // C++ only: Execute and UploadFile accept any port up to 65535 instead of raising 6 above
+  // 32767; RemotePort still reads as the 16-bit property. Default false.
+  bool FullPortRange() const { return full_port_range_; }
+  void SetFullPortRange(bool value) { full_port_range_ = value; }
   // HTTP, HTTPS: neither send nor store cookies.
   bool NoCookies() const { return no_cookies_; }
   void SetNoCookies(bool value) { no_cookies_ = value; }
@@ -212,6 +218,13 @@ class WinINet {
   // transfer.
   Variant GetChunk(int32_t Size, int32_t DataType = icString);
 
+  // C++ only: hands the rest of the response to `sink` piece by piece as it arrives, straight
+  // from the receive buffer (no copy and no allocation of its own), until the response ends
+  // (returns true) or `sink` returns false (the request is cancelled; returns false). Raises
+  // WinInet numbers as GetChunk does; Receiving is not raised.
+  using PieceSink = std::function<bool(const uint8_t* data, size_t size)>;
+  bool ReadResponseTo(const PieceSink& sink);
+
   // The first value of the response header `HdrName` ("" when absent), or with an empty name
   // all header lines (status line first, each ended by CR LF, then an empty line). "" without
   // an open request. Raises 12018 on an FTP or Gopher response.
@@ -246,6 +259,7 @@ class WinINet {
   bool ignore_cert_name_ = false;
   std::string ca_file_;
   bool no_cert_check_ = false;
+  bool full_port_range_ = false;
   bool no_cookies_ = false;
   bool no_cookies_dialog_ = true;
 };

@@ -267,6 +267,18 @@ Variant WinINet::GetChunk(int32_t Size, int32_t DataType) {
   return ResultOf(std::move(data), DataType);
 }
 
+bool WinINet::ReadResponseTo(const PieceSink& sink) {
+  if (!transfer_) return true;
+  bool stopped = false;
+  int32_t error = transfer_->Stream(sink, stopped);
+  if (stopped) {
+    Cancel();
+    return false;
+  }
+  if (error != 0) net_internal::RaiseWithText(error);
+  return true;
+}
+
 std::string WinINet::GetHeader(const std::string& HdrName) {
   if (!transfer_) return {};
   if (!transfer_->IsHttp()) net_internal::RaiseWithText(net_internal::kIncorrectHandleType);

@@ -142,6 +142,45 @@ TEST_F(WinINetWeb, GetChunkWalksTheResponseInCallerSizedPieces) {
   EXPECT_EQ(Bytes(inet.GetChunk(1, icByteArray)), "");
 }
 
+TEST_F(WinINetWeb, ReadResponseToHandsOverTheRestInOrderAndStopsWhenRefused) {
+  WinINet inet;
+  inet.Execute(web_->HttpUrl("/big.bin"), "GET");
+  std::string all = Bytes(inet.GetChunk(1000, icByteArray));  // some may already be staged
+  int pieces = 0;
+  EXPECT_TRUE(inet.ReadResponseTo([&](const uint8_t* data, size_t size) {
+    all.append(reinterpret_cast<const char*>(data), size);
+    ++pieces;
+    return true;
+  }));
+  EXPECT_EQ(all, Pattern(1234567));
+  EXPECT_GT(pieces, 0);
+  EXPECT_TRUE(inet.ReadResponseTo([](const uint8_t*, size_t) { return false; })) << "ended";
+
+  inet.Execute(web_->HttpUrl("/chunked/big.bin"), "GET");
+  size_t taken = 0;
+  EXPECT_FALSE(inet.ReadResponseTo([&](const uint8_t*, size_t size) {
+    taken += size;
+    return false;
+  }));
+  EXPECT_GT(taken, 0u);
+  EXPECT_TRUE(inet.GetChunk(10).IsEmpty()) << "a refused piece closes the request";
+  EXPECT_TRUE(inet.ReadResponseTo([](const uint8_t*, size_t) { return false; }));
+}
+
+TEST_F(WinINetWeb, FullPortRangeLetsRequestsWithAVerbUsePortsAbove32767) {
+  WebServer high(WebServer::HttpPortRange::kAbove32767);
+  std::string url = high.HttpUrl("/small.txt");
+  WinINet inet;
+  EXPECT_EQ(RaisedError([&] { inet.Execute(url, "GET"); }).Number(), 6);
+  inet.SetFullPortRange(true);
+  inet.Execute(url, "GET");
+  EXPECT_EQ(Bytes(inet.GetResponse(icByteArray)), "small file\n");
+  EXPECT_EQ(RaisedError([&] { (void)inet.RemotePort(); }).Number(), 6) << "still 16-bit";
+  std::string file = high.WriteDocument("up.txt", "uploaded");
+  inet.UploadFile(file, 0, 0, high.HttpUrl("/post"));
+  EXPECT_EQ(Bytes(inet.GetResponse(icByteArray)), "posted");
+}
+
 TEST_F(WinINetWeb, HeadReturnsHeadersWithoutBody) {
   WinINet inet;
   inet.Execute(web_->HttpUrl("/big.bin"), "head");

@@ -117,6 +117,8 @@ std::string ServerBlock(uint16_t port, const std::string& folder, const char* ce
       << "    location = /dup { add_header X-Dup first; add_header X-Dup second; "
          "return 200 \"dup\"; }\n"
       << "    location = /post { return 200 \"posted\"; }\n"
+      << "    location = /echo-request { return 200 \"method=$request_method;"
+         "x-test=$http_x_test;length=$content_length;\"; }\n"
       << "    location /chunked/ { alias " << folder << "/www/; sub_filter_types *; "
       << "sub_filter '\\x01never' ''; }\n  }\n";
   return out.str();
@@ -143,6 +145,25 @@ int ListenOnFreeLoopbackPort(uint16_t& port) {
     if (fd >= 0) ::close(fd);
   }
   Fail(std::string("no free port below 32768: ") + std::strerror(errno));
+}
+
+int ListenOnHighLoopbackPort(uint16_t& port) {
+  for (int attempt = 0; attempt < 500; ++attempt) {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);  // inheritable on purpose
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    bool bound = fd >= 0 &&
+                 ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
+                 ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
+    if (bound && ntohs(address.sin_port) > 32767 && ::listen(fd, 128) == 0) {
+      port = ntohs(address.sin_port);
+      return fd;
+    }
+    if (fd >= 0) ::close(fd);
+  }
+  Fail(std::string("no free port above 32767: ") + std::strerror(errno));
 }
 
 std::string MakeScratchFolder(std::string_view purpose) {
@@ -183,12 +204,13 @@ void StopProcess(pid_t pid) {
   }
 }
 
-WebServer::WebServer() : folder_(MakeScratchFolder("web")) {
+WebServer::WebServer(HttpPortRange range) : folder_(MakeScratchFolder("web")) {
   std::filesystem::create_directories(DocumentRoot());
   std::filesystem::create_directories(folder_ + "/temp");
   MakeCertificates();
   int fds[1 + kCertCount];
-  fds[0] = ListenOnFreeLoopbackPort(http_port_);
+  fds[0] = range == HttpPortRange::kAbove32767 ? ListenOnHighLoopbackPort(http_port_)
+                                               : ListenOnFreeLoopbackPort(http_port_);
   for (int i = 0; i < kCertCount; ++i) fds[1 + i] = ListenOnFreeLoopbackPort(tls_ports_[i]);
   WriteConfig();
   WriteDocument("small.txt", "small file\n");

@@ -15,7 +15,8 @@
 // Fixed locations: /echo-headers (the request's agent, accept, connection and cookie headers),
 // /set-cookie (sets "session=abc123"), /redirect (302 to /small.txt), /redirect-loop, /dup (two
 // X-Dup headers), /chunked/<file> (the file with chunked transfer coding), /post (200 "posted"
-// for any verb), and WebDAV PUT anywhere else. Throws std::runtime_error when nginx cannot start.
+// for any verb), /echo-request (the request's verb, X-Test header and Content-Length), and WebDAV
+// PUT anywhere else. Throws std::runtime_error when nginx cannot start.
 #ifndef PELMORA_TESTING_WEB_SERVER_H_
 #define PELMORA_TESTING_WEB_SERVER_H_
 
@@ -31,8 +32,10 @@ class WebServer {
  public:
   enum class Cert { kValid, kExpired, kNotYetValid, kWrongHost, kSelfSigned };
   static constexpr int kCertCount = 5;
+  // Where the plain HTTP port lies: below 32768 (the object's 16-bit port takes it) or above.
+  enum class HttpPortRange { kBelow32768, kAbove32767 };
 
-  WebServer();
+  explicit WebServer(HttpPortRange range = HttpPortRange::kBelow32768);
   ~WebServer();
   WebServer(const WebServer&) = delete;
   WebServer& operator=(const WebServer&) = delete;
@@ -65,6 +68,8 @@ class WebServer {
 // A listening TCP socket on 127.0.0.1 at a free port below 32768, inheritable by a child process.
 // Returns the descriptor and stores the port; throws std::runtime_error on failure.
 int ListenOnFreeLoopbackPort(uint16_t& port);
+// The same at a free port above 32767.
+int ListenOnHighLoopbackPort(uint16_t& port);
 
 // Writes a test authority (ca.pem) and its server certificates into `folder`, each with its key
 // in one PEM file: valid.pem, expired.pem, future.pem, wrong-host.pem (issued to other.example)

@@ -1,16 +1,17 @@
 // `pelmora http`: HTTP and HTTPS requests through the WinINet object.
 //
-//   pelmora http get URL [-o FILE] [-H "Name: value"]...
+//   pelmora http get URL [-o FILE] [-H "Name: value"]... [-X VERB] [-d DATA | -d @FILE]
 //   pelmora http head URL [-o FILE] [-H ...]              the response headers
-//   pelmora http post|put URL [-d DATA | -d @FILE] [-o FILE] [-H ...]
+//   pelmora http post|put URL [-d DATA | -d @FILE] [-o FILE] [-H ...] [-X VERB]
 //
 // The response body goes to standard output unless -o names a file; a progress bar (size, rate,
 // time left) runs on a terminal's standard error unless the body goes there. -d @FILE sends the
-// file's bytes, -d TEXT the text (ANSI code page).
+// file's bytes, -d TEXT the text (ANSI code page); -X sends another verb (DELETE, OPTIONS, ...)
+// in the subcommand's place, with the body when -d gives one.
 // -i writes the status line and headers first; --fail turns a status of 400 or more into a
-// failure; --max-time bounds each wait for data and the whole transfer. Any port 1-65535 works:
-// a GET on a port above 32767 (which the object's 16-bit port refuses for requests with a verb)
-// is read whole through OpenURL, then written. --cacert FILE trusts that PEM file's
+// failure; --max-time bounds each wait for data and the whole transfer. Any port 1-65535 works
+// for every verb (the object's 16-bit port property does not limit the tool). The body is
+// written as it arrives, straight from the receive buffer. --cacert FILE trusts that PEM file's
 // certificates instead of the system's store; -k accepts any certificate, as curl's.
 // Exit status: 0 when a response arrived (with --fail: below 400), 1 when the request fails
 // (the WinInet number and its text are printed on standard error), 2 for usage and file errors.
@@ -19,6 +20,7 @@
 #include <cstdint>
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <chrono>
@@ -43,8 +45,14 @@ using pelmora::Variant;
 using pelmora::WinINet;
 using Clock = std::chrono::steady_clock;
 
+std::string UpperCase(std::string text) {
+  for (char& c : text) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return text;
+}
+
 struct HttpOptions {
   std::string verb;
+  std::string method;  // -X: sent instead of the subcommand's verb
   std::string url;
   std::string output = "-";
   std::vector<std::string> headers;
@@ -56,37 +64,46 @@ struct HttpOptions {
   bool insecure = false;  // HTTPS: no certificate check at all
 };
 
-constexpr int32_t kOverflow = 6;  // the object's port above 32767
 constexpr int32_t kTimeout = 12002;
 
-constexpr int32_t kPiece = 256 * 1024;
+// Writes all of `size` bytes to `fd`; false when the system refuses.
+bool WriteAll(int fd, const uint8_t* data, size_t size) {
+  while (size > 0) {
+    ssize_t written = ::write(fd, data, size);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return false;
+    data += written;
+    size -= static_cast<size_t>(written);
+  }
+  return true;
+}
 
-// Copies the response to `out` piece by piece, with admin's progress bar (size, rate, time
+// Writes the response body to `out` as it arrives, with admin's progress bar (size, rate, time
 // left) on standard error when it is a terminal and the body does not go to that terminal too;
-// returns false when writing fails. Throws CommandError when `deadline` passes first.
+// returns false when writing fails. Raises 12002 when `deadline` passes first. Each piece goes
+// to the file in one system call (the stream's buffer would cut it into blocks of its size).
 bool CopyBody(WinINet& inet, std::FILE* out, std::optional<Clock::time_point> deadline) {
   bool to_terminal = out == stdout && ::isatty(STDOUT_FILENO) == 1;
   Console console(!to_terminal && Console::StatusWanted(false));
   uint64_t total = std::strtoull(inet.GetHeader("Content-Length").c_str(), nullptr, 10);
   TransferProgress progress(console, total);
+  if (std::fflush(out) != 0) return false;
+  int fd = ::fileno(out);
   uint64_t done = 0;
-  while (true) {
-    std::vector<uint8_t> piece = inet.GetChunk(kPiece, pelmora::icByteArray).ToBytes();
-    if (piece.empty()) break;
-    if (std::fwrite(piece.data(), 1, piece.size(), out) != piece.size()) return false;
-    done += piece.size();
+  bool late = false;
+  bool ended = inet.ReadResponseTo([&](const uint8_t* data, size_t size) {
+    if (!WriteAll(fd, data, size)) return false;
+    done += size;
     progress.Update(done);
-    if (deadline && Clock::now() > *deadline) {
-      inet.Cancel();
-      throw pelmora::Error(kTimeout, pelmora::DescribeError(kTimeout));
-    }
-  }
-  return true;
+    late = deadline && Clock::now() > *deadline;
+    return !late;
+  });
+  if (late) throw pelmora::Error(kTimeout, pelmora::DescribeError(kTimeout));
+  return ended;
 }
 
-// Sends the request and waits for the response headers. A GET on a port the object's 16-bit
-// port property refuses (above 32767) is read whole through OpenURL, into `whole`.
-void StartRequest(WinINet& inet, const HttpOptions& o, std::optional<Bytes>& whole) {
+// Sends the request and waits for the response headers.
+void StartRequest(WinINet& inet, const HttpOptions& o) {
   std::string headers;
   for (const std::string& line : o.headers) headers += (headers.empty() ? "" : "\r\n") + line;
   Variant body;
@@ -95,30 +112,23 @@ void StartRequest(WinINet& inet, const HttpOptions& o, std::optional<Bytes>& who
   } else if (!o.data.empty()) {
     body = Variant(o.data);
   }
-  try {
-    inet.Execute(o.url, o.verb, body, headers);
-  } catch (const pelmora::Error& e) {
-    if (e.Number() != kOverflow || o.verb != "GET" || !headers.empty()) throw;
-    whole = inet.OpenURL(o.url, pelmora::icByteArray).ToBytes();
-  }
+  inet.SetFullPortRange(true);
+  inet.Execute(o.url, o.verb, body, headers);
 }
 
 // Writes what the options ask for of the response (headers, body) to `out`.
-void WriteResponse(WinINet& inet, const HttpOptions& o, const std::string& head,
-                   const std::optional<Bytes>& whole, std::FILE* out,
+void WriteResponse(WinINet& inet, const HttpOptions& o, const std::string& head, std::FILE* out,
                    std::optional<Clock::time_point> deadline) {
   bool written = true;
   if (o.verb == "HEAD" || o.include) {
     written = std::fwrite(head.data(), 1, head.size(), out) == head.size();
   }
-  if (written && o.verb != "HEAD") {
-    written = whole ? std::fwrite(whole->data(), 1, whole->size(), out) == whole->size()
-                    : CopyBody(inet, out, deadline);
-  }
+  if (written && o.verb != "HEAD") written = CopyBody(inet, out, deadline);
   if (!written) throw CommandError("cannot write " + o.output);
 }
 
-int Run(const HttpOptions& o) {
+int Run(HttpOptions o) {
+  if (!o.method.empty()) o.verb = UpperCase(o.method);
   try {
     WinINet inet;
     if (!o.ca_file.empty()) {
@@ -131,8 +141,7 @@ int Run(const HttpOptions& o) {
       inet.SetReceiveTimeout(static_cast<int32_t>(o.max_time * 1000));
       deadline = Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(o.max_time * 1000));
     }
-    std::optional<Bytes> whole;
-    StartRequest(inet, o, whole);
+    StartRequest(inet, o);
     std::string head = inet.GetHeader();
     std::string status = head.substr(0, head.find("\r\n"));
     int code = status.size() > 12 ? std::atoi(status.c_str() + status.find(' ') + 1) : 0;
@@ -145,7 +154,7 @@ int Run(const HttpOptions& o) {
     if (out == nullptr) throw CommandError("cannot write " + o.output);
     std::unique_ptr<std::FILE, int (*)(std::FILE*)> closer(out == stdout ? nullptr : out,
                                                            &std::fclose);
-    WriteResponse(inet, o, head, whole, out, deadline);
+    WriteResponse(inet, o, head, out, deadline);
     return std::fflush(out) == 0 ? 0 : 2;
   } catch (const pelmora::Error& e) {
     std::fprintf(stderr, "pelmora: http: error %d: %s\n", e.Number(), e.Description().c_str());
@@ -159,8 +168,7 @@ int Run(const HttpOptions& o) {
 void AddVerb(CLI::App& http, CommandAction& action, const std::string& name,
              const std::string& help) {
   auto o = std::make_shared<HttpOptions>();
-  o->verb = name;
-  for (char& c : o->verb) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  o->verb = UpperCase(name);
   CLI::App* sub = http.add_subcommand(name, help);
   sub->add_option("URL", o->url, "http:// or https:// address")->required();
   sub->add_option("-o,--output", o->output, "write the response here instead of standard output");
@@ -174,8 +182,10 @@ void AddVerb(CLI::App& http, CommandAction& action, const std::string& name,
                   "HTTPS: trust the certificates in this PEM file instead of the system's");
   sub->add_flag("-k,--insecure", o->insecure,
                 "HTTPS: accept any certificate (the server is not authenticated)");
-  if (name == "post" || name == "put") {
+  if (name != "head") {
     sub->add_option("-d,--data", o->data, "the request body: TEXT, or @FILE for a file's bytes");
+    sub->add_option("-X,--request", o->method,
+                    "send this verb (DELETE, OPTIONS, ...) instead of the command's");
   }
   sub->callback([&action, o] { action = [o] { return Run(*o); }; });
 }

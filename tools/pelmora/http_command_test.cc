@@ -46,6 +46,46 @@ TEST(HttpCommand, GetHeadAndPutGoThroughTheWebServer) {
                      out}),
             0);
   EXPECT_EQ(Slurp(out), "posted");
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(RunTool({"http", "get", web.HttpUrl("/small.txt"), "-o", "/dev/full"}), 2);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "pelmora: http: cannot write /dev/full\n");
+}
+
+// Every verb (the subcommands and -X), a -d body and -H headers reach nginx on a port above 32767,
+// which the object's 16-bit port property cannot hold.
+TEST(HttpCommand, EveryVerbWithBodyAndHeadersWorksOnAPortAbove32767) {
+  using Range = pelmora::testing::WebServer::HttpPortRange;
+  pelmora::testing::WebServer web(Range::kAbove32767);
+  ASSERT_GT(web.HttpPort(), 32767);
+  std::string out = web.DocumentRoot() + "/../out.txt";
+  std::string echo = web.HttpUrl("/echo-request");
+  struct Case {
+    std::vector<std::string> args;
+    std::string body;  // what -o receives
+  };
+  const Case cases[] = {
+      {{"get", echo, "-H", "X-Test: one"}, "method=GET;x-test=one;length=;"},
+      {{"get", echo, "-X", "delete", "-H", "X-Test: two"}, "method=DELETE;x-test=two;length=;"},
+      {{"get", echo, "-X", "OPTIONS", "-d", "abc"}, "method=OPTIONS;x-test=;length=3;"},
+      {{"post", echo, "-d", "a=1", "-H", "X-Test: three"}, "method=POST;x-test=three;length=3;"},
+      {{"put", echo, "-X", "PATCH", "-d", "12345"}, "method=PATCH;x-test=;length=5;"},
+      {{"get", web.HttpUrl("/small.txt"), "-H", "X-Test: 4"}, "small file\n"},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> args = {"http"};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    args.insert(args.end(), {"-o", out});
+    EXPECT_EQ(RunTool(args), 0) << c.args[0] << " " << c.body;
+    EXPECT_EQ(Slurp(out), c.body);
+  }
+  std::string source = web.WriteDocument("source.txt", "put body");
+  EXPECT_EQ(RunTool({"http", "put", web.HttpUrl("/copy.txt"), "-d", "@" + source, "-H",
+                     "X-Test: 5", "-o", out}),
+            0);
+  EXPECT_EQ(Slurp(web.DocumentRoot() + "/copy.txt"), "put body");
+  EXPECT_EQ(RunTool({"http", "head", web.HttpUrl("/small.txt"), "-H", "X-Test: 6", "-o", out}),
+            0);
+  EXPECT_EQ(Slurp(out).rfind("HTTP/1.1 200 OK\r\n", 0), 0u);
 }
 
 // A one-response HTTP server on a loopback port from the ephemeral range (above 32767).

@@ -124,12 +124,17 @@ bool Inflate(zip_file_t* file, const EntryInfo& entry, std::optional<PkwareDecry
   bool ok = PumpRaw(file, entry, key, out, [&](std::span<uint8_t> chunk) {
     stream.next_in = chunk.data();
     stream.avail_in = static_cast<uInt>(chunk.size());
-    while (!ended && stream.avail_in > 0) {
+    // Until this input is used up and nothing is held back: a full output buffer may leave
+    // output pending after the last input byte (data compressible a thousandfold does).
+    bool full = false;
+    while (!ended && (stream.avail_in > 0 || full)) {
       stream.next_out = produced.data();
       stream.avail_out = static_cast<uInt>(produced.size());
       int rc = inflate(&stream, Z_NO_FLUSH);
+      if (rc == Z_BUF_ERROR && stream.avail_in == 0) break;  // nothing held back: more input
       if (rc != Z_OK && rc != Z_STREAM_END) return out.Fail(DecodeStatus::kBadData);
       ended = rc == Z_STREAM_END;
+      full = stream.avail_out == 0;
       if (!out.Emit({produced.data(), produced.size() - stream.avail_out})) return false;
     }
     return true;

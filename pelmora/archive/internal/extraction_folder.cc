@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <random>
 #include <utility>
 
@@ -37,6 +38,23 @@ PathStatus OpenChild(int folder, const std::string& name, bool create, UniqueFd&
   return PathStatus::kSystemError;
 }
 
+// The process's file creation mask, read without changing it where the system tells it.
+uint32_t CurrentUmask() {
+  if (std::FILE* status = std::fopen("/proc/self/status", "re")) {
+    char line[256];
+    unsigned mask = 0;
+    bool found = false;
+    while (!found && std::fgets(line, sizeof line, status) != nullptr) {
+      found = std::sscanf(line, "Umask: %o", &mask) == 1;
+    }
+    std::fclose(status);
+    if (found) return mask & 0777;
+  }
+  mode_t mask = umask(0);
+  umask(mask);
+  return mask & 0777;
+}
+
 std::string TempName(const std::string& leaf) {
   static thread_local std::mt19937_64 random{std::random_device{}()};
   return "." + leaf.substr(0, 200) + ".pz" + std::to_string(random() % 1000000000);
@@ -58,11 +76,13 @@ UniqueFd::~UniqueFd() {
 
 int UniqueFd::Release() { return std::exchange(fd_, -1); }
 
-PendingFile::PendingFile(UniqueFd folder, std::string leaf, std::string temp_name, UniqueFd file)
+PendingFile::PendingFile(UniqueFd folder, std::string leaf, std::string temp_name, UniqueFd file,
+                         uint32_t created_mode)
     : folder_(std::move(folder)),
       leaf_(std::move(leaf)),
       temp_name_(std::move(temp_name)),
-      file_(std::move(file)) {}
+      file_(std::move(file)),
+      created_mode_(created_mode) {}
 
 PendingFile::~PendingFile() {
   if (!committed_ && folder_.Valid()) unlinkat(folder_.Get(), temp_name_.c_str(), 0);
@@ -79,7 +99,7 @@ bool PendingFile::Write(std::span<const uint8_t> data) {
 }
 
 bool PendingFile::Commit(uint32_t mode, int64_t mtime) {
-  if (fchmod(file_.Get(), mode & 07777) != 0) return false;
+  if ((mode & 07777) != created_mode_ && fchmod(file_.Get(), mode & 07777) != 0) return false;
   struct timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(mtime), 0}};
   if (futimens(file_.Get(), times) != 0) return false;
   if (close(file_.Release()) != 0) return false;
@@ -93,7 +113,7 @@ bool PendingFile::Commit(uint32_t mode, int64_t mtime) {
 std::optional<ExtractionFolder> ExtractionFolder::Open(const std::string& path) {
   std::string base = path.empty() ? "." : path;
   UniqueFd root(open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (root.Valid()) return ExtractionFolder(std::move(root));
+  if (root.Valid()) return ExtractionFolder(std::move(root), CurrentUmask());
   // Create the missing folders one by one, like mkdir -p.
   for (size_t at = base.find('/', 1); at != std::string::npos; at = base.find('/', at + 1)) {
     mkdir(base.substr(0, at).c_str(), 0777);
@@ -101,7 +121,7 @@ std::optional<ExtractionFolder> ExtractionFolder::Open(const std::string& path) 
   mkdir(base.c_str(), 0777);
   root = UniqueFd(open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!root.Valid()) return std::nullopt;
-  return ExtractionFolder(std::move(root));
+  return ExtractionFolder(std::move(root), CurrentUmask());
 }
 
 PathStatus ExtractionFolder::WalkToParent(std::string_view parent, bool create,
@@ -121,21 +141,28 @@ PathStatus ExtractionFolder::WalkToParent(std::string_view parent, bool create,
   return PathStatus::kOk;
 }
 
-PathStatus ExtractionFolder::OpenParent(std::string_view path, bool create,
-                                        OpenedParent& out) const {
+int ExtractionFolder::CachedParent(std::string_view path, bool create, std::string& leaf,
+                                   PathStatus& status) const {
   size_t slash = path.rfind('/');
   std::string_view parent = slash == std::string_view::npos ? "" : path.substr(0, slash);
-  out.leaf = std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
-  if (cache_valid_ && parent == cached_parent_) {
-    out.folder = UniqueFd(dup(cached_folder_.Get()));
-    return out.folder.Valid() ? PathStatus::kOk : PathStatus::kSystemError;
-  }
-  PathStatus status = WalkToParent(parent, create, out.folder);
-  if (status != PathStatus::kOk) return status;
-  cached_folder_ = UniqueFd(dup(out.folder.Get()));
+  leaf = std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
+  status = PathStatus::kOk;
+  if (cache_valid_ && parent == cached_parent_) return cached_folder_.Get();
+  cache_valid_ = false;
+  status = WalkToParent(parent, create, cached_folder_);
+  if (status != PathStatus::kOk) return -1;
   cached_parent_ = std::string(parent);
-  cache_valid_ = cached_folder_.Valid();
-  return PathStatus::kOk;
+  cache_valid_ = true;
+  return cached_folder_.Get();
+}
+
+PathStatus ExtractionFolder::OpenParent(std::string_view path, bool create,
+                                        OpenedParent& out) const {
+  PathStatus status = PathStatus::kOk;
+  int folder = CachedParent(path, create, out.leaf, status);
+  if (folder < 0) return status;
+  out.folder = UniqueFd(dup(folder));
+  return out.folder.Valid() ? PathStatus::kOk : PathStatus::kSystemError;
 }
 
 PathStatus ExtractionFolder::MakeFolder(std::string_view path) const {
@@ -147,28 +174,34 @@ PathStatus ExtractionFolder::MakeFolder(std::string_view path) const {
 }
 
 std::optional<struct stat> ExtractionFolder::Stat(std::string_view path) const {
-  OpenedParent parent;
-  if (OpenParent(path, false, parent) != PathStatus::kOk) return std::nullopt;
+  std::string leaf;
+  PathStatus status = PathStatus::kOk;
+  int folder = CachedParent(path, false, leaf, status);
+  if (folder < 0) return std::nullopt;
   struct stat st {};
-  if (fstatat(parent.folder.Get(), parent.leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+  if (fstatat(folder, leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
     return std::nullopt;
   }
   return st;
 }
 
-std::optional<PendingFile> ExtractionFolder::StartFile(std::string_view path,
+std::optional<PendingFile> ExtractionFolder::StartFile(std::string_view path, uint32_t mode,
                                                        PathStatus& status) const {
   OpenedParent parent;
   status = OpenParent(path, true, parent);
   if (status != PathStatus::kOk) return std::nullopt;
+  // Created with its final permissions where the mask keeps them all, which spares a change
+  // of mode at the end; otherwise private until Commit sets them.
+  mode &= 0777;
+  uint32_t created = (mode & umask_) == 0 ? mode : 0600;
   // A name not taken yet is written in place: created exclusively (so nothing that appears there
   // meanwhile, a link included, is followed or replaced) and removed again unless committed.
   int direct = openat(parent.folder.Get(), parent.leaf.c_str(),
-                      O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+                      O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, created);
   if (direct >= 0) {
     std::string name = parent.leaf;
     return PendingFile(std::move(parent.folder), std::move(parent.leaf), std::move(name),
-                       UniqueFd(direct));
+                       UniqueFd(direct), created);
   }
   if (errno != EEXIST) {
     status = PathStatus::kSystemError;
@@ -177,10 +210,10 @@ std::optional<PendingFile> ExtractionFolder::StartFile(std::string_view path,
   for (int attempt = 0; attempt < 16; ++attempt) {
     std::string temp = TempName(parent.leaf);
     int fd = openat(parent.folder.Get(), temp.c_str(),
-                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, created);
     if (fd >= 0) {
       return PendingFile(std::move(parent.folder), std::move(parent.leaf), std::move(temp),
-                         UniqueFd(fd));
+                         UniqueFd(fd), created);
     }
     if (errno != EEXIST) break;
   }

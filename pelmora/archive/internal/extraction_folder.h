@@ -46,14 +46,16 @@ struct OpenedParent {
 // A file being written in its final folder, under its own name or a temporary one.
 class PendingFile {
  public:
-  PendingFile(UniqueFd folder, std::string leaf, std::string temp_name, UniqueFd file);
+  // `created_mode`: the permission bits the file was created with (0 when unknown).
+  PendingFile(UniqueFd folder, std::string leaf, std::string temp_name, UniqueFd file,
+              uint32_t created_mode = 0);
   PendingFile(PendingFile&&) noexcept = default;
   ~PendingFile();  // removes the file written unless committed
 
   // Appends `data`; false (errno set) on a write failure.
   bool Write(std::span<const uint8_t> data);
-  // Sets `mode` and the modification time, then renames a temporary file over the final name.
-  // False on failure.
+  // Sets `mode` (unless the file was created with it) and the modification time, then renames a
+  // temporary file over the final name. False on failure.
   bool Commit(uint32_t mode, int64_t mtime);
 
  private:
@@ -61,6 +63,7 @@ class PendingFile {
   std::string leaf_;
   std::string temp_name_;
   UniqueFd file_;
+  uint32_t created_mode_ = 0;
   bool committed_ = false;
 };
 
@@ -76,18 +79,26 @@ class ExtractionFolder {
   PathStatus MakeFolder(std::string_view path) const;
   // lstat of `path`; nullopt when it does not exist or cannot be reached.
   std::optional<struct stat> Stat(std::string_view path) const;
-  // Starts writing file `path`; nullopt (errno set) on failure.
-  std::optional<PendingFile> StartFile(std::string_view path, PathStatus& status) const;
+  // Starts writing file `path`, created with permission bits `mode` where the file creation mask
+  // lets them through whole (else 0600, and Commit sets them); nullopt (errno set) on failure.
+  std::optional<PendingFile> StartFile(std::string_view path, uint32_t mode,
+                                       PathStatus& status) const;
   // Creates symbolic link `path` -> `target`, replacing an existing non-folder.
   bool MakeLink(std::string_view path, const std::string& target, PathStatus& status) const;
   // Sets the modification time of `path` without following links.
   void SetTime(std::string_view path, int64_t mtime) const;
 
  private:
-  explicit ExtractionFolder(UniqueFd root) : root_(std::move(root)) {}
+  explicit ExtractionFolder(UniqueFd root, uint32_t umask)
+      : root_(std::move(root)), umask_(umask) {}
   PathStatus WalkToParent(std::string_view parent, bool create, UniqueFd& out) const;
+  // The parent folder of `path`, borrowed from the cache (valid until the next call), and the
+  // last component into `leaf`; -1 when it cannot be reached.
+  int CachedParent(std::string_view path, bool create, std::string& leaf,
+                   PathStatus& status) const;
 
   UniqueFd root_;
+  uint32_t umask_;  // the process's file creation mask when the folder was opened
   // The last parent folder reached, so that the files of one folder need one walk. Links are
   // only created by MakeLink, which forgets it.
   mutable bool cache_valid_ = false;

@@ -11,6 +11,11 @@ namespace {
 
 constexpr size_t kMaxLinkTarget = 4096;
 constexpr int kMaxRenames = 8;
+// Files up to this size are decoded into memory and finished on the write-behind workers, with at
+// most kHeldBytes of decoded data and kHeldFiles files waiting at once.
+constexpr uint64_t kWriteBehindLimit = uint64_t{8} << 20;
+constexpr uint64_t kHeldBytes = uint64_t{64} << 20;
+constexpr size_t kHeldFiles = 256;
 
 // Turns lone line feeds into CR LF for text entries, across chunk boundaries.
 class TextConverter {
@@ -73,6 +78,7 @@ bool UnzipRun::ReportPath(PathStatus status, const std::string& path) {
 std::optional<std::string> UnzipRun::DecideOverwrite(const EntryInfo& entry, std::string path) {
   bool update = dcl_.extract_only_newer != 0 || dcl_.freshen != 0;
   for (int rename = 0; rename <= kMaxRenames; ++rename) {
+    DrainIfPending(path);  // an earlier entry of the same name is finished first
     auto existing = folder_->Stat(path);
     if (!existing) return dcl_.freshen != 0 ? std::nullopt : std::optional(path);
     if (update && existing->st_mtime >= entry.mtime) {
@@ -85,6 +91,7 @@ std::optional<std::string> UnzipRun::DecideOverwrite(const EntryInfo& entry, std
       return std::nullopt;
     }
     std::string name = Shown(path);
+    Drain();
     int answer = callbacks_.replace(name);
     if (answer == kReplaceNo) return std::nullopt;
     if (answer == kReplaceNone) mode_ = OverwriteMode::kNever;
@@ -113,6 +120,7 @@ void UnzipRun::ExtractEntry(const EntryInfo& entry, const std::string& password)
   if (safe.path.empty()) return;
   if (dcl_.to_stdout != 0) {
     if (safe.is_directory) return;
+    Drain();
     DecodeResult result = DecodeEntry(archive_, entry, password, budget_, [&](auto data) {
       callbacks_.print({reinterpret_cast<const char*>(data.data()), data.size()});
       return true;
@@ -121,6 +129,7 @@ void UnzipRun::ExtractEntry(const EntryInfo& entry, const std::string& password)
     return;
   }
   if (safe.is_directory) {
+    DrainIfPending(safe.path);
     if (!ReportPath(folder_->MakeFolder(safe.path), safe.path)) return;
     Print(fmt::format("   creating: {}/\n", Shown(safe.path)));
     folder_times_.emplace_back(safe.path, entry.mtime);
@@ -138,7 +147,7 @@ void UnzipRun::ExtractFile(const EntryInfo& entry, const std::string& password,
   auto path = DecideOverwrite(entry, wanted);
   if (!path) return;
   PathStatus status = PathStatus::kOk;
-  auto file = folder_->StartFile(*path, status);
+  auto file = folder_->StartFile(*path, FileMode(entry), status);
   if (!file) {
     ReportPath(status, *path);
     return;
@@ -150,6 +159,18 @@ void UnzipRun::ExtractFile(const EntryInfo& entry, const std::string& password,
                                    PadName(Shown(*path)), tag);
   Print(prefix);
   TextConverter converter(text);
+  if (entry.size <= kWriteBehindLimit) {
+    std::vector<uint8_t> data;
+    data.reserve(static_cast<size_t>(entry.size));
+    DecodeResult result = DecodeEntry(archive_, entry, password, budget_, [&](auto piece) {
+      std::span<const uint8_t> converted = converter.Convert(piece);
+      data.insert(data.end(), converted.begin(), converted.end());
+      return true;
+    });
+    if (!ReportDecode(entry, result, prefix)) return;
+    WriteBehindFile(std::move(*file), std::move(data), entry, prefix, *path);
+    return;
+  }
   DecodeResult result = DecodeEntry(archive_, entry, password, budget_, [&](auto data) {
     return file->Write(converter.Convert(data));
   });
@@ -161,8 +182,23 @@ void UnzipRun::ExtractFile(const EntryInfo& entry, const std::string& password,
   Print("\n");
 }
 
+void UnzipRun::WriteBehindFile(PendingFile file, std::vector<uint8_t> data,
+                               const EntryInfo& entry, const std::string& prefix,
+                               const std::string& path) {
+  if (!writer_) writer_.emplace(0);
+  uint64_t bytes = data.size();
+  auto job = writer_->Submit(std::move(file), std::move(data), FileMode(entry), entry.mtime);
+  held_.push_back({.job = std::move(job), .name = entry.name, .prefix = prefix, .path = path,
+                   .bytes = bytes});
+  pending_paths_.insert(path);
+  held_bytes_ += bytes;
+  ++held_files_;
+  DrainUntil(kHeldBytes, kHeldFiles);
+}
+
 void UnzipRun::ExtractLink(const EntryInfo& entry, const std::string& password,
                            const std::string& wanted) {
+  Drain();  // a link may replace or lead through what an earlier entry is writing
   std::string target;
   DecodeResult result = DecodeEntry(archive_, entry, password, budget_, [&](auto data) {
     target.append(reinterpret_cast<const char*>(data.data()), data.size());

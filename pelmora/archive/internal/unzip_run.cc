@@ -61,8 +61,46 @@ UnzipRun::UnzipRun(const DecompressionControl& dcl, const UnzipCallbacks& callba
   else if (dcl.prompt_to_overwrite == 0) mode_ = OverwriteMode::kNever;
 }
 
-void UnzipRun::Print(const std::string& text, int max_quiet) const {
-  if (dcl_.quiet <= max_quiet) callbacks_.print(text);
+void UnzipRun::Print(const std::string& text, int max_quiet) {
+  if (dcl_.quiet > max_quiet) return;
+  if (!draining_ && !held_.empty()) {
+    held_.push_back({.text = text});
+  } else {
+    callbacks_.print(text);
+  }
+}
+
+void UnzipRun::DrainUntil(uint64_t max_bytes, size_t max_files) {
+  draining_ = true;
+  while (!held_.empty() && (held_bytes_ > max_bytes || held_files_ > max_files)) {
+    Held held = std::move(held_.front());
+    held_.pop_front();
+    if (!held.job) {
+      callbacks_.print(held.text);
+      continue;
+    }
+    held_bytes_ -= held.bytes;
+    --held_files_;
+    bool ok = writer_->Wait(*held.job);
+    pending_paths_.erase(held.path);
+    if (ok) {
+      Print("\n");
+    } else {
+      EntryInfo entry;
+      entry.name = held.name;
+      ReportDecode(entry, DecodeResult{DecodeStatus::kSinkFailed, 0, 0}, held.prefix);
+    }
+  }
+  // Only messages left: they go out now, as nothing holds them back any more.
+  if (held_files_ == 0) {
+    for (const Held& held : held_) callbacks_.print(held.text);
+    held_.clear();
+  }
+  draining_ = false;
+}
+
+void UnzipRun::DrainIfPending(const std::string& path) {
+  if (pending_paths_.contains(path)) Drain();
 }
 
 void UnzipRun::Note(int code) { code_ = std::max(code_, code); }
@@ -85,6 +123,7 @@ bool UnzipRun::OpenFolder() {
 
 std::optional<std::string> UnzipRun::AskPassword(const EntryInfo& entry) {
   for (int attempt = 0; attempt < 3 && !cancel_all_ && callbacks_.password; ++attempt) {
+    Drain();
     std::string answer;
     int rc = callbacks_.password(
         answer, attempt == 0 ? "Enter password for: " : "Password incorrect--reenter: ",
@@ -129,11 +168,17 @@ bool UnzipRun::ProcessEntry(const EntryInfo& entry) {
     if (dcl_.test != 0) TestEntry(entry, *password);
     else ExtractEntry(entry, *password);
   }
-  if (over_budget_) return false;
-  if (callbacks_.service && callbacks_.service(entry.name, entry.size) != 0) {
-    stopped_ = true;
-    code_ = kUnzipCtrlC;
+  if (over_budget_) {
+    Drain();
     return false;
+  }
+  if (callbacks_.service) {
+    Drain();
+    if (callbacks_.service(entry.name, entry.size) != 0) {
+      stopped_ = true;
+      code_ = kUnzipCtrlC;
+      return false;
+    }
   }
   return true;
 }
@@ -181,6 +226,7 @@ void UnzipRun::TestEntry(const EntryInfo& entry, const std::string& password) {
 }
 
 void UnzipRun::Finish(bool all_files) {
+  Drain();
   for (auto it = folder_times_.rbegin(); it != folder_times_.rend(); ++it) {
     folder_->SetTime(it->first, it->second);
   }

@@ -6,13 +6,17 @@
 #include <zip.h>
 
 #include <cstdint>
+#include <deque>
+#include <memory>
 #include <optional>
 #include <string>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
 #include "pelmora/archive/internal/entry_decoder.h"
 #include "pelmora/archive/internal/extraction_folder.h"
+#include "pelmora/archive/internal/write_behind.h"
 #include "pelmora/archive/internal/zip_fields.h"
 #include "pelmora/archive/unzip_engine.h"
 
@@ -41,11 +45,25 @@ class UnzipRun {
   void Note(int code);
   // The return code so far.
   int Code() const;
+  // Waits for the files still being written and delivers the messages held behind them, in
+  // order. Called before anything else reaches the callbacks and before the run ends.
+  void Drain() { DrainUntil(0, 0); }
 
  private:
   enum class OverwriteMode { kQuery, kAlways, kNever };
 
-  void Print(const std::string& text, int max_quiet = 0) const;
+  // A message held back behind files still being written, or one such file with what its
+  // outcome's message needs.
+  struct Held {
+    std::string text;
+    std::shared_ptr<WriteJob> job;
+    std::string name;    // the entry's name, for a failure's message
+    std::string prefix;  // its extracting line
+    std::string path;
+    uint64_t bytes = 0;  // held in memory until written
+  };
+
+  void Print(const std::string& text, int max_quiet = 0);
   std::optional<std::string> ResolvePassword(const EntryInfo& entry);
   std::optional<std::string> AskPassword(const EntryInfo& entry);
   void TestEntry(const EntryInfo& entry, const std::string& password);
@@ -56,6 +74,10 @@ class UnzipRun {
   bool ReportPath(PathStatus status, const std::string& path);
   std::optional<std::string> DecideOverwrite(const EntryInfo& entry, std::string path);
   std::string Shown(const std::string& path) const;
+  void WriteBehindFile(PendingFile file, std::vector<uint8_t> data, const EntryInfo& entry,
+                       const std::string& prefix, const std::string& path);
+  void DrainUntil(uint64_t max_bytes, size_t max_files);
+  void DrainIfPending(const std::string& path);
 
   const DecompressionControl& dcl_;
   const UnzipCallbacks& callbacks_;
@@ -72,6 +94,13 @@ class UnzipRun {
   uint64_t bad_passwords_ = 0;
   uint64_t unsupported_ = 0;
   std::vector<std::pair<std::string, int64_t>> folder_times_;
+  // Files being finished on the workers and the messages that wait for them, in entry order.
+  std::optional<WriteBehind> writer_;
+  std::deque<Held> held_;
+  std::unordered_set<std::string> pending_paths_;
+  uint64_t held_bytes_ = 0;
+  size_t held_files_ = 0;
+  bool draining_ = false;
 };
 
 }  // namespace pelmora::archive::internal

@@ -217,6 +217,27 @@ int32_t CurlTransfer::Read(std::vector<uint8_t>& out, size_t size, size_t& got) 
   return finished_ && result_ != CURLE_OK ? FailureNumber() : 0;
 }
 
+int32_t CurlTransfer::Stream(const PieceSink& sink, bool& stopped) {
+  stopped = false;
+  if (staged_pos_ < staged_.size()) {
+    if (!sink(staged_.data() + staged_pos_, staged_.size() - staged_pos_)) {
+      stopped = true;
+      return 0;
+    }
+    staged_.clear();
+    staged_pos_ = 0;
+  }
+  if (pending_error_ != 0) return std::exchange(pending_error_, 0);
+  stream_ = &sink;
+  stream_stopped_ = false;
+  int32_t pumped = finished_ ? 0 : Pump([this] { return stream_stopped_; });
+  stream_ = nullptr;
+  stopped = stream_stopped_;
+  if (stopped) return 0;
+  if (pumped != 0) return pumped;
+  return finished_ && result_ != CURLE_OK ? FailureNumber() : 0;
+}
+
 void CurlTransfer::TakeStaged() {
   size_t count = std::min(sink_room_, staged_.size() - staged_pos_);
   Deliver(staged_.data() + staged_pos_, count);
@@ -283,6 +304,11 @@ size_t CurlTransfer::OnWrite(char* data, size_t size, size_t count, void* self_p
   self->body_started_ = true;
   self->headers_done_ = true;
   const auto* bytes = reinterpret_cast<const uint8_t*>(data);
+  if (self->stream_ != nullptr) {
+    if ((*self->stream_)(bytes, total)) return total;
+    self->stream_stopped_ = true;
+    return CURL_WRITEFUNC_PAUSE;  // held by libcurl until the transfer is dropped
+  }
   size_t used = std::min(total, self->sink_room_);
   self->Deliver(bytes, used);
   if (used == total) return total;

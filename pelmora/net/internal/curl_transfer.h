@@ -22,6 +22,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -78,6 +79,12 @@ class CurlTransfer {
   // arrived before the failure has been read). Reserve room in `out` first to avoid regrowth.
   int32_t Read(std::vector<uint8_t>& out, size_t size, size_t& got);
 
+  // Hands the rest of the response to `sink` as it arrives, straight from libcurl's buffer, until
+  // it ends or `sink` returns false (`stopped`; the transfer is left paused and must be dropped).
+  // Returns 0 or the WinInet number, as Read.
+  using PieceSink = std::function<bool(const uint8_t* data, size_t size)>;
+  int32_t Stream(const PieceSink& sink, bool& stopped);
+
   // The final response's header block (empty for FTP and Gopher).
   const ResponseHeaders& Headers() const { return headers_; }
 
@@ -122,6 +129,8 @@ class CurlTransfer {
   size_t staged_pos_ = 0;
   std::vector<uint8_t>* sink_ = nullptr;  // the waiting read's vector
   size_t sink_room_ = 0;                  // how much more it takes
+  const PieceSink* stream_ = nullptr;     // Stream's receiver, while it pumps
+  bool stream_stopped_ = false;           // the receiver refused a piece
   int64_t upload_sent_ = 0;
 };
 

@@ -1,0 +1,78 @@
+// The write-behind workers.
+#include "pelmora/archive/internal/write_behind.h"
+
+#include <algorithm>
+#include <system_error>
+
+namespace pelmora::archive::internal {
+
+WriteBehind::WriteBehind(unsigned threads) {
+  if (threads == 0) threads = std::clamp(std::thread::hardware_concurrency(), 2u, 8u);
+  for (unsigned i = 0; i < threads; ++i) {
+    try {
+      workers_.emplace_back([this] { Work(); });
+    } catch (const std::system_error&) {
+      break;  // fewer workers, or the caller's thread alone
+    }
+  }
+}
+
+WriteBehind::~WriteBehind() {
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = true;
+  }
+  queued_.notify_all();
+  for (std::thread& worker : workers_) worker.join();
+}
+
+void WriteBehind::Finish(WriteJob& job) {
+  job.ok = job.file.Write(job.data) && job.file.Commit(job.mode, job.mtime);
+  job.data = {};
+  PendingFile closed = std::move(job.file);  // closes the descriptors, removing a failed file
+}
+
+std::shared_ptr<WriteJob> WriteBehind::Submit(PendingFile file, std::vector<uint8_t> data,
+                                              uint32_t mode, int64_t mtime) {
+  auto job = std::make_shared<WriteJob>(std::move(file), std::move(data), mode, mtime);
+  if (workers_.empty()) {
+    Finish(*job);
+    job->done = true;
+    return job;
+  }
+  bool wake = false;
+  {
+    std::lock_guard lock(mutex_);
+    jobs_.push_back(job);
+    wake = idle_ > 0;
+  }
+  if (wake) queued_.notify_one();
+  return job;
+}
+
+bool WriteBehind::Wait(WriteJob& job) {
+  std::unique_lock lock(mutex_);
+  waiting_ = true;
+  finished_.wait(lock, [&] { return job.done; });
+  waiting_ = false;
+  return job.ok;
+}
+
+void WriteBehind::Work() {
+  std::unique_lock lock(mutex_);
+  while (true) {
+    ++idle_;
+    queued_.wait(lock, [&] { return stopping_ || !jobs_.empty(); });
+    --idle_;
+    if (jobs_.empty()) return;  // stopping with nothing left
+    std::shared_ptr<WriteJob> job = std::move(jobs_.front());
+    jobs_.pop_front();
+    lock.unlock();
+    Finish(*job);
+    lock.lock();
+    job->done = true;
+    if (waiting_) finished_.notify_all();
+  }
+}
+
+}  // namespace pelmora::archive::internal
