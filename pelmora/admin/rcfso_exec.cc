@@ -1,7 +1,8 @@
 // RCFSO's extended command exchange: the hello request that learns whether the service speaks
 // it, and RunCommand, which drives the stream phase over the session's socket with poll: the
 // caller's standard input goes out within the service's window, standard output and standard
-// error come back within the window this side grants, until the exit frame.
+// error come back within the window this side grants, until the exit frame. Over TLS the
+// frames pass through the session's TLS layer, as every other request's bytes do.
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 
 #include "pelmora/admin/exec_wire.h"
 #include "pelmora/admin/rcfso.h"
+#include "pelmora/net/internal/tls_socket_api.h"
 
 namespace pelmora::admin {
 namespace {
@@ -25,8 +27,10 @@ constexpr std::size_t kSendQueueLimit = 256 * 1024;
 // closes, 10060 when the wait runs out) or 8004 for a malformed frame.
 class ExecClientStream {
  public:
-  ExecClientStream(int socket_fd, RemoteCommandIo& io, std::optional<Clock::time_point> deadline)
-      : socket_fd_(socket_fd), io_(io), deadline_(deadline), input_(io.input) {}
+  // `tls` carries the session's bytes when it runs over TLS (nullptr: the plain socket).
+  ExecClientStream(int socket_fd, net_internal::SocketApi* tls, RemoteCommandIo& io,
+                   std::optional<Clock::time_point> deadline)
+      : socket_fd_(socket_fd), tls_(tls), io_(io), deadline_(deadline), input_(io.input) {}
 
   // 0 with the exit in `exit`, otherwise the failure's number.
   int32_t Run(ExecExit& exit);
@@ -44,7 +48,13 @@ class ExecClientStream {
     return !input_ended_ && !exit_ && credit_ > 0 && send_.size() - sent_ < kSendQueueLimit;
   }
 
+  // Whether the TLS layer holds received application data that poll on the socket cannot see.
+  bool TlsHoldsData() {
+    return tls_ != nullptr && !exit_ && (tls_->Poll(socket_fd_, POLLIN, 0).value & POLLIN) != 0;
+  }
+
   int socket_fd_;
+  net_internal::SocketApi* tls_;
   RemoteCommandIo& io_;
   std::optional<Clock::time_point> deadline_;
   std::string_view input_;
@@ -68,6 +78,10 @@ int32_t ExecClientStream::Run(ExecExit& exit) {
 
 int32_t ExecClientStream::Step() {
   if (io_.input_fd < 0 && WantsInput()) SendInput();
+  if (TlsHoldsData()) {
+    if (int32_t failure = ReadSocket()) return failure;
+    return sent_ < send_.size() ? Flush() : 0;
+  }
   pollfd fds[2] = {{socket_fd_, static_cast<short>((exit_ ? 0 : POLLIN) |
                                                    (sent_ < send_.size() ? POLLOUT : 0)), 0},
                    {io_.input_fd >= 0 && WantsInput() ? io_.input_fd : -1, POLLIN, 0}};
@@ -89,8 +103,13 @@ int32_t ExecClientStream::Step() {
 
 int32_t ExecClientStream::ReadSocket() {
   uint8_t buffer[kPiece];
-  ssize_t got = ::recv(socket_fd_, buffer, sizeof(buffer), MSG_DONTWAIT);
-  if (got < 0) return errno == EAGAIN || errno == EINTR ? 0 : 10054;
+  net_internal::SocketResult received =
+      tls_ != nullptr ? tls_->Recv(socket_fd_, buffer, sizeof(buffer), 0)
+                      : net_internal::SocketResult{::recv(socket_fd_, buffer, sizeof(buffer),
+                                                          MSG_DONTWAIT), 0};
+  if (tls_ == nullptr && received.value < 0) received.error = errno;
+  const int64_t got = received.value;
+  if (got < 0) return received.error == EAGAIN || received.error == EINTR ? 0 : 10054;
   if (got == 0) return 10054;
   reader_.Append(std::span<const uint8_t>(buffer, static_cast<std::size_t>(got)));
   while (std::optional<ExecFrame> frame = reader_.Next()) {
@@ -150,10 +169,16 @@ void ExecClientStream::SendInput() {
 
 int32_t ExecClientStream::Flush() {
   while (sent_ < send_.size()) {
-    ssize_t n = ::send(socket_fd_, send_.data() + sent_, send_.size() - sent_,
-                       MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) return errno == EAGAIN ? 0 : 10054;
+    const std::size_t size = send_.size() - sent_;
+    net_internal::SocketResult written =
+        tls_ != nullptr ? tls_->Send(socket_fd_, send_.data() + sent_, size, 0)
+                        : net_internal::SocketResult{
+                              ::send(socket_fd_, send_.data() + sent_, size,
+                                     MSG_DONTWAIT | MSG_NOSIGNAL), 0};
+    if (tls_ == nullptr && written.value < 0) written.error = errno;
+    const int64_t n = written.value;
+    if (n < 0 && written.error == EINTR) continue;
+    if (n < 0) return written.error == EAGAIN ? 0 : 10054;
     sent_ += static_cast<std::size_t>(n);
   }
   send_.clear();
@@ -188,7 +213,7 @@ bool RCFSO::RunCommand(const RemoteCommand& command, RemoteCommandIo& io, ExecEx
   if (command.timeout > 0 && timeout() > 0) {
     deadline = Clock::now() + std::chrono::milliseconds(int64_t{command.timeout} + timeout());
   }
-  ExecClientStream stream(socket_.SocketHandle(), io, deadline);
+  ExecClientStream stream(socket_.SocketHandle(), tls_api_.get(), io, deadline);
   int32_t failure = stream.Run(exit);
   if (failure == 8004) SetError(8004, "Invalid Data Size");
   if (failure != 0 && failure != 8004) SetSocketError(failure);

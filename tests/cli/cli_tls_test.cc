@@ -100,6 +100,20 @@ TEST_F(CliTlsTest, PinnedFingerprintCarriesTheCommandsOverTls) {
   EXPECT_THAT(result.out, MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:]{8}\n"));
   // The relay saw the login decrypted: the session really went through TLS.
   EXPECT_NE(relay_->Received(), "");
+  // exec's stream phase (input, output beyond the flow-control window, status) over TLS too.
+  ChildProcess::Result exec =
+      Admin({"--tls", "--fingerprint", fingerprint_, "exec", "echo over tls; exit 3"});
+  EXPECT_EQ(exec.status, 3) << exec.err;
+  EXPECT_EQ(exec.out, "over tls\n");
+  WriteFile(service_.folder() + "/input", std::string(300000, 'i'));
+  ChildProcess::Result streamed =
+      ChildProcess({"admin", "--host", "127.0.0.1", "--port", std::to_string(relay_->port()),
+                    "--tls", "--fingerprint", fingerprint_, "exec",
+                    "wc -c; head -c 2000000 /dev/zero | tr '\\0' o"},
+                   env_, Attach::kPipesNoTerminal, "", service_.folder() + "/input")
+          .Finish(kLimit);
+  EXPECT_EQ(streamed.status, 0) << streamed.err;
+  EXPECT_EQ(streamed.out, "300000\n" + std::string(2000000, 'o'));
   // A pinned host needs no known hosts file.
   EXPECT_FALSE(PathExists(KnownHosts()));
 }
