@@ -32,14 +32,15 @@ def fingerprint_of(certificate_pem):
 
 
 class TlsFront:
-    """Accepts TLS on self.port and relays each connection to 127.0.0.1:target_port."""
+    """Accepts TLS on self.port (of `address`) and relays each connection to
+    127.0.0.1:target_port."""
 
-    def __init__(self, pem, target_port):
+    def __init__(self, pem, target_port, address="127.0.0.1"):
         self.target_port = target_port
         self.context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         self.context.minimum_version = ssl.TLSVersion.TLSv1_3
         self.context.load_cert_chain(pem)
-        self.listener = socket.create_server(("127.0.0.1", 0))
+        self.listener = socket.create_server((address, 0), backlog=1024)
         self.port = self.listener.getsockname()[1]
         self.handshakes = 0
         self.closed = False
