@@ -177,3 +177,37 @@ def test_tls_sessions_check_the_service_and_record_new_hosts(tmp_path):
     finally:
         front.stop()
         service.stop()
+
+
+PLAYS = int(os.environ.get("PELMORA_ANSIBLE_PLAYS", "0"))
+
+
+@pytest.mark.skipif(PLAYS == 0, reason="set PELMORA_ANSIBLE_PLAYS=N to copy N times to 20 hosts")
+def test_repeated_copies_to_twenty_hosts_all_succeed(tmp_path):
+    """`ansible -m copy` to 20 hosts, PELMORA_ANSIBLE_PLAYS times, Ansible's own remote folder:
+    every host-run succeeds. Each run is bounded by the subprocess time-out."""
+    services = [Service(drive_root="/") for _ in range(20)]
+    try:
+        lines = ["[fleet]"] + [
+            f"host{index} ansible_host=127.0.0.1 ansible_port={service.port}"
+            for index, service in enumerate(services)]
+        lines += ["[fleet:vars]", "ansible_connection=pelmora.admin.pelmora",
+                  f"ansible_user={ACCOUNT}", f"ansible_password='{PASSWORD}'",
+                  "ansible_python_interpreter=/usr/bin/python3"]
+        inventory = tmp_path / "inventory.ini"
+        inventory.write_text("\n".join(lines) + "\n")
+        source = tmp_path / "payload.txt"
+        source.write_text("payload\n" * 100)
+        failed = []
+        for play in range(PLAYS):
+            done = ansible("ansible", tmp_path, "fleet", "-i", str(inventory), "-f", "20",
+                           "-m", "copy", "-a",
+                           f"src={source} dest={tmp_path}/out-{{{{ inventory_hostname }}}}-{play}",
+                           remote_tmp=None)
+            if done.returncode != 0:
+                failed.append((play, re.findall(r"^(host\d+) \| (?:FAILED|UNREACHABLE).*$",
+                                                done.stdout, re.M), done.stdout[-2000:]))
+        assert not failed, failed
+    finally:
+        for service in services:
+            service.stop()
