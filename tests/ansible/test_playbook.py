@@ -105,6 +105,17 @@ def test_playbook_copies_runs_and_fetches(fleet, tmp_path):
         assert fetched.read_text() == "payload for the fleet\n"
 
 
+def write_inventory(folder, group, host_lines, group_vars=()):
+    """folder/inventory.ini: the hosts of `group` logging in as the test account."""
+    lines = [f"[{group}]", *host_lines, f"[{group}:vars]",
+             "ansible_connection=pelmora.admin.pelmora", f"ansible_user={ACCOUNT}",
+             f"ansible_password='{PASSWORD}'", "ansible_python_interpreter=/usr/bin/python3",
+             *group_vars]
+    inventory = folder / "inventory.ini"
+    inventory.write_text("\n".join(lines) + "\n")
+    return inventory
+
+
 def remote_tmp_of(output):
     """The remote folder that -vvv shows Ansible's module files going to."""
     found = re.search(r"PELMORA PUT \S+ TO (\S+)/ansible-tmp-", output)
@@ -118,17 +129,12 @@ def test_home_of_the_commands_identity_holds_the_temporary_files(tmp_path):
     drive = tmp_path / "drive"
     services = {"root": Service(drive_root="/"), "drive": Service(drive_root=str(drive))}
     try:
-        lines = ["[hosts]"]
-        lines.append(f"whole ansible_host=127.0.0.1 ansible_port={services['root'].port}")
-        lines.append(f"drive ansible_host=127.0.0.1 ansible_port={services['drive'].port} "
-                     f"pelmora_drive_root={drive}")
-        lines.append(f"named ansible_host=127.0.0.1 ansible_port={services['drive'].port} "
-                     f"pelmora_drive_root={drive} pelmora_remote_tmp={drive}/tmp-of-ansible")
-        lines += ["[hosts:vars]", "ansible_connection=pelmora.admin.pelmora",
-                  f"ansible_user={ACCOUNT}", f"ansible_password='{PASSWORD}'",
-                  "ansible_python_interpreter=/usr/bin/python3"]
-        inventory = tmp_path / "inventory.ini"
-        inventory.write_text("\n".join(lines) + "\n")
+        inventory = write_inventory(tmp_path, "hosts", [
+            f"whole ansible_host=127.0.0.1 ansible_port={services['root'].port}",
+            f"drive ansible_host=127.0.0.1 ansible_port={services['drive'].port} "
+            f"pelmora_drive_root={drive}",
+            f"named ansible_host=127.0.0.1 ansible_port={services['drive'].port} "
+            f"pelmora_drive_root={drive} pelmora_remote_tmp={drive}/tmp-of-ansible"])
         source = tmp_path / "payload.txt"
         source.write_text("payload\n")
         expected = {"whole": os.path.expanduser("~root") + "/.ansible/tmp",
@@ -154,17 +160,12 @@ def test_tls_sessions_check_the_service_and_record_new_hosts(tmp_path):
     try:
         known = tmp_path / "known_hosts"
         wrong = "SHA256:" + "A" * 43
-        lines = ["[tls]",
-                 f"pinned pelmora_fingerprint={fingerprint}",
-                 f"recorded pelmora_known_hosts={known} pelmora_trust_new=true",
-                 f"unknown pelmora_known_hosts={tmp_path}/other_hosts",
-                 f"changed pelmora_fingerprint={wrong}",
-                 "[tls:vars]", "ansible_host=127.0.0.1", f"ansible_port={front.port}",
-                 "pelmora_tls=true", "ansible_connection=pelmora.admin.pelmora",
-                 f"ansible_user={ACCOUNT}", f"ansible_password='{PASSWORD}'",
-                 "ansible_python_interpreter=/usr/bin/python3"]
-        inventory = tmp_path / "inventory.ini"
-        inventory.write_text("\n".join(lines) + "\n")
+        inventory = write_inventory(tmp_path, "tls", [
+            f"pinned pelmora_fingerprint={fingerprint}",
+            f"recorded pelmora_known_hosts={known} pelmora_trust_new=true",
+            f"unknown pelmora_known_hosts={tmp_path}/other_hosts",
+            f"changed pelmora_fingerprint={wrong}"],
+            ["ansible_host=127.0.0.1", f"ansible_port={front.port}", "pelmora_tls=true"])
         done = ansible("ansible", tmp_path, "tls", "-i", str(inventory), "-m", "command",
                        "-a", "echo over tls")
         assert re.search(r"pinned \| CHANGED \| rc=0 >>\nover tls", done.stdout), done.stdout
@@ -188,14 +189,9 @@ def test_repeated_copies_to_twenty_hosts_all_succeed(tmp_path):
     every host-run succeeds. Each run is bounded by the subprocess time-out."""
     services = [Service(drive_root="/") for _ in range(20)]
     try:
-        lines = ["[fleet]"] + [
+        inventory = write_inventory(tmp_path, "fleet", [
             f"host{index} ansible_host=127.0.0.1 ansible_port={service.port}"
-            for index, service in enumerate(services)]
-        lines += ["[fleet:vars]", "ansible_connection=pelmora.admin.pelmora",
-                  f"ansible_user={ACCOUNT}", f"ansible_password='{PASSWORD}'",
-                  "ansible_python_interpreter=/usr/bin/python3"]
-        inventory = tmp_path / "inventory.ini"
-        inventory.write_text("\n".join(lines) + "\n")
+            for index, service in enumerate(services)])
         source = tmp_path / "payload.txt"
         source.write_text("payload\n" * 100)
         failed = []

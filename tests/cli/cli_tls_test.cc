@@ -3,8 +3,6 @@
 // key refused, `keygen`'s files, and the fleet's --json fingerprints.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
 #include <sys/stat.h>
 
 #include <cstdio>
@@ -15,7 +13,6 @@
 #include <string>
 
 #include "pelmora/admin/internal/built_in_secrets.h"
-#include "pelmora/net/tls_client.h"
 #include "pelmora/testing/tls_relay.h"
 #include "pelmora/testing/web_server.h"
 #include "tests/cli/child_process.h"
@@ -27,6 +24,7 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 using ::testing::Not;
+using pelmora::testing::PemCertificateFingerprint;
 using pelmora::testing::TlsRelay;
 using pelmorad::testing::PathExists;
 using pelmorad::testing::ReadFile;
@@ -36,20 +34,6 @@ using Env = std::vector<std::pair<std::string, std::string>>;
 constexpr std::chrono::seconds kLimit(30);
 constexpr const char* kFingerprintPattern = "SHA256:[A-Za-z0-9+/]{43}";
 
-// The fingerprint of the first certificate in the PEM file `path`; "" when it has none.
-std::string FingerprintOf(const std::string& path) {
-  FILE* file = std::fopen(path.c_str(), "r");
-  if (file == nullptr) return "";
-  X509* certificate = PEM_read_X509(file, nullptr, nullptr, nullptr);
-  std::fclose(file);
-  unsigned char* der = nullptr;
-  const int size = certificate != nullptr ? i2d_X509(certificate, &der) : 0;
-  std::string fingerprint =
-      size > 0 ? pelmora::CertificateFingerprint({der, static_cast<size_t>(size)}) : "";
-  OPENSSL_free(der);
-  X509_free(certificate);
-  return fingerprint;
-}
 
 int ModeOf(const std::string& path) {
   struct stat info {};
@@ -63,7 +47,7 @@ class CliTlsTest : public ::testing::Test {
     pelmora::testing::WriteTestCertificates(service_.folder());
     relay_ = std::make_unique<TlsRelay>(service_.folder() + "/valid.pem",
                                         static_cast<uint16_t>(service_.port()));
-    fingerprint_ = FingerprintOf(service_.folder() + "/valid.pem");
+    fingerprint_ = PemCertificateFingerprint(service_.folder() + "/valid.pem");
     ASSERT_THAT(fingerprint_, MatchesRegex(kFingerprintPattern));
     home_ = service_.folder() + "/home";
     env_ = {{"HOME", home_},
@@ -227,7 +211,7 @@ TEST_F(CliTlsTest, KeygenWritesPrivateFilesOnceAndTheirLine) {
   const std::string folder = home_ + "/.config/pelmora";
   ChildProcess::Result made = Run({"admin", "keygen"});
   ASSERT_EQ(made.status, 0) << made.err;
-  const std::string fingerprint = FingerprintOf(folder + "/client.crt");
+  const std::string fingerprint = PemCertificateFingerprint(folder + "/client.crt");
   EXPECT_THAT(fingerprint, MatchesRegex(kFingerprintPattern));
   EXPECT_EQ(made.out, "client_certificates = [\"" + fingerprint + "\"]\n");
   EXPECT_THAT(made.err, HasSubstr(folder + "/client.key"));
@@ -245,7 +229,7 @@ TEST_F(CliTlsTest, KeygenWritesPrivateFilesOnceAndTheirLine) {
   ChildProcess::Result forced = Run({"admin", "keygen", "--force"});
   EXPECT_EQ(forced.status, 0) << forced.err;
   EXPECT_NE(ReadFile(folder + "/client.key"), key);
-  EXPECT_NE(FingerprintOf(folder + "/client.crt"), fingerprint);
+  EXPECT_NE(PemCertificateFingerprint(folder + "/client.crt"), fingerprint);
   EXPECT_EQ(ModeOf(folder + "/client.key"), 0600);
 
   // The pair is presented by default under --tls (a broken pair would fail the handshake with
