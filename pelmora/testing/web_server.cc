@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -22,6 +23,8 @@
 #include <sstream>
 #include <stdexcept>
 #include <vector>
+
+#include "pelmora/net/tls_client.h"
 
 extern char** environ;
 
@@ -261,6 +264,20 @@ void WriteTestCertificates(const std::string& folder) {
                             self_signed ? nullptr : ca_key.get());
     WritePem(folder + "/" + CertFileName(i) + ".pem", cert.get(), key.get());
   }
+}
+
+std::string PemCertificateFingerprint(const std::string& path) {
+  FILE* file = std::fopen(path.c_str(), "r");
+  if (file == nullptr) return "";
+  X509* certificate = PEM_read_X509(file, nullptr, nullptr, nullptr);
+  std::fclose(file);
+  unsigned char* der = nullptr;
+  const int size = certificate != nullptr ? i2d_X509(certificate, &der) : 0;
+  std::string fingerprint =
+      size > 0 ? pelmora::CertificateFingerprint({der, static_cast<size_t>(size)}) : "";
+  OPENSSL_free(der);
+  X509_free(certificate);
+  return fingerprint;
 }
 
 void WebServer::MakeCertificates() const { WriteTestCertificates(folder_); }

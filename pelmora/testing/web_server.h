@@ -77,6 +77,10 @@ int ListenOnHighLoopbackPort(uint16_t& port);
 // Throws std::runtime_error on failure.
 void WriteTestCertificates(const std::string& folder);
 
+// The fingerprint ("SHA256:" and base64, as the TLS client gives it) of the first certificate in
+// the PEM file `path`; "" when the file holds none.
+std::string PemCertificateFingerprint(const std::string& path);
+
 // A fresh scratch folder under the temporary folder, named after `purpose`.
 std::string MakeScratchFolder(std::string_view purpose);
 

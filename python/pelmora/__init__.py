@@ -20,15 +20,18 @@ currency is decimal.Decimal, byte arrays are bytes, arrays are lists and objects
 pelmora.Object (Nothing is None). Raised errors become pelmora.Error with the error's number,
 description and source. Calls release the GIL while the member runs; event callbacks run on the
 thread that raised the event, with the GIL held.
+
+Encrypted sessions: pelmora.use_tls(fso, ...) before Connect (or the Tls... properties by name).
 """
 
 import collections
+import os
 
 from . import _pelmora
 from ._pelmora import ListClasses, Object
 
-__all__ = ["CommandResult", "CreateObject", "Error", "ListClasses", "Null", "Object",
-           "run_command"]
+__all__ = ["CommandResult", "CreateObject", "Error", "ListClasses", "Null", "Object", "TLS_PORT",
+           "config_folder", "run_command", "use_tls"]
 
 
 class Error(Exception):
@@ -125,3 +128,56 @@ def run_command(fso, command, input=b"", timeout=0):
     if status == -2:
         return CommandResult(None, bytes(out or b""), bytes(err or b""), True)
     return CommandResult(status, bytes(out or b""), bytes(err or b""), False)
+
+
+TLS_PORT = 8443
+"""The service's default port over TLS (the plain protocol's is 8002)."""
+
+
+def config_folder():
+    """The folder of the user's pelmora files, as the pelmora tool finds it:
+    $XDG_CONFIG_HOME/pelmora, else ~/.config/pelmora."""
+    base = os.environ.get("XDG_CONFIG_HOME", "")
+    if not base.startswith("/"):
+        base = os.path.join(os.path.expanduser("~"), ".config")
+    return os.path.join(base, "pelmora")
+
+
+def use_tls(fso, fingerprint="", ca_file="", known_hosts=None, trust_new=False,
+            client_certificate=None, client_key=None):
+    """Makes the next Connect of fso (a Pelmora.RCFSO or Pelmora.AdminClient) run over TLS 1.3,
+    with the checks of the server's identity the pelmora tool makes:
+
+    fingerprint pins one certificate ("SHA256:..." as `pelmorad --show-fingerprint` prints it);
+    ca_file verifies the chain, the dates and the host name; known_hosts is a file of
+    "host:port SHA256:..." lines, by default config_folder()/known_hosts (its folder made with mode
+    700) when neither fingerprint nor ca_file is given, "" for none; trust_new records a host that
+    file does not list yet (a host that presents another certificate than the recorded one is
+    always refused). client_certificate and client_key (PEM paths) present a client certificate;
+    None takes config_folder()'s client.crt and client.key when both exist, "" presents none.
+
+    Connect then fails with 12045 (not trusted), 12169 (another certificate than the pinned or
+    recorded one), 12038/12037 (name or dates, under ca_file), 12044 (a bad client certificate)
+    or 12157 (no TLS on that port), with a text that says what to do, before any credential
+    leaves the client. fso.TlsPresentedFingerprint names the certificate the server showed.
+    Returns fso."""
+    folder = config_folder()
+    if known_hosts is None:
+        known_hosts = "" if fingerprint or ca_file else os.path.join(folder, "known_hosts")
+    if known_hosts:
+        parent = os.path.dirname(known_hosts)
+        if parent and not os.path.isdir(parent):
+            os.makedirs(parent, mode=0o700, exist_ok=True)
+    if client_certificate is None and client_key is None:
+        pair = (os.path.join(folder, "client.crt"), os.path.join(folder, "client.key"))
+        client_certificate, client_key = pair if all(map(os.path.exists, pair)) else ("", "")
+    elif bool(client_certificate) != bool(client_key):
+        raise ValueError("client_certificate and client_key go together: give both or neither")
+    fso.Tls = True
+    fso.TlsFingerprint = fingerprint or ""
+    fso.TlsCaFile = ca_file or ""
+    fso.TlsKnownHosts = known_hosts
+    fso.TlsTrustNew = bool(trust_new)
+    fso.TlsClientCertificate = client_certificate
+    fso.TlsClientKey = client_key
+    return fso

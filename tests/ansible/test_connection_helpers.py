@@ -3,6 +3,7 @@
 import importlib.util
 import os
 import pathlib
+import subprocess
 
 import pytest
 from ansible.errors import AnsibleError
@@ -42,3 +43,16 @@ def test_host_paths_become_drive_paths(path, root, expected):
 def test_paths_outside_the_drive_folder_are_refused(path):
     with pytest.raises(AnsibleError):
         plugin.drive_path(path, "C", "/srv/c")
+
+
+@pytest.mark.parametrize("home, root, printed", [
+    ("/root", "/", "/root"),
+    ("/srv/c/home/op", "/srv/c", "/srv/c/home/op"),
+    ("/root", "/srv/c", "/srv/c"),
+    ("/srv/cc", "/srv/c/", "/srv/c"),          # a neighbour with the same prefix is outside
+    ("/nonexistent", "/srv/my drive", "/srv/my drive"),
+])
+def test_home_command_prints_a_home_beneath_the_drive_or_the_drive(home, root, printed):
+    done = subprocess.run(["/bin/sh", "-c", plugin.home_command(root)], env={"HOME": home},
+                          capture_output=True, text=True, timeout=10)
+    assert done.stdout == printed + "\n"

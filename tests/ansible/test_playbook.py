@@ -31,15 +31,18 @@ def fleet(tmp_path_factory):
         service.stop()
 
 
-def ansible(program, folder, *args):
+def ansible(program, folder, *args, remote_tmp="remote-tmp"):
+    """Runs an Ansible program; remote_tmp None leaves Ansible's own remote folder setting."""
     env = dict(os.environ,
                ANSIBLE_COLLECTIONS_PATH=str(SOURCE / "ansible"),
                ANSIBLE_LOCAL_TEMP=str(folder / "local-tmp"),
-               ANSIBLE_REMOTE_TMP=str(folder / "remote-tmp"),
                ANSIBLE_HOME=str(folder / "home"),
                ANSIBLE_STDOUT_CALLBACK="default",
                ANSIBLE_NOCOLOR="1",
                ANSIBLE_TIMEOUT="10")
+    env.pop("ANSIBLE_REMOTE_TMP", None)
+    if remote_tmp:
+        env["ANSIBLE_REMOTE_TMP"] = str(folder / remote_tmp)
     return subprocess.run([program, *args], env=env, capture_output=True, text=True,
                           timeout=300)
 
@@ -100,3 +103,107 @@ def test_playbook_copies_runs_and_fetches(fleet, tmp_path):
     for host in ("host0", "host1"):
         fetched = tmp_path / "fetched" / host / f"{target}-{host}.txt".lstrip("/")
         assert fetched.read_text() == "payload for the fleet\n"
+
+
+def write_inventory(folder, group, host_lines, group_vars=()):
+    """folder/inventory.ini: the hosts of `group` logging in as the test account."""
+    lines = [f"[{group}]", *host_lines, f"[{group}:vars]",
+             "ansible_connection=pelmora.admin.pelmora", f"ansible_user={ACCOUNT}",
+             f"ansible_password='{PASSWORD}'", "ansible_python_interpreter=/usr/bin/python3",
+             *group_vars]
+    inventory = folder / "inventory.ini"
+    inventory.write_text("\n".join(lines) + "\n")
+    return inventory
+
+
+def remote_tmp_of(output):
+    """The remote folder that -vvv shows Ansible's module files going to."""
+    found = re.search(r"PELMORA PUT \S+ TO (\S+)/ansible-tmp-", output)
+    return found and found.group(1)
+
+
+def test_home_of_the_commands_identity_holds_the_temporary_files(tmp_path):
+    """Without ANSIBLE_REMOTE_TMP, "~" is the home of the run_as user (root here), never a
+    literal "~operator" folder; with a drive folder that does not hold that home, the drive's
+    folder stands for it; pelmora_remote_tmp names the folder outright."""
+    drive = tmp_path / "drive"
+    services = {"root": Service(drive_root="/"), "drive": Service(drive_root=str(drive))}
+    try:
+        inventory = write_inventory(tmp_path, "hosts", [
+            f"whole ansible_host=127.0.0.1 ansible_port={services['root'].port}",
+            f"drive ansible_host=127.0.0.1 ansible_port={services['drive'].port} "
+            f"pelmora_drive_root={drive}",
+            f"named ansible_host=127.0.0.1 ansible_port={services['drive'].port} "
+            f"pelmora_drive_root={drive} pelmora_remote_tmp={drive}/tmp-of-ansible"])
+        source = tmp_path / "payload.txt"
+        source.write_text("payload\n")
+        expected = {"whole": os.path.expanduser("~root") + "/.ansible/tmp",
+                    "drive": f"{drive}/.ansible/tmp", "named": f"{drive}/tmp-of-ansible"}
+        for host, folder in expected.items():
+            done = ansible("ansible", tmp_path, host, "-i", str(inventory), "-vvv", "-m", "copy",
+                           "-a", f"src={source} dest={drive}/copied-{host}.txt",
+                           remote_tmp=None)
+            assert done.returncode == 0, done.stdout[-3000:] + done.stderr[-3000:]
+            assert remote_tmp_of(done.stdout) == folder, done.stdout[-3000:]
+            assert (drive / f"copied-{host}.txt").read_text() == "payload\n"
+        assert not (drive / f"~{ACCOUNT}").exists()
+    finally:
+        for service in services.values():
+            service.stop()
+
+
+def test_tls_sessions_check_the_service_and_record_new_hosts(tmp_path):
+    from tls_peer import TlsFront, make_certificate  # noqa: E402 (beside service.py)
+    service = Service(drive_root="/")
+    pem, fingerprint = make_certificate(tmp_path)
+    front = TlsFront(pem, service.port)
+    try:
+        known = tmp_path / "known_hosts"
+        wrong = "SHA256:" + "A" * 43
+        inventory = write_inventory(tmp_path, "tls", [
+            f"pinned pelmora_fingerprint={fingerprint}",
+            f"recorded pelmora_known_hosts={known} pelmora_trust_new=true",
+            f"unknown pelmora_known_hosts={tmp_path}/other_hosts",
+            f"changed pelmora_fingerprint={wrong}"],
+            ["ansible_host=127.0.0.1", f"ansible_port={front.port}", "pelmora_tls=true"])
+        done = ansible("ansible", tmp_path, "tls", "-i", str(inventory), "-m", "command",
+                       "-a", "echo over tls")
+        assert re.search(r"pinned \| CHANGED \| rc=0 >>\nover tls", done.stdout), done.stdout
+        assert re.search(r"recorded \| CHANGED \| rc=0 >>\nover tls", done.stdout), done.stdout
+        assert "unknown | UNREACHABLE" in done.stdout
+        assert "12045" in done.stdout and "pelmora_trust_new" in done.stdout
+        assert "changed | UNREACHABLE" in done.stdout and "12169" in done.stdout
+        assert known.read_text() == f"127.0.0.1:{front.port} {fingerprint}\n"
+        assert front.handshakes >= 2
+    finally:
+        front.stop()
+        service.stop()
+
+
+PLAYS = int(os.environ.get("PELMORA_ANSIBLE_PLAYS", "0"))
+
+
+@pytest.mark.skipif(PLAYS == 0, reason="set PELMORA_ANSIBLE_PLAYS=N to copy N times to 20 hosts")
+def test_repeated_copies_to_twenty_hosts_all_succeed(tmp_path):
+    """`ansible -m copy` to 20 hosts, PELMORA_ANSIBLE_PLAYS times, Ansible's own remote folder:
+    every host-run succeeds. Each run is bounded by the subprocess time-out."""
+    services = [Service(drive_root="/") for _ in range(20)]
+    try:
+        inventory = write_inventory(tmp_path, "fleet", [
+            f"host{index} ansible_host=127.0.0.1 ansible_port={service.port}"
+            for index, service in enumerate(services)])
+        source = tmp_path / "payload.txt"
+        source.write_text("payload\n" * 100)
+        failed = []
+        for play in range(PLAYS):
+            done = ansible("ansible", tmp_path, "fleet", "-i", str(inventory), "-f", "20",
+                           "-m", "copy", "-a",
+                           f"src={source} dest={tmp_path}/out-{{{{ inventory_hostname }}}}-{play}",
+                           remote_tmp=None)
+            if done.returncode != 0:
+                failed.append((play, re.findall(r"^(host\d+) \| (?:FAILED|UNREACHABLE).*$",
+                                                done.stdout, re.M), done.stdout[-2000:]))
+        assert not failed, failed
+    finally:
+        for service in services:
+            service.stop()

@@ -393,7 +393,7 @@ TEST_P(CliMistakes, NameTheCommandAndWhatWasMeant) {
 
 const char kAdminCommands[] =
     "exec, time, approot, path, sysdir, printq, version, same-machine, exists, cp, mv, rm, rmdir, "
-    "mkdir, touch, ls, stat, get, put, fetch";
+    "mkdir, touch, ls, stat, get, put, fetch, keygen";
 
 INSTANTIATE_TEST_SUITE_P(
     CliScripted, CliMistakes,

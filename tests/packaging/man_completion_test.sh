@@ -56,6 +56,8 @@ expect "pelmora admin --host server --account operator " "exec put get ls"
 expect "pelmora admin --host ls " "exec put"                    # ls is --host's value here
 expect "pelmora admin --hosts" "--hosts --hosts-file"
 expect "pelmora admin ls -" "--help"
+expect "pelmora admin --t" "--tls --trust-new --timeout"
+expect "pelmora admin --tls --fingerprint SHA256:x " "keygen exec"  # the fingerprint is a value
 expect "pelmora help admin " "exec put get"
 expect "pelmora log " "tail"
 [[ -z $(complete_words pelmora help admin --) ]] || fail "help offers options"

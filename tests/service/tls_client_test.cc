@@ -4,8 +4,6 @@
 // mismatches in both directions, and the whole request set carried over TLS.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -26,6 +24,7 @@ namespace {
 
 using pelmora::TlsClientSettings;
 using pelmora::admin::RCFSO;
+using pelmora::testing::PemCertificateFingerprint;
 using pelmora::testing::TlsRelay;
 using ::testing::HasSubstr;
 
@@ -33,20 +32,6 @@ constexpr int kWaitMilliseconds = 10000;
 // The size of the login message on the wire.
 constexpr size_t kLoginSize = 1500;
 
-// The fingerprint of the certificate in `pem`.
-std::string FingerprintOf(const std::string& pem) {
-  FILE* file = std::fopen(pem.c_str(), "r");
-  if (file == nullptr) return "";
-  X509* certificate = PEM_read_X509(file, nullptr, nullptr, nullptr);
-  std::fclose(file);
-  unsigned char* der = nullptr;
-  const int size = certificate != nullptr ? i2d_X509(certificate, &der) : 0;
-  std::string fingerprint =
-      size > 0 ? pelmora::CertificateFingerprint({der, static_cast<size_t>(size)}) : "";
-  OPENSSL_free(der);
-  X509_free(certificate);
-  return fingerprint;
-}
 
 // Settings for the TLS transport with the given checks.
 
@@ -62,7 +47,7 @@ class ServiceOverTls : public ::testing::Test {
   void SetUp() override {
     ASSERT_TRUE(service_.Start());
     pelmora::testing::WriteTestCertificates(service_.folder());
-    valid_fingerprint_ = FingerprintOf(Pem("valid"));
+    valid_fingerprint_ = PemCertificateFingerprint(Pem("valid"));
     ASSERT_THAT(valid_fingerprint_, ::testing::StartsWith("SHA256:"));
   }
 
@@ -140,7 +125,7 @@ TEST_F(ServiceOverTls, TrustOnFirstUseRecordsTheHostOnlyWhenAllowed) {
 
 TEST_F(ServiceOverTls, AChangedKeyIsRefusedSayingWhatChanged) {
   TlsRelay relay(Pem("self-signed"), static_cast<uint16_t>(service_.port()));
-  const std::string presented = FingerprintOf(Pem("self-signed"));
+  const std::string presented = PemCertificateFingerprint(Pem("self-signed"));
   const std::string known_hosts = Scratch("known_hosts");
   WriteFile(known_hosts, "# first line\n" + HostPort(relay) + " " + valid_fingerprint_ + "\n");
   RCFSO fso;

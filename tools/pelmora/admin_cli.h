@@ -13,6 +13,7 @@
 #include "tools/pelmora/admin_session.h"
 #include "tools/pelmora/commands.h"
 #include "tools/pelmora/fleet.h"
+#include "tools/pelmora/tls_options.h"
 
 namespace pelmora_tool {
 
@@ -24,6 +25,7 @@ struct AdminCli {
   std::string hosts_file;
   FleetOptions fleet;
   std::string password_trap;
+  TlsFlags tls;
   // Which of --host, --account and --port appeared (the rest come from the environment).
   bool host_given = false;
   bool account_given = false;

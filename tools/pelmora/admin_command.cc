@@ -180,7 +180,8 @@ AdminCli WithConnectDefaults(const AdminCli& given) {
   if (given.port_given) flags.port = given.options.port;
   // A fleet names its hosts itself; only the account and the default port come from elsewhere.
   if (cli.IsFleet()) flags.host = "localhost";
-  ConnectDefaults chosen = ChooseConnectDefaults(flags, std::getenv, AdminOptions{}.port);
+  const int32_t port = TlsWanted(given.tls, std::getenv) ? kTlsServicePort : AdminOptions{}.port;
+  ConnectDefaults chosen = ChooseConnectDefaults(flags, std::getenv, port);
   cli.options.host = chosen.host;
   cli.options.account = chosen.account;
   cli.options.port = chosen.port;
@@ -198,6 +199,7 @@ int RunAdmin(const AdminCli& given, HostRequest request, bool needs_access_code)
     auto run = std::make_shared<SharedRun>();
     run->options = cli.options;
     run->options.fleet = cli.IsFleet();
+    run->options.tls = ResolveTlsSettings(cli.tls, std::getenv);
     run->credentials = ResolveCredentials(cli.options, needs_access_code);
     run->request = std::move(request);
     if (cli.IsFleet()) return RunFleetCommand(cli, std::move(hosts), run, console);
@@ -233,7 +235,9 @@ void AddAdminCommand(CLI::App& app, CommandAction& action) {
   auto cli = std::make_shared<AdminCli>();
   AddGlobalOptions(*admin, *cli);
   AddFleetOptions(*admin, *cli);
+  AddTlsOptions(*admin, cli->tls);
   AddAdminLeaves(*admin, action, cli);
+  AddKeygenCommand(*admin, action);
 }
 
 }  // namespace pelmora_tool

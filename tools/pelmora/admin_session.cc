@@ -17,6 +17,7 @@
 #include "pelmora/common/error_texts.h"
 #include "tools/pelmora/crypto_io.h"
 #include "tools/pelmora/log_lines.h"
+#include "tools/pelmora/tls_options.h"
 
 namespace pelmora_tool {
 namespace {
@@ -50,6 +51,8 @@ std::string ConnectCause(int32_t number, const std::string& host, const std::str
       return "nothing accepts connections on " + where;
     case kTimedOut:
       return "no login answer from " + where + " within " + Seconds(waited_ms);
+    case pelmora::tlsChannelError:
+      return "is the port " + where + " a TLS port of the service? A plain port needs no --tls";
     case kAccessDenied:
       return "login refused: this address is locked out for a while after repeated failed "
              "logins, or the service has no free session";
@@ -178,15 +181,31 @@ bool HostSession::Connect() {
     output_.Step(credentials_.account.empty() ? "logging in with the built-in account"
                                               : "logging in as " + credentials_.account);
   }
-  bool logged_in = credentials_.account.empty()
-                       ? Client().Connect(target_.name)
-                       : Fso().Connect(target_.name, target_.port, credentials_.account,
-                                       credentials_.password, false);
+  Fso().set_tls(options_.tls);
+  std::string trust_hint;
+  bool logged_in = LogIn();
+  const std::string presented = Fso().PresentedFingerprint();
+  if (!logged_in && CanAskAboutHost(options_.tls, Fso().ErrCode(), presented)) {
+    const std::optional<bool> trusted = AskOnTerminal(where, presented, options_.tls.known_hosts);
+    trust_hint = !trusted ? NoTerminalHint() : *trusted ? "" : "not trusted: the answer was no";
+    if (trusted == true) {
+      // Exactly the certificate the user was shown is accepted and recorded.
+      pelmora::TlsClientSettings settings = options_.tls;
+      settings.fingerprint = presented;
+      settings.trust_new = true;
+      Fso().set_tls(std::move(settings));
+      logged_in = LogIn();
+    }
+  }
+  if (!Fso().PresentedFingerprint().empty()) {
+    output_.PresentedFingerprint(Fso().PresentedFingerprint());
+    if (verbose) output_.Step("TLS 1.3, the server presented " + Fso().PresentedFingerprint());
+  }
   if (!logged_in) {
     HostFailure failure{Fso().ErrCode(), Fso().ErrDescription()};
     std::string cause = ConnectCause(failure.number, target_.name, where,
                                      connect_limit > 0 ? connect_limit : options_.timeout_ms);
-    failure.detail = cause;
+    failure.detail = trust_hint.empty() ? cause : trust_hint;
     if (failure.number == 0 && failure.description.empty()) {
       failure.description = "the service refused the login";
     }
@@ -199,6 +218,13 @@ bool HostSession::Connect() {
                  Seconds(options_.timeout_ms));
   }
   return true;
+}
+
+bool HostSession::LogIn() {
+  return credentials_.account.empty()
+             ? Client().Connect(target_.name)
+             : Fso().Connect(target_.name, target_.port, credentials_.account,
+                             credentials_.password, false);
 }
 
 int HostSession::FailFromClient(int status) {

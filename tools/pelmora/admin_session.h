@@ -21,6 +21,7 @@
 #include <string_view>
 
 #include "pelmora/admin/admin_client.h"
+#include "pelmora/net/tls_client.h"
 #include "tools/pelmora/host_list.h"
 
 namespace pelmora_tool {
@@ -49,6 +50,7 @@ struct AdminOptions {
   bool quiet = false;
   bool verbose = false;  // the connection's steps on standard error
   bool fleet = false;  // several hosts at once: `get` puts each host's file in its own folder
+  pelmora::TlsClientSettings tls;  // the transport (tls_options.h); plain when not enabled
 };
 
 // The secrets of one run, read once before any host is contacted.
@@ -98,6 +100,8 @@ class HostOutput {
   virtual void TransferEnded() {}
   // A step of the connection, shown with -v ("connecting to web1:8002").
   virtual void Step(std::string_view text) {}
+  // The fingerprint of the certificate the host presented over TLS ("SHA256:...").
+  virtual void PresentedFingerprint(std::string_view fingerprint) {}
 };
 
 // The one-line error: "pelmora: <host>: <number> <description>", or for a local failure
@@ -143,6 +147,9 @@ class HostSession {
   int Fail(int status, HostFailure failure);
 
  private:
+  // One login attempt with the built-in account or the given one.
+  bool LogIn();
+
   HostTarget target_;
   std::string display_;
   const AdminOptions& options_;

@@ -90,6 +90,11 @@ class FleetHostOutput : public HostOutput {
     }
   }
 
+  void PresentedFingerprint(std::string_view fingerprint) override {
+    std::lock_guard lock(state_->mutex);
+    if (!state_->closed) state_->records[index_].fingerprint = fingerprint;
+  }
+
   void Step(std::string_view text) override {
     std::lock_guard lock(state_->mutex);
     if (!state_->closed) state_->console->Err("pelmora: " + host_ + ": " + std::string(text) + "\n");

@@ -88,6 +88,7 @@ std::string JsonLine(const HostRecord& record) {
   nlohmann::ordered_json line;
   line["host"] = record.target.name;
   line["port"] = record.port;
+  if (!record.fingerprint.empty()) line["fingerprint"] = record.fingerprint;
   line["status"] = record.status;
   line["remote_status"] = nullptr;
   if (record.remote_status) line["remote_status"] = *record.remote_status;

@@ -30,6 +30,7 @@ struct HostRecord {
   bool remote_status_unknown = false;
   std::optional<HostFailure> failure{};
   std::string output{};   // kept only when a report needs it
+  std::string fingerprint{};  // the certificate the host presented over TLS, "" on plain
   double seconds = 0;
 
   // "ok", "failed" or "timed out".
@@ -61,7 +62,8 @@ std::string GatherBlocks(const std::vector<HostRecord>& records);
 // One --json line (a JSON object and a line end):
 // {"host","port","status","remote_status","result","seconds","output",
 //  "error":null|{"number","description"}}; remote_status is exec's remote status, "unknown"
-// when the service cannot report it, null otherwise.
+// when the service cannot report it, null otherwise; over TLS also "fingerprint" (the
+// certificate the host presented, "SHA256:...").
 // Bytes that are not UTF-8 are replaced.
 std::string JsonLine(const HostRecord& record);
 

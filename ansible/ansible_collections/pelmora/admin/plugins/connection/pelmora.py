@@ -21,9 +21,8 @@ options:
       - name: inventory_hostname
       - name: ansible_host
   port:
-    description: TCP port of the service.
+    description: TCP port of the service (default 8002, or 8443 with O(tls)).
     type: int
-    default: 8002
     vars:
       - name: ansible_port
   remote_user:
@@ -62,11 +61,67 @@ options:
     default: /
     vars:
       - name: pelmora_drive_root
+  remote_tmp:
+    description:
+      - Folder on the host for Ansible's temporary files, beneath O(drive_root). It replaces
+        Ansible's C(remote_tmp) for this connection.
+      - Without it, C(~) in Ansible's remote temporary folder (C(~/.ansible/tmp)) and in other
+        remote paths stands for the home folder of the identity the service runs the account's
+        commands as (the account's C(run_as) user), or for O(drive_root) when that home lies
+        outside it; C(ansible_user) is a service account, not a user of the host.
+    vars:
+      - name: pelmora_remote_tmp
+  tls:
+    description:
+      - Encrypt the session with TLS 1.3 and check the service's identity before the password
+        is sent. The service's certificate is checked by O(fingerprint), else by O(ca_file),
+        else by the known hosts file O(known_hosts).
+    type: bool
+    default: false
+    vars:
+      - name: pelmora_tls
+    env:
+      - name: PELMORA_TLS
+  fingerprint:
+    description: The only service certificate accepted, C(SHA256:...) as
+      C(pelmorad --show-fingerprint) prints it.
+    vars:
+      - name: pelmora_fingerprint
+  ca_file:
+    description: PEM file of the authorities that verify the service's certificate chain and
+      host name.
+    vars:
+      - name: pelmora_ca_file
+  known_hosts:
+    description:
+      - File of C(host:port SHA256:...) lines, used when neither O(fingerprint) nor O(ca_file) is
+        given. Default C(~/.config/pelmora/known_hosts) on the controller, as the pelmora tool
+        uses. A host not listed is refused unless O(trust_new) is set (Ansible cannot ask); a host
+        that presents another certificate than its line names is always refused.
+    vars:
+      - name: pelmora_known_hosts
+  trust_new:
+    description: Record a host that the known hosts file does not list yet (trust on first use).
+    type: bool
+    default: false
+    vars:
+      - name: pelmora_trust_new
+  client_cert:
+    description: Client certificate (PEM) for certificate login; default
+      C(~/.config/pelmora/client.crt) when it and the key exist (C(pelmora admin keygen) makes
+      them).
+    vars:
+      - name: pelmora_client_cert
+  client_key:
+    description: Key (PEM) of O(client_cert).
+    vars:
+      - name: pelmora_client_key
 """
 
 import os
 import posixpath
 import secrets
+import shlex
 
 from ansible.errors import AnsibleConnectionFailure, AnsibleError, AnsibleFileNotFound
 from ansible.plugins.connection import ConnectionBase
@@ -98,6 +153,16 @@ def split_status(output, marker):
         return None, output
 
 
+def home_command(root):
+    """The shell command that prints the home folder of the identity commands run as, or `root`
+    when that folder is not beneath `root` (the drive's folder, the only place files can go)."""
+    base = posixpath.normpath(root)
+    if base == "/":
+        return "echo ~"
+    quoted = shlex.quote(base)
+    return f'h=~; case "$h/" in {quoted}/*) echo "$h" ;; *) echo {quoted} ;; esac'
+
+
 def drive_path(path, drive, root):
     """The service's drive path of an absolute host path beneath `root`."""
     normal = posixpath.normpath(path)
@@ -119,6 +184,31 @@ class Connection(ConnectionBase):
         super().__init__(*args, **kwargs)
         self._fso = None
         self._extended = False
+        self._adapt_shell()
+
+    def _adapt_shell(self):
+        """Makes the shell plugin's home and temporary folders those of the account's identity.
+
+        Ansible expands "~" as "~<ansible_user>", a service account no host knows: the shell
+        would print it back and the temporary folder would become a literal "~operator" folder.
+        """
+        shell = self._shell
+        set_options, expand_user = shell.set_options, shell.expand_user
+
+        def set_shell_options(*args, **kwargs):
+            set_options(*args, **kwargs)
+            remote_tmp = self.get_option("remote_tmp")
+            if remote_tmp:
+                shell.set_option("remote_tmp", remote_tmp)
+
+        def expand_account_home(user_home_path, username=""):
+            account = self.get_option("remote_user") or ""
+            if user_home_path in ("~", "~" + account) and not username:
+                return home_command(self.get_option("drive_root"))
+            return expand_user(user_home_path, username)
+
+        shell.set_options = set_shell_options
+        shell.expand_user = expand_account_home
 
     def _failure(self, what):
         return f"{what} on {self.get_option('remote_addr')}: {self._fso.ErrCode} {self._fso.ErrDescription}"
@@ -133,14 +223,36 @@ class Connection(ConnectionBase):
         fso.timeout = int(self.get_option("timeout")) * 1000
         user = self.get_option("remote_user") or ""
         password = self.get_option("password") or ""
-        display.vvv(f"PELMORA CONNECT {user}@{host}:{self.get_option('port')}", host=host)
-        if not fso.Connect(host, int(self.get_option("port")), user, password, False):
+        tls = bool(self.get_option("tls"))
+        port = int(self.get_option("port") or (pelmora.TLS_PORT if tls else 8002))
+        if tls:
+            self._use_tls(fso)
+        display.vvv(f"PELMORA CONNECT {user}@{host}:{port}{' TLS' if tls else ''}", host=host)
+        if not fso.Connect(host, port, user, password, False):
+            hint = ""
+            if fso.ErrCode == 12045 and not self.get_option("trust_new"):
+                hint = (" (set pelmora_trust_new=true to record a new host, or pin it with "
+                        "pelmora_fingerprint)")
             raise AnsibleConnectionFailure(
-                f"pelmora: {host}: {fso.ErrCode} {fso.ErrDescription}")
+                f"pelmora: {host}: {fso.ErrCode} {fso.ErrDescription}{hint}")
+        if tls:
+            display.vvv(f"PELMORA TLS {fso.TlsPresentedFingerprint}", host=host)
         self._fso = fso
         self._extended = fso.ExtendedCommandVersion() >= 1
         self._connected = True
         return self
+
+    def _use_tls(self, fso):
+        cert, key = self.get_option("client_cert"), self.get_option("client_key")
+        try:
+            pelmora.use_tls(fso, fingerprint=self.get_option("fingerprint") or "",
+                            ca_file=self.get_option("ca_file") or "",
+                            known_hosts=self.get_option("known_hosts") or None,
+                            trust_new=bool(self.get_option("trust_new")),
+                            client_certificate=cert or (None if not key else ""),
+                            client_key=key or (None if not cert else ""))
+        except (ValueError, OSError) as error:
+            raise AnsibleConnectionFailure(f"pelmora: {error}") from error
 
     def exec_command(self, cmd, in_data=None, sudoable=True):
         super().exec_command(cmd, in_data=in_data, sudoable=sudoable)
