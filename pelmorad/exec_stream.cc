@@ -83,6 +83,8 @@ class ExecStream {
   std::optional<pelmora::ChildExit> exit_;
   std::optional<Clock::time_point> deadline_;
   std::optional<Clock::time_point> drain_until_;
+  // Once the command has exited before the client's first frame: how long that frame is awaited.
+  std::optional<Clock::time_point> start_until_;
   std::optional<Clock::time_point> finish_until_;
 };
 
@@ -135,7 +137,9 @@ bool ExecStream::Step() {
 
 int ExecStream::PollTimeout() const {
   std::optional<Clock::time_point> next;
-  for (const auto& clock : {exit_ ? std::nullopt : deadline_, drain_until_, finish_until_}) {
+  // Output and the exit wait for the client's first frame, so the drain clock runs only after it.
+  for (const auto& clock : {exit_ ? std::nullopt : deadline_, started_ ? drain_until_ : start_until_,
+                            finish_until_}) {
     if (clock && (!next || *clock < *next)) next = clock;
   }
   if (!next) return -1;
@@ -149,8 +153,12 @@ void ExecStream::CheckClocks() {
     timed_out_ = true;
     Kill();
   }
+  // Nothing goes to the client before its first frame; a client that never sends one gets the
+  // exit frame after the finish time and is then given up.
   bool drained = output_fd_ < 0 && error_fd_ < 0;
-  if (exit_ && !exit_queued_ && (drained || (drain_until_ && now >= *drain_until_))) {
+  bool may_end = started_ ? drained || (drain_until_ && now >= *drain_until_)
+                          : start_until_ && now >= *start_until_;
+  if (exit_ && !exit_queued_ && may_end) {
     ExecExit exit{timed_out_ ? ExecOutcome::kTimedOut
                   : exit_->signalled ? ExecOutcome::kSignalled
                                      : ExecOutcome::kExited,
@@ -181,6 +189,8 @@ bool ExecStream::HandleFrame(const ExecFrame& frame) {
     started_ = true;
     input_credit_ = kInputWindow;
     Queue(pelmora::admin::BuildExecGrant(ExecFrameKind::kInputGrant, kInputWindow));
+    // A command that exited before this frame still has its output forwarded in full.
+    if (exit_) drain_until_ = Clock::now() + std::chrono::milliseconds(limits_.drain_ms);
   }
   switch (frame.kind) {
     case ExecFrameKind::kGrant:
@@ -286,6 +296,7 @@ void ExecStream::NoteExit() {
   if (!input_.empty()) DropInput();
   child_.CloseInput();
   drain_until_ = Clock::now() + std::chrono::milliseconds(limits_.drain_ms);
+  start_until_ = Clock::now() + std::chrono::milliseconds(limits_.finish_ms);
 }
 
 void ExecStream::Kill() {
