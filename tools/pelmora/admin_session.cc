@@ -161,30 +161,32 @@ HostSession::~HostSession() = default;
 
 bool HostSession::Connect() {
   const int32_t connect_limit = options_.connect_timeout_ms;
-  const std::string where = target_.name + ":" + std::to_string(target_.port);
+  const std::string& name = options_.address.empty() ? target_.name : options_.address;
+  const std::string where = name + ":" + std::to_string(target_.port);
   const bool verbose = options_.verbose;
   if (verbose) {
     output_.Step("connecting to " + where +
                  (connect_limit > 0 ? " (time-out " + Seconds(connect_limit) + ")" : ""));
   }
-  if (connect_limit > 0 && ConnectTimesOut(target_.name, target_.port, connect_limit)) {
+  if (connect_limit > 0 && ConnectTimesOut(name, target_.port, connect_limit)) {
     Fail(kExitConnect, {kTimedOut, pelmora::DescribeError(kTimedOut) + " (no connection to " +
                                        where + " within " + Seconds(connect_limit) + ")"});
     return false;
   }
   Fso().set_timeout(connect_limit > 0 ? connect_limit : options_.timeout_ms);
   Client().SetServicePort(target_.port);
+  if (options_.tls.enabled) Client().set_tls(options_.tls);
   if (verbose) {
     output_.Step(credentials_.account.empty() ? "logging in with the built-in account"
                                               : "logging in as " + credentials_.account);
   }
   bool logged_in = credentials_.account.empty()
-                       ? Client().Connect(target_.name)
-                       : Fso().Connect(target_.name, target_.port, credentials_.account,
+                       ? Client().Connect(name)
+                       : Fso().Connect(name, target_.port, credentials_.account,
                                        credentials_.password, false);
   if (!logged_in) {
     HostFailure failure{Fso().ErrCode(), Fso().ErrDescription()};
-    std::string cause = ConnectCause(failure.number, target_.name, where,
+    std::string cause = ConnectCause(failure.number, name, where,
                                      connect_limit > 0 ? connect_limit : options_.timeout_ms);
     failure.detail = cause;
     if (failure.number == 0 && failure.description.empty()) {

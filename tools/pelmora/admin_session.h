@@ -21,6 +21,7 @@
 #include <string_view>
 
 #include "pelmora/admin/admin_client.h"
+#include "pelmora/net/tls_client.h"
 #include "tools/pelmora/host_list.h"
 
 namespace pelmora_tool {
@@ -40,6 +41,9 @@ inline constexpr int kExitExecFailure = 255;
 // The global options of `pelmora admin`.
 struct AdminOptions {
   std::string host = "localhost";
+  // The name to connect to when the defaults file's section for `host` gives one ("" for `host`
+  // itself); messages keep naming the host as it was given.
+  std::string address;
   int32_t port = pelmora::admin::kServicePort;
   std::string account;           // "" for the built-in service account
   std::string password_file;
@@ -49,6 +53,9 @@ struct AdminOptions {
   bool quiet = false;
   bool verbose = false;  // the connection's steps on standard error
   bool fleet = false;  // several hosts at once: `get` puts each host's file in its own folder
+  // Transport and trust: the command-line flags fill these first, the defaults file what they
+  // leave unset (ApplyFileTransport).
+  pelmora::TlsClientSettings tls;
 };
 
 // The secrets of one run, read once before any host is contacted.
