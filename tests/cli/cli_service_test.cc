@@ -7,6 +7,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <random>
+#include <sstream>
 
 #include "tests/cli/cli_service_fixture.h"
 
@@ -314,6 +315,38 @@ TEST_F(CliServiceTest, RecursiveTransfersCopyWholeFoldersBothWays) {
   ChildProcess::Result again = Admin({"get", "-r", "C:\\site", Local("back")});
   EXPECT_EQ(again.status, 0) << again.err;
   EXPECT_TRUE(fs::exists(Local("back/site/index.html"))) << "an existing folder receives it";
+}
+
+TEST_F(CliServiceTest, RemoteWildcardsTakeEveryMatchOfTheLastName) {
+  ASSERT_EQ(Admin({"mkdir", "C:\\logs"}).status, 0);
+  for (const char* name : {"a.log", "b.log", "c.LOG", "notes.txt", ".hidden.log"}) {
+    ServerFile(std::string("logs/") + name, 3);
+  }
+  ChildProcess::Result list = Admin({"ls", "C:\\logs\\*.log"});
+  EXPECT_EQ(list.status, 0) << list.err;
+  std::vector<std::string> listed;
+  std::istringstream lines(list.out);
+  for (std::string line; std::getline(lines, line);) listed.push_back(line);
+  EXPECT_THAT(listed, ::testing::UnorderedElementsAre("a.log", "b.log"));
+
+  fs::create_directory(Local("down"));
+  ChildProcess::Result get = Admin({"get", "C:\\logs\\?.log", Local("down")});
+  EXPECT_EQ(get.status, 0) << get.err;
+  EXPECT_THAT(Names(Local("down")), ::testing::UnorderedElementsAre("a.log", "b.log"));
+
+  ChildProcess::Result none = Admin({"get", "C:\\logs\\*.gz", Local("down")});
+  EXPECT_EQ(none.status, 1);
+  EXPECT_EQ(none.err, "pelmora: 127.0.0.1: no matches found: C:\\logs\\*.gz\n");
+  ChildProcess::Result no_folder = Admin({"ls", "C:\\nowhere\\*.log"});
+  EXPECT_EQ(no_folder.status, 1);
+  EXPECT_THAT(no_folder.err, HasSubstr("C:\\nowhere: not there"));
+
+  ChildProcess::Result removed = Admin({"rm", "C:\\logs\\*.log"});
+  EXPECT_EQ(removed.status, 0) << removed.err;
+  EXPECT_THAT(Names(service_.Drive('C') + "/logs"),
+              ::testing::UnorderedElementsAre("c.LOG", "notes.txt", ".hidden.log"));
+  EXPECT_EQ(Admin({"rm", "C:\\logs\\*.log"}).err,
+            "pelmora: 127.0.0.1: no matches found: C:\\logs\\*.log\n");
 }
 
 }  // namespace

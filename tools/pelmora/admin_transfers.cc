@@ -18,6 +18,7 @@
 
 #include "pelmora/admin/rc_file_info.h"
 #include "tools/pelmora/admin_requests.h"
+#include "tools/pelmora/remote_wildcards.h"
 #include "tools/pelmora/transfer_watch.h"
 
 namespace pelmora_tool {
@@ -237,16 +238,28 @@ std::string DownloadTarget(const std::string& remote, const std::string& local,
 
 int ListFolder(HostSession& session, const std::string& folder, bool long_form, bool human,
                bool json) {
-  pelmora::admin::RCFileInfoCollection entries = session.Fso().GetFolderFiles(folder);
-  if (session.Fso().ErrCode() != 0) return session.FailOnPath(kExitFailed, folder);
+  // A wildcard in the last component lists the matching entries of its folder.
+  WildcardPath split{folder, "", ""};
+  if (HasWildcard(folder)) split = SplitWildcardPath(folder);
+  pelmora::admin::RCFileInfoCollection entries = session.Fso().GetFolderFiles(split.folder);
+  if (session.Fso().ErrCode() != 0) return session.FailOnPath(kExitFailed, split.folder);
+  std::vector<std::shared_ptr<RCFileInfo>> shown;
+  for (const auto& entry : entries) {
+    if (split.pattern.empty() || WildcardMatch(split.pattern, entry->FileName())) {
+      shown.push_back(entry);
+    }
+  }
+  if (!split.pattern.empty() && shown.empty()) {
+    return session.Fail(kExitFailed, {0, "no matches found: " + folder});
+  }
   if (json) {
     nlohmann::ordered_json records = nlohmann::ordered_json::array();
-    for (const auto& entry : entries) records.push_back(Record(*entry));
+    for (const auto& entry : shown) records.push_back(Record(*entry));
     session.Output().Write(records.dump() + "\n");
     return kExitOk;
   }
   std::string text;
-  for (const auto& entry : entries) text += long_form ? LongLine(*entry, human) : entry->FileName() + "\n";
+  for (const auto& entry : shown) text += long_form ? LongLine(*entry, human) : entry->FileName() + "\n";
   if (!text.empty()) session.Output().Write(text);
   return kExitOk;
 }
@@ -453,8 +466,12 @@ int PutAll(HostSession& session, const std::vector<std::string>& sources,
   });
 }
 
-int GetAll(HostSession& session, const std::vector<std::string>& sources,
-           const std::string& target, bool resume, bool recursive) {
+int GetAll(HostSession& session, const std::vector<std::string>& patterns,
+           const std::string& given_target, bool resume, bool recursive) {
+  std::vector<std::string> sources;
+  if (int status = ExpandRemote(session, patterns, sources); status != kExitOk) return status;
+  // Several files without a target land in the current folder, as one does.
+  const std::string target = given_target.empty() && sources.size() > 1 ? "." : given_target;
   std::error_code error;
   if (sources.size() > 1 && target != "-" && !session.Options().fleet &&
       !fs::is_directory(target, error)) {
