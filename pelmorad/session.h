@@ -110,6 +110,8 @@ class Session : public std::enable_shared_from_this<Session> {
   asio::awaitable<bool> HandleExec(const pelmora::admin::RequestBlock& block);
   asio::awaitable<bool> StreamExec(std::shared_ptr<ExecJob> job, int32_t timeout,
                                    std::string audit_text);
+  // The file mode requests (session_mode.cc): get mode and set mode.
+  asio::awaitable<bool> HandleMode(const pelmora::admin::RequestBlock& block);
 
   // Runs file work on the pool with the account's identity as the owner of what it creates.
   template <typename Function>

@@ -6,6 +6,7 @@
 
 #include "pelmora/admin/credentials.h"
 #include "pelmora/admin/exec_wire.h"
+#include "pelmora/admin/mode_wire.h"
 #include "pelmora/admin/wire_replies.h"
 #include "pelmora/common/codepage.h"
 #include "pelmorad/audit.h"
@@ -86,6 +87,9 @@ asio::awaitable<bool> Session::HandleLogin(std::span<const uint8_t> data) {
 asio::awaitable<bool> Session::Dispatch(const RequestBlock& block) {
   if (block.code == pelmora::admin::kExecHelloCode || block.code == pelmora::admin::kExecRunCode) {
     co_return co_await HandleExec(block);
+  }
+  if (block.code == pelmora::admin::kModeGetCode || block.code == pelmora::admin::kModeSetCode) {
+    co_return co_await HandleMode(block);
   }
   switch (static_cast<RequestCode>(block.code)) {
     case RequestCode::kUpload:

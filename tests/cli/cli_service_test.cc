@@ -349,5 +349,35 @@ TEST_F(CliServiceTest, RemoteWildcardsTakeEveryMatchOfTheLastName) {
             "pelmora: 127.0.0.1: no matches found: C:\\logs\\*.log\n");
 }
 
+TEST_F(CliServiceTest, PermissionBitsTravelWithTheFileButNeverSetuid) {
+  const std::string script = Local("run.sh");
+  std::ofstream(script) << "#!/bin/sh\necho hi\n";
+  fs::permissions(script, static_cast<fs::perms>(04755));  // setuid is never sent
+  ChildProcess::Result put = Admin({"put", script, "C:\\"});
+  EXPECT_EQ(put.status, 0) << put.err;
+  EXPECT_EQ(fs::status(service_.Drive('C') + "/run.sh").permissions() & fs::perms::mask,
+            static_cast<fs::perms>(0755));
+  const std::string note = Local("note.txt");
+  std::ofstream(note) << "x";
+  fs::permissions(note, static_cast<fs::perms>(0600));
+  ASSERT_EQ(Admin({"put", note, "C:\\"}).status, 0);
+  EXPECT_EQ(fs::status(service_.Drive('C') + "/note.txt").permissions() & fs::perms::mask,
+            static_cast<fs::perms>(0600));
+
+  fs::create_directory(Local("back"));
+  ChildProcess::Result get = Admin({"get", "C:\\run.sh", "C:\\note.txt", Local("back")});
+  EXPECT_EQ(get.status, 0) << get.err;
+  // As scp gives new files: the remote bits less the umask (the test runs with 022 or less).
+  EXPECT_EQ(fs::status(Local("back/run.sh")).permissions() & fs::perms::mask,
+            static_cast<fs::perms>(0755));
+  EXPECT_EQ(fs::status(Local("back/note.txt")).permissions() & fs::perms::mask,
+            static_cast<fs::perms>(0600));
+  // A file the download replaces keeps its own bits.
+  fs::permissions(Local("back/run.sh"), static_cast<fs::perms>(0700));
+  ASSERT_EQ(Admin({"get", "C:\\run.sh", Local("back")}).status, 0);
+  EXPECT_EQ(fs::status(Local("back/run.sh")).permissions() & fs::perms::mask,
+            static_cast<fs::perms>(0700));
+}
+
 }  // namespace
 }  // namespace pelmora_cli_test

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <optional>
 
+#include "pelmora/admin/mode_wire.h"
 #include "pelmora/common/error.h"
 #include "pelmora/common/error_texts.h"
 #include "tools/pelmora/crypto_io.h"
@@ -201,6 +202,13 @@ bool HostSession::Connect() {
                  Seconds(options_.timeout_ms));
   }
   return true;
+}
+
+bool HostSession::KeepsModes() {
+  if (!keeps_modes_) {
+    keeps_modes_ = Fso().ExtendedCommandVersion() >= pelmora::admin::kModeVersion;
+  }
+  return *keeps_modes_;
 }
 
 int HostSession::FailFromClient(int status) {

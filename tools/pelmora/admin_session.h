@@ -137,6 +137,10 @@ class HostSession {
   // The host as the host list gave it ("name" or "name:port"), as reports show it.
   const std::string& Display() const { return display_; }
 
+  // Whether the service keeps file modes for the transfers (the file mode requests), asked once
+  // per session with the hello; a service without them is left alone. Blocks for the hello.
+  bool KeepsModes();
+
   // Reports the RCFSO's last error and returns `status`.
   int FailFromClient(int status);
   // As FailFromClient, naming `path` and what the server shows of it ("no drive Q:", "is a
@@ -156,6 +160,7 @@ class HostSession {
   const Credentials& credentials_;
   HostOutput& output_;
   std::unique_ptr<pelmora::admin::AdminClient> client_;
+  std::optional<bool> keeps_modes_;
 };
 
 // The work of one admin command on a connected session; returns the host's exit status.

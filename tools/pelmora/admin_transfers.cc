@@ -71,19 +71,24 @@ int FailLocal(HostSession& session, const std::string& what, const std::string& 
                       {0, what + " " + path + ": " + std::system_category().message(error), /*local=*/true});
 }
 
-// The mode new files get: 0666 less this process's umask (read without changing it, since
-// other hosts' threads may be creating files at the same time).
-mode_t NewFileMode() {
-  static const mode_t mode = [] {
+// This process's umask, read without changing it, since other hosts' threads may be creating
+// files at the same time.
+mode_t Umask() {
+  static const mode_t mask = [] {
     std::ifstream status("/proc/self/status");
     std::string line;
     while (std::getline(status, line)) {
-      if (line.rfind("Umask:", 0) == 0) return 0666 & ~std::strtoul(line.c_str() + 6, nullptr, 8);
+      if (line.rfind("Umask:", 0) == 0) {
+        return static_cast<mode_t>(std::strtoul(line.c_str() + 6, nullptr, 8) & 0777);
+      }
     }
-    return 0644ul;
+    return static_cast<mode_t>(022);
   }();
-  return mode;
+  return mask;
 }
+
+// The mode new files get: 0666 less the umask.
+mode_t NewFileMode() { return 0666 & ~Umask(); }
 
 // Why `path` holds fewer bytes than `expected`: appends the missing count (as zeros) and returns
 // the errno the system gives, or 0 when it takes them (then the remote file changed instead).
@@ -153,7 +158,8 @@ class PartFile {
     int fd = mkstemp(pattern.data());
     if (fd < 0) return FailLocal(session, "cannot create a file in", folder.string(), errno);
     path_ = pattern;
-    fchmod(fd, exists && S_ISREG(existing.st_mode) ? existing.st_mode & 07777 : NewFileMode());
+    replaces_ = exists && S_ISREG(existing.st_mode);
+    fchmod(fd, replaces_ ? existing.st_mode & 07777 : NewFileMode());
     close(fd);
     return kExitOk;
   }
@@ -161,6 +167,12 @@ class PartFile {
     if (!path_.empty()) unlink(path_.c_str());
   }
   const std::string& Path() const { return path_; }
+
+  // A new file takes the permission bits of the remote one, less the umask, as scp gives them; a
+  // file it replaces keeps its own, and setuid, setgid and sticky bits are never given.
+  void TakeRemoteMode(int32_t remote_mode) {
+    if (!replaces_ && !in_place_) chmod(path_.c_str(), remote_mode & 0777 & ~Umask());
+  }
 
   // Gives the complete file to its target: 0, or the errno of the failure.
   int Deliver() {
@@ -185,6 +197,7 @@ class PartFile {
   std::string path_;
   std::string target_;
   bool in_place_ = false;
+  bool replaces_ = false;
 };
 
 // Whether `target` already holds the remote file: same size and last-write second.
@@ -312,6 +325,13 @@ int Get(HostSession& session, const std::string& remote, const std::string& loca
     if (cause != 0) return FailLocal(session, "cannot write", target, cause);
     return session.Fail(kExitFailed, {0, remote + " changed while it was downloaded"});
   }
+  int32_t remote_mode = 0;
+  if (!to_output && session.KeepsModes()) {
+    if (!session.Fso().GetFileMode(remote, remote_mode)) {
+      return session.FailOnPath(kExitFailed, remote);
+    }
+    part.TakeRemoteMode(remote_mode);
+  }
   int error = to_output ? part.WriteTo(session.Output()) : part.Deliver();
   return error == 0 ? kExitOk : FailLocal(session, "cannot write", target, error);
 }
@@ -371,7 +391,14 @@ int Put(HostSession& session, const std::string& local, const std::string& remot
   TransferWatch watch(session.Output(), local, size);
   bool done = session.Fso().Upload(local, target);
   watch.Stop(done ? std::optional<uint64_t>(size) : std::nullopt);
-  return done ? kExitOk : session.FailOnPath(kExitFailed, target, "", /*reading=*/false);
+  if (!done) return session.FailOnPath(kExitFailed, target, "", /*reading=*/false);
+  // The permission bits go along, as scp sends them (never setuid, setgid or sticky).
+  struct stat info {};
+  if (session.KeepsModes() && stat(local.c_str(), &info) == 0 &&
+      !session.Fso().SetFileMode(target, static_cast<int32_t>(info.st_mode & 0777))) {
+    return session.FailOnPath(kExitFailed, target);
+  }
+  return kExitOk;
 }
 
 namespace {
