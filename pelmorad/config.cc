@@ -14,6 +14,7 @@
 #include <sstream>
 
 #include "pelmora/common/error.h"
+#include "pelmora/common/internal/closest_name.h"
 
 namespace pelmorad {
 namespace {
@@ -243,22 +244,6 @@ const std::map<std::string, std::vector<std::string>>& KnownKeys() {
   return keys;
 }
 
-// The number of single-character edits between `a` and `b`.
-std::size_t EditDistance(std::string_view a, std::string_view b) {
-  std::vector<std::size_t> row(b.size() + 1);
-  for (std::size_t j = 0; j <= b.size(); ++j) row[j] = j;
-  for (std::size_t i = 1; i <= a.size(); ++i) {
-    std::size_t diagonal = row[0];
-    row[0] = i;
-    for (std::size_t j = 1; j <= b.size(); ++j) {
-      std::size_t above = row[j];
-      row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] != b[j - 1] ? 1 : 0)});
-      diagonal = above;
-    }
-  }
-  return row[b.size()];
-}
-
 // Refuses a key `kind`'s table does not know, naming its line and the nearest known key.
 void CheckKeys(const toml::table& table, const std::string& kind, const std::string& prefix,
                std::string_view source) {
@@ -267,12 +252,7 @@ void CheckKeys(const toml::table& table, const std::string& kind, const std::str
   for (const auto& [key, value] : table) {
     std::string name(key.str());
     if (std::find(known.begin(), known.end(), name) != known.end()) continue;
-    std::string hint;
-    std::size_t best = 3;
-    for (const std::string& candidate : known) {
-      std::size_t distance = EditDistance(name, candidate);
-      if (distance < best) best = distance, hint = candidate;
-    }
+    std::string hint = pelmora::internal::ClosestName(name, known);
     Fail(source, fmt::format("line {}: unknown key {}{}{}", key.source().begin.line, prefix, name,
                              hint.empty() ? "" : fmt::format(" (did you mean {}?)", hint)));
   }

@@ -149,6 +149,8 @@ class Session : public std::enable_shared_from_this<Session> {
   asio::awaitable<bool> HandleExec(const pelmora::admin::RequestBlock& block);
   asio::awaitable<bool> StreamExec(std::shared_ptr<ExecJob> job, int32_t timeout,
                                    std::string audit_text);
+  // The file mode requests (session_mode.cc): get mode and set mode.
+  asio::awaitable<bool> HandleMode(const pelmora::admin::RequestBlock& block);
 
   // Runs file work on the pool. Requests are served only in an account worker, which already
   // is the account's user.

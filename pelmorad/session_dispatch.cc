@@ -7,6 +7,7 @@
 
 #include "pelmora/admin/credentials.h"
 #include "pelmora/admin/exec_wire.h"
+#include "pelmora/admin/mode_wire.h"
 #include "pelmora/admin/wire_replies.h"
 #include "pelmora/common/codepage.h"
 #include "pelmorad/audit.h"
@@ -113,6 +114,9 @@ asio::awaitable<bool> Session::LogIn(const Account& account, const std::string& 
 asio::awaitable<bool> Session::Dispatch(const RequestBlock& block) {
   if (block.code == pelmora::admin::kExecHelloCode || block.code == pelmora::admin::kExecRunCode) {
     co_return co_await HandleExec(block);
+  }
+  if (block.code == pelmora::admin::kModeGetCode || block.code == pelmora::admin::kModeSetCode) {
+    co_return co_await HandleMode(block);
   }
   switch (static_cast<RequestCode>(block.code)) {
     case RequestCode::kUpload:

@@ -9,16 +9,8 @@
 // Passes (exit 0) when there was no unexpected error, every transferred file came back
 // byte-identical, memory and descriptors stayed flat after the warm-up (the slopes are printed)
 // and no zombie process was left. The service is found beside the build tree (or PELMORAD_BINARY).
-#include <crypt.h>
-#include <dirent.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <pwd.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -38,16 +30,23 @@
 
 #include "pelmora/admin/rc_file_info.h"
 #include "pelmora/admin/rcfso.h"
-
-extern char** environ;
+#include "bench/soak/soak_process.h"
+#include "bench/soak/soak_service.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 namespace fs = std::filesystem;
 
-constexpr char kAccount[] = "soak";
-constexpr char kPassword[] = "soak password";
+using pelmora_soak::DefaultService;
+using pelmora_soak::kAccount;
+using pelmora_soak::kPassword;
+using pelmora_soak::ReadAll;
+using pelmora_soak::Sample;
+using pelmora_soak::SampleProcess;
+using pelmora_soak::Service;
+using pelmora_soak::Slope;
+using pelmora_soak::Zombies;
 constexpr int kSharedFiles = 8;                    // files in C:\shared, listed and downloaded
 constexpr std::size_t kSmall = 4096;               // bytes of a small transfer
 constexpr std::size_t kLarge = 8 * 1024 * 1024;    // bytes of a large transfer
@@ -79,13 +78,6 @@ bool ParseOptions(int argc, char** argv, Options& options) {
   }
   return options.seconds > 0 && options.sessions > 0 && options.threads > 0;
 }
-
-std::string DefaultService() {
-  if (const char* binary = std::getenv("PELMORAD_BINARY")) return binary;
-  fs::path self = fs::read_symlink("/proc/self/exe");
-  return (self.parent_path().parent_path().parent_path() / "pelmorad" / "pelmorad").string();
-}
-
 std::string RandomBytes(std::size_t size, std::mt19937_64& random) {
   std::string bytes(size, '\0');
   for (std::size_t i = 0; i < size; i += 8) {
@@ -95,145 +87,9 @@ std::string RandomBytes(std::size_t size, std::mt19937_64& random) {
   return bytes;
 }
 
-std::string ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 void WriteAll(const std::string& path, const std::string& bytes) {
   std::ofstream(path, std::ios::binary | std::ios::trunc).write(bytes.data(),
                                                                static_cast<long>(bytes.size()));
-}
-
-// A service run by root runs the account as nobody: the drive becomes nobody's, and the scratch
-// folder above it only passable.
-void GiveDriveToNobody(const std::string& folder) {
-  const passwd* nobody = ::getpwnam("nobody");
-  if (nobody == nullptr) return;
-  ::chmod(folder.c_str(), 0711);
-  for (const auto& entry : fs::recursive_directory_iterator(folder + "/c")) {
-    ::lchown(entry.path().c_str(), nobody->pw_uid, nobody->pw_gid);
-  }
-  ::lchown((folder + "/c").c_str(), nobody->pw_uid, nobody->pw_gid);
-}
-
-// The service in a scratch folder, with a fast-hash account that may run commands and limits
-// wide enough for the sessions and the wrong passwords.
-class Service {
- public:
-  Service(const std::string& binary, const std::string& folder, int sessions) : folder_(folder) {
-    fs::create_directories(folder + "/c/shared");
-    fs::create_directories(folder + "/c/work");
-    crypt_data data{};
-    std::string hash = crypt_rn(kPassword, "$6$rounds=1000$soaksalt", &data, sizeof(data));
-    std::ofstream(folder + "/pelmorad.toml")
-        << "[drives]\nC = \"" << folder << "/c\"\n[accounts." << kAccount << "]\npassword = \""
-        << hash << "\"\ncommands = true\n"
-        << (::geteuid() == 0 ? "run_as = \"nobody\"\n" : "") << "[limits]\nsessions = "
-        << sessions + 100
-        << "\nsessions_per_address = " << sessions + 100
-        << "\nidle_seconds = 3600\nlogin_failures = 1000\nlogin_delay_ms = 0\n";
-    ::chmod((folder + "/pelmorad.toml").c_str(), 0600);
-    if (::geteuid() == 0) GiveDriveToNobody(folder);
-    std::string fifo = folder + "/port";
-    ::mkfifo(fifo.c_str(), 0600);
-    int reader = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    std::vector<std::string> args = {binary, "--config", folder + "/pelmorad.toml", "--listen",
-                                     "127.0.0.1:0", "--port-file", fifo};
-    std::vector<char*> argv;
-    for (std::string& arg : args) argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, (folder + "/audit.log").c_str(),
-                                     O_WRONLY | O_CREAT | O_APPEND, 0600);
-    ::posix_spawn(&pid_, binary.c_str(), &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    pollfd entry{reader, POLLIN, 0};
-    char text[16] = {};
-    if (::poll(&entry, 1, 20000) == 1) (void)!::read(reader, text, sizeof(text) - 1);
-    ::close(reader);
-    port_ = std::atoi(text);
-  }
-  ~Service() {
-    if (pid_ > 0) {
-      ::kill(pid_, SIGKILL);
-      ::waitpid(pid_, nullptr, 0);
-    }
-  }
-  // SIGTERM and the exit status (128 + n when killed by signal n).
-  int Stop() {
-    ::kill(pid_, SIGTERM);
-    int status = 0;
-    ::waitpid(pid_, &status, 0);
-    pid_ = -1;
-    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
-  }
-  pid_t pid() const { return pid_; }
-  int port() const { return port_; }
-  std::string Drive(const std::string& relative) const { return folder_ + "/c/" + relative; }
-
- private:
-  std::string folder_;
-  pid_t pid_ = -1;
-  int port_ = 0;
-};
-
-// One sample of the service's process.
-struct Sample {
-  double seconds = 0;
-  long rss_kb = 0;
-  long fds = 0;
-  long threads = 0;
-};
-
-Sample SampleProcess(pid_t pid, double seconds) {
-  Sample sample;
-  sample.seconds = seconds;
-  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.starts_with("VmRSS:")) sample.rss_kb = std::atol(line.c_str() + 6);
-    if (line.starts_with("Threads:")) sample.threads = std::atol(line.c_str() + 8);
-  }
-  std::error_code ignored;
-  for (auto it = fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ignored);
-       it != fs::directory_iterator(); it.increment(ignored)) {
-    ++sample.fds;
-  }
-  return sample;
-}
-
-// Processes in state Z whose parent is `parent` (or any, when parent is 0).
-std::vector<pid_t> Zombies(pid_t parent) {
-  std::vector<pid_t> found;
-  DIR* proc = ::opendir("/proc");
-  while (dirent* entry = proc ? ::readdir(proc) : nullptr) {
-    pid_t pid = std::atoi(entry->d_name);
-    if (pid <= 0) continue;
-    std::string stat = ReadAll("/proc/" + std::to_string(pid) + "/stat");
-    std::size_t close = stat.rfind(')');
-    if (close == std::string::npos || close + 4 >= stat.size()) continue;
-    char state = stat[close + 2];
-    pid_t ppid = std::atoi(stat.c_str() + close + 4);
-    if (state == 'Z' && (parent == 0 || ppid == parent)) found.push_back(pid);
-  }
-  if (proc) ::closedir(proc);
-  return found;
-}
-
-// The slope of `value` over the samples from `from` on, per second (least squares).
-template <typename Value>
-double Slope(const std::vector<Sample>& samples, std::size_t from, Value value) {
-  double n = 0, sx = 0, sy = 0, sxx = 0, sxy = 0;
-  for (std::size_t i = from; i < samples.size(); ++i) {
-    double x = samples[i].seconds, y = static_cast<double>(value(samples[i]));
-    n += 1, sx += x, sy += y, sxx += x * x, sxy += x * y;
-  }
-  double d = n * sxx - sx * sx;
-  return n < 2 || d == 0 ? 0 : (n * sxy - sx * sy) / d;
 }
 
 struct Counters {

@@ -252,6 +252,16 @@ class RCFSO {
   // its time-out is 0).
   bool RunCommand(const RemoteCommand& command, RemoteCommandIo& io, ExecExit& exit);
 
+  // --- File modes (rcfso_mode.cc), for a service whose ExtendedCommandVersion is 2 or more ---
+  // The permission bits (0-0777) of the server file `sRemoteFile` in `lMode` (request 42).
+  // Fails with the service's refusal (2 or 3 not there, 5 no right or a link, 87 not a file);
+  // a service without the request refuses with 1. Blocks for at most `timeout` ms.
+  bool GetFileMode(std::string_view sRemoteFile, int32_t& lMode);
+  // Sets the permission bits of the server file `sRemoteFile` to `lMode` (request 43). Fails
+  // with 87 for bits outside 0777 (setuid, setgid, sticky) without asking, otherwise as
+  // GetFileMode (5 also for a read-only account). Blocks for at most `timeout` ms.
+  bool SetFileMode(std::string_view sRemoteFile, int32_t lMode);
+
  private:
   friend class internal::RCFSOTestAccess;
   using Bytes = std::vector<uint8_t>;

@@ -1,5 +1,6 @@
 #include "pelmora/db/sqldb.h"
 
+#include <cstdint>
 #include <exception>
 #include <utility>
 
@@ -14,6 +15,17 @@ namespace pelmora::db {
 
 using internal::Execution;
 using internal::OdbcConnection;
+
+namespace {
+
+// A driver's row count as RecordsAffected holds it: -1 stays unknown, more than fits is the most
+// that fits.
+int32_t RowCount(int64_t rows) {
+  if (rows < 0) return -1;
+  return rows > INT32_MAX ? INT32_MAX : static_cast<int32_t>(rows);
+}
+
+}  // namespace
 
 SQLDB::SQLDB() = default;
 SQLDB::~SQLDB() = default;
@@ -68,16 +80,20 @@ bool SQLDB::Disconnect() {
 bool SQLDB::IsConnected() const { return connection_ && connection_->IsOpen(); }
 
 bool SQLDB::RunSQLNoReturn(const std::string& sSQL, const Variant& vParams) {
+  records_affected_ = -1;
   return Guarded("RunSQLNoReturn", false, [&] {
-    internal::ExecuteDroppingResults(RequireConnection(), sSQL, internal::ReadParameters(vParams));
+    records_affected_ = RowCount(internal::ExecuteDroppingResults(
+        RequireConnection(), sSQL, internal::ReadParameters(vParams)));
     return true;
   });
 }
 
 std::shared_ptr<Recordset> SQLDB::RunSQLReturnRS(const std::string& sSQL, const Variant& vParams) {
+  records_affected_ = -1;
   return Guarded("RunSQLReturnRS", std::shared_ptr<Recordset>(), [&] {
     Execution execution =
         internal::Execute(RequireConnection(), sSQL, internal::ReadParameters(vParams));
+    records_affected_ = RowCount(execution.rows_affected);
     return std::make_shared<Recordset>(connection_, std::move(execution.statement));
   });
 }

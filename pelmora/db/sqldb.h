@@ -68,6 +68,12 @@ class SQLDB {
   // True while a connection is open.
   bool IsConnected() const;
 
+  // The count of rows the last RunSQLNoReturn or RunSQLReturnRS (or record statement) inserted,
+  // updated or deleted, as the driver reports it (0 for a statement that changes no rows, such
+  // as CREATE TABLE; what a SELECT gives is the driver's choice); -1 after a failure, before any
+  // statement, or when the driver cannot tell.
+  int32_t RecordsAffected() const { return records_affected_; }
+
   // Executes `sSQL` with `vParams` bound to its markers. Returns false on failure.
   bool RunSQLNoReturn(const std::string& sSQL, const Variant& vParams = Variant());
   // The forward-only recordset of `sSQL` (a recordset with no fields for a statement that
@@ -132,6 +138,7 @@ class SQLDB {
 
   std::shared_ptr<internal::OdbcConnection> connection_;
   int32_t connection_timeout_ = 15;
+  int32_t records_affected_ = -1;
   int32_t err_number_ = 0;
   std::string err_description_;
 };

@@ -84,6 +84,7 @@ const ClassRegistrar kSqlDbClass(
         .Property("ErrNumber", &SQLDB::ErrNumber)
         .Property("ErrDescription", &SQLDB::ErrDescription)
         .Property("ConnectionTimeout", &SQLDB::ConnectionTimeout, &SQLDB::SetConnectionTimeout)
+        .Property("RecordsAffected", &SQLDB::RecordsAffected)
         .Method("Connect",
                 [](SQLDB& db, S sConnectionString) { return db.Connect(sConnectionString); })
         .Method("Disconnect", &SQLDB::Disconnect)

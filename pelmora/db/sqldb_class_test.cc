@@ -41,6 +41,7 @@ TEST_F(SqlDbClass, BuildersTakeVariantArraysWithTheirLowerBounds) {
   EXPECT_TRUE(
       Call(db_, "InsertRecordSQL", {"t", Array({"id", "name"}, 1), Array({1, "a"}, 1)}).ToBool());
   EXPECT_TRUE(Call(db_, "UpdateRecordSQL", {"t", Array({"name", "b"}), Array({"id", 1})}).ToBool());
+  EXPECT_EQ(GetProperty(db_, "RecordsAffected"), Variant(int32_t{1}));
   EXPECT_FALSE(Call(db_, "UpdateRecordSQL", {"t", Array({"name"}), Array({"id", 1})}).ToBool());
   EXPECT_EQ(GetProperty(db_, "ErrNumber"), Variant(int32_t{9}));
   EXPECT_EQ(Call(db_, "EscapeName", {"a]b"}), Variant("[a]]b]"));

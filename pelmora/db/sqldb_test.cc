@@ -188,6 +188,20 @@ TEST_P(SqlDbConnection, LongTextAndBytesRoundTripInPieces) {
   db_.RunSQLNoReturn("DROP TABLE blobs");
 }
 
+TEST_P(SqlDbConnection, RecordsAffectedCountsTheRowsAStatementChanged) {
+  EXPECT_EQ(db_.RecordsAffected(), 0) << "a CREATE TABLE changes no rows";
+  ASSERT_TRUE(db_.RunSQLNoReturn("INSERT INTO people (id) VALUES (1), (2), (3)"));
+  EXPECT_EQ(db_.RecordsAffected(), 3);
+  ASSERT_TRUE(db_.RunSQLNoReturn("UPDATE people SET name = ? WHERE id > ?", Array({"x", 1})));
+  EXPECT_EQ(db_.RecordsAffected(), 2);
+  ASSERT_TRUE(db_.RunSQLNoReturn("UPDATE people SET name = 'y' WHERE id > 10"));
+  EXPECT_EQ(db_.RecordsAffected(), 0);
+  ASSERT_NE(db_.RunSQLReturnRS("DELETE FROM people WHERE id = 1"), nullptr);
+  EXPECT_EQ(db_.RecordsAffected(), 1);
+  EXPECT_FALSE(db_.RunSQLNoReturn("DELETE FROM nowhere"));
+  EXPECT_EQ(db_.RecordsAffected(), -1);
+}
+
 TEST(SqlDbConnect, UnknownDriverFailsWithTheDriverManagersText) {
   SQLDB db;
   EXPECT_FALSE(db.Connect("Driver=No Such Driver;Database=x"));

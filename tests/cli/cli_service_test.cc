@@ -1,6 +1,5 @@
 // The `pelmora admin` tool as a process against the real pelmorad: every file and folder command,
-// transfers with byte equality, the clock and paths, accounts and refusals, exec, and a fleet of
-// sessions with its summary.
+// transfers with byte equality, the clock and paths, and the errors that name a path.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -8,54 +7,16 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <random>
+#include <sstream>
 
-#include "pelmora/admin/internal/built_in_secrets.h"
-#include "tests/cli/child_process.h"
-#include "pelmorad/password.h"
-#include "tests/service/service_process.h"
+#include "tests/cli/cli_service_fixture.h"
 
 namespace pelmora_cli_test {
 namespace {
 
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
-using Env = std::vector<std::pair<std::string, std::string>>;
 namespace fs = std::filesystem;
-
-constexpr std::chrono::seconds kLimit(30);
-
-class CliServiceTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_TRUE(service_.Start());
-    env_ = {{"PELMORA_HOME", service_.folder() + "/home"},
-            {"PELMORA_LOG_ROOT", service_.folder() + "/log"},
-            {"PELMORA_ACCESS_CODE", pelmora::admin::internal::BuiltInAccessCode()},
-            {"PELMORA_PASSWORD", std::string(pelmorad::testing::kOperatorPassword)}};
-  }
-  // `pelmora admin --port P ARGS...` with the built-in account.
-  ChildProcess::Result Admin(std::vector<std::string> args) {
-    args.insert(args.begin(), {"admin", "--host", "127.0.0.1", "--port",
-                               std::to_string(service_.port())});
-    return ChildProcess(args, env_).Finish(kLimit);
-  }
-  std::string Local(const std::string& name) const { return service_.folder() + "/" + name; }
-  // A server file of `size` bytes at C:\<name>.
-  void ServerFile(const std::string& name, size_t size) {
-    std::ofstream(service_.Drive('C') + "/" + name, std::ios::binary) << std::string(size, 'x');
-  }
-  // The names in a local folder, hidden ones included.
-  static std::vector<std::string> Names(const std::string& folder) {
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(folder)) {
-      names.push_back(entry.path().filename().string());
-    }
-    return names;
-  }
-
-  pelmorad::testing::ServiceProcess service_;
-  Env env_;
-};
 
 TEST_F(CliServiceTest, TimePrintsTheServerClock) {
   ChildProcess::Result result = Admin({"time"});
@@ -97,16 +58,6 @@ TEST_F(CliServiceTest, PutListGetRoundTripKeepsEveryByte) {
     if (entry["name"] == "in") folder_seen = entry["type"] == "folder";
   }
   EXPECT_TRUE(folder_seen) << entries.dump();
-}
-
-TEST_F(CliServiceTest, VerboseShowsTheConnectionSteps) {
-  ChildProcess::Result result = Admin({"-v", "--account", "operator", "time"});
-  EXPECT_EQ(result.status, 0) << result.err;
-  std::string where = "127.0.0.1:" + std::to_string(service_.port());
-  EXPECT_THAT(result.err, HasSubstr("pelmora: 127.0.0.1: connecting to " + where + " (time-out 10 s)\n"
-                                    "pelmora: 127.0.0.1: logging in as operator\n"
-                                    "pelmora: 127.0.0.1: logged in from 127.0.0.1; replies wait up to 10 s\n"));
-  EXPECT_EQ(Admin({"time"}).err, "");
 }
 
 TEST_F(CliServiceTest, FailedDownloadsLeaveNothingUnderTheTargetName) {
@@ -219,178 +170,6 @@ TEST_F(CliServiceTest, PathsOfTheServer) {
   EXPECT_EQ(Admin({"sysdir"}).out, "C:\\Windows\\system32\n");
   ChildProcess::Result none = Admin({"path", "NoSuchKey"});
   EXPECT_EQ(none.status, 1);
-}
-
-TEST_F(CliServiceTest, AWrongPasswordIsALoginFailure) {
-  for (auto& [name, value] : env_) {
-    if (name == "PELMORA_PASSWORD") value = "wrong";
-  }
-  ChildProcess::Result result = Admin({"--account", "operator", "time"});
-  EXPECT_EQ(result.status, 3);
-  EXPECT_THAT(result.err, HasSubstr("pelmora: 127.0.0.1: 1326 "));
-}
-
-TEST_F(CliServiceTest, ExecStreamsOutputAndReportsHowTheCommandEnded) {
-  ChildProcess::Result result = Admin({"--account", "operator", "exec", "echo one; echo two"});
-  if (service_.ErrorOutput().find("command lines are not available") != std::string::npos) {
-    GTEST_SKIP() << "this pelmorad runs no command lines yet";
-  }
-  EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(result.out, "one\ntwo\n");
-  ChildProcess::Result slow = Admin({"exec", "--timeout", "300", "sleep 5"});
-  EXPECT_EQ(slow.status, 255);
-  EXPECT_EQ(slow.err, "pelmora: 127.0.0.1: 9003 Request time out\n");
-}
-
-TEST_F(CliServiceTest, ExecExitsWithTheRemoteStatusAsSshDoes) {
-  struct Case {
-    const char* line;
-    int status;
-  };
-  for (const Case& c : {Case{"true", 0}, Case{"false", 1}, Case{"exit 3", 3},
-                        Case{"exit 255", 255}, Case{"kill -9 $$", 137},
-                        Case{"ls /no/such/folder 2>/dev/null", 2}}) {
-    ChildProcess::Result result = Admin({"exec", c.line});
-    EXPECT_EQ(result.status, c.status) << c.line;
-    EXPECT_EQ(result.err, "") << c.line;
-  }
-  // ssh-style scripts: the status decides.
-  EXPECT_EQ(Admin({"exec", "test -d /"}).status, 0);
-  EXPECT_EQ(Admin({"exec", "test -f /no/such/file"}).status, 1);
-}
-
-TEST_F(CliServiceTest, ExecKeepsEveryByteAndTheStreamsApart) {
-  std::ifstream program("/bin/true", std::ios::binary);
-  std::string expected(std::istreambuf_iterator<char>(program), {});
-  ChildProcess::Result binary = Admin({"exec", "cat /bin/true"});
-  EXPECT_EQ(binary.status, 0);
-  EXPECT_TRUE(binary.out == expected) << binary.out.size() << " of " << expected.size();
-  ChildProcess::Result split = Admin({"exec", "echo out; echo err >&2; exit 4"});
-  EXPECT_EQ(split.status, 4);
-  EXPECT_EQ(split.out, "out\n");
-  EXPECT_EQ(split.err, "err\n");
-  ChildProcess::Result vector = Admin({"exec", "--", "printf", "%s|", "a  b", "Привет 日本 €"});
-  EXPECT_EQ(vector.status, 0) << vector.err;
-  EXPECT_EQ(vector.out, "a  b|Привет 日本 €|");
-  ChildProcess::Result line = Admin({"exec", "printf '%s' 'Привет *?'"});
-  EXPECT_EQ(line.out, "Привет *?");
-}
-
-TEST_F(CliServiceTest, ExecForwardsStandardInputUnlessTold) {
-  std::string input(300000, '\0');
-  std::mt19937 random(11);
-  for (char& c : input) c = static_cast<char>(random());
-  std::ofstream(Local("stdin.bin"), std::ios::binary) << input;
-  std::vector<std::string> args = {"admin", "--host", "127.0.0.1", "--port",
-                                   std::to_string(service_.port()), "exec", "cat"};
-  ChildProcess::Result piped =
-      ChildProcess(args, env_, Attach::kPipes, "", Local("stdin.bin")).Finish(kLimit);
-  EXPECT_EQ(piped.status, 0) << piped.err;
-  EXPECT_TRUE(piped.out == input) << piped.out.size();
-  args.insert(args.end() - 1, "-n");
-  ChildProcess::Result ignored =
-      ChildProcess(args, env_, Attach::kPipes, "", Local("stdin.bin")).Finish(kLimit);
-  EXPECT_EQ(ignored.status, 0) << ignored.err;
-  EXPECT_EQ(ignored.out, "");
-}
-
-TEST_F(CliServiceTest, FleetShowsTheHostWhoseCommandFailed) {
-  // A second service whose account works in a folder without the marker file.
-  std::string marked = Local("marked");
-  fs::create_directories(marked);
-  std::ofstream(marked + "/marker").close();
-  auto account = [](const std::string& folder) {
-    return "[accounts.fleet]\npassword = \"" +
-           pelmorad::HashPassword(std::string(pelmorad::testing::kOperatorPassword)) +
-           "\"\ncommands = true\nrun_as = \"root\"\nworking_folder = \"" + folder + "\"\n";
-  };
-  pelmorad::testing::ServiceProcess with(account(marked));
-  pelmorad::testing::ServiceProcess without(account("/"));
-  ASSERT_TRUE(with.Start());
-  ASSERT_TRUE(without.Start());
-  std::string hosts = "127.0.0.1:" + std::to_string(with.port()) + ",127.0.0.1:" +
-                      std::to_string(without.port());
-  std::string failed_file = Local("failed.txt");
-  ChildProcess::Result json =
-      ChildProcess({"admin", "--account", "fleet", "--hosts", hosts, "--json", "--failed-file",
-                    failed_file, "exec", "test -e marker"},
-                   env_)
-          .Finish(kLimit);
-  EXPECT_EQ(json.status, 1);
-  EXPECT_THAT(json.out, HasSubstr("\"status\":0,\"remote_status\":0,\"result\":\"ok\""));
-  EXPECT_THAT(json.out, HasSubstr("\"status\":1,\"remote_status\":1,\"result\":\"failed\""));
-  std::ifstream failed(failed_file);
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(failed), {}),
-            "127.0.0.1:" + std::to_string(without.port()) + "\n");
-  ChildProcess::Result table = ChildProcess({"admin", "--account", "fleet", "--hosts", hosts,
-                                             "exec", "test -e marker"},
-                                            env_)
-                                   .Finish(kLimit);
-  EXPECT_THAT(table.err, HasSubstr("2 hosts: 1 ok, 1 failed"));
-  EXPECT_THAT(table.err, MatchesRegex("(.|\n)*failed +1 (.|\n)*"));
-}
-
-TEST_F(CliServiceTest, FleetOfSessionsSummarisesEveryHost) {
-  const int refused = 1;  // nothing listens on port 1
-  std::string port = std::to_string(service_.port());
-  ChildProcess::Result result =
-      ChildProcess({"admin", "--hosts", "127.0.0.1:" + port + ",localhost:" + port +
-                                            ",127.0.0.1:" + std::to_string(refused),
-                    "--json", "time"},
-                   env_)
-          .Finish(kLimit);
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 3);
-  EXPECT_THAT(result.out,
-              HasSubstr("\"port\":1,\"status\":3,\"remote_status\":null,\"result\":\"failed\""));
-  ChildProcess::Result table =
-      ChildProcess({"admin", "--hosts", "127.0.0.1:" + port + ",localhost:" + port, "time"}, env_)
-          .Finish(kLimit);
-  EXPECT_EQ(table.status, 0) << table.err;
-  EXPECT_THAT(table.err, HasSubstr("2 hosts: 2 ok, 0 failed"));
-  ChildProcess::Result blanks =
-      ChildProcess({"admin", "--hosts", "127.0.0.1:" + port + " localhost:" + port, "time"}, env_)
-          .Finish(kLimit);
-  EXPECT_THAT(blanks.err, HasSubstr("2 hosts: 2 ok, 0 failed"));
-}
-
-TEST_F(CliServiceTest, AnEmptyHostListIsAnError) {
-  for (const char* hosts : {"", " , "}) {
-    ChildProcess::Result result = ChildProcess({"admin", "--hosts", hosts, "time"}, env_).Finish(kLimit);
-    EXPECT_EQ(result.status, 2);
-    EXPECT_EQ(result.err, "pelmora: --hosts names no host\n");
-  }
-}
-
-TEST_F(CliServiceTest, TheHostTakesAccountAndPortAndTheEnvironmentFillsIn) {
-  const std::string port = std::to_string(service_.port());
-  ChildProcess::Result destination =
-      ChildProcess({"admin", "-v", "--host", "operator@127.0.0.1:" + port, "time"}, env_)
-          .Finish(kLimit);
-  EXPECT_EQ(destination.status, 0) << destination.err;
-  EXPECT_THAT(destination.err, HasSubstr("logging in as operator"));
-
-  Env environment = env_;
-  environment.insert(environment.end(), {{"PELMORA_HOST", "127.0.0.1"},
-                                         {"PELMORA_PORT", port},
-                                         {"PELMORA_ACCOUNT", "operator"}});
-  ChildProcess::Result defaults = ChildProcess({"admin", "-v", "time"}, environment).Finish(kLimit);
-  EXPECT_EQ(defaults.status, 0) << defaults.err;
-  EXPECT_THAT(defaults.err, HasSubstr("connecting to 127.0.0.1:" + port));
-  EXPECT_THAT(defaults.err, HasSubstr("logging in as operator"));
-
-  // A flag wins over the environment: nothing listens on port 1.
-  ChildProcess::Result flag =
-      ChildProcess({"admin", "--port", "1", "time"}, environment).Finish(kLimit);
-  EXPECT_EQ(flag.status, 3);
-  EXPECT_THAT(flag.err, HasSubstr("127.0.0.1:1"));
-
-  ChildProcess::Result conflict =
-      ChildProcess({"admin", "--host", "operator@127.0.0.1", "--account", "other", "time"}, env_)
-          .Finish(kLimit);
-  EXPECT_EQ(conflict.status, 2);
-  EXPECT_EQ(conflict.err,
-            "pelmora: --host names the account operator and --account other: give one\n");
 }
 
 TEST_F(CliServiceTest, FetchKeepsItsCacheInTheUsersOwnFolder) {
@@ -536,6 +315,68 @@ TEST_F(CliServiceTest, RecursiveTransfersCopyWholeFoldersBothWays) {
   ChildProcess::Result again = Admin({"get", "-r", "C:\\site", Local("back")});
   EXPECT_EQ(again.status, 0) << again.err;
   EXPECT_TRUE(fs::exists(Local("back/site/index.html"))) << "an existing folder receives it";
+}
+
+TEST_F(CliServiceTest, RemoteWildcardsTakeEveryMatchOfTheLastName) {
+  ASSERT_EQ(Admin({"mkdir", "C:\\logs"}).status, 0);
+  for (const char* name : {"a.log", "b.log", "c.LOG", "notes.txt", ".hidden.log"}) {
+    ServerFile(std::string("logs/") + name, 3);
+  }
+  ChildProcess::Result list = Admin({"ls", "C:\\logs\\*.log"});
+  EXPECT_EQ(list.status, 0) << list.err;
+  std::vector<std::string> listed;
+  std::istringstream lines(list.out);
+  for (std::string line; std::getline(lines, line);) listed.push_back(line);
+  EXPECT_THAT(listed, ::testing::UnorderedElementsAre("a.log", "b.log"));
+
+  fs::create_directory(Local("down"));
+  ChildProcess::Result get = Admin({"get", "C:\\logs\\?.log", Local("down")});
+  EXPECT_EQ(get.status, 0) << get.err;
+  EXPECT_THAT(Names(Local("down")), ::testing::UnorderedElementsAre("a.log", "b.log"));
+
+  ChildProcess::Result none = Admin({"get", "C:\\logs\\*.gz", Local("down")});
+  EXPECT_EQ(none.status, 1);
+  EXPECT_EQ(none.err, "pelmora: 127.0.0.1: no matches found: C:\\logs\\*.gz\n");
+  ChildProcess::Result no_folder = Admin({"ls", "C:\\nowhere\\*.log"});
+  EXPECT_EQ(no_folder.status, 1);
+  EXPECT_THAT(no_folder.err, HasSubstr("C:\\nowhere: not there"));
+
+  ChildProcess::Result removed = Admin({"rm", "C:\\logs\\*.log"});
+  EXPECT_EQ(removed.status, 0) << removed.err;
+  EXPECT_THAT(Names(service_.Drive('C') + "/logs"),
+              ::testing::UnorderedElementsAre("c.LOG", "notes.txt", ".hidden.log"));
+  EXPECT_EQ(Admin({"rm", "C:\\logs\\*.log"}).err,
+            "pelmora: 127.0.0.1: no matches found: C:\\logs\\*.log\n");
+}
+
+TEST_F(CliServiceTest, PermissionBitsTravelWithTheFileButNeverSetuid) {
+  const std::string script = Local("run.sh");
+  std::ofstream(script) << "#!/bin/sh\necho hi\n";
+  fs::permissions(script, static_cast<fs::perms>(04755));  // setuid is never sent
+  ChildProcess::Result put = Admin({"put", script, "C:\\"});
+  EXPECT_EQ(put.status, 0) << put.err;
+  EXPECT_EQ(fs::status(service_.Drive('C') + "/run.sh").permissions() & fs::perms::mask,
+            static_cast<fs::perms>(0755));
+  const std::string note = Local("note.txt");
+  std::ofstream(note) << "x";
+  fs::permissions(note, static_cast<fs::perms>(0600));
+  ASSERT_EQ(Admin({"put", note, "C:\\"}).status, 0);
+  EXPECT_EQ(fs::status(service_.Drive('C') + "/note.txt").permissions() & fs::perms::mask,
+            static_cast<fs::perms>(0600));
+
+  fs::create_directory(Local("back"));
+  ChildProcess::Result get = Admin({"get", "C:\\run.sh", "C:\\note.txt", Local("back")});
+  EXPECT_EQ(get.status, 0) << get.err;
+  // As scp gives new files: the remote bits less the umask (the test runs with 022 or less).
+  EXPECT_EQ(fs::status(Local("back/run.sh")).permissions() & fs::perms::mask,
+            static_cast<fs::perms>(0755));
+  EXPECT_EQ(fs::status(Local("back/note.txt")).permissions() & fs::perms::mask,
+            static_cast<fs::perms>(0600));
+  // A file the download replaces keeps its own bits.
+  fs::permissions(Local("back/run.sh"), static_cast<fs::perms>(0700));
+  ASSERT_EQ(Admin({"get", "C:\\run.sh", Local("back")}).status, 0);
+  EXPECT_EQ(fs::status(Local("back/run.sh")).permissions() & fs::perms::mask,
+            static_cast<fs::perms>(0700));
 }
 
 }  // namespace

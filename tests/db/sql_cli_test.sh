@@ -13,8 +13,8 @@ check() {  # check NAME EXPECTED ACTUAL
   if [[ "$2" == "$3" ]]; then echo "ok   $1"; else echo "FAIL $1: expected [$2], got [$3]"; failures=$((failures + 1)); fi
 }
 
-check "create" "OK" "$("$tool" sql "$db" "CREATE TABLE people (id INTEGER, name TEXT)")"
-check "insert" "OK" "$("$tool" sql "$db" "INSERT INTO people VALUES (1, 'Ada'), (10, NULL)")"
+check "create" "0 rows changed" "$("$tool" sql "$db" "CREATE TABLE people (id INTEGER, name TEXT)")"
+check "insert" "2 rows changed" "$("$tool" sql "$db" "INSERT INTO people VALUES (1, 'Ada'), (10, NULL)")"
 check "table" $'id | name\n---+-----\n 1 | Ada \n10 | NULL\n(2 rows)' \
   "$("$tool" sql "$db" "SELECT id, name FROM people ORDER BY id")"
 check "csv" $'id,name\r\n1,Ada\r\n10,\r' "$("$tool" sql "$db" "SELECT * FROM people ORDER BY id" --csv)"

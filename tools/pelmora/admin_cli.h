@@ -13,6 +13,7 @@
 #include "tools/pelmora/admin_session.h"
 #include "tools/pelmora/commands.h"
 #include "tools/pelmora/fleet.h"
+#include "tools/pelmora/host_defaults.h"
 #include "tools/pelmora/tls_options.h"
 
 namespace pelmora_tool {
@@ -30,6 +31,7 @@ struct AdminCli {
   bool host_given = false;
   bool account_given = false;
   bool port_given = false;
+  OptionFlags options_given;  // which other options appeared (the rest may come from the file)
 
   bool IsFleet() const { return hosts_given || !hosts_file.empty(); }
 };

@@ -37,7 +37,9 @@ constexpr const char* kAdminExamples = R"(Examples:
   pelmora admin --hosts-file fleet.txt --gather --failed-file failed.txt version 'C:\qel\bin\qel.exe'
 --host takes ACCOUNT@NAME:PORT as ssh does. What no flag gives comes from PELMORA_HOST (which
 may carry ACCOUNT@ and :PORT too), PELMORA_ACCOUNT and PELMORA_PORT, else localhost, the built-in
-account and port 8002. PELMORA_ACCOUNT and PELMORA_PORT apply to fleet runs as well.
+account and port 8002. PELMORA_ACCOUNT and PELMORA_PORT apply to fleet runs as well. Between
+the environment and the built-in defaults: ~/.config/pelmora/config.toml, host aliases and their
+settings as ~/.ssh/config gives them (see man pelmora).
 Passwords are never taken from the command line: --password-file, PELMORA_PASSWORD or the prompt.
 Exit status: 0 success, 1 request failed or "no", 2 usage or credentials, 3 connection or login
 failed. exec on one host: the command's own status (0-255, 128 + N for signal N), 255 when
@@ -88,6 +90,8 @@ std::vector<HostTarget> FleetHosts(const AdminCli& cli) {
 // never hold a reference into a finished call.
 struct SharedRun {
   AdminOptions options;
+  TlsFlags tls;  // the run's TLS flags with the defaults file's top level under them
+  DefaultsFile file;
   Credentials credentials;
   HostRequest request;
 };
@@ -100,8 +104,12 @@ int RunFleetCommand(const AdminCli& cli, std::vector<HostTarget> hosts,
   fleet.quiet = cli.options.quiet;
   FleetOutcome outcome = RunFleet(
       fleet,
-      [run](const HostTarget& target, HostOutput& output) {
-        return RunOnHost(target, run->options, run->credentials, output, run->request);
+      [run](const HostTarget& given, HostOutput& output) {
+        HostTarget target = given;
+        AdminOptions options = FleetHostOptions(run->file, target, run->options);
+        // The host's own section may ask for TLS or another trust than the run's.
+        options.tls = ResolveTlsSettings(WithFileTransport(run->tls, options.tls), std::getenv);
+        return RunOnHost(target, options, run->credentials, output, run->request);
       },
       console);
   if (outcome.abandoned > 0) {
@@ -124,15 +132,20 @@ void AddGlobalOptions(CLI::App& admin, AdminCli& cli) {
                    "Account to log in with (else PELMORA_ACCOUNT, else the library's built-in "
                    "account)")
       ->each([&cli](const std::string&) { cli.account_given = true; });
+  OptionFlags& given = cli.options_given;
   admin.add_option("--password-file", o.password_file,
-                   "File holding the account's password (else PELMORA_PASSWORD, else a prompt)");
+                   "File holding the account's password (else PELMORA_PASSWORD, else a prompt)")
+      ->each([&given](const std::string&) { given.password_file = true; });
   admin.add_option("--access-code-file", o.access_code_file,
-                   "File holding the command access code (else PELMORA_ACCESS_CODE)");
+                   "File holding the command access code (else PELMORA_ACCESS_CODE)")
+      ->each([&given](const std::string&) { given.access_code_file = true; });
   admin.add_option("--timeout", o.timeout_ms, "Longest wait for each reply, in ms")
-      ->capture_default_str()->check(CLI::NonNegativeNumber);
+      ->capture_default_str()->check(CLI::NonNegativeNumber)
+      ->each([&given](const std::string&) { given.timeout = true; });
   admin.add_option("--connect-timeout", o.connect_timeout_ms,
                    "Longest wait for each host's connection, in ms (0: the system's, minutes)")
-      ->capture_default_str()->check(CLI::NonNegativeNumber);
+      ->capture_default_str()->check(CLI::NonNegativeNumber)
+      ->each([&given](const std::string&) { given.connect_timeout = true; });
   admin.add_flag("-v,--verbose", o.verbose, "Show each connection's steps on standard error");
   admin.add_flag("-q,--quiet", o.quiet, "No progress bar and no fleet summary: only output and errors");
   // Refused outright, with the reason, rather than as an unknown option.
@@ -171,20 +184,34 @@ void AddFleetOptions(CLI::App& admin, AdminCli& cli) {
   admin.get_option("--host")->excludes(admin.get_option("--hosts-file"));
 }
 
-// `given` with the host, account and port the flags and the environment choose.
-AdminCli WithConnectDefaults(const AdminCli& given) {
+// `given` with the host, account, port and other options the flags, the environment and the
+// defaults file `file` choose.
+AdminCli WithConnectDefaults(const AdminCli& given, const DefaultsFile& file) {
   AdminCli cli = given;
   HostFlags flags;
   if (given.host_given) flags.host = given.options.host;
   if (given.account_given) flags.account = given.options.account;
   if (given.port_given) flags.port = given.options.port;
-  // A fleet names its hosts itself; only the account and the default port come from elsewhere.
+  // A fleet names its hosts itself; only the account and the default port come from elsewhere,
+  // and each host's section is read when it is its turn.
+  DefaultsFile top_level{file.path, file.defaults, {}};
   if (cli.IsFleet()) flags.host = "localhost";
-  const int32_t port = TlsWanted(given.tls, std::getenv) ? kTlsServicePort : AdminOptions{}.port;
-  ConnectDefaults chosen = ChooseConnectDefaults(flags, std::getenv, port);
+  const DefaultsFile& scope = cli.IsFleet() ? top_level : file;
+  ConnectDefaults chosen = ChooseConnectDefaults(flags, std::getenv, AdminOptions{}.port, scope);
+  // TLS from the flags, the environment or the host's section makes 8443 the default port.
+  pelmora::TlsClientSettings from_file;
+  ApplyFileTransport(cli.IsFleet() ? nullptr : file.Section(chosen.host), file.defaults,
+                     from_file);
+  cli.tls = WithFileTransport(given.tls, from_file);
+  if (TlsWanted(cli.tls, std::getenv)) {
+    chosen = ChooseConnectDefaults(flags, std::getenv, kTlsServicePort, scope);
+  }
   cli.options.host = chosen.host;
+  cli.options.address = chosen.address;
   cli.options.account = chosen.account;
   cli.options.port = chosen.port;
+  ApplyDefaultsFile(file, cli.IsFleet() ? "" : chosen.host, given.options_given, std::getenv,
+                    cli.options);
   return cli;
 }
 
@@ -193,12 +220,14 @@ AdminCli WithConnectDefaults(const AdminCli& given) {
 int RunAdmin(const AdminCli& given, HostRequest request, bool needs_access_code) {
   Console console(Console::StatusWanted(given.options.quiet));
   try {
-    const AdminCli cli = WithConnectDefaults(given);
+    auto run = std::make_shared<SharedRun>();
+    run->file = ReadDefaultsFile(DefaultsFilePath(std::getenv), std::getenv);
+    const AdminCli cli = WithConnectDefaults(given, run->file);
     std::vector<HostTarget> hosts;
     if (cli.IsFleet()) hosts = FleetHosts(cli);
-    auto run = std::make_shared<SharedRun>();
     run->options = cli.options;
     run->options.fleet = cli.IsFleet();
+    run->tls = cli.tls;
     run->options.tls = ResolveTlsSettings(cli.tls, std::getenv);
     run->credentials = ResolveCredentials(cli.options, needs_access_code);
     run->request = std::move(request);

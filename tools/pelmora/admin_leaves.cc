@@ -10,6 +10,7 @@
 #include "tools/pelmora/admin_requests.h"
 #include "tools/pelmora/admin_transfers.h"
 #include "tools/pelmora/log_lines.h"
+#include "tools/pelmora/remote_wildcards.h"
 
 namespace pelmora_tool {
 namespace {
@@ -64,6 +65,26 @@ void AddWithFlag(CLI::App& admin, CommandAction& action, const std::shared_ptr<A
       args);
   leaf->add_flag(flag.first, args->recursive, flag.second);
   leaf->add_option(argument, args->first, argument + " on the server")->required();
+}
+
+// Runs `remove` on every path `pattern` expands to; the first failure's status, else 0.
+int RemoveEach(HostSession& session, const std::string& pattern, OneArgument remove) {
+  std::vector<std::string> paths;
+  if (int status = ExpandRemote(session, {pattern}, paths); status != kExitOk) return status;
+  int first_failure = kExitOk;
+  for (const std::string& path : paths) {
+    int status = remove(session, path);
+    if (first_failure == kExitOk) first_failure = status;
+  }
+  return first_failure;
+}
+
+int RemoveMatches(HostSession& session, const std::string& pattern) {
+  return RemoveEach(session, pattern, RemoveFile);
+}
+
+int RemoveTreeMatches(HostSession& session, const std::string& pattern) {
+  return RemoveEach(session, pattern, RemoveTree);
 }
 
 // A command with a source and a target.
@@ -147,7 +168,8 @@ void AddAppRoot(CLI::App& admin, CommandAction& action, const std::shared_ptr<Ad
 void AddList(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminCli>& cli) {
   auto args = std::make_shared<LeafArgs>();
   CLI::App* leaf = AddAdminLeaf(
-      admin, action, cli, "ls", "List a folder on the server",
+      admin, action, cli, "ls",
+      "List a folder on the server (a * or ? in the last name lists the matching entries)",
       [](const LeafArgs& a) {
         return [a](HostSession& s) {
           return ListFolder(s, a.first, a.long_form, a.human, a.json);
@@ -189,8 +211,9 @@ void AddGet(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminC
                  "Keep a local file that already has the remote file's size and write time");
   leaf->add_flag("-r,--recursive", args->recursive, "Download folders with everything in them");
   leaf->add_option("PATHS", args->words,
-                   "Files on the server, then a local file or folder (several files: an existing "
-                   "folder), - for standard output (default: the remote name here)")
+                   "Files on the server (a * or ? in the last name takes every match), then a "
+                   "local file or folder (several files: an existing folder), - for standard "
+                   "output (default: the remote name here)")
       ->required();
 }
 
@@ -233,8 +256,10 @@ void AddAdminLeaves(CLI::App& admin, CommandAction& action, const std::shared_pt
   AddCopy(admin, action, cli);
   AddTwo(admin, action, cli, "mv", "Move (rename) a file on the server", Move);
   AddWithFlag(admin, action, cli, "rm", "PATH",
-              "Delete a file, or with -r a folder and everything in it, on the server",
-              {"-r,--recursive", "Delete a folder with everything in it"}, RemoveFile, RemoveTree);
+              "Delete a file, or with -r a folder and everything in it, on the server (a * or ? "
+              "in the last name deletes every match)",
+              {"-r,--recursive", "Delete a folder with everything in it"}, RemoveMatches,
+              RemoveTreeMatches);
   AddOne(admin, action, cli, "rmdir", "FOLDER", "Delete an empty folder on the server",
          RemoveFolder);
   AddWithFlag(admin, action, cli, "mkdir", "FOLDER", "Create a folder on the server",

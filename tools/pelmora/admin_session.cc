@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <optional>
 
+#include "pelmora/admin/mode_wire.h"
 #include "pelmora/common/error.h"
 #include "pelmora/common/error_texts.h"
 #include "tools/pelmora/crypto_io.h"
@@ -164,13 +165,14 @@ HostSession::~HostSession() = default;
 
 bool HostSession::Connect() {
   const int32_t connect_limit = options_.connect_timeout_ms;
-  const std::string where = target_.name + ":" + std::to_string(target_.port);
+  const std::string& name = options_.address.empty() ? target_.name : options_.address;
+  const std::string where = name + ":" + std::to_string(target_.port);
   const bool verbose = options_.verbose;
   if (verbose) {
     output_.Step("connecting to " + where +
                  (connect_limit > 0 ? " (time-out " + Seconds(connect_limit) + ")" : ""));
   }
-  if (connect_limit > 0 && ConnectTimesOut(target_.name, target_.port, connect_limit)) {
+  if (connect_limit > 0 && ConnectTimesOut(name, target_.port, connect_limit)) {
     Fail(kExitConnect, {kTimedOut, pelmora::DescribeError(kTimedOut) + " (no connection to " +
                                        where + " within " + Seconds(connect_limit) + ")"});
     return false;
@@ -183,7 +185,7 @@ bool HostSession::Connect() {
   }
   Fso().set_tls(options_.tls);
   std::string trust_hint;
-  bool logged_in = LogIn();
+  bool logged_in = LogIn(name);
   const std::string presented = Fso().PresentedFingerprint();
   if (!logged_in && CanAskAboutHost(options_.tls, Fso().ErrCode(), presented)) {
     const std::optional<bool> trusted = AskOnTerminal(where, presented, options_.tls.known_hosts);
@@ -194,7 +196,7 @@ bool HostSession::Connect() {
       settings.fingerprint = presented;
       settings.trust_new = true;
       Fso().set_tls(std::move(settings));
-      logged_in = LogIn();
+      logged_in = LogIn(name);
     }
   }
   if (!Fso().PresentedFingerprint().empty()) {
@@ -203,7 +205,7 @@ bool HostSession::Connect() {
   }
   if (!logged_in) {
     HostFailure failure{Fso().ErrCode(), Fso().ErrDescription()};
-    std::string cause = ConnectCause(failure.number, target_.name, where,
+    std::string cause = ConnectCause(failure.number, name, where,
                                      connect_limit > 0 ? connect_limit : options_.timeout_ms);
     failure.detail = trust_hint.empty() ? cause : trust_hint;
     if (failure.number == 0 && failure.description.empty()) {
@@ -220,11 +222,18 @@ bool HostSession::Connect() {
   return true;
 }
 
-bool HostSession::LogIn() {
+bool HostSession::LogIn(const std::string& name) {
   return credentials_.account.empty()
-             ? Client().Connect(target_.name)
-             : Fso().Connect(target_.name, target_.port, credentials_.account,
-                             credentials_.password, false);
+             ? Client().Connect(name)
+             : Fso().Connect(name, target_.port, credentials_.account, credentials_.password,
+                             false);
+}
+
+bool HostSession::KeepsModes() {
+  if (!keeps_modes_) {
+    keeps_modes_ = Fso().ExtendedCommandVersion() >= pelmora::admin::kModeVersion;
+  }
+  return *keeps_modes_;
 }
 
 int HostSession::FailFromClient(int status) {

@@ -41,6 +41,9 @@ inline constexpr int kExitExecFailure = 255;
 // The global options of `pelmora admin`.
 struct AdminOptions {
   std::string host = "localhost";
+  // The name to connect to when the defaults file's section for `host` gives one ("" for `host`
+  // itself); messages keep naming the host as it was given.
+  std::string address;
   int32_t port = pelmora::admin::kServicePort;
   std::string account;           // "" for the built-in service account
   std::string password_file;
@@ -50,7 +53,9 @@ struct AdminOptions {
   bool quiet = false;
   bool verbose = false;  // the connection's steps on standard error
   bool fleet = false;  // several hosts at once: `get` puts each host's file in its own folder
-  pelmora::TlsClientSettings tls;  // the transport (tls_options.h); plain when not enabled
+  // Transport and trust: the command-line flags fill these first, the defaults file what they
+  // leave unset (ApplyFileTransport).
+  pelmora::TlsClientSettings tls;
 };
 
 // The secrets of one run, read once before any host is contacted.
@@ -134,6 +139,10 @@ class HostSession {
   // The host as the host list gave it ("name" or "name:port"), as reports show it.
   const std::string& Display() const { return display_; }
 
+  // Whether the service keeps file modes for the transfers (the file mode requests), asked once
+  // per session with the hello; a service without them is left alone. Blocks for the hello.
+  bool KeepsModes();
+
   // Reports the RCFSO's last error and returns `status`.
   int FailFromClient(int status);
   // As FailFromClient, naming `path` and what the server shows of it ("no drive Q:", "is a
@@ -148,7 +157,7 @@ class HostSession {
 
  private:
   // One login attempt with the built-in account or the given one.
-  bool LogIn();
+  bool LogIn(const std::string& name);
 
   HostTarget target_;
   std::string display_;
@@ -156,6 +165,7 @@ class HostSession {
   const Credentials& credentials_;
   HostOutput& output_;
   std::unique_ptr<pelmora::admin::AdminClient> client_;
+  std::optional<bool> keeps_modes_;
 };
 
 // The work of one admin command on a connected session; returns the host's exit status.

@@ -18,6 +18,7 @@
 
 #include "pelmora/admin/rc_file_info.h"
 #include "tools/pelmora/admin_requests.h"
+#include "tools/pelmora/remote_wildcards.h"
 #include "tools/pelmora/transfer_watch.h"
 
 namespace pelmora_tool {
@@ -70,19 +71,24 @@ int FailLocal(HostSession& session, const std::string& what, const std::string& 
                       {0, what + " " + path + ": " + std::system_category().message(error), /*local=*/true});
 }
 
-// The mode new files get: 0666 less this process's umask (read without changing it, since
-// other hosts' threads may be creating files at the same time).
-mode_t NewFileMode() {
-  static const mode_t mode = [] {
+// This process's umask, read without changing it, since other hosts' threads may be creating
+// files at the same time.
+mode_t Umask() {
+  static const mode_t mask = [] {
     std::ifstream status("/proc/self/status");
     std::string line;
     while (std::getline(status, line)) {
-      if (line.rfind("Umask:", 0) == 0) return 0666 & ~std::strtoul(line.c_str() + 6, nullptr, 8);
+      if (line.rfind("Umask:", 0) == 0) {
+        return static_cast<mode_t>(std::strtoul(line.c_str() + 6, nullptr, 8) & 0777);
+      }
     }
-    return 0644ul;
+    return static_cast<mode_t>(022);
   }();
-  return mode;
+  return mask;
 }
+
+// The mode new files get: 0666 less the umask.
+mode_t NewFileMode() { return 0666 & ~Umask(); }
 
 // Why `path` holds fewer bytes than `expected`: appends the missing count (as zeros) and returns
 // the errno the system gives, or 0 when it takes them (then the remote file changed instead).
@@ -152,7 +158,8 @@ class PartFile {
     int fd = mkstemp(pattern.data());
     if (fd < 0) return FailLocal(session, "cannot create a file in", folder.string(), errno);
     path_ = pattern;
-    fchmod(fd, exists && S_ISREG(existing.st_mode) ? existing.st_mode & 07777 : NewFileMode());
+    replaces_ = exists && S_ISREG(existing.st_mode);
+    fchmod(fd, replaces_ ? existing.st_mode & 07777 : NewFileMode());
     close(fd);
     return kExitOk;
   }
@@ -160,6 +167,12 @@ class PartFile {
     if (!path_.empty()) unlink(path_.c_str());
   }
   const std::string& Path() const { return path_; }
+
+  // A new file takes the permission bits of the remote one, less the umask, as scp gives them; a
+  // file it replaces keeps its own, and setuid, setgid and sticky bits are never given.
+  void TakeRemoteMode(int32_t remote_mode) {
+    if (!replaces_ && !in_place_) chmod(path_.c_str(), remote_mode & 0777 & ~Umask());
+  }
 
   // Gives the complete file to its target: 0, or the errno of the failure.
   int Deliver() {
@@ -184,6 +197,7 @@ class PartFile {
   std::string path_;
   std::string target_;
   bool in_place_ = false;
+  bool replaces_ = false;
 };
 
 // Whether `target` already holds the remote file: same size and last-write second.
@@ -237,16 +251,28 @@ std::string DownloadTarget(const std::string& remote, const std::string& local,
 
 int ListFolder(HostSession& session, const std::string& folder, bool long_form, bool human,
                bool json) {
-  pelmora::admin::RCFileInfoCollection entries = session.Fso().GetFolderFiles(folder);
-  if (session.Fso().ErrCode() != 0) return session.FailOnPath(kExitFailed, folder);
+  // A wildcard in the last component lists the matching entries of its folder.
+  WildcardPath split{folder, "", ""};
+  if (HasWildcard(folder)) split = SplitWildcardPath(folder);
+  pelmora::admin::RCFileInfoCollection entries = session.Fso().GetFolderFiles(split.folder);
+  if (session.Fso().ErrCode() != 0) return session.FailOnPath(kExitFailed, split.folder);
+  std::vector<std::shared_ptr<RCFileInfo>> shown;
+  for (const auto& entry : entries) {
+    if (split.pattern.empty() || WildcardMatch(split.pattern, entry->FileName())) {
+      shown.push_back(entry);
+    }
+  }
+  if (!split.pattern.empty() && shown.empty()) {
+    return session.Fail(kExitFailed, {0, "no matches found: " + folder});
+  }
   if (json) {
     nlohmann::ordered_json records = nlohmann::ordered_json::array();
-    for (const auto& entry : entries) records.push_back(Record(*entry));
+    for (const auto& entry : shown) records.push_back(Record(*entry));
     session.Output().Write(records.dump() + "\n");
     return kExitOk;
   }
   std::string text;
-  for (const auto& entry : entries) text += long_form ? LongLine(*entry, human) : entry->FileName() + "\n";
+  for (const auto& entry : shown) text += long_form ? LongLine(*entry, human) : entry->FileName() + "\n";
   if (!text.empty()) session.Output().Write(text);
   return kExitOk;
 }
@@ -298,6 +324,13 @@ int Get(HostSession& session, const std::string& remote, const std::string& loca
     int cause = ShortWriteCause(part.Path(), info.FileSize());
     if (cause != 0) return FailLocal(session, "cannot write", target, cause);
     return session.Fail(kExitFailed, {0, remote + " changed while it was downloaded"});
+  }
+  int32_t remote_mode = 0;
+  if (!to_output && session.KeepsModes()) {
+    if (!session.Fso().GetFileMode(remote, remote_mode)) {
+      return session.FailOnPath(kExitFailed, remote);
+    }
+    part.TakeRemoteMode(remote_mode);
   }
   int error = to_output ? part.WriteTo(session.Output()) : part.Deliver();
   return error == 0 ? kExitOk : FailLocal(session, "cannot write", target, error);
@@ -358,7 +391,14 @@ int Put(HostSession& session, const std::string& local, const std::string& remot
   TransferWatch watch(session.Output(), local, size);
   bool done = session.Fso().Upload(local, target);
   watch.Stop(done ? std::optional<uint64_t>(size) : std::nullopt);
-  return done ? kExitOk : session.FailOnPath(kExitFailed, target, "", /*reading=*/false);
+  if (!done) return session.FailOnPath(kExitFailed, target, "", /*reading=*/false);
+  // The permission bits go along, as scp sends them (never setuid, setgid or sticky).
+  struct stat info {};
+  if (session.KeepsModes() && stat(local.c_str(), &info) == 0 &&
+      !session.Fso().SetFileMode(target, static_cast<int32_t>(info.st_mode & 0777))) {
+    return session.FailOnPath(kExitFailed, target);
+  }
+  return kExitOk;
 }
 
 namespace {
@@ -453,8 +493,12 @@ int PutAll(HostSession& session, const std::vector<std::string>& sources,
   });
 }
 
-int GetAll(HostSession& session, const std::vector<std::string>& sources,
-           const std::string& target, bool resume, bool recursive) {
+int GetAll(HostSession& session, const std::vector<std::string>& patterns,
+           const std::string& given_target, bool resume, bool recursive) {
+  std::vector<std::string> sources;
+  if (int status = ExpandRemote(session, patterns, sources); status != kExitOk) return status;
+  // Several files without a target land in the current folder, as one does.
+  const std::string target = given_target.empty() && sources.size() > 1 ? "." : given_target;
   std::error_code error;
   if (sources.size() > 1 && target != "-" && !session.Options().fleet &&
       !fs::is_directory(target, error)) {

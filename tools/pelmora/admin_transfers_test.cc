@@ -120,6 +120,9 @@ TEST_F(AdminTransferTest, GetWritesTheServerBytesUnderTheRemoteName) {
   peer_.Send(record);
   ExpectRequest(peer_).ReplyWith(Answer(pelmora::admin::BuildTransferHeader(header)));
   peer_.Receive(pelmora::admin::kPacketSize).Send(Bytes(content.begin(), content.end()));
+  // A service without the file mode requests refuses the hello: the file keeps a new file's mode
+  // and nothing is said.
+  ExpectRequest(peer_).ReplyWith(Answer(ResultData(false, 1, "Incorrect function.")));
   std::string folder = dir_.string() + "/";
   EXPECT_EQ(Run([&](HostSession& s) { return Get(s, "C:\\data\\app.ini", folder); }), kExitOk);
   std::ifstream file(dir_ / "app.ini");
@@ -129,6 +132,8 @@ TEST_F(AdminTransferTest, GetWritesTheServerBytesUnderTheRemoteName) {
   EXPECT_EQ(RequestArgument(4), "C:\\data\\app.ini");
   EXPECT_EQ(std::vector<fs::path>(fs::directory_iterator(dir_), {}),
             std::vector<fs::path>{dir_ / "app.ini"}) << "the part file took the target's name";
+  EXPECT_TRUE(output_.errors.empty());
+  EXPECT_EQ(fs::status(dir_ / "app.ini").permissions() & fs::perms::owner_exec, fs::perms::none);
 }
 
 TEST_F(AdminTransferTest, PutIntoAFolderKeepsTheLocalName) {
@@ -139,6 +144,7 @@ TEST_F(AdminTransferTest, PutIntoAFolderKeepsTheLocalName) {
       .ReplyWith(Answer(pelmora::admin::BuildGoReply(true)))
       .Receive(1500)
       .ReplyWith(Answer(ResultData(true)));
+  ExpectRequest(peer_).ReplyWith(Answer(ResultData(false, 1, "Incorrect function.")));
   EXPECT_EQ(Run([&](HostSession& s) { return Put(s, local.string(), "C:\\in\\"); }), kExitOk);
   EXPECT_EQ(RequestArgument(2), "C:\\in\\report.txt");
   Bytes piece = peer_.Received(4);

@@ -55,9 +55,44 @@ HostSpec ParseHostSpec(std::string_view text, std::string_view origin) {
   return given;
 }
 
+namespace {
+
+// The first of `values` that is set.
+template <typename T>
+std::optional<T> First(std::initializer_list<std::optional<T>> values) {
+  for (const std::optional<T>& value : values) {
+    if (value) return value;
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string> NonEmpty(const std::string& text) {
+  return text.empty() ? std::nullopt : std::optional<std::string>(text);
+}
+
+std::optional<int32_t> NonZero(int32_t port) {
+  return port == 0 ? std::nullopt : std::optional<int32_t>(port);
+}
+
+// A key of the host's section, else of the top level.
+template <typename T>
+std::optional<T> FromFile(const FileSettings* section, const FileSettings& defaults,
+                          std::optional<T> FileSettings::*key) {
+  return section != nullptr && section->*key ? section->*key : defaults.*key;
+}
+
+// The destination a `host` key of the defaults file gives; empty when it gives none.
+HostSpec FileHost(const DefaultsFile& file, const std::optional<std::string>& host,
+                  std::string_view key) {
+  if (!host) return {};
+  return ParseHostSpec(*host, fmt::format("{}: {}", file.path, key));
+}
+
+}  // namespace
+
 ConnectDefaults ChooseConnectDefaults(const HostFlags& flags, const GetEnvironment& getenv,
-                                      int32_t default_port) {
-  HostSpec given{"", "localhost", 0};
+                                      int32_t default_port, const DefaultsFile& file) {
+  HostSpec given;  // from --host or PELMORA_HOST
   if (flags.host) {
     given = ParseHostSpec(*flags.host, "--host");
     if (flags.account && !given.account.empty() && given.account != *flags.account) {
@@ -71,20 +106,61 @@ ConnectDefaults ChooseConnectDefaults(const HostFlags& flags, const GetEnvironme
   } else if (auto host = Variable(getenv, "PELMORA_HOST")) {
     given = ParseHostSpec(*host, "PELMORA_HOST");
   }
-  ConnectDefaults chosen{given.name, given.account, given.port};
-  // The account and port written into the host name that is used win over the variables.
-  if (flags.account) {
-    chosen.account = *flags.account;
-  } else if (chosen.account.empty()) {
-    chosen.account = Variable(getenv, "PELMORA_ACCOUNT").value_or("");
+  // The top level's host, with its account and port, is used only when no other host is given.
+  HostSpec top = given.name.empty() ? FileHost(file, file.defaults.host, "host") : HostSpec{};
+  ConnectDefaults chosen;
+  chosen.host = !given.name.empty() ? given.name : !top.name.empty() ? top.name : "localhost";
+  const FileSettings* section = file.Section(chosen.host);
+  HostSpec real;  // what the section's own `host` says
+  if (section != nullptr) {
+    real = FileHost(file, section->host, fmt::format("hosts.{}.host", chosen.host));
+    if (!real.name.empty() && real.name != chosen.host) chosen.address = real.name;
   }
-  if (flags.port) {
-    chosen.port = *flags.port;
-  } else if (chosen.port == 0) {
-    auto port = Variable(getenv, "PELMORA_PORT");
-    chosen.port = port ? PortVariable(*port) : default_port;
-  }
+  const std::optional<std::string> env_port = Variable(getenv, "PELMORA_PORT");
+  // The account and port written into a host name that is used win over the variables.
+  chosen.account = First<std::string>({flags.account, NonEmpty(given.account),
+                                       Variable(getenv, "PELMORA_ACCOUNT"), NonEmpty(real.account),
+                                       section ? section->account : std::nullopt,
+                                       NonEmpty(top.account), file.defaults.account})
+                       .value_or("");
+  std::optional<int32_t> port = First<int32_t>(
+      {flags.port, NonZero(given.port),
+       env_port ? std::optional<int32_t>(PortVariable(*env_port)) : std::nullopt,
+       NonZero(real.port), section ? section->port : std::nullopt, NonZero(top.port),
+       file.defaults.port});
+  chosen.port = port.value_or(default_port);
   return chosen;
+}
+
+void ApplyDefaultsFile(const DefaultsFile& file, const std::string& alias,
+                       const OptionFlags& given, const GetEnvironment& getenv,
+                       AdminOptions& options) {
+  const FileSettings* section = alias.empty() ? nullptr : file.Section(alias);
+  auto password_file = FromFile(section, file.defaults, &FileSettings::password_file);
+  if (!given.password_file && !Variable(getenv, "PELMORA_PASSWORD") && password_file) {
+    options.password_file = *password_file;
+  }
+  auto access_code_file = FromFile(section, file.defaults, &FileSettings::access_code_file);
+  if (!given.access_code_file && !Variable(getenv, "PELMORA_ACCESS_CODE") && access_code_file) {
+    options.access_code_file = *access_code_file;
+  }
+  auto timeout = FromFile(section, file.defaults, &FileSettings::timeout_ms);
+  if (!given.timeout && timeout) options.timeout_ms = *timeout;
+  auto connect_timeout = FromFile(section, file.defaults, &FileSettings::connect_timeout_ms);
+  if (!given.connect_timeout && connect_timeout) options.connect_timeout_ms = *connect_timeout;
+  if (!alias.empty()) ApplyFileTransport(section, file.defaults, options.tls);
+}
+
+AdminOptions FleetHostOptions(const DefaultsFile& file, HostTarget& target,
+                              const AdminOptions& run) {
+  AdminOptions options = run;
+  const FileSettings* section = file.Section(target.name);
+  ApplyFileTransport(section, file.defaults, options.tls);
+  if (section == nullptr) return options;
+  HostSpec real = FileHost(file, section->host, fmt::format("hosts.{}.host", target.name));
+  if (!real.name.empty() && real.name != target.name) options.address = real.name;
+  if (target.port == 0) target.port = NonZero(real.port).value_or(section->port.value_or(0));
+  return options;
 }
 
 }  // namespace pelmora_tool

@@ -8,7 +8,9 @@
 //
 // Precedence: the flags (--host with its ACCOUNT@ and :PORT, --account, --port), then the
 // environment (PELMORA_HOST, which may carry ACCOUNT@ and :PORT itself, then PELMORA_ACCOUNT and
-// PELMORA_PORT), then the built-in defaults (localhost, the built-in account, port 8002).
+// PELMORA_PORT), then the defaults file's section of the host (its `host` with ACCOUNT@ and
+// :PORT, then its other keys), then the file's top-level defaults, then the built-in defaults
+// (localhost, the built-in account, port 8002).
 #ifndef TOOLS_PELMORA_HOST_DEFAULTS_H_
 #define TOOLS_PELMORA_HOST_DEFAULTS_H_
 
@@ -17,6 +19,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include "tools/pelmora/admin_session.h"
+#include "tools/pelmora/defaults_file.h"
 
 namespace pelmora_tool {
 
@@ -39,18 +44,38 @@ struct HostFlags {
 };
 
 struct ConnectDefaults {
-  std::string host;
+  std::string host;     // the host as given: the name of its section in the defaults file
+  std::string address;  // the name its section gives to connect to, "" for `host` itself
   std::string account;  // "" for the built-in account
   int32_t port = 0;
 };
 
-// Reads an environment variable; nullptr when it is not set.
-using GetEnvironment = std::function<const char*(const char*)>;
-
 // The host, account and port to use, in the precedence above. Throws CommandError when the
 // account or the port of --host contradicts --account or --port, or a variable is malformed.
 ConnectDefaults ChooseConnectDefaults(const HostFlags& flags, const GetEnvironment& getenv,
-                                      int32_t default_port);
+                                      int32_t default_port, const DefaultsFile& file = {});
+
+// Which of the other options the command line gave.
+struct OptionFlags {
+  bool password_file = false;
+  bool access_code_file = false;
+  bool timeout = false;
+  bool connect_timeout = false;
+};
+
+// Fills what neither the flags (`given`) nor the environment set from the section of `alias`,
+// then the top level, of the defaults file: the password and access code files (not when
+// PELMORA_PASSWORD or PELMORA_ACCESS_CODE is set), the time-outs and, for one host (not a fleet,
+// whose hosts take theirs in FleetHostOptions), the transport settings.
+void ApplyDefaultsFile(const DefaultsFile& file, const std::string& alias,
+                       const OptionFlags& given, const GetEnvironment& getenv,
+                       AdminOptions& options);
+
+// One host of a fleet through its section of the defaults file: the name to connect to and, when
+// the host list gave none, the port; and its transport settings. The run's account, password and
+// time-outs stay those of the whole run.
+AdminOptions FleetHostOptions(const DefaultsFile& file, HostTarget& target,
+                              const AdminOptions& run);
 
 }  // namespace pelmora_tool
 

@@ -15,9 +15,6 @@
 
 namespace pelmora_tool {
 
-// The candidate closest to `word` (at most two edits away, or one it begins), "" when none is.
-std::string ClosestName(std::string_view word, const std::vector<std::string>& candidates);
-
 // The text of a parse error of `app` (after a failed parse, which marks the commands it got to):
 // "pelmora: ..." lines, each ending in a line end. "" for a help or version request and for a
 // CLI::RuntimeError (thrown by an option that printed its own reason).

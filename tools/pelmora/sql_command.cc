@@ -4,7 +4,9 @@
 //
 // CONNECTION is what SQLDB.Connect takes: a SQLite database path, or an ODBC connection string
 // ("Driver=PostgreSQL Unicode;Server=...;Database=...;UID=..."). The rows go to standard output
-// as an aligned table (default), CSV or JSON; a statement without rows prints "OK".
+// as an aligned table (default), CSV or JSON; a statement without rows prints the count of rows
+// it changed ("3 rows changed", "0 rows changed" for CREATE TABLE and the like), or "OK" when the
+// driver cannot tell.
 // Exit status: 0 on success, 1 when the connection or the statement fails (the error number and
 // description on standard error), 2 for usage errors.
 #include <cstdio>
@@ -39,7 +41,8 @@ int RunSql(const SqlOptions& o) {
   if (!rs) return Failed(db);
   try {
     if (rs->FieldCount() == 0) {
-      std::fputs("OK\n", stdout);
+      std::string done = ChangedRows(db.RecordsAffected());
+      std::fwrite(done.data(), 1, done.size(), stdout);
       return 0;
     }
     ResultTable table = ReadResult(*rs, o.max_rows);
@@ -56,7 +59,8 @@ int RunSql(const SqlOptions& o) {
 
 void AddSqlCommand(CLI::App& app, CommandAction& action) {
   auto options = std::make_shared<SqlOptions>();
-  CLI::App* sql = app.add_subcommand("sql", "Run one SQL statement and print its rows");
+  CLI::App* sql = app.add_subcommand(
+      "sql", "Run one SQL statement and print its rows, or the count of rows it changed");
   sql->add_option("connection", options->connection,
                   "SQLite database path or ODBC connection string")
       ->required();

@@ -124,4 +124,9 @@ std::string FormatJson(const ResultTable& table) {
   return rows.dump(2) + "\n";
 }
 
+std::string ChangedRows(int32_t count) {
+  if (count < 0) return "OK\n";
+  return std::to_string(count) + (count == 1 ? " row changed\n" : " rows changed\n");
+}
+
 }  // namespace pelmora_tool

@@ -36,6 +36,10 @@ std::string FormatCsv(const ResultTable& table);
 // numbers and Booleans, Null as null, everything else as strings.
 std::string FormatJson(const ResultTable& table);
 
+// What a statement without rows prints: "1 row changed\n", "N rows changed\n", or "OK\n" for a
+// count the driver cannot tell (negative).
+std::string ChangedRows(int32_t count);
+
 }  // namespace pelmora_tool
 
 #endif  // TOOLS_PELMORA_SQL_OUTPUT_H_

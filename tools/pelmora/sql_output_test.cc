@@ -57,5 +57,12 @@ TEST(SqlOutput, JsonKeepsNumbersBooleansAndNulls) {
             "]\n");
 }
 
+TEST(SqlOutput, ChangedRowsCountsInWords) {
+  EXPECT_EQ(ChangedRows(1), "1 row changed\n");
+  EXPECT_EQ(ChangedRows(0), "0 rows changed\n");
+  EXPECT_EQ(ChangedRows(25), "25 rows changed\n");
+  EXPECT_EQ(ChangedRows(-1), "OK\n");
+}
+
 }  // namespace
 }  // namespace pelmora_tool

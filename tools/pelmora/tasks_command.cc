@@ -123,6 +123,17 @@ int Show(const TasksOptions& o) {
   return 0;
 }
 
+// The text form --trigger takes, as the scheduler reads it.
+constexpr const char* kTriggerHelp = R"(Triggers (--trigger, repeatable):
+  once YYYY-MM-DD HH:MM | daily HH:MM [every N] | weekly DAYS HH:MM [every N]
+  | monthly DATES HH:MM [in MONTHS] | monthlydow WEEK DAYS HH:MM [in MONTHS]
+  | atstart | atlogon | onidle
+  then any of: from YYYY-MM-DD, until YYYY-MM-DD, repeat MINUTES for MINUTES, disabled.
+  DAYS: sun,mon,...  DATES: 1,15,31  WEEK: first ... fourth or last  MONTHS: jan,...
+Examples:
+  pelmora tasks create backup --app /usr/local/bin/backup --trigger 'daily 02:30'
+  pelmora tasks set report --trigger 'weekly mon,fri 03:30 every 2' --trigger atstart)";
+
 // Applies the options that change settings; a trigger text that does not parse is a usage error.
 void ApplySettings(Task& t, const TasksOptions& o) {
   if (o.app) t.SetApplicationName(*o.app);
@@ -207,6 +218,7 @@ void AddSettingOptions(CLI::App& sub, TasksOptions& o) {
   sub.add_option("--trigger", o.triggers, "A trigger in text form (repeatable; replaces all)");
   sub.add_flag("--disabled", o.disabled, "Disable the task");
   sub.add_flag("--delete-when-done", o.delete_when_done, "Delete after the last run");
+  sub.footer(kTriggerHelp);
 }
 
 }  // namespace

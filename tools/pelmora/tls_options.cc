@@ -92,6 +92,21 @@ std::string ConfigFolder(const Environment& getenv) {
   throw CommandError("no home folder: set HOME (or XDG_CONFIG_HOME)");
 }
 
+TlsFlags WithFileTransport(TlsFlags flags, const pelmora::TlsClientSettings& file) {
+  auto fill = [](std::string& flag, const std::string& value) {
+    if (flag.empty()) flag = value;
+  };
+  flags.tls = flags.tls || file.enabled;
+  fill(flags.fingerprint, file.fingerprint);
+  fill(flags.ca_file, file.ca_file);
+  fill(flags.known_hosts, file.known_hosts);
+  if (flags.certificate.empty() && flags.key.empty()) {
+    flags.certificate = file.client_certificate;
+    flags.key = file.client_key;
+  }
+  return flags;
+}
+
 pelmora::TlsClientSettings ResolveTlsSettings(const TlsFlags& flags, const Environment& getenv) {
   pelmora::TlsClientSettings settings;
   if (!TlsWanted(flags, getenv)) return settings;

@@ -45,6 +45,10 @@ using Environment = std::function<const char*(const char*)>;
 // Adds --tls, --fingerprint, --ca-file, --known-hosts, --trust-new, --cert and --key to `admin`.
 void AddTlsOptions(CLI::App& admin, TlsFlags& flags);
 
+// `flags` with what they leave unset taken from `file` (the defaults file's transport settings):
+// TLS when the file enables it, and the fingerprint, CA file, known hosts file and client pair.
+TlsFlags WithFileTransport(TlsFlags flags, const pelmora::TlsClientSettings& file);
+
 // Whether the run uses TLS: --tls, or PELMORA_TLS set to 1 (or "yes", "true").
 bool TlsWanted(const TlsFlags& flags, const Environment& getenv);
 

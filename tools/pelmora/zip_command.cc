@@ -5,7 +5,7 @@
 //                 ARCHIVE [NAME...]
 //
 // Without -o or -n, unzip asks on the terminal before replacing a file ([y]es, [n]o, [A]ll,
-// [N]one, [r]ename) and, without a terminal, leaves it alone. Passwords come from -P, from the
+// [N]one, [r]ename) and, without a terminal, leaves it alone and names it on standard error. Passwords come from -P, from the
 // file given (its first line), or are typed at the terminal.
 #include "tools/pelmora/zip_command.h"
 
@@ -61,7 +61,15 @@ std::optional<std::string> AskTerminal(const std::string& question) {
 
 int ReplaceAtTerminal(std::string& name) {
   auto answer = AskTerminal("replace " + name + "? [y]es, [n]o, [A]ll, [N]one, [r]ename: ");
-  if (!answer || answer->empty()) return archive::kReplaceNo;
+  if (!answer) {
+    // No one to ask: the file is left alone, and said so (-n leaves it without a word).
+    std::fprintf(stderr,
+                 "pelmora: unzip: %s exists: skipped (no terminal to ask; -o replaces, -n skips "
+                 "quietly)\n",
+                 name.c_str());
+    return archive::kReplaceNo;
+  }
+  if (answer->empty()) return archive::kReplaceNo;
   switch ((*answer)[0]) {
     case 'y':
       return archive::kReplaceYes;

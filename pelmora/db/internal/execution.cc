@@ -52,9 +52,10 @@ VariantArray Execution::Outputs() const {
 
 namespace {
 
-void BindAndExecute(const OdbcHandle& statement, const std::string& sql,
-                    const std::vector<CallParameter>& parameters,
-                    std::deque<BoundParameter>& bound) {
+// Returns the count of rows the statement changed, -1 when the driver does not know.
+int64_t BindAndExecute(const OdbcHandle& statement, const std::string& sql,
+                       const std::vector<CallParameter>& parameters,
+                       std::deque<BoundParameter>& bound) {
   for (const CallParameter& parameter : parameters) {
     bound.emplace_back(parameter.value, parameter.io_type);
     bound.back().Bind(statement, static_cast<SQLUSMALLINT>(bound.size()));
@@ -62,6 +63,9 @@ void BindAndExecute(const OdbcHandle& statement, const std::string& sql,
   // The driver only reads the text; the interface predates const.
   auto* text = reinterpret_cast<SQLCHAR*>(const_cast<char*>(sql.data()));
   Check(SQLExecDirect(statement.Get(), text, static_cast<SQLINTEGER>(sql.size())), statement, true);
+  SQLLEN rows = -1;
+  if (!SQL_SUCCEEDED(SQLRowCount(statement.Get(), &rows))) rows = -1;
+  return rows;
 }
 
 // Closes the cursor and unbinds the parameters of a reusable statement however the use ended.
@@ -80,16 +84,17 @@ Execution Execute(const OdbcConnection& connection, const std::string& sql,
                   const std::vector<CallParameter>& parameters) {
   Execution execution{connection.NewStatement(), {}, {}};
   for (const CallParameter& parameter : parameters) execution.io_types.push_back(parameter.io_type);
-  BindAndExecute(execution.statement, sql, parameters, execution.parameters);
+  execution.rows_affected =
+      BindAndExecute(execution.statement, sql, parameters, execution.parameters);
   return execution;
 }
 
-void ExecuteDroppingResults(OdbcConnection& connection, const std::string& sql,
-                            const std::vector<CallParameter>& parameters) {
+int64_t ExecuteDroppingResults(OdbcConnection& connection, const std::string& sql,
+                               const std::vector<CallParameter>& parameters) {
   const OdbcHandle& statement = connection.ReusableStatement();
   StatementReset reset{statement, !parameters.empty()};
   std::deque<BoundParameter> bound;
-  BindAndExecute(statement, sql, parameters, bound);
+  return BindAndExecute(statement, sql, parameters, bound);
 }
 
 std::string CallEscape(std::string_view name, size_t count, bool with_return) {

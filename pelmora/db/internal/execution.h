@@ -31,6 +31,8 @@ struct Execution {
   OdbcHandle statement;
   std::deque<BoundParameter> parameters;
   std::vector<SQLSMALLINT> io_types;
+  // The count of rows the statement changed, -1 when the driver does not know (a SELECT).
+  int64_t rows_affected = -1;
 
   // The values of the output and input/output parameters, in order, from index 0.
   VariantArray Outputs() const;
@@ -42,9 +44,10 @@ Execution Execute(const OdbcConnection& connection, const std::string& sql,
                   const std::vector<CallParameter>& parameters);
 
 // Executes `sql` with input `parameters` on the connection's reusable statement and drops any
-// result. Raises the driver's diagnostics.
-void ExecuteDroppingResults(OdbcConnection& connection, const std::string& sql,
-                            const std::vector<CallParameter>& parameters);
+// result; returns the count of rows it changed (-1 when the driver does not know). Raises the
+// driver's diagnostics.
+int64_t ExecuteDroppingResults(OdbcConnection& connection, const std::string& sql,
+                               const std::vector<CallParameter>& parameters);
 
 // "{call name(?,?)}" for `count` parameters, "{? = call name(?)}" with a return value (the
 // return value's marker not counted). Raises 5 when `name` holds anything but letters, digits,
