@@ -11,6 +11,7 @@
 
 #include "tools/pelmora/crypto_io.h"
 #include "tools/pelmora/host_defaults.h"
+#include "tools/pelmora/tls_options.h"
 
 namespace pelmora_tool {
 namespace {
@@ -202,6 +203,34 @@ TEST(DefaultsFileTest, RefusesAFileOthersMayWrite) {
   }
   EXPECT_EQ(ReadDefaultsFile(folder + "/none.toml", From(kHome)).path, "");
   std::filesystem::remove_all(folder);
+}
+
+}  // namespace
+}  // namespace pelmora_tool
+
+namespace pelmora_tool {
+namespace {
+
+// The file's transport settings fill only what the TLS flags leave unset; a client pair comes
+// whole from one place.
+TEST(DefaultsFileTest, FileTransportFillsWhatTheTlsFlagsLeave) {
+  pelmora::TlsClientSettings file;
+  file.enabled = true;
+  file.fingerprint = "SHA256:file";
+  file.known_hosts = "/home/ann/hosts";
+  file.client_certificate = "/home/ann/c.crt";
+  file.client_key = "/home/ann/c.key";
+  TlsFlags none = WithFileTransport({}, file);
+  EXPECT_TRUE(none.tls);
+  EXPECT_EQ(none.fingerprint, "SHA256:file");
+  EXPECT_EQ(none.known_hosts, "/home/ann/hosts");
+  EXPECT_EQ(none.certificate, "/home/ann/c.crt");
+  TlsFlags given{.fingerprint = "SHA256:flag", .certificate = "mine.crt", .key = "mine.key"};
+  TlsFlags merged = WithFileTransport(given, file);
+  EXPECT_EQ(merged.fingerprint, "SHA256:flag");
+  EXPECT_EQ(merged.certificate, "mine.crt");
+  EXPECT_EQ(merged.key, "mine.key");
+  EXPECT_FALSE(WithFileTransport({}, pelmora::TlsClientSettings{}).tls);
 }
 
 }  // namespace
