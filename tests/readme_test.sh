@@ -106,5 +106,48 @@ done <<<"$client"
 [[ $examples -ge 5 ]] || { echo "FAIL only $examples client examples found"; failures=$((failures + 1)); }
 check "the uploaded report arrived" cmp report.pdf c/reports/report.pdf
 
+# The encrypted path: the service's own certificate, its fingerprint, the first connection, the
+# client certificate that replaces the password, and a fleet over TLS. With no terminal here, the
+# first connection's question is answered by --trust-new; the fleet's second name is a new host.
+tls_steps=$(block "Encrypted sessions are the recommended way" 1)
+grep -q 'listen_tls = \["0.0.0.0:8443"\]' <<<"$tls_steps" ||
+  { echo "FAIL the TLS steps do not show listen_tls"; failures=$((failures + 1)); }
+grep -q '^sudo pelmorad --show-fingerprint' <<<"$tls_steps" ||
+  { echo "FAIL the TLS steps do not show --show-fingerprint"; failures=$((failures + 1)); }
+kill -TERM "$service_pid"; wait "$service_pid"; service_pid=
+{ echo "state_directory = \"$scratch/state\""; cat pelmorad.toml; } >tls.toml
+chmod 600 tls.toml
+check "the first --show-fingerprint makes the key" "$pelmorad" --show-fingerprint --config tls.toml
+fingerprint=$(cat out)
+[[ $fingerprint =~ ^SHA256:[A-Za-z0-9+/]{43}$ ]] ||
+  { echo "FAIL the fingerprint has not ssh's form: $fingerprint"; failures=$((failures + 1)); }
+check "the service's key is private" test "$(stat -c %a "$scratch/state/tls.key")" = 600
+mkfifo tlsport
+exec 4<>tlsport
+"$pelmorad" --config tls.toml --listen-tls 127.0.0.1:0 --tls-port-file tlsport 2>>audit.log &
+service_pid=$!
+if ! read -r -t 20 tls_port <&4; then
+  echo "FAIL pelmorad did not start with TLS"; cat audit.log; exit 1
+fi
+export XDG_CONFIG_HOME=$scratch/config
+while IFS= read -r line; do
+  [[ $line == pelmora\ * ]] || continue
+  examples=$((examples + 1))
+  line=${line%%#*}
+  line=${line//--host server/--host 127.0.0.1 --port $tls_port --trust-new}
+  line=$(sed -E "s/--hosts '[^']*'/--hosts '127.0.0.1:$tls_port,localhost:$tls_port' --trust-new/" <<<"$line")
+  check "TLS example: $line" bash -c "PATH='$root/usr/bin':\$PATH; $line" </dev/null
+  if [[ $line == *keygen* ]]; then
+    # What the service's administrator does with the printed line: paste it, reload.
+    paste_line=$(grep '^client_certificates = ' out)
+    sed -i "/^\[accounts\./a $paste_line" tls.toml
+    kill -HUP "$service_pid"
+    unset PELMORA_PASSWORD
+  fi
+done <<<"$tls_steps"
+check "the recorded host is the one that was shown" grep -q "127.0.0.1:$tls_port $fingerprint" \
+  "$XDG_CONFIG_HOME/pelmora/known_hosts"
+check "the certificate login is audited" grep -q "login by client certificate" audit.log
+
 echo "$failures failure(s)"
 [[ $failures -eq 0 ]]

@@ -229,7 +229,7 @@ int RunAdmin(const AdminCli& given, HostRequest request, bool needs_access_code)
     run->options.fleet = cli.IsFleet();
     run->tls = cli.tls;
     run->options.tls = ResolveTlsSettings(cli.tls, std::getenv);
-    run->credentials = ResolveCredentials(cli.options, needs_access_code);
+    run->credentials = ResolveCredentials(run->options, needs_access_code);
     run->request = std::move(request);
     if (cli.IsFleet()) return RunFleetCommand(cli, std::move(hosts), run, console);
     ConsoleOutput output(console, cli.options.host);

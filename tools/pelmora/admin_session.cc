@@ -115,11 +115,23 @@ bool ConnectTimesOut(const std::string& host, int32_t port, int32_t timeout_ms) 
 
 }  // namespace
 
+namespace {
+constexpr char kCertificatePassword[] = "client certificate";
+}  // namespace
+
 Credentials ResolveCredentials(const AdminOptions& options, bool needs_access_code) {
   Credentials credentials;
   credentials.account = options.account;
   if (!options.account.empty()) {
     credentials.password = FileOrEnvironment(options.password_file, "PELMORA_PASSWORD");
+    // A client certificate over TLS logs in the accounts that list it without a password.
+    const bool certificate = options.tls.enabled && !options.tls.client_certificate.empty();
+    if (credentials.password.empty() && certificate) {
+      // The login message still carries a password field; the service ignores it for an
+      // account that lists the certificate (and refuses this one otherwise).
+      credentials.password = kCertificatePassword;
+      return credentials;
+    }
     if (credentials.password.empty()) {
       credentials.password =
           FromBytes(ReadPassword("", "Password for " + options.account + ": "));

@@ -66,7 +66,8 @@ struct Credentials {
 };
 
 // Reads the secrets the options call for: the account's password from --password-file, else
-// PELMORA_PASSWORD, else a prompt on the terminal; the access code (when `needs_access_code` and
+// PELMORA_PASSWORD, else a prompt on the terminal (none with a client certificate over TLS,
+// which logs in without one); the access code (when `needs_access_code` and
 // no account is given) from --access-code-file, else PELMORA_ACCESS_CODE. Throws CommandError
 // when a file cannot be read, a secret is empty or missing, or no terminal is there to ask.
 // Blocks while the user types.
