@@ -14,6 +14,7 @@
 
 #include "pelmora/common/error.h"
 #include "pelmora/common/error_texts.h"
+#include "pelmora/platform/file_io.h"
 #include "pelmora/platform/win_error.h"
 
 namespace pelmorad {
@@ -25,10 +26,6 @@ std::string& KeeperBinary() {
   static std::string path;
   return path;
 }
-
-struct DirCloser {
-  void operator()(DIR* dir) const { ::closedir(dir); }
-};
 
 // The parent and whether it still runs (not a zombie) of process `pid`, from /proc/PID/stat.
 bool ReadParent(pid_t pid, pid_t& parent, bool& live) {
@@ -54,7 +51,7 @@ bool ReadParent(pid_t pid, pid_t& parent, bool& live) {
 std::vector<pid_t> LiveDescendants(pid_t root) {
   std::multimap<pid_t, pid_t> children;
   std::map<pid_t, bool> live;
-  std::unique_ptr<DIR, DirCloser> proc(::opendir("/proc"));
+  pelmora::platform::UniqueDir proc(::opendir("/proc"));
   if (!proc) return {};
   while (dirent* entry = ::readdir(proc.get())) {
     char* end = nullptr;

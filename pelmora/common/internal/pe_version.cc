@@ -15,6 +15,8 @@
 #include <string_view>
 #include <vector>
 
+#include "pelmora/platform/file_io.h"
+
 namespace pelmora::internal {
 namespace {
 
@@ -158,14 +160,7 @@ std::string ImageWalker::FileVersion() {
 }
 
 bool PreadExactly(int fd, uint64_t offset, std::span<uint8_t> out) {
-  size_t done = 0;
-  while (done < out.size()) {
-    ssize_t n = pread(fd, out.data() + done, out.size() - done, static_cast<off_t>(offset + done));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    done += static_cast<size_t>(n);
-  }
-  return true;
+  return platform::PreadFully(fd, out, offset) == static_cast<ssize_t>(out.size());
 }
 
 }  // namespace
