@@ -174,8 +174,7 @@ asio::awaitable<bool> Session::SendRaw(std::span<const uint8_t> data) {
 asio::awaitable<std::optional<Session::ClientMessage>> Session::ReadMessage() {
   std::vector<uint8_t> packet(pelmora::admin::kPacketSize);
   if (!co_await ReadExactly(packet)) co_return std::nullopt;
-  int32_t sequence = static_cast<int32_t>(packet[3] | (packet[4] << 8) | (packet[5] << 16) |
-                                          (static_cast<uint32_t>(packet[6]) << 24));
+  int32_t sequence = pelmora::admin::PacketSequenceNumber(packet);
   pelmora::admin::FramedMessage framed = pelmora::admin::ParseFramedPacket(packet, sequence);
   if (framed.fault != pelmora::admin::PacketFault::kNone) {
     Audit(
