@@ -35,7 +35,8 @@ bool IsTemporaryName(std::string_view name) {
     return false;
   }
   for (char c : name.substr(kTemporaryPrefix.size(), kTemporaryDigits)) {
-    if (!std::isxdigit(static_cast<unsigned char>(c)) || std::isupper(static_cast<unsigned char>(c))) {
+    if (!std::isxdigit(static_cast<unsigned char>(c)) ||
+        std::isupper(static_cast<unsigned char>(c))) {
       return false;
     }
   }

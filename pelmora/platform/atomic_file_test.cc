@@ -5,8 +5,8 @@
 #include <sys/stat.h>
 #include <time.h>
 
-#include <cerrno>
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -20,6 +20,7 @@ namespace pelmora::platform {
 namespace {
 
 using pelmora::testing::FaultFileApi;
+using pelmora::testing::NamesIn;
 using pelmora::testing::TempFolder;
 
 std::string Contents(const std::string& path) {
@@ -29,14 +30,6 @@ std::string Contents(const std::string& path) {
 
 void Put(const std::string& path, const std::string& text) {
   std::ofstream(path, std::ios::binary) << text;
-}
-
-std::vector<std::string> Names(const std::string& folder) {
-  std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-    names.push_back(entry.path().filename().string());
-  }
-  return names;
 }
 
 UniqueFd OpenFolder(const TempFolder& folder) {
@@ -55,7 +48,7 @@ TEST(AtomicFile, CreatesANewFileWithNoTemporaryLeft) {
   TempFolder folder;
   EXPECT_EQ(Replace(folder, "new", false), 0);
   EXPECT_EQ(Contents(folder.Path("a.job")), "new");
-  EXPECT_EQ(Names(folder.Path()), std::vector<std::string>{"a.job"});
+  EXPECT_EQ(NamesIn(folder.Path()), std::vector<std::string>{"a.job"});
 }
 
 TEST(AtomicFile, ReplacesOnlyWhenAsked) {
@@ -65,7 +58,7 @@ TEST(AtomicFile, ReplacesOnlyWhenAsked) {
   EXPECT_EQ(Contents(folder.Path("a.job")), "old");
   EXPECT_EQ(Replace(folder, "newer", true), 0);
   EXPECT_EQ(Contents(folder.Path("a.job")), "newer");
-  EXPECT_EQ(Names(folder.Path()), std::vector<std::string>{"a.job"});
+  EXPECT_EQ(NamesIn(folder.Path()), std::vector<std::string>{"a.job"});
 }
 
 // Each failing step, with and without O_TMPFILE (the first open refused as a file system without
@@ -78,8 +71,8 @@ TEST(AtomicFile, AFailingStepKeepsTheOldFileAndLeavesNoTemporary) {
   for (bool unnamed : {true, false}) {
     for (Case c : {Case{FileCall::kOpen, EACCES}, Case{FileCall::kWrite, ENOSPC},
                    Case{FileCall::kFsync, EIO}, Case{FileCall::kRename, EIO}}) {
-      SCOPED_TRACE(::testing::Message() << "call " << static_cast<int>(c.call) << " unnamed "
-                                      << unnamed);
+      SCOPED_TRACE(::testing::Message()
+                   << "call " << static_cast<int>(c.call) << " unnamed " << unnamed);
       TempFolder folder;
       Put(folder.Path("a.job"), "old");
       FaultFileApi faults;
@@ -87,7 +80,7 @@ TEST(AtomicFile, AFailingStepKeepsTheOldFileAndLeavesNoTemporary) {
       faults.FailFrom(c.call, c.call == FileCall::kOpen && !unnamed ? 2 : 1, c.error);
       EXPECT_EQ(Replace(folder, std::string(100000, 'x'), true), c.error);
       EXPECT_EQ(Contents(folder.Path("a.job")), "old");
-      EXPECT_EQ(Names(folder.Path()), std::vector<std::string>{"a.job"});
+      EXPECT_EQ(NamesIn(folder.Path()), std::vector<std::string>{"a.job"});
     }
   }
 }
@@ -98,13 +91,13 @@ TEST(AtomicFile, WritesUnderATemporaryNameWhereTheFileSystemHasNoUnnamedFiles) {
   faults.FailCall(FileCall::kOpen, 1, EOPNOTSUPP);
   AtomicFile file;
   ASSERT_EQ(file.Begin(OpenFolder(folder), "a.job", 0644), 0);
-  std::vector<std::string> names = Names(folder.Path());
+  std::vector<std::string> names = NamesIn(folder.Path());
   ASSERT_EQ(names.size(), 1u);
   EXPECT_TRUE(IsTemporaryName(names[0])) << names[0];
   file.Write("new");
   EXPECT_EQ(file.Commit(false), 0);
   EXPECT_EQ(Contents(folder.Path("a.job")), "new");
-  EXPECT_EQ(Names(folder.Path()), std::vector<std::string>{"a.job"});
+  EXPECT_EQ(NamesIn(folder.Path()), std::vector<std::string>{"a.job"});
 }
 
 TEST(AtomicFile, ADroppedFileLeavesNothing) {
@@ -116,7 +109,7 @@ TEST(AtomicFile, ADroppedFileLeavesNothing) {
     ASSERT_EQ(file.Begin(OpenFolder(folder), "a.job", 0644), 0);
     file.Write("never committed");
   }
-  EXPECT_TRUE(Names(folder.Path()).empty());
+  EXPECT_TRUE(NamesIn(folder.Path()).empty());
 }
 
 TEST(AtomicFile, TemporaryNamesAreExactlyTheOnesItGives) {
@@ -135,14 +128,13 @@ TEST(AtomicFile, RemovesOnlyTemporariesOlderThanTheTimeGiven) {
   std::filesystem::create_directory(folder.Path(".pelmora-1111111111111111.part"));
   UniqueFd fd = OpenFolder(folder);
   RemoveTemporariesBefore(fd.get(), timespec{0, 0});
-  EXPECT_EQ(Names(folder.Path()).size(), 3u);
+  EXPECT_EQ(NamesIn(folder.Path()).size(), 3u);
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);
   now.tv_sec += 1;
   RemoveTemporariesBefore(fd.get(), now);
-  std::vector<std::string> names = Names(folder.Path());
-  std::sort(names.begin(), names.end());
-  EXPECT_EQ(names, (std::vector<std::string>{".pelmora-1111111111111111.part", "a.job"}));
+  EXPECT_EQ(NamesIn(folder.Path()),
+            (std::vector<std::string>{".pelmora-1111111111111111.part", "a.job"}));
 }
 
 }  // namespace

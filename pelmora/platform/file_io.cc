@@ -11,10 +11,10 @@ namespace internal {
 
 std::atomic<FileFaults*> file_faults{nullptr};
 
-int InjectedFault(FileCall call) {
+int InjectedFault(FileCall call, int fd, const char* path) {
   FileFaults* faults = file_faults.load(std::memory_order_acquire);
   if (faults == nullptr) return 0;
-  int error = faults->Check(call);
+  int error = faults->Check(call, fd, path);
   if (error != 0) errno = error;
   return error;
 }
@@ -25,9 +25,9 @@ namespace {
 
 // Fails with the injected errno, else makes the call again for as long as it is interrupted.
 template <class Call>
-auto Retried(FileCall kind, Call call) -> decltype(call()) {
+auto Retried(FileCall kind, int fd, const char* path, Call call) -> decltype(call()) {
   if (internal::file_faults.load(std::memory_order_relaxed) != nullptr &&
-      internal::InjectedFault(kind) != 0) {
+      internal::InjectedFault(kind, fd, path) != 0) {
     return -1;
   }
   decltype(call()) result;
@@ -66,35 +66,36 @@ void SetFileFaults(FileFaults* faults) {
 }
 
 int Open(const char* path, int flags, mode_t mode) {
-  return Retried(FileCall::kOpen, [&] { return ::open(path, flags, mode); });
+  return Retried(FileCall::kOpen, AT_FDCWD, path, [&] { return ::open(path, flags, mode); });
 }
 
 int OpenAt(int folder_fd, const char* path, int flags, mode_t mode) {
-  return Retried(FileCall::kOpen, [&] { return ::openat(folder_fd, path, flags, mode); });
+  return Retried(FileCall::kOpen, folder_fd, path,
+                 [&] { return ::openat(folder_fd, path, flags, mode); });
 }
 
 ssize_t Read(int fd, void* data, size_t size) {
-  return Retried(FileCall::kRead, [&] { return ::read(fd, data, size); });
+  return Retried(FileCall::kRead, fd, nullptr, [&] { return ::read(fd, data, size); });
 }
 
 ssize_t Pread(int fd, void* data, size_t size, off_t offset) {
-  return Retried(FileCall::kRead, [&] { return ::pread(fd, data, size, offset); });
+  return Retried(FileCall::kRead, fd, nullptr, [&] { return ::pread(fd, data, size, offset); });
 }
 
 ssize_t Write(int fd, const void* data, size_t size) {
-  return Retried(FileCall::kWrite, [&] { return ::write(fd, data, size); });
+  return Retried(FileCall::kWrite, fd, nullptr, [&] { return ::write(fd, data, size); });
 }
 
 ssize_t Pwrite(int fd, const void* data, size_t size, off_t offset) {
-  return Retried(FileCall::kWrite, [&] { return ::pwrite(fd, data, size, offset); });
+  return Retried(FileCall::kWrite, fd, nullptr, [&] { return ::pwrite(fd, data, size, offset); });
 }
 
 int Fsync(int fd) {
-  return Retried(FileCall::kFsync, [&] { return ::fsync(fd); });
+  return Retried(FileCall::kFsync, fd, nullptr, [&] { return ::fsync(fd); });
 }
 
 int RenameAt(int from_folder, const char* from, int to_folder, const char* to, unsigned flags) {
-  return Retried(FileCall::kRename,
+  return Retried(FileCall::kRename, from_folder, from,
                  [&] { return ::renameat2(from_folder, from, to_folder, to, flags); });
 }
 

@@ -58,11 +58,13 @@ using UniqueDir = std::unique_ptr<DIR, DirCloser>;
 enum class FileCall { kOpen, kRead, kWrite, kFsync, kRename };
 
 // What a test installs to fail chosen calls: Check returns 0 to let the call through or the
-// errno to fail it with. It is asked from every thread that makes a call.
+// errno to fail it with. It is asked from every thread that makes a call, with the descriptor the
+// call acts on (for an open or a rename: the folder descriptor, AT_FDCWD for a plain path) and
+// the name it opens or renames (nullptr for the others).
 class FileFaults {
  public:
   virtual ~FileFaults() = default;
-  virtual int Check(FileCall call) = 0;
+  virtual int Check(FileCall call, int fd, const char* path) = 0;
 };
 
 // Installs `faults` for the whole process (nullptr removes it). With none installed each call
@@ -72,7 +74,7 @@ void SetFileFaults(FileFaults* faults);
 namespace internal {
 extern std::atomic<FileFaults*> file_faults;
 // 0, or the errno a test wants `call` to fail with (errno is then set to it).
-int InjectedFault(FileCall call);
+int InjectedFault(FileCall call, int fd, const char* path);
 }  // namespace internal
 
 // The system calls, each retried on EINTR and open to fault injection: -1 with errno on failure.
@@ -83,8 +85,7 @@ ssize_t Pread(int fd, void* data, size_t size, off_t offset);
 ssize_t Write(int fd, const void* data, size_t size);
 ssize_t Pwrite(int fd, const void* data, size_t size, off_t offset);
 int Fsync(int fd);
-int RenameAt(int from_folder, const char* from, int to_folder, const char* to,
-             unsigned flags = 0);
+int RenameAt(int from_folder, const char* from, int to_folder, const char* to, unsigned flags = 0);
 
 // Reads until `out` is full or the file ends: the count read, or -1 (errno set) on a failure.
 ssize_t ReadFully(int fd, std::span<uint8_t> out);

@@ -69,7 +69,10 @@ TEST(FileIo, InjectedFaultsFailTheChosenCallsOnly) {
 }
 
 TEST(FileIo, WithNoFaultsInstalledCallsReachTheSystem) {
-  { FaultFileApi faults; faults.FailFromNext(FileCall::kOpen, EACCES); }
+  {
+    FaultFileApi faults;
+    faults.FailFromNext(FileCall::kOpen, EACCES);
+  }
   UniqueFd fd(Open("/dev/null", O_RDONLY | O_CLOEXEC));
   EXPECT_TRUE(fd);
 }

@@ -10,13 +10,17 @@
 //   faults.FailFrom(FileCall::kWrite, faults.Calls(FileCall::kWrite) + 1, ENOSPC);
 //   EXPECT_FALSE(store.Write(...));
 //
+// Restrict(folder) limits counting and failing to the files under one folder (the disk that is
+// full), so that other files the process writes meanwhile (its log, say) go on as usual.
 // Only one may exist at a time.
 #ifndef PELMORA_TESTING_FAULT_FILE_API_H_
 #define PELMORA_TESTING_FAULT_FILE_API_H_
 
 #include <map>
 #include <mutex>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "pelmora/platform/file_io.h"
 
@@ -41,18 +45,32 @@ class FaultFileApi final : public platform::FileFaults {
   void FailFromNext(FileCall kind, int error) { FailFrom(kind, Calls(kind) + 1, error); }
   // Lets every call through again (the counts go on).
   void Clear();
+  // From now on only calls on files under `folder` (an absolute path, links resolved) are
+  // counted and may fail; the others pass untouched.
+  void Restrict(std::string folder);
 
   // How many calls of `kind` were made so far (failed ones included).
   int Calls(FileCall kind) const;
 
-  int Check(FileCall call) override;
+  int Check(FileCall call, int fd, const char* path) override;
 
  private:
+  // Whether the file a call acts on lies under the folder given to Restrict.
+  bool InScope(FileCall call, int fd, const char* path) const;
+
   mutable std::mutex mutex_;
   std::map<FileCall, int> calls_;
   std::map<std::pair<FileCall, int>, int> faults_;
   std::map<FileCall, std::pair<int, int>> from_;  // kind -> first failing call, errno
+  std::string folder_;                            // "" for every file
 };
+
+// "write_ENOSPC" and the like: a test name for a failing call.
+std::string FaultName(FileCall call, int error);
+
+// The names directly inside `folder`, sorted (empty when it cannot be read): what a failed write
+// left behind.
+std::vector<std::string> NamesIn(const std::string& folder);
 
 }  // namespace pelmora::testing
 

@@ -37,9 +37,9 @@ int64_t LocalFile::ReadFull(std::span<uint8_t> out) {
 }
 
 bool LocalFile::WriteAll(std::span<const uint8_t> bytes) {
-  int error = platform::WriteFully(fd_.get(), bytes);
-  if (error != 0) errno = error;
-  return error == 0;
+  if (write_error_ == 0) write_error_ = platform::WriteFully(fd_.get(), bytes);
+  if (write_error_ != 0) errno = write_error_;
+  return write_error_ == 0;
 }
 
 std::optional<int64_t> LocalFile::Size() const {

@@ -45,8 +45,11 @@ class LocalFile {
   // Reads until `out` is full or the file ends; the count read, or -1 on a read error. Blocks on
   // the disk only.
   int64_t ReadFull(std::span<uint8_t> out);
-  // Writes every byte; false (errno set) on a write error.
+  // Writes every byte; false (errno set) on a write error. After a failure nothing more is
+  // written and every later call fails with the same errno.
   bool WriteAll(std::span<const uint8_t> bytes);
+  // The errno of the first failed WriteAll (ENOSPC on a full disk, ...), 0 when none failed.
+  int WriteError() const { return write_error_; }
   // The file's size in bytes, nullopt when it cannot be read.
   std::optional<int64_t> Size() const;
   // The file's times, nullopt when they cannot be read.
@@ -59,6 +62,7 @@ class LocalFile {
  private:
   explicit LocalFile(int fd) : fd_(fd) {}
   platform::UniqueFd fd_;
+  int write_error_ = 0;
 };
 
 // True when `path` names an existing regular file (symbolic links followed).
