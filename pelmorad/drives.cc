@@ -27,18 +27,6 @@ int OpenAt2(int dirfd, const std::string& name, int flags, mode_t mode) {
 
 }  // namespace
 
-UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
-  if (this != &other) {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = std::exchange(other.fd_, -1);
-  }
-  return *this;
-}
-
-UniqueFd::~UniqueFd() {
-  if (fd_ >= 0) ::close(fd_);
-}
-
 bool BeneathResolutionAvailable() {
   static const bool available = [] {
     int fd = OpenAt2(AT_FDCWD, ".", O_PATH | O_DIRECTORY, 0);

@@ -17,25 +17,12 @@
 #include <utility>
 #include <vector>
 
+#include "pelmora/platform/file_io.h"
 #include "pelmorad/drive_path.h"
 
 namespace pelmorad {
 
-// An owned file descriptor, closed when it goes.
-class UniqueFd {
- public:
-  UniqueFd() = default;
-  explicit UniqueFd(int fd) : fd_(fd) {}
-  UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  UniqueFd& operator=(UniqueFd&& other) noexcept;
-  ~UniqueFd();
-  int get() const { return fd_; }
-  int release() { return std::exchange(fd_, -1); }
-  explicit operator bool() const { return fd_ >= 0; }
-
- private:
-  int fd_ = -1;
-};
+using pelmora::platform::UniqueFd;
 
 // A descriptor from a resolution, or the errno that stopped it.
 struct Opened {

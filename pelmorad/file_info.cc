@@ -8,15 +8,12 @@
 #include <cerrno>
 #include <memory>
 
+#include "pelmora/platform/file_io.h"
 #include "pelmora/platform/file_time.h"
 #include "pelmorad/win_error.h"
 
 namespace pelmorad {
 namespace {
-
-struct DirCloser {
-  void operator()(DIR* dir) const { ::closedir(dir); }
-};
 
 timespec FromStatx(const statx_timestamp& stamp) {
   return timespec{static_cast<time_t>(stamp.tv_sec), static_cast<long>(stamp.tv_nsec)};
@@ -93,7 +90,7 @@ namespace {
 
 // The sorted names in the open folder `folder`, at most kMaxListingEntries.
 int32_t SortedNames(int folder, std::vector<std::string>& names) {
-  std::unique_ptr<DIR, DirCloser> dir(::fdopendir(::dup(folder)));
+  pelmora::platform::UniqueDir dir(::fdopendir(::dup(folder)));
   if (!dir) return FromErrno(errno, Missing::kPath);
   while (dirent* entry = ::readdir(dir.get())) {
     std::string_view name = entry->d_name;

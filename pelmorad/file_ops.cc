@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "pelmora/platform/file_io.h"
 #include "pelmorad/atomic_file.h"
 #include "pelmorad/win_error.h"
 
@@ -18,10 +19,6 @@ namespace pelmorad {
 namespace {
 
 constexpr size_t kCopyChunk = 1 << 20;
-
-struct DirCloser {
-  void operator()(DIR* dir) const { ::closedir(dir); }
-};
 
 // fstat of `path` beneath its drive (links inside the drive followed).
 int32_t StatBeneath(const DriveTable& drives, const DrivePath& path, struct stat& info) {
@@ -59,7 +56,7 @@ int32_t FolderNames(const DriveTable& drives, const DrivePath& path,
                     std::vector<std::string>& names) {
   Opened opened = drives.OpenBeneath(path, O_RDONLY | O_DIRECTORY);
   if (!opened.fd) return FromErrno(opened.error, Missing::kPath);
-  std::unique_ptr<DIR, DirCloser> dir(::fdopendir(opened.fd.release()));
+  pelmora::platform::UniqueDir dir(::fdopendir(opened.fd.release()));
   if (!dir) return FromErrno(errno, Missing::kPath);
   while (dirent* entry = ::readdir(dir.get())) {
     std::string_view name = entry->d_name;

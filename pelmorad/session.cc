@@ -194,8 +194,7 @@ asio::awaitable<std::optional<Session::ClientMessage>> Session::ReadMessage() {
     rest = rest.subspan(kFirstBytes);
   }
   if (!co_await ReadExactly(rest)) co_return std::nullopt;
-  int32_t sequence = static_cast<int32_t>(packet[3] | (packet[4] << 8) | (packet[5] << 16) |
-                                          (static_cast<uint32_t>(packet[6]) << 24));
+  int32_t sequence = pelmora::admin::PacketSequenceNumber(packet);
   pelmora::admin::FramedMessage framed = pelmora::admin::ParseFramedPacket(packet, sequence);
   if (framed.fault != pelmora::admin::PacketFault::kNone) {
     Audit(

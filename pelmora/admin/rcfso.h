@@ -321,6 +321,7 @@ class RCFSO {
   bool DownloadContent(const std::string& local, const TransferHeader& header);
   bool ReceiveContent(internal::LocalFile& file, int32_t size);
   bool FailContent(internal::LocalFile& file, int32_t error, int64_t remaining);
+  bool FailWrite(internal::LocalFile& file, const std::string& local);
 
   // Cache helpers (rcfso_cache.cc): the cache path of a remote file, and whether it stays inside
   // the cache folder.

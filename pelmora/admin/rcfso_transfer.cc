@@ -6,7 +6,10 @@
 // block in one socket send; the bytes on the wire are those of one 1500-byte buffer sent per
 // piece, the last piece included, whose tail past the file's end still holds the previous piece's
 // bytes (zeros for a file shorter than one piece). Download takes each piece through the socket's
-// read-ahead buffer and writes the file in large blocks.
+// read-ahead buffer and writes the file in large blocks. A file that cannot be written (a full
+// disk) is received to its end, so the session stays in step, then removed.
+#include <unistd.h>
+
 #include <algorithm>
 #include <string>
 
@@ -14,6 +17,8 @@
 #include "pelmora/admin/rcfso.h"
 #include "pelmora/admin/wire.h"
 #include "pelmora/admin/wire_replies.h"
+#include "pelmora/common/error_texts.h"
+#include "pelmora/platform/win_error.h"
 
 namespace pelmora::admin {
 namespace {
@@ -200,6 +205,7 @@ bool RCFSO::DownloadContent(const std::string& local, const TransferHeader& head
   }
   SendGoReply(true);
   if (!ReceiveContent(file, header.size)) return false;
+  if (file.WriteError() != 0) return FailWrite(file, local);
   // The last-write time goes through calendar fields with milliseconds and back: whole ms.
   const uint64_t last_write =
       header.last_write_time - header.last_write_time % kTicksPerMillisecond;
@@ -225,6 +231,17 @@ bool RCFSO::ReceiveContent(internal::LocalFile& file, int32_t size) {
     if (e != sckSuccess) return FailContent(file, e, remaining);
   }
   return true;
+}
+
+// The content has all been received but not all written (a full disk): the file, which holds only
+// a part, is removed and the write's error reported.
+bool RCFSO::FailWrite(internal::LocalFile& file, const std::string& local) {
+  const int32_t error = platform::Win32FromErrno(file.WriteError());
+  file.Close();
+  ::unlink(local.c_str());
+  SetError(error, DescribeError(error));
+  TransferLog("Download", HandlePrefix() + "Cannot write file " + local, true);
+  return false;
 }
 
 bool RCFSO::FailContent(internal::LocalFile& file, int32_t error, int64_t remaining) {

@@ -47,7 +47,7 @@ FramedMessage ParseFramedPacket(std::span<const std::uint8_t> packet,
     message.fault = PacketFault::kBadHeader;
     return message;
   }
-  message.sequence = GetInt32(packet, kSequenceOffset);
+  message.sequence = PacketSequenceNumber(packet);
   if (message.sequence != expected_sequence) {
     message.fault = PacketFault::kBadSequence;
     return message;
@@ -59,6 +59,10 @@ FramedMessage ParseFramedPacket(std::span<const std::uint8_t> packet,
   }
   message.data = packet.subspan(kHeaderSize, static_cast<std::size_t>(size));
   return message;
+}
+
+std::int32_t PacketSequenceNumber(std::span<const std::uint8_t> packet) {
+  return GetInt32(packet, kSequenceOffset);
 }
 
 std::vector<std::uint8_t> EncodeAnsiArgument(std::string_view utf8) {

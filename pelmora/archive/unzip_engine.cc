@@ -71,10 +71,10 @@ std::vector<CentralFlags> ReadFlags(const std::string& name, uint64_t size, uint
   uint64_t ignored = 0;
   auto path = FindArchive(name, ignored);
   internal::UniqueFd fd(path ? open(path->c_str(), O_RDONLY | O_CLOEXEC) : -1);
-  if (!fd.Valid()) return {};
+  if (!fd) return {};
   return internal::ReadCentralFlags(
       [&](uint64_t offset, std::span<uint8_t> out) {
-        return pread(fd.Get(), out.data(), out.size(), static_cast<off_t>(offset)) ==
+        return pread(fd.get(), out.data(), out.size(), static_cast<off_t>(offset)) ==
                static_cast<ssize_t>(out.size());
       },
       size, entries);

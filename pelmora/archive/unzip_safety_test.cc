@@ -9,6 +9,7 @@
 
 #include "pelmora/archive/internal/test_archives.h"
 #include "pelmora/archive/unzip_engine.h"
+#include "pelmora/testing/fault_file_api.h"
 
 namespace pelmora::archive {
 namespace {
@@ -21,15 +22,8 @@ using testing::ScratchFolder;
 using testing::TestEntry;
 using testing::WriteFile;
 
-// The names directly inside `folder`, sorted.
 std::vector<std::string> Names(const std::string& folder) {
-  std::vector<std::string> names;
-  std::error_code ignored;
-  for (const auto& item : std::filesystem::directory_iterator(folder, ignored)) {
-    names.push_back(item.path().filename().string());
-  }
-  std::sort(names.begin(), names.end());
-  return names;
+  return pelmora::testing::NamesIn(folder);
 }
 
 class UnzipSafety : public ::testing::Test {

@@ -26,6 +26,7 @@
 #include "pelmora/common/error.h"
 #include "pelmora/common/error_texts.h"
 #include "pelmora/common/process_tree.h"
+#include "pelmora/platform/file_io.h"
 #include "pelmora/platform/win_error.h"
 
 #ifndef P_PIDFD
@@ -53,22 +54,7 @@ Error FailureError(const ChildFailure& failure) {
   return StartError(platform::Win32FromErrno(failure.error));
 }
 
-// An owned file descriptor.
-class UniqueFd {
- public:
-  explicit UniqueFd(int fd = -1) : fd_(fd) {}
-  UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  UniqueFd& operator=(UniqueFd&&) = delete;
-  ~UniqueFd() { Reset(); }
-  int Get() const { return fd_; }
-  int Release() { return std::exchange(fd_, -1); }
-  void Reset() {
-    if (fd_ >= 0) close(std::exchange(fd_, -1));
-  }
-
- private:
-  int fd_;
-};
+using platform::UniqueFd;
 
 struct Pipe {
   UniqueFd read;
@@ -288,10 +274,7 @@ pid_t ForkChild(const LaunchPlan& plan, ChildFds fds, int status_fd) {
 // The child's report from the status pipe: nothing (end of file) once execve succeeded.
 std::optional<ChildFailure> ReadFailure(int status_fd) {
   ChildFailure failure;
-  ssize_t n;
-  do {
-    n = read(status_fd, &failure, sizeof(failure));
-  } while (n < 0 && errno == EINTR);
+  ssize_t n = platform::Read(status_fd, &failure, sizeof(failure));
   if (n == static_cast<ssize_t>(sizeof(failure))) return failure;
   return std::nullopt;
 }
@@ -306,7 +289,7 @@ void ReapQuietly(pid_t pid) {
 ChildProcess ChildProcess::Start(const ChildSpec& launch) {
   LaunchPlan plan = MakePlan(launch);
   UniqueFd null_fd(open("/dev/null", O_RDONLY | O_CLOEXEC));
-  if (null_fd.Get() < 0) throw StartError(platform::Win32FromErrno(errno));
+  if (null_fd.get() < 0) throw StartError(platform::Win32FromErrno(errno));
   Pipe output = MakePipe();
   Pipe status = MakePipe();
   std::optional<Pipe> input, error;
@@ -314,33 +297,33 @@ ChildProcess ChildProcess::Start(const ChildSpec& launch) {
     input.emplace(MakePipe());
     error.emplace(MakePipe());
   }
-  ChildFds fds{input ? input->read.Get() : null_fd.Get(), output.write.Get(),
-               error ? error->write.Get() : output.write.Get()};
-  pid_t pid = ForkChild(plan, fds, status.write.Get());
-  status.write.Reset();
-  output.write.Reset();
+  ChildFds fds{input ? input->read.get() : null_fd.get(), output.write.get(),
+               error ? error->write.get() : output.write.get()};
+  pid_t pid = ForkChild(plan, fds, status.write.get());
+  status.write.reset();
+  output.write.reset();
   if (input) {
-    input->read.Reset();
-    error->write.Reset();
+    input->read.reset();
+    error->write.reset();
   }
-  if (std::optional<ChildFailure> failure = ReadFailure(status.read.Get())) {
+  if (std::optional<ChildFailure> failure = ReadFailure(status.read.get())) {
     ReapQuietly(pid);
     throw FailureError(*failure);
   }
   UniqueFd exit_fd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
-  if (exit_fd.Get() < 0 || fcntl(output.read.Get(), F_SETFL, O_NONBLOCK) != 0 ||
-      (input && (fcntl(input->write.Get(), F_SETFL, O_NONBLOCK) != 0 ||
-                 fcntl(error->read.Get(), F_SETFL, O_NONBLOCK) != 0))) {
+  if (exit_fd.get() < 0 || fcntl(output.read.get(), F_SETFL, O_NONBLOCK) != 0 ||
+      (input && (fcntl(input->write.get(), F_SETFL, O_NONBLOCK) != 0 ||
+                 fcntl(error->read.get(), F_SETFL, O_NONBLOCK) != 0))) {
     int error = errno;
     kill(-pid, SIGKILL);
     ReapQuietly(pid);
     throw StartError(platform::Win32FromErrno(error));
   }
-  ChildProcess child(pid, output.read.Release(), exit_fd.Release());
+  ChildProcess child(pid, output.read.release(), exit_fd.release());
   child.tracked_ = launch.track_descendants;
   if (input) {
-    child.input_fd_ = input->write.Release();
-    child.error_fd_ = error->read.Release();
+    child.input_fd_ = input->write.release();
+    child.error_fd_ = error->read.release();
   }
   return child;
 }

@@ -10,26 +10,27 @@
 #include "pelmora/common/date.h"
 #include "pelmora/common/internal/platform.h"
 #include "pelmora/common/system.h"
+#include "pelmora/platform/log_layout.h"
 
 namespace pelmora {
 namespace {
 
-// The letter written for an entry type and the extension of the day file it goes to.
+// The letter written for an entry type and the day file it goes to.
 struct EntryKind {
   char letter = 'U';
-  std::string_view extension = ".err";
+  platform::LogKind file = platform::LogKind::kError;
 };
 
 EntryKind KindOf(int32_t entry_type) {
   switch (entry_type) {
     case kLogEntryError:
-      return {'E', ".err"};
+      return {'E', platform::LogKind::kError};
     case kLogEntryWarning:
-      return {'W', ".err"};
+      return {'W', platform::LogKind::kError};
     case kLogEntryInformation:
-      return {'I', ".log"};
+      return {'I', platform::LogKind::kInformation};
     default:
-      return {'U', ".err"};
+      return {'U', platform::LogKind::kError};
   }
 }
 
@@ -53,9 +54,10 @@ std::string CleanMessage(std::string_view message) {
   return cleaned;
 }
 
-// The month folder for WriteLog under `root`, created when missing; nullopt when it cannot be.
-std::optional<std::string> MonthFolder(const std::string& root, const std::string& month) {
-  std::string folder = root + "/" + month;
+// The month folder of `day` for WriteLog under `root`, created when missing; nullopt when it
+// cannot be.
+std::optional<std::string> MonthFolder(const std::string& root, const std::string& day) {
+  std::string folder = platform::LogMonthFolder(root, day);
   if (!internal::FolderExists(folder) && !internal::CreateFolder(folder)) return std::nullopt;
   return folder;
 }
@@ -65,16 +67,14 @@ std::optional<std::string> MonthFolder(const std::string& root, const std::strin
 struct LevelledState {
   double second = -1;    // the Date (whole seconds) the fields below belong to
   std::string stamp;     // yyyy-mm-dd hh:nn:ss
-  std::string month;     // yyyymm
   std::string day;       // yyyymmdd
   std::optional<std::string> computer;
-  std::string folder;    // root/yyyymm, known to exist when last written to; empty when unknown
+  std::string folder;    // root's month folder, known to exist when last written to; or empty
 
   // Brings the texts and the computer name up to the second of `now`.
   void Advance(const Date& now) {
     if (now.Serial() == second) return;
     stamp = now.Format("yyyy-mm-dd hh:nn:ss");
-    month = now.Format("yyyymm");
     day = now.Format("yyyymmdd");
     computer = internal::ReadHostName();
     second = now.Serial();
@@ -108,7 +108,7 @@ std::string ToAnsi(std::string line) {
 bool CheckFolders(const std::string& root, LevelledState& state) {
   state.folder.clear();
   if (!internal::FolderExists(root)) return false;
-  std::optional<std::string> folder = MonthFolder(root, state.month);
+  std::optional<std::string> folder = MonthFolder(root, state.day);
   if (!folder) return false;
   state.folder = std::move(*folder);
   return true;
@@ -122,12 +122,12 @@ bool WriteLevelledLine(std::string_view message, std::string_view module_name,
   state.Advance(CurrentLocalTime());
   // The day file is tried first while its month folder is known; a folder that has gone since
   // shows as ENOENT and sends the line through the root test and the month folder again.
-  std::string expected = root + "/" + state.month;
-  bool known = state.folder == expected;
+  std::string folder = platform::LogMonthFolder(root, state.day);
+  bool known = state.folder == folder;
   if (!known && !CheckFolders(root, state)) return false;
   if (!state.computer) return false;
   EntryKind kind = KindOf(entry_type);
-  std::string file = expected + "/" + state.day + std::string(kind.extension);
+  std::string file = folder + "/" + platform::LogFileName(state.day, kind.file);
   std::string line;
   line.reserve(state.stamp.size() + state.computer->size() + module_name.size() +
                procedure_name.size() + message.size() + 12);
@@ -151,8 +151,8 @@ bool WriteLibraryLine(int32_t error_number, std::string_view message, std::strin
   std::string library_folder = LibraryFolder();
   if (library_folder.empty()) return false;
   EntryKind kind = KindOf(entry_type);
-  std::string file = fmt::format("{}/../Log/{}/{}{}{}", library_folder, now.Format("yyyymm"),
-                                 file_prefix, now.Format("yyyymmdd"), kind.extension);
+  std::string file = platform::LogFilePath(library_folder + "/../Log", now.Format("yyyymmdd"),
+                                          kind.file, file_prefix);
   if (!internal::CreateFolderPath(file)) return false;
   std::string line =
       fmt::format("{}`{}`{}`[{}:{}]`{}`{}`{}\r\n", stamp, kind.letter, LocalComputerName(),

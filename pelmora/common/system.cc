@@ -15,6 +15,7 @@
 #include "pelmora/common/error_texts.h"
 #include "pelmora/common/internal/platform.h"
 #include "pelmora/common/log.h"
+#include "pelmora/platform/file_io.h"
 
 namespace pelmora {
 namespace {
@@ -94,16 +95,11 @@ bool CreateFolderPath(std::string_view file_path) {
 }
 
 bool AppendToFile(const std::string& path, std::string_view bytes) {
-  int fd = -1;
-  do {
-    fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-  } while (fd < 0 && errno == EINTR);
-  if (fd < 0) return false;
-  ssize_t written = -1;
-  do {
-    written = write(fd, bytes.data(), bytes.size());
-  } while (written < 0 && errno == EINTR);
-  bool closed = close(fd) == 0;
+  const int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC;
+  platform::UniqueFd fd(platform::Open(path.c_str(), flags, 0644));
+  if (!fd) return false;
+  ssize_t written = platform::Write(fd.get(), bytes.data(), bytes.size());
+  bool closed = fd.reset() == 0;
   return closed && written == static_cast<ssize_t>(bytes.size());
 }
 

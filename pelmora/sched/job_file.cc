@@ -7,6 +7,7 @@
 #include <random>
 
 #include "pelmora/common/codepage.h"
+#include "pelmora/platform/little_endian.h"
 
 namespace pelmora::sched {
 namespace {
@@ -15,51 +16,21 @@ constexpr uint16_t kAppNameOffset = 70;
 constexpr size_t kFixedSize = 68;
 constexpr size_t kSignatureSize = 68;
 
-// A bounded little-endian reader; every failed read leaves ok() false and returns zeros.
-class Cursor {
+// The bounded little-endian reader over the file's bytes, with Take giving text.
+class Cursor : public platform::LeReader {
  public:
-  explicit Cursor(std::string_view bytes) : bytes_(bytes) {}
-
-  bool ok() const { return ok_; }
-  size_t position() const { return position_; }
-  size_t remaining() const { return bytes_.size() - position_; }
+  explicit Cursor(std::string_view bytes)
+      : LeReader(std::span(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size())) {}
 
   std::string_view Take(size_t count) {
-    if (!ok_ || count > remaining()) {
-      ok_ = false;
-      return {};
-    }
-    std::string_view taken = bytes_.substr(position_, count);
-    position_ += count;
-    return taken;
+    std::span<const uint8_t> taken = LeReader::Take(count);
+    return {reinterpret_cast<const char*>(taken.data()), taken.size()};
   }
-  uint16_t U16() { return static_cast<uint16_t>(Number(2)); }
-  uint32_t U32() { return static_cast<uint32_t>(Number(4)); }
-
- private:
-  uint64_t Number(size_t width) {
-    std::string_view raw = Take(width);
-    uint64_t value = 0;
-    for (size_t i = raw.size(); i > 0; --i) {
-      value = (value << 8) | static_cast<uint8_t>(raw[i - 1]);
-    }
-    return value;
-  }
-
-  std::string_view bytes_;
-  size_t position_ = 0;
-  bool ok_ = true;
 };
 
-void PutU16(std::string& out, uint16_t value) {
-  out.push_back(static_cast<char>(value & 0xFF));
-  out.push_back(static_cast<char>(value >> 8));
-}
+void PutU16(std::string& out, uint16_t value) { platform::AppendLe(out, value); }
 
-void PutU32(std::string& out, uint32_t value) {
-  PutU16(out, static_cast<uint16_t>(value & 0xFFFF));
-  PutU16(out, static_cast<uint16_t>(value >> 16));
-}
+void PutU32(std::string& out, uint32_t value) { platform::AppendLe(out, value); }
 
 SystemTime ReadSystemTime(Cursor& in) {
   SystemTime t;

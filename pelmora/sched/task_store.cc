@@ -16,6 +16,7 @@
 
 #include "pelmora/common/codepage.h"
 #include "pelmora/common/internal/platform.h"
+#include "pelmora/platform/file_io.h"
 #include "pelmora/sched/internal/file_io.h"
 #include "pelmora/sched/job_file.h"
 #include "pelmora/sched/sched_errors.h"
@@ -41,13 +42,12 @@ class LocalTaskStore : public TaskStore {
 
   uint32_t List(std::vector<std::string>& names) override {
     names.clear();
-    DIR* dir = opendir(folder_.c_str());
-    if (dir == nullptr) return errno == ENOENT ? 0 : ResultFromErrno(errno);
-    while (dirent* entry = readdir(dir)) {
+    platform::UniqueDir dir(opendir(folder_.c_str()));
+    if (!dir) return errno == ENOENT ? 0 : ResultFromErrno(errno);
+    while (dirent* entry = readdir(dir.get())) {
       std::string name = entry->d_name;
       if (HasJobSuffix(name) && CheckTaskFileName(name) == 0) names.push_back(name);
     }
-    closedir(dir);
     std::sort(names.begin(), names.end());
     return 0;
   }
@@ -103,11 +103,10 @@ class LocalTaskStore : public TaskStore {
     std::string exact = folder_ + "/" + file_name;
     if (access(exact.c_str(), F_OK) == 0) return exact;
     std::vector<std::string> names;
-    if (DIR* dir = opendir(folder_.c_str())) {
-      while (dirent* entry = readdir(dir)) {
+    if (platform::UniqueDir dir(opendir(folder_.c_str())); dir) {
+      while (dirent* entry = readdir(dir.get())) {
         if (EqualsFolded(entry->d_name, file_name)) names.push_back(entry->d_name);
       }
-      closedir(dir);
     }
     std::sort(names.begin(), names.end());
     return names.empty() ? exact : folder_ + "/" + names.front();

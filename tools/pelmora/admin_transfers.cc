@@ -90,10 +90,11 @@ mode_t Umask() {
 // The mode new files get: 0666 less the umask.
 mode_t NewFileMode() { return 0666 & ~Umask(); }
 
-// Why `path` holds fewer bytes than `expected`: appends the missing count (as zeros) and returns
-// the errno the system gives, or 0 when it takes them (then the remote file changed instead).
+// Why `path` holds fewer bytes than `expected` (or is gone: Download removes a file it could not
+// write): appends the missing count (as zeros) and returns the errno the system gives, or 0 when
+// it takes them (then the remote file changed instead).
 int ShortWriteCause(const std::string& path, uint64_t expected) {
-  int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+  int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
   if (fd < 0) return errno;
   static const char kZeros[65536] = {};
   uint64_t missing = expected - std::min(expected, LocalSize(path));
@@ -319,7 +320,8 @@ int Get(HostSession& session, const std::string& remote, const std::string& loca
                       session.Output().ShowsProgress() && known ? info.FileSize() : 0);
   bool done = session.Fso().Download(part.Path(), remote);
   watch.Stop(done ? std::optional<uint64_t>(LocalSize(part.Path())) : std::nullopt);
-  if (!done) return session.FailOnPath(kExitFailed, remote, "get copies files");
+  bool unwritable = !done && known && !fs::exists(part.Path());
+  if (!done && !unwritable) return session.FailOnPath(kExitFailed, remote, "get copies files");
   if (known && LocalSize(part.Path()) < static_cast<uint64_t>(info.FileSize())) {
     int cause = ShortWriteCause(part.Path(), info.FileSize());
     if (cause != 0) return FailLocal(session, "cannot write", target, cause);

@@ -9,11 +9,14 @@
 #include <fstream>
 
 #include "pelmora/common/system.h"
+#include "pelmora/platform/log_layout.h"
 
 namespace pelmora_tool {
 namespace {
 
 namespace fs = std::filesystem;
+using pelmora::platform::LogFileName;
+using pelmora::platform::LogKind;
 
 constexpr size_t kStampLength = 19;  // "yyyy-mm-dd hh:nn:ss"
 
@@ -39,12 +42,13 @@ void AppendLines(const fs::path& path, std::vector<std::string>& out) {
 
 // The day's files under `root`, in name order.
 std::vector<fs::path> DayFiles(const std::string& root, const std::string& day, bool errors_only) {
-  fs::path folder = fs::path(root) / day.substr(0, 6);
+  fs::path folder = pelmora::platform::LogMonthFolder(root, day);
   std::vector<fs::path> files;
   std::error_code error;
   for (const auto& entry : fs::directory_iterator(folder, error)) {
     std::string name = entry.path().filename().string();
-    if (EndsWith(name, day + ".err") || (!errors_only && EndsWith(name, day + ".log"))) {
+    if (EndsWith(name, LogFileName(day, LogKind::kError)) ||
+        (!errors_only && EndsWith(name, LogFileName(day, LogKind::kInformation)))) {
       files.push_back(entry.path());
     }
   }

@@ -1,5 +1,5 @@
-// Little-endian integer access to byte buffers, for the administration protocol's wire units.
-// Readers take an offset that the caller has already checked against the buffer's size.
+// Little-endian integer access to byte buffers, for the administration protocol's wire units:
+// the names the wire code uses for pelmora/platform/little_endian.h.
 #ifndef PELMORA_ADMIN_INTERNAL_BYTE_ORDER_H_
 #define PELMORA_ADMIN_INTERNAL_BYTE_ORDER_H_
 
@@ -9,44 +9,42 @@
 #include <string_view>
 #include <vector>
 
+#include "pelmora/platform/little_endian.h"
+
 namespace pelmora::admin::internal {
 
-// Reads the unsigned little-endian value of `width` bytes at `offset` (offset + width <= size).
+// Reads the unsigned little-endian value of `width` bytes at `offset` (0 when it does not fit).
 inline std::uint64_t GetLittleEndian(std::span<const std::uint8_t> bytes, std::size_t offset,
                                      std::size_t width) {
-  std::uint64_t value = 0;
-  for (std::size_t i = width; i > 0; --i) value = (value << 8) | bytes[offset + i - 1];
-  return value;
+  return platform::LoadLeBytes(bytes, offset, width);
 }
 
-// The signed 32-bit value at `offset` (offset + 4 <= bytes.size()).
+// The signed 32-bit value at `offset`.
 inline std::int32_t GetInt32(std::span<const std::uint8_t> bytes, std::size_t offset) {
-  return static_cast<std::int32_t>(static_cast<std::uint32_t>(GetLittleEndian(bytes, offset, 4)));
+  return platform::LoadLe<std::int32_t>(bytes, offset);
 }
 
-// The 64-bit value at `offset` (offset + 8 <= bytes.size()).
+// The 64-bit value at `offset`.
 inline std::uint64_t GetUint64(std::span<const std::uint8_t> bytes, std::size_t offset) {
-  return GetLittleEndian(bytes, offset, 8);
+  return platform::LoadLe<std::uint64_t>(bytes, offset);
 }
 
-// Writes `value` as `width` little-endian bytes at `offset` (offset + width <= bytes.size()).
+// Writes `value` as `width` little-endian bytes at `offset` (nothing when it does not fit).
 inline void PutLittleEndian(std::span<std::uint8_t> bytes, std::size_t offset, std::uint64_t value,
                             std::size_t width) {
-  for (std::size_t i = 0; i < width; ++i)
-    bytes[offset + i] = static_cast<std::uint8_t>(value >> (8 * i));
+  platform::StoreLeBytes(bytes, offset, value, width);
 }
 
 inline void PutInt32(std::span<std::uint8_t> bytes, std::size_t offset, std::int32_t value) {
-  PutLittleEndian(bytes, offset, static_cast<std::uint32_t>(value), 4);
+  platform::StoreLe(bytes, offset, value);
 }
 
 // Appends `value` as 4 / 8 little-endian bytes.
 inline void AppendInt32(std::vector<std::uint8_t>& out, std::int32_t value) {
-  for (int i = 0; i < 4; ++i)
-    out.push_back(static_cast<std::uint8_t>(static_cast<std::uint32_t>(value) >> (8 * i)));
+  platform::AppendLe(out, value);
 }
 inline void AppendUint64(std::vector<std::uint8_t>& out, std::uint64_t value) {
-  for (int i = 0; i < 8; ++i) out.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
+  platform::AppendLe(out, value);
 }
 
 // Appends the bytes of `text` (any char string).

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "pelmora/platform/file_io.h"
 #include "pelmora/platform/file_time.h"
 
 namespace pelmora::admin::internal {
@@ -24,58 +25,33 @@ timespec TimespecOf(uint64_t filetime) {
 }  // namespace
 
 LocalFile LocalFile::OpenForReading(const std::string& path) {
-  return LocalFile(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  return LocalFile(platform::Open(path.c_str(), O_RDONLY | O_CLOEXEC));
 }
 
 LocalFile LocalFile::CreateAlways(const std::string& path) {
-  return LocalFile(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-}
-
-LocalFile::~LocalFile() { Close(); }
-
-LocalFile::LocalFile(LocalFile&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-
-LocalFile& LocalFile::operator=(LocalFile&& other) noexcept {
-  if (this != &other) {
-    Close();
-    fd_ = std::exchange(other.fd_, -1);
-  }
-  return *this;
+  return LocalFile(platform::Open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
 }
 
 int64_t LocalFile::ReadFull(std::span<uint8_t> out) {
-  size_t done = 0;
-  while (done < out.size()) {
-    const ssize_t n = ::read(fd_, out.data() + done, out.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) return -1;
-    if (n == 0) break;
-    done += static_cast<size_t>(n);
-  }
-  return static_cast<int64_t>(done);
+  return platform::ReadFully(fd_.get(), out);
 }
 
 bool LocalFile::WriteAll(std::span<const uint8_t> bytes) {
-  size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t n = ::write(fd_, bytes.data() + done, bytes.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    done += static_cast<size_t>(n);
-  }
-  return true;
+  if (write_error_ == 0) write_error_ = platform::WriteFully(fd_.get(), bytes);
+  if (write_error_ != 0) errno = write_error_;
+  return write_error_ == 0;
 }
 
 std::optional<int64_t> LocalFile::Size() const {
   struct stat st {};
-  if (::fstat(fd_, &st) != 0) return std::nullopt;
+  if (::fstat(fd_.get(), &st) != 0) return std::nullopt;
   return static_cast<int64_t>(st.st_size);
 }
 
 std::optional<FileTimes> LocalFile::Times() const {
   struct statx sx {};
   const unsigned mask = STATX_ATIME | STATX_MTIME | STATX_CTIME | STATX_BTIME;
-  if (::statx(fd_, "", AT_EMPTY_PATH, mask, &sx) != 0) return std::nullopt;
+  if (::statx(fd_.get(), "", AT_EMPTY_PATH, mask, &sx) != 0) return std::nullopt;
   FileTimes times;
   const bool has_birth = (sx.stx_mask & STATX_BTIME) != 0;
   times.creation = FileTimeOf(has_birth ? sx.stx_btime : sx.stx_ctime);
@@ -86,14 +62,10 @@ std::optional<FileTimes> LocalFile::Times() const {
 
 bool LocalFile::SetTimes(uint64_t last_access, uint64_t last_write) {
   struct timespec ts[2] = {TimespecOf(last_access), TimespecOf(last_write)};
-  return ::futimens(fd_, ts) == 0;
+  return ::futimens(fd_.get(), ts) == 0;
 }
 
-bool LocalFile::Close() {
-  if (fd_ < 0) return true;
-  const int result = ::close(std::exchange(fd_, -1));
-  return result == 0;
-}
+bool LocalFile::Close() { return fd_.reset() == 0; }
 
 bool IsRegularFile(const std::string& path) {
   struct stat st {};

@@ -1,5 +1,6 @@
-// Local files for the administration client's transfers and cache: an owned descriptor with
-// whole-buffer reads and writes, and the three file times as Windows FILETIMEs.
+// Local files for the administration client's transfers and cache: a file opened as the
+// platform's calls would open it, with whole-buffer reads and writes, and the three file times as
+// Windows FILETIMEs.
 //
 // Linux keeps no settable creation time. Times() reports the birth time where the file system
 // records one (statx STATX_BTIME) and the status-change time otherwise; SetTimes() sets the
@@ -16,6 +17,8 @@
 #include <optional>
 #include <span>
 #include <string>
+
+#include "pelmora/platform/file_io.h"
 
 namespace pelmora::admin::internal {
 
@@ -34,21 +37,19 @@ class LocalFile {
   static LocalFile CreateAlways(const std::string& path);
 
   LocalFile() = default;
-  ~LocalFile();
-  LocalFile(LocalFile&& other) noexcept;
-  LocalFile& operator=(LocalFile&& other) noexcept;
-  LocalFile(const LocalFile&) = delete;
-  LocalFile& operator=(const LocalFile&) = delete;
 
-  bool IsOpen() const { return fd_ >= 0; }
+  bool IsOpen() const { return static_cast<bool>(fd_); }
   // The descriptor, -1 when not open (the value log lines show as the file handle).
-  int Handle() const { return fd_; }
+  int Handle() const { return fd_.get(); }
 
   // Reads until `out` is full or the file ends; the count read, or -1 on a read error. Blocks on
   // the disk only.
   int64_t ReadFull(std::span<uint8_t> out);
-  // Writes every byte; false on a write error.
+  // Writes every byte; false (errno set) on a write error. After a failure nothing more is
+  // written and every later call fails with the same errno.
   bool WriteAll(std::span<const uint8_t> bytes);
+  // The errno of the first failed WriteAll (ENOSPC on a full disk, ...), 0 when none failed.
+  int WriteError() const { return write_error_; }
   // The file's size in bytes, nullopt when it cannot be read.
   std::optional<int64_t> Size() const;
   // The file's times, nullopt when they cannot be read.
@@ -60,7 +61,8 @@ class LocalFile {
 
  private:
   explicit LocalFile(int fd) : fd_(fd) {}
-  int fd_ = -1;
+  platform::UniqueFd fd_;
+  int write_error_ = 0;
 };
 
 // True when `path` names an existing regular file (symbolic links followed).

@@ -11,6 +11,8 @@
 #include <random>
 #include <utility>
 
+#include "pelmora/platform/file_io.h"
+
 namespace pelmora::archive::internal {
 namespace {
 
@@ -62,20 +64,6 @@ std::string TempName(const std::string& leaf) {
 
 }  // namespace
 
-UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
-  if (this != &other) {
-    if (fd_ >= 0) close(fd_);
-    fd_ = other.Release();
-  }
-  return *this;
-}
-
-UniqueFd::~UniqueFd() {
-  if (fd_ >= 0) close(fd_);
-}
-
-int UniqueFd::Release() { return std::exchange(fd_, -1); }
-
 PendingFile::PendingFile(UniqueFd folder, std::string leaf, std::string temp_name, UniqueFd file,
                          uint32_t created_mode)
     : folder_(std::move(folder)),
@@ -85,25 +73,22 @@ PendingFile::PendingFile(UniqueFd folder, std::string leaf, std::string temp_nam
       created_mode_(created_mode) {}
 
 PendingFile::~PendingFile() {
-  if (!committed_ && folder_.Valid()) unlinkat(folder_.Get(), temp_name_.c_str(), 0);
+  if (!committed_ && folder_) unlinkat(folder_.get(), temp_name_.c_str(), 0);
 }
 
 bool PendingFile::Write(std::span<const uint8_t> data) {
-  while (!data.empty()) {
-    ssize_t n = write(file_.Get(), data.data(), data.size());
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    data = data.subspan(static_cast<size_t>(n));
-  }
-  return true;
+  int error = platform::WriteFully(file_.get(), data);
+  if (error != 0) errno = error;
+  return error == 0;
 }
 
 bool PendingFile::Commit(uint32_t mode, int64_t mtime) {
-  if ((mode & 07777) != created_mode_ && fchmod(file_.Get(), mode & 07777) != 0) return false;
+  if ((mode & 07777) != created_mode_ && fchmod(file_.get(), mode & 07777) != 0) return false;
   struct timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(mtime), 0}};
-  if (futimens(file_.Get(), times) != 0) return false;
-  if (close(file_.Release()) != 0) return false;
-  if (temp_name_ != leaf_ && renameat(folder_.Get(), temp_name_.c_str(), folder_.Get(), leaf_.c_str()) != 0) {
+  if (futimens(file_.get(), times) != 0) return false;
+  if (close(file_.release()) != 0) return false;
+  if (temp_name_ != leaf_ &&
+      platform::RenameAt(folder_.get(), temp_name_.c_str(), folder_.get(), leaf_.c_str()) != 0) {
     return false;
   }
   committed_ = true;
@@ -113,25 +98,25 @@ bool PendingFile::Commit(uint32_t mode, int64_t mtime) {
 std::optional<ExtractionFolder> ExtractionFolder::Open(const std::string& path) {
   std::string base = path.empty() ? "." : path;
   UniqueFd root(open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (root.Valid()) return ExtractionFolder(std::move(root), CurrentUmask());
+  if (root) return ExtractionFolder(std::move(root), CurrentUmask());
   // Create the missing folders one by one, like mkdir -p.
   for (size_t at = base.find('/', 1); at != std::string::npos; at = base.find('/', at + 1)) {
     mkdir(base.substr(0, at).c_str(), 0777);
   }
   mkdir(base.c_str(), 0777);
   root = UniqueFd(open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!root.Valid()) return std::nullopt;
+  if (!root) return std::nullopt;
   return ExtractionFolder(std::move(root), CurrentUmask());
 }
 
 PathStatus ExtractionFolder::WalkToParent(std::string_view parent, bool create,
                                           UniqueFd& out) const {
-  UniqueFd current(dup(root_.Get()));
-  if (!current.Valid()) return PathStatus::kSystemError;
+  UniqueFd current(dup(root_.get()));
+  if (!current) return PathStatus::kSystemError;
   for (size_t at = 0; at < parent.size();) {
     size_t slash = std::min(parent.find('/', at), parent.size());
     UniqueFd next;
-    PathStatus status = OpenChild(current.Get(), std::string(parent.substr(at, slash - at)),
+    PathStatus status = OpenChild(current.get(), std::string(parent.substr(at, slash - at)),
                                   create, next);
     if (status != PathStatus::kOk) return status;
     current = std::move(next);
@@ -147,13 +132,13 @@ int ExtractionFolder::CachedParent(std::string_view path, bool create, std::stri
   std::string_view parent = slash == std::string_view::npos ? "" : path.substr(0, slash);
   leaf = std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
   status = PathStatus::kOk;
-  if (cache_valid_ && parent == cached_parent_) return cached_folder_.Get();
+  if (cache_valid_ && parent == cached_parent_) return cached_folder_.get();
   cache_valid_ = false;
   status = WalkToParent(parent, create, cached_folder_);
   if (status != PathStatus::kOk) return -1;
   cached_parent_ = std::string(parent);
   cache_valid_ = true;
-  return cached_folder_.Get();
+  return cached_folder_.get();
 }
 
 PathStatus ExtractionFolder::OpenParent(std::string_view path, bool create,
@@ -162,7 +147,7 @@ PathStatus ExtractionFolder::OpenParent(std::string_view path, bool create,
   int folder = CachedParent(path, create, out.leaf, status);
   if (folder < 0) return status;
   out.folder = UniqueFd(dup(folder));
-  return out.folder.Valid() ? PathStatus::kOk : PathStatus::kSystemError;
+  return out.folder ? PathStatus::kOk : PathStatus::kSystemError;
 }
 
 PathStatus ExtractionFolder::MakeFolder(std::string_view path) const {
@@ -170,7 +155,7 @@ PathStatus ExtractionFolder::MakeFolder(std::string_view path) const {
   PathStatus status = OpenParent(path, true, parent);
   if (status != PathStatus::kOk) return status;
   UniqueFd folder;
-  return OpenChild(parent.folder.Get(), parent.leaf, true, folder);
+  return OpenChild(parent.folder.get(), parent.leaf, true, folder);
 }
 
 std::optional<struct stat> ExtractionFolder::Stat(std::string_view path) const {
@@ -196,7 +181,7 @@ std::optional<PendingFile> ExtractionFolder::StartFile(std::string_view path, ui
   uint32_t created = (mode & umask_) == 0 ? mode : 0600;
   // A name not taken yet is written in place: created exclusively (so nothing that appears there
   // meanwhile, a link included, is followed or replaced) and removed again unless committed.
-  int direct = openat(parent.folder.Get(), parent.leaf.c_str(),
+  int direct = openat(parent.folder.get(), parent.leaf.c_str(),
                       O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, created);
   if (direct >= 0) {
     std::string name = parent.leaf;
@@ -209,7 +194,7 @@ std::optional<PendingFile> ExtractionFolder::StartFile(std::string_view path, ui
   }
   for (int attempt = 0; attempt < 16; ++attempt) {
     std::string temp = TempName(parent.leaf);
-    int fd = openat(parent.folder.Get(), temp.c_str(),
+    int fd = openat(parent.folder.get(), temp.c_str(),
                     O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, created);
     if (fd >= 0) {
       return PendingFile(std::move(parent.folder), std::move(parent.leaf), std::move(temp),
@@ -229,18 +214,18 @@ bool ExtractionFolder::MakeLink(std::string_view path, const std::string& target
   cache_valid_ = false;
   if (status != PathStatus::kOk) return false;
   struct stat st {};
-  if (fstatat(parent.folder.Get(), parent.leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+  if (fstatat(parent.folder.get(), parent.leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
     if (S_ISDIR(st.st_mode)) return false;
-    unlinkat(parent.folder.Get(), parent.leaf.c_str(), 0);
+    unlinkat(parent.folder.get(), parent.leaf.c_str(), 0);
   }
-  return symlinkat(target.c_str(), parent.folder.Get(), parent.leaf.c_str()) == 0;
+  return symlinkat(target.c_str(), parent.folder.get(), parent.leaf.c_str()) == 0;
 }
 
 void ExtractionFolder::SetTime(std::string_view path, int64_t mtime) const {
   OpenedParent parent;
   if (OpenParent(path, false, parent) != PathStatus::kOk) return;
   struct timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(mtime), 0}};
-  utimensat(parent.folder.Get(), parent.leaf.c_str(), times, AT_SYMLINK_NOFOLLOW);
+  utimensat(parent.folder.get(), parent.leaf.c_str(), times, AT_SYMLINK_NOFOLLOW);
 }
 
 }  // namespace pelmora::archive::internal

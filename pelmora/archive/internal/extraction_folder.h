@@ -15,24 +15,11 @@
 #include <string>
 #include <string_view>
 
+#include "pelmora/platform/file_io.h"
+
 namespace pelmora::archive::internal {
 
-// An owned file descriptor.
-class UniqueFd {
- public:
-  UniqueFd() = default;
-  explicit UniqueFd(int fd) : fd_(fd) {}
-  UniqueFd(UniqueFd&& other) noexcept : fd_(other.Release()) {}
-  UniqueFd& operator=(UniqueFd&& other) noexcept;
-  ~UniqueFd();
-
-  int Get() const { return fd_; }
-  bool Valid() const { return fd_ >= 0; }
-  int Release();
-
- private:
-  int fd_ = -1;
-};
+using platform::UniqueFd;
 
 // Why a path inside the folder could not be reached.
 enum class PathStatus { kOk, kThroughLink, kNotFolder, kSystemError };

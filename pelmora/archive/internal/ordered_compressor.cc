@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "pelmora/archive/internal/extraction_folder.h"
+#include "pelmora/platform/file_io.h"
 
 namespace pelmora::archive::internal {
 namespace {
@@ -56,8 +57,7 @@ template <class F>
 bool ReadChunks(int fd, F chunk) {
   thread_local std::vector<uint8_t> buffer(kReadChunk);
   for (;;) {
-    ssize_t n = read(fd, buffer.data(), buffer.size());
-    if (n < 0 && errno == EINTR) continue;
+    ssize_t n = platform::Read(fd, buffer.data(), buffer.size());
     if (n < 0) return false;
     if (!chunk(std::span<const uint8_t>(buffer.data(), static_cast<size_t>(n)), n == 0)) {
       return false;
@@ -90,14 +90,14 @@ bool Deflate(z_stream& stream, std::span<const uint8_t> input, bool finish, cons
 bool CompressStreaming(const std::string& path, int level, const ByteSink& sink,
                        Compressed& result, uint64_t& compressed_size) {
   UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!fd.Valid()) return result.readable = false;
+  if (!fd) return result.readable = false;
   z_stream* deflater = ThreadDeflater::Fresh(level);
   if (deflater == nullptr) return false;
   z_stream& stream = *deflater;
   compressed_size = 0;
   result.crc = 0;
   result.size = 0;
-  return ReadChunks(fd.Get(), [&](std::span<const uint8_t> chunk, bool end) {
+  return ReadChunks(fd.get(), [&](std::span<const uint8_t> chunk, bool end) {
     result.crc = static_cast<uint32_t>(crc32_z(result.crc, chunk.data(), chunk.size()));
     result.size += chunk.size();
     return Deflate(stream, chunk, end, sink, compressed_size);
@@ -106,10 +106,10 @@ bool CompressStreaming(const std::string& path, int level, const ByteSink& sink,
 
 bool CopyStreaming(const std::string& path, const ByteSink& sink, Compressed& result) {
   UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!fd.Valid()) return result.readable = false;
+  if (!fd) return result.readable = false;
   result.crc = 0;
   result.size = 0;
-  return ReadChunks(fd.Get(), [&](std::span<const uint8_t> chunk, bool) {
+  return ReadChunks(fd.get(), [&](std::span<const uint8_t> chunk, bool) {
     result.crc = static_cast<uint32_t>(crc32_z(result.crc, chunk.data(), chunk.size()));
     result.size += chunk.size();
     return chunk.empty() || sink(chunk);
@@ -141,10 +141,10 @@ class ThreadCompressor {
 // Reads the whole of `path` into `bytes`; false when it cannot be opened or read.
 bool ReadWhole(const std::string& path, uint64_t expected, std::vector<uint8_t>& bytes) {
   UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!fd.Valid()) return false;
+  if (!fd) return false;
   bytes.clear();
   bytes.reserve(static_cast<size_t>(expected));
-  return ReadChunks(fd.Get(), [&](std::span<const uint8_t> chunk, bool) {
+  return ReadChunks(fd.get(), [&](std::span<const uint8_t> chunk, bool) {
     bytes.insert(bytes.end(), chunk.begin(), chunk.end());
     return true;
   });

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <filesystem>
 
+#include "pelmora/platform/file_io.h"
+
 namespace pelmora::archive::internal {
 namespace {
 
@@ -91,24 +93,23 @@ zip_int64_t Callback(void* user, void* data, zip_uint64_t length, zip_source_cmd
 
 std::shared_ptr<Spool> Spool::Create(const std::string& folder) {
   UniqueFd fd = OpenUnlinked(folder);
-  if (!fd.Valid()) return nullptr;
+  if (!fd) return nullptr;
   return std::shared_ptr<Spool>(new Spool(std::move(fd)));
 }
 
 bool Spool::Append(std::span<const uint8_t> data) {
-  while (!data.empty()) {
-    ssize_t n = pwrite(fd_.Get(), data.data(), data.size(), static_cast<off_t>(end_));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    end_ += static_cast<uint64_t>(n);
-    data = data.subspan(static_cast<size_t>(n));
+  int error = platform::PwriteFully(fd_.get(), data, end_);
+  if (error != 0) {
+    errno = error;
+    return false;
   }
+  end_ += data.size();
   return true;
 }
 
 bool Spool::Truncate(uint64_t end) {
   end_ = end;
-  return ftruncate(fd_.Get(), static_cast<off_t>(end)) == 0;
+  return ftruncate(fd_.get(), static_cast<off_t>(end)) == 0;
 }
 
 zip_source_t* MakeSpoolSource(zip_t* archive, std::shared_ptr<Spool> spool,

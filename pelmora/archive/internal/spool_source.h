@@ -26,7 +26,7 @@ class Spool {
   // Drops everything after `end`.
   bool Truncate(uint64_t end);
   uint64_t End() const { return end_; }
-  int Fd() const { return fd_.Get(); }
+  int Fd() const { return fd_.get(); }
 
  private:
   explicit Spool(UniqueFd fd) : fd_(std::move(fd)) {}

@@ -5,17 +5,17 @@
 #include <array>
 #include <cstring>
 
+#include "pelmora/platform/little_endian.h"
+
 namespace pelmora::archive::internal {
 namespace {
 
 void PutLe(std::vector<uint8_t>& out, uint64_t value, int bytes) {
-  for (int i = 0; i < bytes; ++i) out.push_back(static_cast<uint8_t>(value >> (8 * i)));
+  platform::AppendLeBytes(out, value, static_cast<size_t>(bytes));
 }
 
 uint64_t GetLe(std::span<const uint8_t> in, size_t at, int bytes) {
-  uint64_t value = 0;
-  for (int i = bytes - 1; i >= 0; --i) value = (value << 8) | in[at + static_cast<size_t>(i)];
-  return value;
+  return platform::LoadLeBytes(in, at, static_cast<size_t>(bytes));
 }
 
 // The body of an id of 1 to 8 bytes at `at`, advancing `at`; nullopt when it does not fit.

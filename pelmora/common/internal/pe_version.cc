@@ -15,6 +15,9 @@
 #include <string_view>
 #include <vector>
 
+#include "pelmora/platform/file_io.h"
+#include "pelmora/platform/little_endian.h"
+
 namespace pelmora::internal {
 namespace {
 
@@ -30,11 +33,9 @@ constexpr size_t kFixedInfoOffset = 40;  // 6 header bytes + "VS_VERSION_INFO\0"
 constexpr size_t kFixedInfoSize = 52;
 constexpr std::u16string_view kVersionKey = u"VS_VERSION_INFO";
 
-uint16_t Le16(const Bytes& b, size_t at) { return static_cast<uint16_t>(b[at] | b[at + 1] << 8); }
+uint16_t Le16(const Bytes& b, size_t at) { return platform::LoadLe<uint16_t>(b, at); }
 
-uint32_t Le32(const Bytes& b, size_t at) {
-  return static_cast<uint32_t>(Le16(b, at)) | static_cast<uint32_t>(Le16(b, at + 2)) << 16;
-}
+uint32_t Le32(const Bytes& b, size_t at) { return platform::LoadLe<uint32_t>(b, at); }
 
 // Reads exactly out.size() bytes at `offset`, or fails.
 using ReadAt = std::function<bool(uint64_t offset, std::span<uint8_t> out)>;
@@ -158,14 +159,7 @@ std::string ImageWalker::FileVersion() {
 }
 
 bool PreadExactly(int fd, uint64_t offset, std::span<uint8_t> out) {
-  size_t done = 0;
-  while (done < out.size()) {
-    ssize_t n = pread(fd, out.data() + done, out.size() - done, static_cast<off_t>(offset + done));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    done += static_cast<size_t>(n);
-  }
-  return true;
+  return platform::PreadFully(fd, out, offset) == static_cast<ssize_t>(out.size());
 }
 
 }  // namespace

@@ -3,17 +3,16 @@
 #include <openssl/crypto.h>
 
 #include "pelmora/crypto/internal/rsa_numbers.h"
+#include "pelmora/platform/little_endian.h"
 
 namespace pelmora::crypto_internal {
 namespace {
 
 uint32_t ReadU32(const uint8_t* at) {
-  return uint32_t{at[0]} | uint32_t{at[1]} << 8 | uint32_t{at[2]} << 16 | uint32_t{at[3]} << 24;
+  return pelmora::platform::LoadLe<uint32_t>(std::span(at, 4), 0);
 }
 
-void WriteU32(uint32_t value, uint8_t* at) {
-  for (int i = 0; i < 4; ++i) at[i] = static_cast<uint8_t>(value >> (8 * i));
-}
+void WriteU32(uint32_t value, uint8_t* at) { pelmora::platform::StoreLe(std::span(at, 4), 0, value); }
 
 // One big number of a blob: its field in RsaNumbers and its width in units of bitlen/16 bytes.
 struct BlobNumber {

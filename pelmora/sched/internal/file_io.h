@@ -11,11 +11,11 @@ namespace pelmora::sched::internal {
 // Reads all of `path` into `bytes`; EFBIG when it holds more than `limit` bytes.
 int ReadWholeFile(const std::string& path, size_t limit, std::string& bytes);
 
-// Writes `bytes` to a temporary file beside `path` and renames it over `path` (mode 0644). With
-// `must_be_new`, EEXIST when `path` exists (the rename is then a link, which never replaces).
+// Puts `bytes` in place as `path` at once (pelmora::platform::AtomicFile, mode 0644): a failure
+// leaves the old file whole. With `must_be_new`, EEXIST when `path` exists.
 int ReplaceFile(const std::string& path, const std::string& bytes, bool must_be_new);
 
-// Writes `bytes` at `offset` of the existing file `path` with one pwrite.
+// Writes `bytes` at `offset` of the existing file `path`.
 int PatchFile(const std::string& path, size_t offset, const std::string& bytes);
 
 }  // namespace pelmora::sched::internal
