@@ -13,6 +13,7 @@
 
 #include "pelmora/admin/exec_wire.h"
 #include "pelmora/admin/rcfso.h"
+#include "pelmora/common/error_numbers.h"
 
 namespace pelmora::admin {
 namespace {
@@ -96,7 +97,7 @@ int32_t ExecClientStream::ReadSocket() {
   while (std::optional<ExecFrame> frame = reader_.Next()) {
     if (int32_t failure = HandleFrame(*frame)) return failure;
   }
-  return reader_.Broken() ? 8004 : 0;
+  return reader_.Broken() ? errors::kInvalidDataSize : 0;
 }
 
 int32_t ExecClientStream::HandleFrame(const ExecFrame& frame) {
@@ -117,11 +118,11 @@ int32_t ExecClientStream::HandleFrame(const ExecFrame& frame) {
       return 0;
     case ExecFrameKind::kExit:
       exit_ = ParseExecExit(frame.payload);
-      if (!exit_) return 8004;
+      if (!exit_) return errors::kInvalidDataSize;
       Queue(BuildExecFrame(ExecFrameKind::kDone, {}));
       return 0;
     default:
-      return 8004;
+      return errors::kInvalidDataSize;
   }
 }
 
@@ -179,7 +180,7 @@ bool RCFSO::RunCommand(const RemoteCommand& command, RemoteCommandIo& io, ExecEx
   ClearError();
   if (command.arguments.empty() &&
       command.command_line.find_first_not_of(' ') == std::string::npos) {
-    SetError(8116, "Empty command");
+    SetError(errors::kEmptyArgument, "Empty command");
     return false;
   }
   if (!SendRequestBlock(kExecRunCode, ExecRequestArguments(command))) return false;
@@ -190,8 +191,8 @@ bool RCFSO::RunCommand(const RemoteCommand& command, RemoteCommandIo& io, ExecEx
   }
   ExecClientStream stream(socket_.SocketHandle(), io, deadline);
   int32_t failure = stream.Run(exit);
-  if (failure == 8004) SetError(8004, "Invalid Data Size");
-  if (failure != 0 && failure != 8004) SetSocketError(failure);
+  if (failure == errors::kInvalidDataSize) SetError(errors::kInvalidDataSize, "Invalid Data Size");
+  if (failure != 0 && failure != errors::kInvalidDataSize) SetSocketError(failure);
   return failure == 0;
 }
 

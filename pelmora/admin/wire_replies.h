@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "pelmora/admin/wire.h"
+#include "pelmora/common/error_numbers.h"
 #include "pelmora/platform/export.h"
 
 namespace pelmora::admin {
@@ -26,10 +27,10 @@ namespace pelmora::admin {
 // ---- Command request (code 20) and its replies ----
 
 // Status codes of a command status reply.
-inline constexpr std::int32_t kProcessEndedNormally = 9000;
-inline constexpr std::int32_t kProcessNotStarted = 9001;
-inline constexpr std::int32_t kProcessEndedAbnormally = 9002;
-inline constexpr std::int32_t kProcessTimedOut = 9003;
+using errors::kProcessEndedAbnormally;
+using errors::kProcessEndedNormally;
+using errors::kProcessNotStarted;
+using errors::kProcessTimedOut;
 
 // The content length of a command request: command's ANSI length + 15.
 PELMORA_API std::int32_t CommandRequestTotal(std::string_view command_utf8);
