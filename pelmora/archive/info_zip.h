@@ -77,12 +77,9 @@ class PELMORA_API InfoZip {
   const archive::ZipOptions& Options() const { return options_; }
   // The names in list order.
   std::vector<std::string> FileNames() const { return files_.Keys(); }
-  // Threads and memory window of the compression (not part of the record).
-  archive::ZipTuning& Tuning() { return tuning_; }
 
  private:
   archive::ZipOptions options_;
-  archive::ZipTuning tuning_;
   OrderedDictionary<bool> files_;
   std::string zip_file_name_;
   std::string password_;

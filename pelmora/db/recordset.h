@@ -70,7 +70,6 @@ class PELMORA_API Recordset : public std::enable_shared_from_this<Recordset> {
   int32_t FieldOrdinal(const Variant& index) const;
 
   bool IsOpen() const { return connection_ != nullptr; }
-  bool IsUpdatable() const { return writer_ != nullptr; }
 
  private:
   void RequireOpen() const;

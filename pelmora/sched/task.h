@@ -151,7 +151,6 @@ class PELMORA_API Task {
   // The file contents as held in memory, the store and the file name.
   const sched::JobFile& Job() const { return job_; }
   const std::shared_ptr<sched::TaskStore>& Store() const { return store_; }
-  const std::string& TaskFileName() const { return file_name_; }
 
   // Used by TaskScheduler::Add: writes the task new as `file_name`; returns the result code.
   uint32_t AddAs(const std::string& file_name);
