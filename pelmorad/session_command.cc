@@ -18,6 +18,7 @@
 #include "pelmorad/blocking.h"
 #include "pelmorad/command_output.h"
 #include "pelmorad/command_tree.h"
+#include "pelmorad/pe_version.h"
 #include "pelmorad/session.h"
 #include "pelmorad/win_error.h"
 
