@@ -45,7 +45,6 @@ function(pelmora_subsystem name)
     VISIBILITY_INLINES_HIDDEN ON)
   # The build folder holds the generated tables (pelmora/<layer>/*.inc), never headers.
   target_include_directories(pelmora_${name} PRIVATE ${view} ${PROJECT_BINARY_DIR})
-  target_compile_definitions(pelmora_${name} PRIVATE PELMORA_BUILDING_LIBRARY)
   target_link_libraries(pelmora_${name} PRIVATE fmt::fmt Threads::Threads ${CMAKE_DL_LIBS})
   target_link_libraries(pelmora PRIVATE pelmora_${name})
   target_link_libraries(pelmora_static PUBLIC pelmora_${name})
