@@ -10,7 +10,7 @@
 #include <string>
 
 #include "fuzz/fuzz_check.h"
-#include "pelmora/common/internal/pe_version.h"
+#include "pelmorad/pe_version.h"
 
 namespace {
 
@@ -25,13 +25,13 @@ std::string VersionThroughFile(const std::uint8_t* data, std::size_t size) {
   static int fd = memfd_create("pe_version_fuzz", MFD_CLOEXEC);
   if (fd < 0 || ftruncate(fd, 0) != 0) return "(no file)";
   if (size > 0 && pwrite(fd, data, size, 0) != static_cast<ssize_t>(size)) return "(no file)";
-  return pelmora::internal::ReadFileVersion(fd);
+  return pelmorad::ReadFileVersion(fd);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  std::string version = pelmora::internal::ParseFileVersion(std::span(data, size));
+  std::string version = pelmorad::ParseFileVersion(std::span(data, size));
   PELMORA_FUZZ_CHECK(LooksLikeVersion(version));
   PELMORA_FUZZ_CHECK(VersionThroughFile(data, size) == version);
   return 0;

@@ -14,11 +14,11 @@
 #include "pelmora/admin/wire_replies.h"
 #include "pelmora/common/child_process.h"
 #include "pelmora/common/error.h"
-#include "pelmora/common/internal/pe_version.h"
 #include "pelmorad/audit.h"
 #include "pelmorad/blocking.h"
 #include "pelmorad/command_output.h"
 #include "pelmorad/command_tree.h"
+#include "pelmorad/pe_version.h"
 #include "pelmorad/session.h"
 #include "pelmorad/win_error.h"
 
@@ -227,7 +227,7 @@ asio::awaitable<bool> Session::HandleFileVersion(const RequestBlock& block) {
     result = co_await RunFileWork([&] {
       Opened file = drives->OpenRegular(target.path, O_RDONLY);
       if (!file.fd) return drives->ResolveError(target.path, file.error);
-      version = pelmora::internal::ReadFileVersion(file.fd.get());
+      version = ReadFileVersion(file.fd.get());
       return kSuccess;
     });
   }

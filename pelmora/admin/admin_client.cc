@@ -6,6 +6,7 @@
 #include "pelmora/admin/internal/built_in_secrets.h"
 #include "pelmora/admin/internal/server_text.h"
 #include "pelmora/common/error.h"
+#include "pelmora/common/error_numbers.h"
 #include "pelmora/common/error_texts.h"
 #include "pelmora/common/log.h"
 #include "pelmora/common/system.h"
@@ -118,7 +119,8 @@ std::string AdminClient::RemoteAppRootPath() {
   ClearError();
   const std::string product = ToLowerAscii(product_);
   if (product != "qel" && product != "vorin") {
-    throw Error(9000, std::string(kUnknownProductText) + ":" + product_, "RemoteAppRootPath");
+    throw Error(errors::kInvalidProductCode, std::string(kUnknownProductText) + ":" + product_,
+                "RemoteAppRootPath");
   }
   const std::string path = fso_.GetPathWithKey(product == "qel" ? "QelProgram" : "VorProgram");
   if (path.find_first_not_of(' ') == std::string::npos) {

@@ -28,10 +28,11 @@
 #include "pelmora/admin/rcfso.h"
 #include "pelmora/admin/wire.h"
 #include "pelmora/common/date.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora::admin {
 
-class AdminClient {
+class PELMORA_API AdminClient {
  public:
   // Creates the RCFSO, sets the thread's log level to 1, the log folder to the library's folder
   // followed by "/../Log/" and the session time-out to 10000 ms. Never fails.

@@ -16,18 +16,20 @@
 #include <string>
 #include <string_view>
 
+#include "pelmora/platform/export.h"
+
 namespace pelmora::admin {
 
 // The substitution table: entry i is the code that character 0x20 + i becomes.
 inline constexpr std::size_t kCredentialTableSize = 0x7F - 0x20;
-const std::array<std::uint8_t, kCredentialTableSize>& CredentialTable();
+PELMORA_API const std::array<std::uint8_t, kCredentialTableSize>& CredentialTable();
 
 // Maps every byte of `text` through the table (printable ASCII) or leaves it (anything else).
 // Works on bytes, so it applies equally to UTF-8 and ANSI text. Never fails.
-std::string EncodeCredential(std::string_view text);
+PELMORA_API std::string EncodeCredential(std::string_view text);
 
 // The inverse of EncodeCredential: DecodeCredential(EncodeCredential(s)) == s for every s.
-std::string DecodeCredential(std::string_view text);
+PELMORA_API std::string DecodeCredential(std::string_view text);
 
 }  // namespace pelmora::admin
 

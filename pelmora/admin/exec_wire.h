@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "pelmora/admin/wire.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora::admin {
 
@@ -56,7 +57,7 @@ enum class ExecOutcome : std::int32_t {
   kTimedOut = 2,   // the time-out ran out and the process group was killed; code: the signal
 };
 
-struct ExecExit {
+struct PELMORA_API ExecExit {
   ExecOutcome outcome = ExecOutcome::kExited;
   std::int32_t code = 0;
 
@@ -65,7 +66,7 @@ struct ExecExit {
   bool operator==(const ExecExit&) const = default;
 };
 
-struct ExecFrame {
+struct PELMORA_API ExecFrame {
   ExecFrameKind kind = ExecFrameKind::kInput;
   std::vector<std::uint8_t> payload;
 };
@@ -77,7 +78,7 @@ enum class ExecPeer { kClient, kService };
 // unknown kind for that end, a length outside 0..kExecMaxPayload, or a length that does not fit
 // the kind (grant 4, exit 12, input end and done 0, data at least 1) breaks the reader: it
 // yields nothing more. Holds at most one frame's bytes beyond what Next() has returned.
-class ExecFrameReader {
+class PELMORA_API ExecFrameReader {
  public:
   explicit ExecFrameReader(ExecPeer sender) : sender_(sender) {}
   // Adds received bytes.
@@ -99,23 +100,24 @@ class ExecFrameReader {
 };
 
 // A frame's bytes: header and payload.
-std::vector<std::uint8_t> BuildExecFrame(ExecFrameKind kind, std::span<const std::uint8_t> payload);
-std::vector<std::uint8_t> BuildExecGrant(ExecFrameKind kind, std::int32_t bytes);
-std::vector<std::uint8_t> BuildExecExit(const ExecExit& exit);
+PELMORA_API std::vector<std::uint8_t> BuildExecFrame(ExecFrameKind kind,
+                                                     std::span<const std::uint8_t> payload);
+PELMORA_API std::vector<std::uint8_t> BuildExecGrant(ExecFrameKind kind, std::int32_t bytes);
+PELMORA_API std::vector<std::uint8_t> BuildExecExit(const ExecExit& exit);
 
 // The int32 of a grant frame's payload (4 bytes, checked by the reader); negative grants are 0.
-std::int32_t ParseExecGrant(std::span<const std::uint8_t> payload);
+PELMORA_API std::int32_t ParseExecGrant(std::span<const std::uint8_t> payload);
 // The exit frame's payload (12 bytes, checked by the reader); nullopt for an unknown outcome.
-std::optional<ExecExit> ParseExecExit(std::span<const std::uint8_t> payload);
+PELMORA_API std::optional<ExecExit> ParseExecExit(std::span<const std::uint8_t> payload);
 
 // The arguments of the hello request: one of 4 bytes, the client's version.
-std::vector<std::vector<std::uint8_t>> ExecHelloArguments(std::int32_t version);
+PELMORA_API std::vector<std::vector<std::uint8_t>> ExecHelloArguments(std::int32_t version);
 // The client's version from a hello block; nullopt when malformed.
-std::optional<std::int32_t> ParseExecHello(const RequestBlock& block);
+PELMORA_API std::optional<std::int32_t> ParseExecHello(const RequestBlock& block);
 
 // What a run request asks for: a UTF-8 command line for the service's shell, or (arguments not
 // empty) an argument vector run without a shell.
-struct ExecRequest {
+struct PELMORA_API ExecRequest {
   std::string command_line{};
   std::vector<std::string> arguments{};
   std::int32_t timeout = 0;  // milliseconds; 0 or less: none
@@ -125,10 +127,10 @@ struct ExecRequest {
 
 // The arguments of the run request: flags, time-out (int32 arguments) and the command (the UTF-8
 // line, or each argument followed by one 0 byte). Arguments must not hold a 0 byte.
-std::vector<std::vector<std::uint8_t>> ExecRequestArguments(const ExecRequest& request);
+PELMORA_API std::vector<std::vector<std::uint8_t>> ExecRequestArguments(const ExecRequest& request);
 // The request from a run block; nullopt for a wrong argument count or size, unknown flags, an
 // empty command, a 0 byte in a command line, or an empty vector.
-std::optional<ExecRequest> ParseExecRequest(const RequestBlock& block);
+PELMORA_API std::optional<ExecRequest> ParseExecRequest(const RequestBlock& block);
 
 }  // namespace pelmora::admin
 

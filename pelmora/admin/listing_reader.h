@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "pelmora/admin/wire_replies.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora::admin {
 
@@ -26,7 +27,7 @@ namespace pelmora::admin {
 // UTF-16 characters each, rounded up. Longer entries are refused as malformed.
 inline constexpr std::size_t kMaxListingRecord = 256 * 1024;
 
-class ListingReader {
+class PELMORA_API ListingReader {
  public:
   ListingReader() = default;
 

@@ -19,10 +19,11 @@
 
 #include "pelmora/admin/wire_replies.h"
 #include "pelmora/common/date.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora::admin {
 
-class RCFileInfo {
+class PELMORA_API RCFileInfo {
  public:
   // An empty object: zero attributes and size, empty dates and texts.
   RCFileInfo() = default;
@@ -67,12 +68,12 @@ class RCFileInfo {
 // with the zone's rules for that instant (daylight saving included), sub-second parts dropped.
 // A zero FILETIME gives the local equivalent of 1601-01-01 00:00:00. A FILETIME whose local date
 // falls after 9999-12-31 23:59:59 gives the empty date. Never fails.
-Date FileTimeToDate(uint64_t filetime);
+PELMORA_API Date FileTimeToDate(uint64_t filetime);
 
 // The entries of a remote folder in the server's order, as GetFolderFiles returns them: an
 // ordered collection without keys whose items are shared, so a late-bound caller that asks for
 // Item(i) twice gets the same object.
-class RCFileInfoCollection {
+class PELMORA_API RCFileInfoCollection {
  public:
   RCFileInfoCollection() = default;
 

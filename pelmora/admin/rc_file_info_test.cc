@@ -8,6 +8,7 @@
 #include <string>
 
 #include "pelmora/common/error.h"
+#include "pelmora/testing/scoped_env.h"
 
 namespace pelmora::admin {
 namespace {
@@ -18,32 +19,10 @@ uint64_t FileTimeOfUnix(int64_t seconds) {
   return static_cast<uint64_t>(seconds + kFileTimeUnixEpochSeconds) * kTicksPerSecond;
 }
 
-// Sets the process's time zone for one test and restores the previous one.
-class ZoneScope {
- public:
-  explicit ZoneScope(const char* zone) {
-    if (const char* old = std::getenv("TZ")) saved_ = old, had_ = true;
-    setenv("TZ", zone, 1);
-    tzset();
-  }
-  ~ZoneScope() {
-    if (had_) {
-      setenv("TZ", saved_.c_str(), 1);
-    } else {
-      unsetenv("TZ");
-    }
-    tzset();
-  }
-
- private:
-  std::string saved_;
-  bool had_ = false;
-};
-
 std::string Text(Date date) { return date.Format("yyyy-mm-dd hh:nn:ss"); }
 
 TEST(FileTimeToDate, FollowsDaylightSavingChangesOfTheLocalZone) {
-  ZoneScope zone("Europe/Berlin");
+  pelmora::testing::ScopedTimeZone zone("Europe/Berlin");
   struct Case {
     int64_t unix_seconds;
     const char* local;
@@ -61,15 +40,15 @@ TEST(FileTimeToDate, FollowsDaylightSavingChangesOfTheLocalZone) {
 
 TEST(FileTimeToDate, ZeroIsTheLocalStartOf1601) {
   {
-    ZoneScope zone("UTC0");
+    pelmora::testing::ScopedTimeZone zone("UTC0");
     EXPECT_EQ(Text(FileTimeToDate(0)), "1601-01-01 00:00:00");
   }
-  ZoneScope zone("XST-3");  // three hours east of UTC, no daylight saving
+  pelmora::testing::ScopedTimeZone zone("XST-3");  // three hours east of UTC, no daylight saving
   EXPECT_EQ(Text(FileTimeToDate(0)), "1601-01-01 03:00:00");
 }
 
 TEST(FileTimeToDate, DropsTheSubSecondPart) {
-  ZoneScope zone("UTC0");
+  pelmora::testing::ScopedTimeZone zone("UTC0");
   const uint64_t whole = FileTimeOfUnix(1234598709);
   for (uint64_t extra : {uint64_t{0}, uint64_t{1}, uint64_t{5000000}, kTicksPerSecond - 1}) {
     EXPECT_EQ(Text(FileTimeToDate(whole + extra)), "2009-02-14 08:05:09") << extra;
@@ -78,13 +57,13 @@ TEST(FileTimeToDate, DropsTheSubSecondPart) {
 }
 
 TEST(FileTimeToDate, BeyondTheLastDateGivesTheEmptyDate) {
-  ZoneScope zone("UTC0");
+  pelmora::testing::ScopedTimeZone zone("UTC0");
   EXPECT_TRUE(FileTimeToDate(~uint64_t{0}).IsEmpty());
   EXPECT_EQ(Text(FileTimeToDate(FileTimeOfUnix(253402300799))), "9999-12-31 23:59:59");
 }
 
 TEST(RCFileInfo, FromRecordFillsEveryPropertyInOrder) {
-  ZoneScope zone("UTC0");
+  pelmora::testing::ScopedTimeZone zone("UTC0");
   FileInfoRecord record;
   record.attributes = 0x20;
   record.size = 705032704;  // 5,000,000,000 bytes: the low 32 bits

@@ -9,6 +9,7 @@
 #include "pelmora/admin/wire.h"
 #include "pelmora/common/codepage.h"
 #include "pelmora/common/error.h"
+#include "pelmora/common/error_numbers.h"
 #include "pelmora/common/log.h"
 #include "pelmora/common/system.h"
 #include "pelmora/net/internal/socket_api.h"
@@ -111,11 +112,11 @@ bool RCFSO::Connect(std::string_view Host, int32_t lPort, std::string_view sUser
                     std::string_view sPassword, bool bEncoded) {
   ClearError();
   if (sUserName.empty()) {
-    SetError(8116, "Empty user name");
+    SetError(errors::kEmptyArgument, "Empty user name");
     return false;
   }
   if (sPassword.empty()) {
-    SetError(8116, "Empty password ");
+    SetError(errors::kEmptyArgument, "Empty password ");
     return false;
   }
   std::string user = bEncoded ? std::string(sUserName) : EncodeCredential(sUserName);

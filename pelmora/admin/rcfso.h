@@ -33,6 +33,7 @@
 #include "pelmora/common/date.h"
 #include "pelmora/net/tls_client.h"
 #include "pelmora/net/winsock.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora::net_internal {
 class TlsSocketApi;
@@ -48,7 +49,7 @@ class RCFSOTestAccess;
 // A Boolean argument as automation passes it: True is -1, False 0. Where a flag travels as
 // "TRUE"/"FALSE", only a value of exactly -1 is sent as "TRUE". C++ callers pass true or false;
 // late-bound callers hand the raw 16-bit value over with FromRaw.
-class AutomationBool {
+class PELMORA_API AutomationBool {
  public:
   constexpr AutomationBool(bool value) : raw_(value ? -1 : 0) {}  // NOLINT: implicit on purpose
   static constexpr AutomationBool FromRaw(int16_t raw) {
@@ -65,7 +66,7 @@ class AutomationBool {
 // Receives the events of an RCFSO. Each passes one string by reference; a handler may change it,
 // which nothing reads afterwards. Handlers must not call back into the raising RCFSO; an
 // exception thrown by a handler propagates out of the call that raised the event.
-class RCFSOEvents {
+class PELMORA_API RCFSOEvents {
  public:
   virtual ~RCFSOEvents() = default;
   // An upload reported an error.
@@ -76,7 +77,7 @@ class RCFSOEvents {
   virtual void CommandOutput(std::string& text) {}
 };
 
-class RCFSO {
+class PELMORA_API RCFSO {
  public:
   // A new client, not connected: receive time-out 10000 ms, sequence counter 2147483640, the
   // thread's log level set to 3, the cache folder under the temporary folder. Never fails.

@@ -5,17 +5,18 @@
 #include "pelmora/admin/rcfso.h"
 #include "pelmora/admin/wire.h"
 #include "pelmora/admin/wire_replies.h"
+#include "pelmora/common/error_numbers.h"
 
 namespace pelmora::admin {
 
 bool RCFSO::SyncCreateProcess(std::string_view command, int32_t lTimeout) {
   ClearError();
   if (command.find_first_not_of(' ') == std::string_view::npos) {
-    SetError(8116, "Empty command");
+    SetError(errors::kEmptyArgument, "Empty command");
     return false;
   }
   if (!connected_) {
-    SetError(8117, "Connection has not established");
+    SetError(errors::kNotConnected, "Connection has not established");
     return false;
   }
   // The request is built here rather than by a send-request routine because its second argument

@@ -14,6 +14,7 @@
 #include "pelmora/admin/exec_wire.h"
 #include "pelmora/admin/rcfso.h"
 #include "pelmora/net/internal/tls_socket_api.h"
+#include "pelmora/common/error_numbers.h"
 
 namespace pelmora::admin {
 namespace {
@@ -121,7 +122,7 @@ int32_t ExecClientStream::ReadSocket() {
     while (std::optional<ExecFrame> frame = reader_.Next()) {
       if (int32_t failure = HandleFrame(*frame)) return failure;
     }
-    if (reader_.Broken()) return 8004;
+    if (reader_.Broken()) return errors::kInvalidDataSize;
     more = tls_ != nullptr && !exit_;
   }
   return 0;
@@ -145,11 +146,11 @@ int32_t ExecClientStream::HandleFrame(const ExecFrame& frame) {
       return 0;
     case ExecFrameKind::kExit:
       exit_ = ParseExecExit(frame.payload);
-      if (!exit_) return 8004;
+      if (!exit_) return errors::kInvalidDataSize;
       Queue(BuildExecFrame(ExecFrameKind::kDone, {}));
       return 0;
     default:
-      return 8004;
+      return errors::kInvalidDataSize;
   }
 }
 
@@ -206,7 +207,7 @@ bool RCFSO::RunCommand(const RemoteCommand& command, RemoteCommandIo& io, ExecEx
   ClearError();
   if (command.arguments.empty() &&
       command.command_line.find_first_not_of(' ') == std::string::npos) {
-    SetError(8116, "Empty command");
+    SetError(errors::kEmptyArgument, "Empty command");
     return false;
   }
   if (!SendRequestBlock(kExecRunCode, ExecRequestArguments(command))) return false;
@@ -217,8 +218,8 @@ bool RCFSO::RunCommand(const RemoteCommand& command, RemoteCommandIo& io, ExecEx
   }
   ExecClientStream stream(socket_.SocketHandle(), tls_api_.get(), io, deadline);
   int32_t failure = stream.Run(exit);
-  if (failure == 8004) SetError(8004, "Invalid Data Size");
-  if (failure != 0 && failure != 8004) SetSocketError(failure);
+  if (failure == errors::kInvalidDataSize) SetError(errors::kInvalidDataSize, "Invalid Data Size");
+  if (failure != 0 && failure != errors::kInvalidDataSize) SetSocketError(failure);
   return failure == 0;
 }
 

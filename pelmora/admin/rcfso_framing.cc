@@ -11,6 +11,7 @@
 
 #include "pelmora/admin/rcfso.h"
 #include "pelmora/admin/wire.h"
+#include "pelmora/common/error_numbers.h"
 
 namespace pelmora::admin {
 namespace {
@@ -38,7 +39,7 @@ bool RCFSO::FrameMessage(int32_t lMsgSize, std::span<const uint8_t> aMsg, Bytes&
   // protocol nominally allows) are refused rather than cut.
   if (lMsgSize < 0 || static_cast<size_t>(lMsgSize) > kMaxFramedData ||
       static_cast<size_t>(lMsgSize) > aMsg.size()) {
-    SetError(8004, "Invalid Data Size");
+    SetError(errors::kInvalidDataSize, "Invalid Data Size");
     LogFailure("Invalid Data Size", "RCFSO", "SendMessage");
     return false;
   }
@@ -83,16 +84,16 @@ bool RCFSO::RecvMessage(int32_t lPacketSize, Bytes& aMsg, int32_t& lSeqNo) {
       case PacketFault::kBadDataSize:
         lSeqNo = message.sequence;
         LogFailure("Invalid Data Size", "RCFSO", "RecvMessage");
-        SetError(8016, "Incorrect Sequence Number");
+        SetError(errors::kIncorrectSequenceNumber, "Incorrect Sequence Number");
         return false;
       case PacketFault::kBadHeader:
         LogFailure("Invalid Header", "RCFSO", "RecvMessage");
-        SetError(8003, "Invalid Header");
+        SetError(errors::kInvalidHeader, "Invalid Header");
         break;
       case PacketFault::kBadSequence:
         lSeqNo = message.sequence;
         LogFailure("Invalid Sequence Number", "RCFSO", "RecvMessage");
-        SetError(8004, "Invalid DataSize");
+        SetError(errors::kInvalidDataSize, "Invalid DataSize");
         break;
     }
     // Skipped packets may keep coming; the whole read still ends within the receive time-out.
@@ -119,7 +120,7 @@ bool RCFSO::SendAnnouncedBlock(int32_t total, std::span<const uint8_t> block) {
 bool RCFSO::SendRequestBlock(int16_t iCommand, std::span<const Bytes> args) {
   ClearError();
   if (!connected_) {
-    SetError(8117, "Connection has not established");
+    SetError(errors::kNotConnected, "Connection has not established");
     return false;
   }
   const Bytes block = BuildRequestBlock(static_cast<uint8_t>(iCommand & 0xFF), args);
@@ -155,7 +156,7 @@ bool RCFSO::RecvResult() {
   if (!RecvMessage(static_cast<int32_t>(kPacketSize), data, sequence)) return false;
   const std::optional<ResultReply> reply = ParseResultReply(data);
   if (!reply) {
-    SetError(8004, "Invalid Data Size");
+    SetError(errors::kInvalidDataSize, "Invalid Data Size");
     LogFailure("Invalid Data Size", "RCFSO", "RecvResult");
     return false;
   }

@@ -11,6 +11,7 @@
 #include "pelmora/admin/rcfso.h"
 #include "pelmora/admin/wire.h"
 #include "pelmora/admin/wire_replies.h"
+#include "pelmora/common/error_numbers.h"
 
 namespace pelmora::admin {
 namespace {
@@ -56,7 +57,7 @@ RCFileInfoCollection RCFSO::GetFolderFiles(std::string_view sRemoteFolder) {
   const std::optional<int32_t> size = ReceiveSize();
   if (!size) return files;
   if (*size < 0) {
-    SetError(8118, "Cannot open remote folder");
+    SetError(errors::kCannotOpenFile, "Cannot open remote folder");
     return files;
   }
   ListingReader reader;
@@ -77,7 +78,7 @@ RCFileInfoCollection RCFSO::GetFolderFiles(std::string_view sRemoteFolder) {
 }
 
 void RCFSO::RefuseMalformed(std::string_view routine) {
-  SetError(8004, "Invalid Data Size");
+  SetError(errors::kInvalidDataSize, "Invalid Data Size");
   LogFailure(HandlePrefix() + "Invalid Data Size", "RSFSO", routine);
 }
 
@@ -96,7 +97,7 @@ bool RCFSO::GetFileInfo(std::string_view sFileName, RCFileInfo& oFileInfo) {
   }
   Trace(HandlePrefix() + "** Data size = " + std::to_string(*size), "RSFSO", "GetFileInfo");
   if (*size <= 0) {
-    SetError(8118, "Cannot open remote file");
+    SetError(errors::kCannotOpenFile, "Cannot open remote file");
     return false;
   }
   // The service pads a short record to a whole packet.

@@ -6,6 +6,7 @@
 #include "pelmora/admin/rcfso.h"
 #include "pelmora/admin/wire.h"
 #include "pelmora/admin/wire_replies.h"
+#include "pelmora/common/error_numbers.h"
 
 namespace pelmora::admin {
 namespace {
@@ -24,7 +25,7 @@ int16_t Code(RequestCode code) { return static_cast<int16_t>(code); }
 
 bool RCFSO::CheckArgument(std::string_view value, std::string_view description) {
   if (!TrimBlanks(value).empty()) return true;
-  SetError(8116, std::string(description));
+  SetError(errors::kEmptyArgument, std::string(description));
   return false;
 }
 
@@ -56,7 +57,7 @@ std::optional<int32_t> RCFSO::ReceiveSize() {
   int32_t sequence = 0;
   if (!RecvMessage(static_cast<int32_t>(kPacketSize), data, sequence)) return std::nullopt;
   const std::optional<int32_t> size = ParseSizeMessage(data);
-  if (!size) SetError(8004, "Invalid Data Size");
+  if (!size) SetError(errors::kInvalidDataSize, "Invalid Data Size");
   return size;
 }
 
@@ -126,7 +127,7 @@ std::string RCFSO::GetPrintQ() {
   }
   Trace(HandlePrefix() + "**Data size =" + std::to_string(*size), "RSFSO", "GetPrintQ");
   if (*size < 0) {
-    SetError(8004, "Invalid data size");
+    SetError(errors::kInvalidDataSize, "Invalid data size");
     return "";
   }
   if (*size == 0) return "";

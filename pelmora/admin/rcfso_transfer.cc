@@ -19,6 +19,7 @@
 #include "pelmora/admin/wire_replies.h"
 #include "pelmora/common/error_texts.h"
 #include "pelmora/platform/win_error.h"
+#include "pelmora/common/error_numbers.h"
 
 namespace pelmora::admin {
 namespace {
@@ -84,14 +85,14 @@ bool RCFSO::OpenUploadSource(const std::string& local, internal::LocalFile& file
   if (!internal::IsRegularFile(local)) {
     std::string text = "File " + local + " does not exist !";
     RaiseEvent(&RCFSOEvents::FSOError, text);
-    SetError(8118, text);
+    SetError(errors::kCannotOpenFile, text);
     TransferLog("Upload", text, true);
     return false;
   }
   file = LocalFile::OpenForReading(local);
   TransferLog("Upload", HandlePrefix() + "handle = " + std::to_string(file.Handle()));
   if (file.IsOpen()) return true;
-  SetError(8118, "Cannot open file " + local);
+  SetError(errors::kCannotOpenFile, "Cannot open file " + local);
   TransferLog("Upload", HandlePrefix() + "create file fail ");
   return false;
 }
@@ -116,7 +117,7 @@ bool RCFSO::UploadAnnounced(internal::LocalFile& file) {
     return false;
   }
   if (!IsGoReply(reply)) {
-    SetError(8118, "server create file fail");
+    SetError(errors::kCannotOpenFile, "server create file fail");
     TransferLog("Upload", HandlePrefix() + "Server create file fail");
     return false;
   }
@@ -164,7 +165,7 @@ bool RCFSO::Download(std::string_view sLocalFile, std::string_view sRemoteFile) 
   if (!header) return false;
   TransferLog("Download", HandlePrefix() + "Download file size = " + std::to_string(header->size));
   if (header->size < 0) {
-    SetError(8004, "Cannot open remote file");
+    SetError(errors::kInvalidDataSize, "Cannot open remote file");
     return false;
   }
   return DownloadContent(local, *header);
@@ -176,7 +177,7 @@ std::optional<TransferHeader> RCFSO::ReceiveTransferHeader() {
   std::optional<TransferHeader> header;
   if (RecvMessage(static_cast<int32_t>(kPacketSize), data, sequence)) {
     header = ParseTransferHeader(data);
-    if (!header) SetError(8004, "Invalid Data Size");
+    if (!header) SetError(errors::kInvalidDataSize, "Invalid Data Size");
   }
   if (header) return header;
   TransferLog("Download", HandlePrefix() + "Recv Data Size fail");
@@ -199,7 +200,7 @@ bool RCFSO::DownloadContent(const std::string& local, const TransferHeader& head
   TransferLog("Download", HandlePrefix() + "hFile =" + std::to_string(file.Handle()));
   if (!file.IsOpen()) {
     SendGoReply(false);
-    SetError(8118, "Cannot create file " + local);
+    SetError(errors::kCannotOpenFile, "Cannot create file " + local);
     TransferLog("Download", HandlePrefix() + "Cannot create file " + local, true);
     return false;
   }

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "pelmora/admin/exec_wire.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora::admin {
 
@@ -28,7 +29,7 @@ using RemoteCommand = ExecRequest;
 // The streams of one remote command. Callbacks run on the caller's thread, inside RunCommand; a
 // callback that blocks stops the reading of the connection, and the service then holds the
 // command's output back (it still applies the time-out).
-struct RemoteCommandIo {
+struct PELMORA_API RemoteCommandIo {
   // Standard input: read from `input_fd` until its end when it is not -1, otherwise `input`.
   int input_fd = -1;
   std::string_view input;

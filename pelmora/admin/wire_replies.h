@@ -19,41 +19,44 @@
 #include <vector>
 
 #include "pelmora/admin/wire.h"
+#include "pelmora/common/error_numbers.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora::admin {
 
 // ---- Command request (code 20) and its replies ----
 
 // Status codes of a command status reply.
-inline constexpr std::int32_t kProcessEndedNormally = 9000;
-inline constexpr std::int32_t kProcessNotStarted = 9001;
-inline constexpr std::int32_t kProcessEndedAbnormally = 9002;
-inline constexpr std::int32_t kProcessTimedOut = 9003;
+using errors::kProcessEndedAbnormally;
+using errors::kProcessEndedNormally;
+using errors::kProcessNotStarted;
+using errors::kProcessTimedOut;
 
 // The content length of a command request: command's ANSI length + 15.
-std::int32_t CommandRequestTotal(std::string_view command_utf8);
+PELMORA_API std::int32_t CommandRequestTotal(std::string_view command_utf8);
 
 // The command request block: code 20, count 2, the command line in ANSI form (its length + 1,
 // the bytes, a 0; an empty command still gets length 1 and the 0), then length 4 and `timeout`
 // little-endian, unchanged. Sized max(1500, CommandRequestTotal) with a zero tail.
-std::vector<std::uint8_t> BuildCommandRequest(std::string_view command_utf8, std::int32_t timeout);
+PELMORA_API std::vector<std::uint8_t> BuildCommandRequest(std::string_view command_utf8,
+                                                          std::int32_t timeout);
 
 // A command request as the service reads it.
-struct CommandRequest {
+struct PELMORA_API CommandRequest {
   std::string command;  // UTF-8, converted from ANSI, terminator removed
   std::int32_t timeout = 0;
 };
 
 // Reads a parsed request block as a command request: code 20, at least two arguments, the second
 // exactly 4 bytes. nullopt otherwise.
-std::optional<CommandRequest> ParseCommandRequest(const RequestBlock& block);
+PELMORA_API std::optional<CommandRequest> ParseCommandRequest(const RequestBlock& block);
 
 // The kind field of a command reply (first 4 data bytes).
 enum class CommandReplyKind { kStatus, kOutput, kOther };
 
 // One command reply. kStatus: `status` holds the code. kOutput: `output` holds the text (UTF-8,
 // converted from ANSI). kOther: a kind the client ignores; `raw_kind` holds it.
-struct CommandReply {
+struct PELMORA_API CommandReply {
   CommandReplyKind kind = CommandReplyKind::kOther;
   std::int32_t raw_kind = 0;
   std::int32_t status = 0;
@@ -63,33 +66,33 @@ struct CommandReply {
 // Parses the data of one command reply: kind (0 status, 1 output, other), then the status code or
 // the output length L and L bytes. nullopt when shorter than 4 bytes, when a status or output
 // reply is shorter than 8, or when L < 0 or runs past the data. Never throws.
-std::optional<CommandReply> ParseCommandReply(std::span<const std::uint8_t> data);
+PELMORA_API std::optional<CommandReply> ParseCommandReply(std::span<const std::uint8_t> data);
 
 // The most output bytes one output reply can carry in a framed message.
 inline constexpr std::size_t kMaxCommandOutput = kMaxFramedData - 8;
 
 // Builds a status reply (kind 0, `status`).
-std::vector<std::uint8_t> BuildCommandStatusReply(std::int32_t status);
+PELMORA_API std::vector<std::uint8_t> BuildCommandStatusReply(std::int32_t status);
 
 // Builds an output reply (kind 1, L, the ANSI bytes of `output_utf8`). Output longer than
 // kMaxCommandOutput ANSI bytes is cut there; senders split long output over several replies.
-std::vector<std::uint8_t> BuildCommandOutputReply(std::string_view output_utf8);
+PELMORA_API std::vector<std::uint8_t> BuildCommandOutputReply(std::string_view output_utf8);
 
 // ---- Text messages and raw text ----
 
 // A text message's data (or raw text after a size message) as UTF-8: the bytes are UTF-16LE code
 // units as they stand, no terminator expected; an odd last byte becomes a character of its own
 // (the byte as its low half).
-std::string DecodeWireText(std::span<const std::uint8_t> data);
+PELMORA_API std::string DecodeWireText(std::span<const std::uint8_t> data);
 
 // The UTF-16LE bytes of `utf8`, no terminator: the data of a text message or raw text.
-std::vector<std::uint8_t> EncodeWireText(std::string_view utf8);
+PELMORA_API std::vector<std::uint8_t> EncodeWireText(std::string_view utf8);
 
 // ---- File information records and listings ----
 
 // One file-information record. Times are Windows FILETIME values (100-ns units since
 // 1601-01-01 UTC); the texts are UTF-8.
-struct FileInfoRecord {
+struct PELMORA_API FileInfoRecord {
   std::int32_t attributes = 0;
   std::int32_t size = 0;  // low 32 bits of the file's size
   std::uint64_t creation_time = 0;
@@ -104,24 +107,25 @@ struct FileInfoRecord {
 // full path and parent path, each a 4-byte length and UTF-16LE bytes (a length <= 0 gives "" and
 // consumes no text). Bytes after the record (packet padding) are ignored. nullopt when the fixed
 // part or a text runs past the data. Never throws.
-std::optional<FileInfoRecord> ParseFileInfoRecord(std::span<const std::uint8_t> data);
+PELMORA_API std::optional<FileInfoRecord> ParseFileInfoRecord(std::span<const std::uint8_t> data);
 
 // Builds one record (texts as UTF-16LE without terminator).
-std::vector<std::uint8_t> BuildFileInfoRecord(const FileInfoRecord& record);
+PELMORA_API std::vector<std::uint8_t> BuildFileInfoRecord(const FileInfoRecord& record);
 
 // Parses listing data: entries of a 4-byte length R and R record bytes; R <= 0 is an empty entry
 // and is skipped. nullopt when an entry's length or record runs past the data or a record is
 // malformed. Never throws.
-std::optional<std::vector<FileInfoRecord>> ParseListing(std::span<const std::uint8_t> data);
+PELMORA_API std::optional<std::vector<FileInfoRecord>> ParseListing(
+    std::span<const std::uint8_t> data);
 
 // Builds listing data from records, one entry each.
-std::vector<std::uint8_t> BuildListing(std::span<const FileInfoRecord> records);
+PELMORA_API std::vector<std::uint8_t> BuildListing(std::span<const FileInfoRecord> records);
 
 // ---- File transfer ----
 
 // The 28-byte transfer size message: file size (-1 from the service: cannot open), creation,
 // last-access and last-write FILETIMEs.
-struct TransferHeader {
+struct PELMORA_API TransferHeader {
   std::int32_t size = 0;
   std::uint64_t creation_time = 0;
   std::uint64_t last_access_time = 0;
@@ -130,14 +134,14 @@ struct TransferHeader {
 inline constexpr std::size_t kTransferHeaderSize = 28;
 
 // Builds / parses the transfer size message; parsing needs at least 28 bytes (nullopt otherwise).
-std::vector<std::uint8_t> BuildTransferHeader(const TransferHeader& header);
-std::optional<TransferHeader> ParseTransferHeader(std::span<const std::uint8_t> data);
+PELMORA_API std::vector<std::uint8_t> BuildTransferHeader(const TransferHeader& header);
+PELMORA_API std::optional<TransferHeader> ParseTransferHeader(std::span<const std::uint8_t> data);
 
 // The go/no-go reply: 4 data bytes, "T" (ready) or "F" (refused) and three zeros.
-std::vector<std::uint8_t> BuildGoReply(bool ready);
+PELMORA_API std::vector<std::uint8_t> BuildGoReply(bool ready);
 
 // True when the reply's first byte is "T"; false for anything else, also empty data.
-bool IsGoReply(std::span<const std::uint8_t> data);
+PELMORA_API bool IsGoReply(std::span<const std::uint8_t> data);
 
 }  // namespace pelmora::admin
 

@@ -11,6 +11,8 @@
 #include <string>
 #include <string_view>
 
+#include "pelmora/platform/export.h"
+
 namespace pelmora::archive {
 
 // Zip return codes.
@@ -35,7 +37,7 @@ inline constexpr int kZipCompErr = 19;
 inline constexpr int kZipZip64 = 20;
 
 // The text of zip return code `code` ("Nothing to do!" for 12); empty for 0 and unused codes.
-std::string_view ZipErrorText(int code);
+PELMORA_API std::string_view ZipErrorText(int code);
 
 // Unzip return codes.
 inline constexpr int kUnzipOk = 0;

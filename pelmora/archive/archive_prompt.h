@@ -12,12 +12,14 @@
 #include <string>
 #include <string_view>
 
+#include "pelmora/platform/export.h"
+
 namespace pelmora::archive {
 
 enum class PromptAnswer { kYes, kNo, kCancel };
 
 // Asks a person. Both members block until answered.
-class ArchivePrompt {
+class PELMORA_API ArchivePrompt {
  public:
   virtual ~ArchivePrompt() = default;
   // A Yes/No/Cancel question with a warning, e.g. "Overwrite a.txt?" titled
@@ -29,7 +31,7 @@ class ArchivePrompt {
 
 // The terminal prompt: reads the answer from /dev/tty; without a terminal it answers No and
 // gives no text.
-class TerminalPrompt : public ArchivePrompt {
+class PELMORA_API TerminalPrompt : public ArchivePrompt {
  public:
   PromptAnswer AskYesNoCancel(std::string_view text, std::string_view title) override;
   std::string AskText(std::string_view prompt) override;
@@ -37,10 +39,10 @@ class TerminalPrompt : public ArchivePrompt {
 
 // Sets the prompt the archive classes of the calling thread use; nullptr restores the terminal
 // prompt.
-void SetArchivePrompt(std::shared_ptr<ArchivePrompt> prompt);
+PELMORA_API void SetArchivePrompt(std::shared_ptr<ArchivePrompt> prompt);
 
 // The calling thread's prompt.
-ArchivePrompt& CurrentArchivePrompt();
+PELMORA_API ArchivePrompt& CurrentArchivePrompt();
 
 }  // namespace pelmora::archive
 

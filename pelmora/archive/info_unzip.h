@@ -13,6 +13,7 @@
 #include <string>
 
 #include "pelmora/archive/unzip_engine.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora {
 
@@ -25,7 +26,7 @@ enum ZPrivilege : int32_t { Ignore = 0, ACL = 1, Privileges = 2 };
 
 // The unzip module's state for the calling thread: what the callbacks of the last (or current)
 // Unzip saw.
-struct UnzipModuleState {
+struct PELMORA_API UnzipModuleState {
   std::string password;
   int16_t password_offered = 0;
   std::string message_text;
@@ -34,9 +35,9 @@ struct UnzipModuleState {
 };
 
 // The calling thread's unzip module state.
-UnzipModuleState& UnzipModule();
+PELMORA_API UnzipModuleState& UnzipModule();
 
-class InfoUnzip {
+class PELMORA_API InfoUnzip {
  public:
   // Defaults: HonorDirectories, OverWriteFiles and CaseSensitive on, everything else off/empty.
   InfoUnzip();

@@ -72,7 +72,7 @@ bool InfoZip::Create() {
   callbacks.comment = &AskComment;
   callbacks.password = &OfferPassword;
   callbacks.service = [](std::string_view, uint64_t) { return 0; };
-  err_number_ = RunZipQuietly(options_, zip_file_name_, files_.Keys(), callbacks, tuning_);
+  err_number_ = RunZipQuietly(options_, zip_file_name_, files_.Keys(), callbacks, {});
   if (err_number_ != 0) {
     err_description_ = module.last_message;
     return false;

@@ -18,19 +18,20 @@
 
 #include "pelmora/archive/zip_engine.h"
 #include "pelmora/common/dictionary.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora {
 
 // The zip module's state for the calling thread.
-struct ZipModuleState {
+struct PELMORA_API ZipModuleState {
   std::string password;      // offered by the password callback
   std::string last_message;  // the most recent text printed
 };
 
 // The calling thread's zip module state.
-ZipModuleState& ZipModule();
+PELMORA_API ZipModuleState& ZipModule();
 
-class InfoZip {
+class PELMORA_API InfoZip {
  public:
   // The most names the list holds.
   static constexpr size_t kMaxFiles = 100;
@@ -76,12 +77,9 @@ class InfoZip {
   const archive::ZipOptions& Options() const { return options_; }
   // The names in list order.
   std::vector<std::string> FileNames() const { return files_.Keys(); }
-  // Threads and memory window of the compression (not part of the record).
-  archive::ZipTuning& Tuning() { return tuning_; }
 
  private:
   archive::ZipOptions options_;
-  archive::ZipTuning tuning_;
   OrderedDictionary<bool> files_;
   std::string zip_file_name_;
   std::string password_;

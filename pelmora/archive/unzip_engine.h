@@ -19,11 +19,12 @@
 #include <vector>
 
 #include "pelmora/archive/archive_codes.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora::archive {
 
 // The decompression control list: fifteen 32-bit fields and two strings, in record order.
-struct DecompressionControl {
+struct PELMORA_API DecompressionControl {
   int32_t extract_only_newer = 0;   // -u
   int32_t space_to_underscore = 0;  // -s
   int32_t prompt_to_overwrite = 0;  // ask the replace callback for existing files
@@ -44,7 +45,7 @@ struct DecompressionControl {
 };
 
 // One entry as the message callback receives it during a listing.
-struct ListedEntry {
+struct PELMORA_API ListedEntry {
   uint64_t size = 0;              // uncompressed
   uint64_t compressed = 0;        // without the 12-byte encryption header
   uint32_t compression_factor = 0;
@@ -61,7 +62,7 @@ struct ListedEntry {
 };
 
 // The callbacks; print and replace are required (without them the run returns 3).
-struct UnzipCallbacks {
+struct PELMORA_API UnzipCallbacks {
   PrintCallback print;
   // Called for an existing file when asking: returns 100-106; for 105 writes the new name.
   std::function<int(std::string& name)> replace;
@@ -71,22 +72,22 @@ struct UnzipCallbacks {
 };
 
 // Limits that stop an archive from expanding without bound.
-struct ExtractLimits {
+struct PELMORA_API ExtractLimits {
   uint64_t max_total_bytes = uint64_t{1} << 40;  // all entries together
   double max_ratio = 1100;                       // bytes produced per byte of archive
   uint64_t ratio_floor = uint64_t{64} << 20;     // ratio checked only beyond this many bytes
 };
 
 // Names and patterns of entries to process (empty: all), and to leave out.
-struct EntrySelection {
+struct PELMORA_API EntrySelection {
   std::vector<std::string> include;
   std::vector<std::string> exclude;
 };
 
 // Runs one extraction, test or listing. Returns the unzip return code. Blocks on file I/O and
 // on the callbacks.
-int RunUnzip(const DecompressionControl& dcl, const UnzipCallbacks& callbacks,
-             const EntrySelection& selection = {}, const ExtractLimits& limits = {});
+PELMORA_API int RunUnzip(const DecompressionControl& dcl, const UnzipCallbacks& callbacks,
+                         const EntrySelection& selection = {}, const ExtractLimits& limits = {});
 
 }  // namespace pelmora::archive
 

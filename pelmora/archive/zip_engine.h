@@ -18,12 +18,13 @@
 #include <vector>
 
 #include "pelmora/archive/archive_codes.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora::archive {
 
 // The zip option record: three strings, 28 flags and the level, in record order. Flags that
 // have no meaning on this platform are kept and ignored (see docs/platform.md, "Archives").
-struct ZipOptions {
+struct PELMORA_API ZipOptions {
   std::string date;
   std::string root_dir;   // names are taken relative to it; a relative archive path too
   std::string temp_dir;
@@ -59,7 +60,7 @@ struct ZipOptions {
 };
 
 // The callbacks; each may be empty.
-struct ZipCallbacks {
+struct PELMORA_API ZipCallbacks {
   PrintCallback print;
   // Edits the archive comment in place (only with ZipOptions::comment).
   std::function<int(std::string& comment)> comment;
@@ -69,16 +70,16 @@ struct ZipCallbacks {
 
 // How the work is spread: worker threads (0: one per core) and the most bytes of input being
 // compressed at once.
-struct ZipTuning {
+struct PELMORA_API ZipTuning {
   unsigned threads = 0;
   uint64_t window_bytes = uint64_t{64} << 20;
 };
 
 // Adds `names` (files, folders, glob patterns) to archive `zip_file_name`. Returns the zip
 // return code. Blocks on file I/O and on the callbacks.
-int RunZip(const ZipOptions& options, const std::string& zip_file_name,
-           const std::vector<std::string>& names, const ZipCallbacks& callbacks,
-           const ZipTuning& tuning = {});
+PELMORA_API int RunZip(const ZipOptions& options, const std::string& zip_file_name,
+                       const std::vector<std::string>& names, const ZipCallbacks& callbacks,
+                       const ZipTuning& tuning = {});
 
 }  // namespace pelmora::archive
 

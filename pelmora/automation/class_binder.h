@@ -30,9 +30,10 @@
 #include "pelmora/automation/class_info.h"
 #include "pelmora/automation/dispatch.h"
 #include "pelmora/automation/event_source.h"
-#include "pelmora/automation/internal/invoker.h"
+#include "pelmora/automation/invoker.h"
 #include "pelmora/automation/registry.h"
 #include "pelmora/common/variant.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora::automation {
 
@@ -109,7 +110,7 @@ using ObjectMaker = std::function<std::shared_ptr<T>()>;
 
 // Registers a binding when constructed: the type's binding (so members may return objects of it)
 // and, when the class is creatable, its prog ID for CreateObject.
-class ClassRegistrar {
+class PELMORA_API ClassRegistrar {
  public:
   // Creatable through the default constructor when T has one, otherwise not creatable.
   template <class T>

@@ -22,6 +22,7 @@
 #include "pelmora/automation/dispatch.h"
 #include "pelmora/common/dictionary.h"
 #include "pelmora/common/variant.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora::automation {
 
@@ -29,7 +30,7 @@ class EventSource;
 
 // One way of reaching a member: a call on the object (passed untyped) with the checked number of
 // arguments.
-struct Accessor {
+struct PELMORA_API Accessor {
   std::function<Variant(void* object, std::span<Variant> args)> call;
   size_t min_args = 0;
   size_t max_args = 0;
@@ -37,7 +38,7 @@ struct Accessor {
 };
 
 // A member: a method (get only) or a property (get and/or let).
-struct BoundMember {
+struct PELMORA_API BoundMember {
   std::string name;
   bool is_method = false;
   Accessor get;
@@ -45,7 +46,7 @@ struct BoundMember {
 };
 
 // The late-bound view of one C++ class: its prog ID, members and event source.
-class ClassInfo {
+class PELMORA_API ClassInfo {
  public:
   explicit ClassInfo(std::string prog_id) : prog_id_(std::move(prog_id)) {}
 
@@ -78,10 +79,10 @@ class ClassInfo {
 };
 
 // Records the binding of the C++ type `type`, used to wrap objects of it returned by members.
-void RegisterBoundType(std::type_index type, std::shared_ptr<const ClassInfo> info);
+PELMORA_API void RegisterBoundType(std::type_index type, std::shared_ptr<const ClassInfo> info);
 
 // The binding of `type`, or nullptr when the type has none.
-std::shared_ptr<const ClassInfo> FindBoundType(std::type_index type);
+PELMORA_API std::shared_ptr<const ClassInfo> FindBoundType(std::type_index type);
 
 // The Dispatch of one object of a bound class; shares ownership of the object.
 template <class T>
@@ -110,7 +111,7 @@ class BoundObject : public Dispatch {
 };
 
 // Raises 430 "Class doesn't support Automation": the type has no binding.
-[[noreturn]] void RaiseNotBound();
+[[noreturn]] PELMORA_API void RaiseNotBound();
 
 // The Dispatch of `object` through the registered binding of T; Nothing for a null pointer.
 // Raises 430 when T has no registered binding.

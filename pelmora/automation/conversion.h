@@ -20,6 +20,7 @@
 #include "pelmora/automation/class_info.h"
 #include "pelmora/automation/dispatch.h"
 #include "pelmora/common/variant.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora::automation {
 
@@ -66,7 +67,7 @@ struct VariantTraits<const char*> {
 };
 
 // Raises 6 "Overflow".
-[[noreturn]] void RaiseOverflow();
+[[noreturn]] PELMORA_API void RaiseOverflow();
 
 // 64-bit integers travel as Doubles (exact up to 2^53), rounded half to even on the way in.
 template <>
@@ -86,7 +87,7 @@ struct VariantTraits<E, std::enable_if_t<std::is_enum_v<E>>> {
 };
 
 // Raises 13 "Type mismatch".
-[[noreturn]] void RaiseTypeMismatch();
+[[noreturn]] PELMORA_API void RaiseTypeMismatch();
 
 // Objects of a bound class (or of a Dispatch implementation) as object references.
 template <class T>

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "pelmora/common/variant.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora::automation {
 
@@ -34,19 +35,19 @@ enum class CallKind { kMethod, kPropertyGet, kPropertyLet, kPropertySet };
 // Receives the events of the objects it is connected to. Arguments are in declaration order;
 // an event argument passed by reference may be changed by the sink, and the raiser sees the
 // change when the call returns. Called synchronously on the raiser's thread.
-class EventSink {
+class PELMORA_API EventSink {
  public:
   virtual ~EventSink() = default;
   virtual void OnEvent(std::string_view event_name, std::span<Variant> args) = 0;
 };
 
 // An EventSink that forwards to `handler`.
-std::shared_ptr<EventSink> MakeEventSink(
+PELMORA_API std::shared_ptr<EventSink> MakeEventSink(
     std::function<void(std::string_view event_name, std::span<Variant> args)> handler);
 
 // What a member is, for tools and bindings that must know before calling it (a method gives a
 // callable, a property a value). Argument counts are those of a call or a read.
-struct MemberInfo {
+struct PELMORA_API MemberInfo {
   std::string name;
   bool is_method = false;
   bool readable = false;  // a property that can be read, or a method
@@ -57,7 +58,7 @@ struct MemberInfo {
 };
 
 // An object whose members are called by name.
-class Dispatch {
+class PELMORA_API Dispatch {
  public:
   virtual ~Dispatch() = default;
 

@@ -27,10 +27,11 @@
 #include "pelmora/automation/conversion.h"
 #include "pelmora/automation/dispatch.h"
 #include "pelmora/common/variant.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora::automation {
 
-class EventSource {
+class PELMORA_API EventSource {
  public:
   // Connects `sink`; returns its cookie (never 0). A null sink is ignored and gives 0.
   uint32_t Connect(std::shared_ptr<EventSink> sink);

@@ -21,10 +21,12 @@
 #include <string>
 #include <vector>
 
+#include "pelmora/platform/export.h"
+
 namespace pelmora {
 
 // What to run and how.
-struct ChildSpec {
+struct PELMORA_API ChildSpec {
   // Run as `shell -c command_line`.
   std::string command_line;
   std::string shell = "/bin/sh";
@@ -51,7 +53,7 @@ struct ChildSpec {
 };
 
 // How a child ended: its exit status, or the number of the signal that killed it.
-struct ChildExit {
+struct PELMORA_API ChildExit {
   bool signalled = false;
   int code = 0;
 
@@ -61,11 +63,11 @@ struct ChildExit {
 // The path an argument vector's program `name` runs from: `name` itself when it holds a '/',
 // else the first executable of that name in the children's PATH (/usr/local/bin:/usr/bin:/bin),
 // else `name` unchanged. Does not block beyond the look-ups.
-std::string FindProgram(const std::string& name);
+PELMORA_API std::string FindProgram(const std::string& name);
 
 // A started child process; owns its output pipe and process descriptor. Move-only. Not
 // synchronised: use one object from one thread at a time.
-class ChildProcess {
+class PELMORA_API ChildProcess {
  public:
   // Starts the child and returns once it runs the shell (the exec succeeded) or failed to.
   // Raises pelmora::Error with source "ChildProcess" when it cannot start:

@@ -16,12 +16,13 @@
 #include <string>
 #include <string_view>
 
+#include "pelmora/platform/export.h"
 #include "pelmora/platform/file_time.h"
 
 namespace pelmora {
 
 // Calendar fields of a Date: month 1-12, day 1-31, hour 0-23, minute and second 0-59.
-struct CivilTime {
+struct PELMORA_API CivilTime {
   int year = 1899;
   int month = 12;
   int day = 30;
@@ -31,7 +32,7 @@ struct CivilTime {
   friend bool operator==(const CivilTime&, const CivilTime&) = default;
 };
 
-class Date {
+class PELMORA_API Date {
  public:
   // The empty date (serial 0, 1899-12-30 00:00:00).
   constexpr Date() = default;

@@ -19,17 +19,18 @@
 #include <vector>
 
 #include "pelmora/common/variant.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora {
 
 // `key` with its letters in lower case (FoldCase): the form under which keys are compared.
-std::string FoldKeyCase(std::string_view key);
+PELMORA_API std::string FoldKeyCase(std::string_view key);
 
 // Raises 457 "This key is already associated with an element of this collection".
-[[noreturn]] void RaiseDuplicateKey();
+[[noreturn]] PELMORA_API void RaiseDuplicateKey();
 
 // Raises 5 (the run-time text for an invalid procedure call): the key is not in the dictionary.
-[[noreturn]] void RaiseMissingKey();
+[[noreturn]] PELMORA_API void RaiseMissingKey();
 
 template <class V>
 class OrderedDictionary {

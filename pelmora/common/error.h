@@ -15,11 +15,13 @@
 #include <stdexcept>
 #include <string>
 
+#include "pelmora/platform/export.h"
+
 namespace pelmora {
 
 // A numbered error with its description and the name of the object or routine that raised it
 // (empty when the raiser gives none). what() returns the description.
-class Error : public std::runtime_error {
+class PELMORA_API Error : public std::runtime_error {
  public:
   Error(int32_t number, std::string description, std::string source = {});
 
@@ -35,7 +37,7 @@ class Error : public std::runtime_error {
 
 // An Error for a run-time error number with its standard text: RuntimeError(13) is
 // 13 "Type mismatch", RuntimeError(380) is 380 "Invalid property value".
-Error RuntimeError(int32_t number, std::string source = {});
+PELMORA_API Error RuntimeError(int32_t number, std::string source = {});
 
 }  // namespace pelmora
 

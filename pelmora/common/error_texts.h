@@ -14,23 +14,25 @@
 #include <string>
 #include <string_view>
 
+#include "pelmora/platform/export.h"
+
 namespace pelmora {
 
 // The platform message for `code`, or nullopt when the platform has none. CryptoAPI numbers are
 // the signed 32-bit values (NTE_BAD_KEY is -2146893821).
-std::optional<std::string_view> SystemMessageText(int32_t code);
+PELMORA_API std::optional<std::string_view> SystemMessageText(int32_t code);
 
 // The symbolic name of a platform number ("WSAECONNREFUSED"), or nullopt.
-std::optional<std::string_view> SystemMessageName(int32_t code);
+PELMORA_API std::optional<std::string_view> SystemMessageName(int32_t code);
 
 // The run-time error text for `code`, or nullopt.
-std::optional<std::string_view> RuntimeErrorText(int32_t code);
+PELMORA_API std::optional<std::string_view> RuntimeErrorText(int32_t code);
 
 // "Error: " + code + " (no description)": the text used where no message exists.
-std::string NoDescriptionText(int32_t code);
+PELMORA_API std::string NoDescriptionText(int32_t code);
 
 // The platform message for `code` when there is one, otherwise NoDescriptionText(code).
-std::string DescribeError(int32_t code);
+PELMORA_API std::string DescribeError(int32_t code);
 
 }  // namespace pelmora
 

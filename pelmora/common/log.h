@@ -32,6 +32,8 @@
 #include <string>
 #include <string_view>
 
+#include "pelmora/platform/export.h"
+
 namespace pelmora {
 
 // Log entry types of both writers.
@@ -47,24 +49,25 @@ inline constexpr int32_t kLogEntryInformation = 4;
 // name of the current second: a line to a known folder costs one open/write/close, and only an
 // open that fails for want of a folder (removed, or a new root or month) goes back to the folder
 // test and at most one mkdir. Never throws.
-bool WriteLog(int16_t level, std::string_view message, std::string_view module_name,
-              std::string_view procedure_name, int32_t entry_type);
+PELMORA_API bool WriteLog(int16_t level, std::string_view message, std::string_view module_name,
+                          std::string_view procedure_name, int32_t entry_type);
 
 // Writes one back-quote-separated line to <LibraryFolder()>/../Log/yyyymm/<file_prefix>yyyymmdd
 // with ".log" or ".err", creating every missing folder of that path first. Returns false when the
 // library folder is unknown, a folder cannot be created or the line cannot be written. Callers
 // pass -1 as `error_number` when the line carries no error code. Blocks for the folder creation
 // and one open/write/close. Never throws.
-bool WriteLogFile(int32_t error_number, std::string_view message, std::string_view module_name,
-                  std::string_view procedure_name, int32_t entry_type, int32_t detail_number = 0,
-                  std::string_view file_prefix = {});
+PELMORA_API bool WriteLogFile(int32_t error_number, std::string_view message,
+                              std::string_view module_name, std::string_view procedure_name,
+                              int32_t entry_type, int32_t detail_number = 0,
+                              std::string_view file_prefix = {});
 
 // The root folder of WriteLog's logs on the calling thread, without a trailing '/'. Empty until
 // set; each thread has its own.
-std::string& LogRoot();
+PELMORA_API std::string& LogRoot();
 
 // The highest level WriteLog writes on the calling thread (0 until set); each thread has its own.
-int16_t& LogLevel();
+PELMORA_API int16_t& LogLevel();
 
 }  // namespace pelmora
 

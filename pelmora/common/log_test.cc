@@ -66,7 +66,7 @@ TEST_F(LogTest, WriteLogWritesOnlyLevelsUpToTheThreadsLogLevel) {
   };
   for (Case c : {Case{3, 1, false}, Case{1, 1, true}, Case{3, 3, true}, Case{1, 3, true},
                  Case{4, 3, false}, Case{0, 0, true}, Case{-1, 0, true}, Case{1, 0, false}}) {
-    SCOPED_TRACE(testing::Message() << "level " << c.level << " threshold " << c.threshold);
+    SCOPED_TRACE(::testing::Message() << "level " << c.level << " threshold " << c.threshold);
     fs::remove_all(root_ + "/200903");
     LogLevel() = c.threshold;
     EXPECT_EQ(WriteLog(c.level, "m", "RSFSO", "FolderExists", 4), c.written);
@@ -93,7 +93,7 @@ TEST_F(LogTest, WriteLogCreatesTheMonthFolderUnderAnExistingRoot) {
   EXPECT_TRUE(fs::is_directory(root_ + "/200903"));
   EXPECT_TRUE(WriteLog(1, "second", "RSFSO", "Connect", 4));
   EXPECT_THAT(ReadWholeFile(DayFile(".log")),
-              testing::Optional(testing::MatchesRegex(".*first\r\n.*second\r\n")));
+              ::testing::Optional(::testing::MatchesRegex(".*first\r\n.*second\r\n")));
 }
 
 // Lines of one second after the folders under the root changed: the writer remembers the month
@@ -105,9 +105,9 @@ TEST_F(LogTest, FoldersChangedBetweenLinesOfOneSecond) {
   fs::remove_all(month);  // the month folder is made again and the line goes into a new day file
   EXPECT_TRUE(WriteLog(1, "after month removed", "M", "P", 4));
   EXPECT_THAT(ReadWholeFile(DayFile(".log")),
-              testing::Optional(testing::EndsWith(",[M:P],after month removed\r\n")));
-  EXPECT_THAT(ReadWholeFile(DayFile(".log")), testing::Optional(testing::Not(
-                                                  testing::HasSubstr("before"))));
+              ::testing::Optional(::testing::EndsWith(",[M:P],after month removed\r\n")));
+  EXPECT_THAT(ReadWholeFile(DayFile(".log")), ::testing::Optional(::testing::Not(
+                                                  ::testing::HasSubstr("before"))));
 
   fs::remove_all(month);  // a plain file where the month folder was
   std::ofstream(month) << "x";
@@ -121,7 +121,7 @@ TEST_F(LogTest, FoldersChangedBetweenLinesOfOneSecond) {
   fs::create_directory(root_);
   EXPECT_TRUE(WriteLog(1, "root back", "M", "P", 4));
   EXPECT_THAT(ReadWholeFile(DayFile(".log")),
-              testing::Optional(testing::EndsWith(",root back\r\n")));
+              ::testing::Optional(::testing::EndsWith(",root back\r\n")));
 }
 
 // ASCII lines skip the code page conversion only where the code page keeps ASCII as it is.
@@ -197,7 +197,7 @@ TEST_F(LogTest, MessagesAreCleanedTheSameWayByBothWriters) {
       {"\u00e9t\u00e9 \u20ac", "\xE9t\xE9 \x80"},  // lines are written in the ANSI code page
   };
   for (const Case& c : kCases) {
-    SCOPED_TRACE(testing::PrintToString(std::string(c.message)));
+    SCOPED_TRACE(::testing::PrintToString(std::string(c.message)));
     fs::remove_all(root_ + "/200903");
     fs::remove_all(scratch_.Path() + "/home");
     ASSERT_TRUE(WriteLog(1, c.message, "M", "P", 4));
@@ -246,7 +246,8 @@ TEST_F(LogTest, AFileThatCannotBeOpenedFailsOnlyThatCall) {
   fs::remove(LibraryDayFile("20090314.err"));
   EXPECT_TRUE(WriteLog(1, "kept", "M", "P", 1));
   EXPECT_TRUE(WriteLogFile(1, "kept", "M", "P", 1));
-  EXPECT_THAT(ReadWholeFile(DayFile(".err")), testing::Optional(testing::EndsWith(",kept\r\n")));
+  EXPECT_THAT(ReadWholeFile(DayFile(".err")),
+              ::testing::Optional(::testing::EndsWith(",kept\r\n")));
 }
 
 TEST_F(LogTest, WriteLogFailsWhenTheMonthFolderCannotBeCreated) {
@@ -263,13 +264,13 @@ TEST_F(LogTest, TheLastSecondOfAMonthKeepsStampFolderAndFileTogether) {
   ASSERT_TRUE(WriteLogFile(-1, "first", "M", "P", 4));
   std::string home_log = scratch_.Path() + "/home/Log/";
   EXPECT_THAT(ReadWholeFile(root_ + "/202601/20260131.log"),
-              testing::Optional(testing::StartsWith("2026-01-31 23:59:59,I,")));
+              ::testing::Optional(::testing::StartsWith("2026-01-31 23:59:59,I,")));
   EXPECT_THAT(ReadWholeFile(root_ + "/202602/20260201.log"),
-              testing::Optional(testing::StartsWith("2026-02-01 00:00:00,I,")));
+              ::testing::Optional(::testing::StartsWith("2026-02-01 00:00:00,I,")));
   EXPECT_THAT(ReadWholeFile(home_log + "202601/20260131.log"),
-              testing::Optional(testing::StartsWith("2026-01-31 23:59:59`I`")));
+              ::testing::Optional(::testing::StartsWith("2026-01-31 23:59:59`I`")));
   EXPECT_THAT(ReadWholeFile(home_log + "202602/20260201.log"),
-              testing::Optional(testing::StartsWith("2026-02-01 00:00:00`I`")));
+              ::testing::Optional(::testing::StartsWith("2026-02-01 00:00:00`I`")));
 }
 
 TEST_F(LogTest, LogRootAndLogLevelBelongToEachThread) {

@@ -12,23 +12,24 @@
 #include <string>
 
 #include "pelmora/common/date.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora {
 
 // The current local time with the sub-second part dropped. Does not block.
-Date CurrentLocalTime();
+PELMORA_API Date CurrentLocalTime();
 
 // This computer's host name as gethostname reports it, or "" when it cannot be read.
-std::string LocalComputerName();
+PELMORA_API std::string LocalComputerName();
 
 // The folder for temporary files, always ending in '/': $TMPDIR when set and not empty, otherwise
 // "/tmp/". A folder longer than 254 characters, or any other fault, gives "" and one "E" line
 // from WriteLogFile. Does not touch the file system apart from that line.
-std::string GetTempFolder();
+PELMORA_API std::string GetTempFolder();
 
 // The folder that holds the loaded libpelmora.so, without a trailing '/'. The environment
 // variable PELMORA_HOME, when set and not empty, overrides it. "" when neither is available.
-std::string LibraryFolder();
+PELMORA_API std::string LibraryFolder();
 
 }  // namespace pelmora
 

@@ -65,18 +65,6 @@ TEST(LocalComputerName, IsTheHostName) {
   EXPECT_FALSE(LocalComputerName().empty());
 }
 
-TEST(LibraryFolder, IsTheFolderOfTheLoadedLibrary) {
-  ScopedEnv home("PELMORA_HOME", std::nullopt);
-  std::string folder = LibraryFolder();
-  ASSERT_FALSE(folder.empty());
-  EXPECT_NE(folder.back(), '/');
-  bool found = false;
-  for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
-    found |= entry.path().filename().string().starts_with("libpelmora.so");
-  }
-  EXPECT_TRUE(found) << folder;
-}
-
 TEST(LibraryFolder, PelmoraHomeOverridesWithoutTrailingSeparators) {
   struct Case {
     std::string home;

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "pelmora/common/date.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora {
 
@@ -51,18 +52,18 @@ enum class VariantType {
 };
 
 // The Null value (no valid data), distinct from Empty (never assigned).
-struct Null {
+struct PELMORA_API Null {
   friend bool operator==(Null, Null) { return true; }
 };
 
 // A fixed-point amount: `scaled` is the value times 10000 (four decimal places).
-struct Currency {
+struct PELMORA_API Currency {
   int64_t scaled = 0;
   friend auto operator<=>(const Currency&, const Currency&) = default;
 };
 
 // A one-dimensional array of Variants whose first element has index `lower_bound`.
-struct VariantArray {
+struct PELMORA_API VariantArray {
   int32_t lower_bound = 0;
   std::vector<Variant> items;
 
@@ -71,13 +72,13 @@ struct VariantArray {
   // The element at `index`. Raises 9 "Subscript out of range" outside the bounds.
   Variant& At(int32_t index);
   const Variant& At(int32_t index) const;
-  friend bool operator==(const VariantArray&, const VariantArray&);
+  friend PELMORA_API bool operator==(const VariantArray&, const VariantArray&);
 };
 
 // A reference to an automation object; a null pointer is Nothing.
 using ObjectRef = std::shared_ptr<automation::Dispatch>;
 
-class Variant {
+class PELMORA_API Variant {
  public:
   // Empty.
   Variant() = default;
@@ -163,7 +164,7 @@ class Variant {
   // A readable form for logs and test failures, which never raises: the type name and the value
   // ("Long 5", "String \"abc\"", "Byte()[3]", "Variant(1 to 2)", "Empty", "Nothing").
   std::string DebugString() const;
-  friend std::ostream& operator<<(std::ostream& os, const Variant& v);
+  friend PELMORA_API std::ostream& operator<<(std::ostream& os, const Variant& v);
 
   // Same type and same value (objects: same object).
   friend bool operator==(const Variant& a, const Variant& b) { return a.value_ == b.value_; }

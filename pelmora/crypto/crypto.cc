@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "pelmora/common/error.h"
+#include "pelmora/crypto/hex.h"
 #include "pelmora/crypto/internal/crypto_errors.h"
-#include "pelmora/crypto/internal/hex.h"
 #include "pelmora/crypto/internal/key_blob.h"
 #include "pelmora/crypto/internal/provider.h"
 #include "pelmora/crypto/internal/signature.h"
@@ -168,8 +168,8 @@ bool Crypto::GenRandom(int32_t Length, Bytes& Output) {
   }));
 }
 
-std::string Crypto::Byte2Hex(const Bytes& aByte) { return crypto_internal::BytesToHex(aByte); }
+std::string Crypto::Byte2Hex(const Bytes& aByte) { return BytesToHex(aByte); }
 
-Crypto::Bytes Crypto::Hex2Byte(std::string_view sHex) { return crypto_internal::HexToBytes(sHex); }
+Crypto::Bytes Crypto::Hex2Byte(std::string_view sHex) { return HexToBytes(sHex); }
 
 }  // namespace pelmora

@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "pelmora/crypto/crypto_level.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora {
 
@@ -34,7 +35,7 @@ namespace crypto_internal {
 class CryptoProvider;
 }  // namespace crypto_internal
 
-class Crypto {
+class PELMORA_API Crypto {
  public:
   using Bytes = std::vector<uint8_t>;
 

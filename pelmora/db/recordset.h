@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "pelmora/common/variant.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora::db {
 
@@ -34,7 +35,7 @@ class TableWriter;
 struct ColumnInfo;
 }  // namespace internal
 
-class Recordset : public std::enable_shared_from_this<Recordset> {
+class PELMORA_API Recordset : public std::enable_shared_from_this<Recordset> {
  public:
   // A recordset over `statement`, which has executed; positions on its first row. With
   // `table` it is updatable and writes to that table. Raises the driver's diagnostics.
@@ -69,7 +70,6 @@ class Recordset : public std::enable_shared_from_this<Recordset> {
   int32_t FieldOrdinal(const Variant& index) const;
 
   bool IsOpen() const { return connection_ != nullptr; }
-  bool IsUpdatable() const { return writer_ != nullptr; }
 
  private:
   void RequireOpen() const;

@@ -36,6 +36,7 @@
 
 #include "pelmora/common/variant.h"
 #include "pelmora/db/recordset.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora::db {
 
@@ -44,7 +45,7 @@ class OdbcConnection;
 struct Execution;
 }  // namespace internal
 
-class SQLDB {
+class PELMORA_API SQLDB {
  public:
   SQLDB();
   ~SQLDB();

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "pelmora/common/codepage.h"
+#include "pelmora/common/error_numbers.h"
 #include "pelmora/common/log.h"
 #include "pelmora/common/system.h"
 #include "pelmora/net/internal/socket_api.h"
@@ -16,7 +17,6 @@ namespace pelmora {
 namespace {
 
 constexpr char kModule[] = "SocketClient";
-constexpr int32_t kInvalidDataSize = 8004;
 constexpr int32_t kReceiveTimeoutMs = 10000;
 // Where the platform let pending window messages run between two receive attempts, a receive
 // that failed at once (a dead connection) is followed by this pause instead of a busy loop.
@@ -74,7 +74,7 @@ void SocketClient::Disconnect() {
 
 bool SocketClient::SendMessage(int32_t lMsgSize, std::span<const uint8_t> aMsg) {
   if (lMsgSize < 0 || lMsgSize > kBlockSize) {
-    SetError(kInvalidDataSize, "Invalid Data Size");
+    SetError(errors::kInvalidDataSize, "Invalid Data Size");
     return false;
   }
   // A caller's array shorter than lMsgSize gives only the bytes it has.

@@ -27,10 +27,11 @@
 
 #include "pelmora/common/date.h"
 #include "pelmora/net/winsock.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora {
 
-class SocketClient {
+class PELMORA_API SocketClient {
  public:
   // Size of every block sent, and of the greeting and reply receives.
   static constexpr int32_t kBlockSize = 512;

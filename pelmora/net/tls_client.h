@@ -23,9 +23,11 @@
 #include <span>
 #include <string>
 
+#include "pelmora/platform/export.h"
+
 namespace pelmora {
 
-struct TlsClientSettings {
+struct PELMORA_API TlsClientSettings {
   bool enabled = false;
   std::string fingerprint;
   std::string ca_file;
@@ -55,7 +57,7 @@ enum TlsErrorConstants : int32_t {
 
 // "SHA256:" followed by the base64 (without padding) of the SHA-256 of `der`, a certificate in
 // DER form.
-std::string CertificateFingerprint(std::span<const uint8_t> der);
+PELMORA_API std::string CertificateFingerprint(std::span<const uint8_t> der);
 
 }  // namespace pelmora
 

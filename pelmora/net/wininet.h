@@ -34,6 +34,7 @@
 #include <vector>
 
 #include "pelmora/common/variant.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora {
 
@@ -82,7 +83,7 @@ enum InetSchemes : int32_t {
 };
 
 // The object's events. Both are raised synchronously on the caller's thread.
-class WinINetEvents {
+class PELMORA_API WinINetEvents {
  public:
   virtual ~WinINetEvents() = default;
   // Declared for uploads; never raised.
@@ -95,7 +96,7 @@ class WinINetEvents {
 // The user agent every request names.
 inline constexpr std::string_view kInetAgent = "Corvanta Inet Agent";
 
-class WinINet {
+class PELMORA_API WinINet {
  public:
   // An object with the default settings and no session yet.
   WinINet();

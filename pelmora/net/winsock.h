@@ -36,6 +36,8 @@
 #include <variant>
 #include <vector>
 
+#include "pelmora/platform/export.h"
+
 namespace pelmora {
 
 namespace net_internal {
@@ -129,7 +131,7 @@ enum SckErrorConstants : int32_t {
 };
 
 // One published enumeration member: its enumeration, its exact published name and its value.
-struct WinSockConstant {
+struct PELMORA_API WinSockConstant {
   std::string_view enumeration;
   std::string_view name;
   int32_t value = 0;
@@ -137,12 +139,12 @@ struct WinSockConstant {
 
 // Every published member of the five enumerations above, in published order, with the exact
 // published names ("sckSuccess", "SO_KEEPALIVE", "SOL_SOCKET"...): for late-bound callers.
-std::span<const WinSockConstant> WinSockConstants();
+PELMORA_API std::span<const WinSockConstant> WinSockConstants();
 
 // The any-typed GetData buffer: nothing yet, a string (sckString) or a byte array (sckByteArray).
 using WinSockBuffer = std::variant<std::monostate, std::string, std::vector<uint8_t>>;
 
-class WinSock {
+class PELMORA_API WinSock {
  public:
   // A new object without a socket: handle -1, protocol TCP, receive time-out 0, Version "2.2",
   // LocalHost = this machine's name (empty when it cannot be fetched), LocalIP = its resolved

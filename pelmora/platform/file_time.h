@@ -8,6 +8,8 @@
 
 #include <cstdint>
 
+#include "pelmora/platform/export.h"
+
 namespace pelmora::platform {
 
 // Seconds between 1601-01-01 and 1970-01-01.
@@ -15,17 +17,17 @@ inline constexpr int64_t kFileTimeUnixEpochSeconds = 11644473600;
 inline constexpr int64_t kFileTimeTicksPerSecond = 10000000;
 
 // A time since 1970-01-01 UTC; `nanoseconds` is in [0, 999999999].
-struct UnixTime {
+struct PELMORA_API UnixTime {
   int64_t seconds = 0;
   int64_t nanoseconds = 0;
 };
 
 // The FILETIME of a Unix time, to the 100 ns below it; 0 for a time before 1601, the largest
 // FILETIME for one beyond its range.
-uint64_t FileTimeFromUnix(int64_t seconds, int64_t nanoseconds);
+PELMORA_API uint64_t FileTimeFromUnix(int64_t seconds, int64_t nanoseconds);
 
 // The Unix time of a FILETIME (exact: every FILETIME has one).
-UnixTime UnixFromFileTime(uint64_t filetime);
+PELMORA_API UnixTime UnixFromFileTime(uint64_t filetime);
 
 }  // namespace pelmora::platform
 

@@ -8,6 +8,8 @@
 
 #include <cstdint>
 
+#include "pelmora/platform/export.h"
+
 namespace pelmora::platform {
 
 // Which "not found" a missing name means: the final name (kFile: 2) or a folder on the way
@@ -29,13 +31,13 @@ enum class Missing { kFile, kPath };
 //   ENAMETOOLONG                             206
 //   0                                        0
 //   anything else                            1
-int32_t Win32FromErrno(int error, Missing missing = Missing::kFile);
+PELMORA_API int32_t Win32FromErrno(int error, Missing missing = Missing::kFile);
 
 // HRESULT_FROM_WIN32 of a Windows number: 0 stays 0, others become 0x8007xxxx.
-uint32_t HresultFromWin32(uint32_t win32);
+PELMORA_API uint32_t HresultFromWin32(uint32_t win32);
 
 // HresultFromWin32(Win32FromErrno(error, missing)).
-uint32_t HresultFromErrno(int error, Missing missing = Missing::kFile);
+PELMORA_API uint32_t HresultFromErrno(int error, Missing missing = Missing::kFile);
 
 }  // namespace pelmora::platform
 

@@ -19,6 +19,8 @@
 #include <string_view>
 #include <vector>
 
+#include "pelmora/platform/export.h"
+
 namespace pelmora::sched {
 
 // The largest .job file read (a real one is a few hundred bytes).
@@ -48,7 +50,7 @@ inline constexpr uint32_t kTriggerKillAtDurationEnd = 0x2;
 inline constexpr uint32_t kTriggerDisabled = 0x4;
 
 // A calendar time record: eight 16-bit fields, local time; all zero means "never".
-struct SystemTime {
+struct PELMORA_API SystemTime {
   uint16_t year = 0;
   uint16_t month = 0;
   uint16_t day_of_week = 0;
@@ -67,7 +69,7 @@ struct SystemTime {
 // One 48-byte trigger record. `data` holds the type-specific words: daily {days interval};
 // weekly {weeks interval, days of week}; monthly by date {days low, days high, months}; monthly
 // by weekday {which week 1-5, days of week, months}. Days of the week: Sunday 0x1 .. Saturday 0x40.
-struct JobTrigger {
+struct PELMORA_API JobTrigger {
   uint16_t size = 48;
   uint16_t reserved1 = 0;
   uint16_t begin_year = 0;
@@ -90,7 +92,7 @@ struct JobTrigger {
 };
 
 // The whole content of a .job file. Strings are UTF-8 here and UTF-16LE in the file.
-struct JobFile {
+struct PELMORA_API JobFile {
   uint16_t product_version = 0x0501;
   uint16_t file_version = 1;
   std::array<uint8_t, 16> uuid = {};
@@ -117,7 +119,7 @@ struct JobFile {
 };
 
 // The state bytes the runner rewrites in place (offsets 40..69).
-struct JobState {
+struct PELMORA_API JobState {
   uint32_t exit_code = 0;
   uint32_t status = 0;
   uint32_t flags = 0;
@@ -128,27 +130,27 @@ struct JobState {
 // Parses a .job file; nullopt for a file that is short, overruns a length, has a file version
 // other than 1, a trigger size other than 48, inconsistent offsets or more than kMaxJobFileSize
 // bytes. Does not block.
-std::optional<JobFile> ParseJobFile(std::string_view bytes);
+PELMORA_API std::optional<JobFile> ParseJobFile(std::string_view bytes);
 
 // A new task's settings: the defaults with a fresh random Job UUID (a version 4 GUID in the
 // file's byte layout).
-JobFile NewJobFile();
+PELMORA_API JobFile NewJobFile();
 
 // The bytes of `job`: empty strings as one NUL, a trigger offset computed from the lengths, the
 // signature kept or a blank one (versions 1, 1 and 64 zero bytes) written.
-std::string SerializeJobFile(const JobFile& job);
+PELMORA_API std::string SerializeJobFile(const JobFile& job);
 
 // The state bytes of `job` (30 bytes, for offset kJobStateOffset).
-std::string SerializeJobState(const JobState& state);
+PELMORA_API std::string SerializeJobState(const JobState& state);
 
 // The state of a file's bytes, nullopt when it is shorter than 70 bytes.
-std::optional<JobState> ParseJobState(std::string_view bytes);
+PELMORA_API std::optional<JobState> ParseJobState(std::string_view bytes);
 
 // The start error held in the reserved data (0 when it has fewer than 4 bytes).
-uint32_t StartError(const JobFile& job);
+PELMORA_API uint32_t StartError(const JobFile& job);
 
 // Sets the start error, making the reserved data 8 bytes long when it is shorter.
-void SetStartError(JobFile& job, uint32_t start_error);
+PELMORA_API void SetStartError(JobFile& job, uint32_t start_error);
 
 }  // namespace pelmora::sched
 

@@ -11,6 +11,7 @@
 
 #include "pelmora/admin/admin_client.h"
 #include "pelmora/common/error.h"
+#include "pelmora/common/error_numbers.h"
 #include "pelmora/common/system.h"
 #include "pelmora/sched/internal/file_io.h"
 #include "pelmora/sched/job_file.h"
@@ -20,7 +21,6 @@ namespace pelmora::sched {
 namespace {
 
 constexpr char kSource[] = "Pelmora.TaskScheduler";
-constexpr int32_t kCannotOpenRemoteFile = 8004;
 
 // A private temporary file, removed on destruction.
 class TempFile {
@@ -105,7 +105,7 @@ class RemoteTaskStore : public TaskStore {
 
   uint32_t Failure() {
     int32_t code = fso().ErrCode();
-    if (code == kCannotOpenRemoteFile) return kFileNotFound;
+    if (code == errors::kInvalidDataSize) return kFileNotFound;
     return code > 0 && code <= 0xFFFF ? ResultFromWin32(static_cast<uint32_t>(code)) : kFail;
   }
 

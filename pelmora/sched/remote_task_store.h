@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "pelmora/platform/export.h"
 #include "pelmora/sched/task_store.h"
 
 namespace pelmora::sched {
@@ -16,7 +17,7 @@ namespace pelmora::sched {
 // Raises pelmora::Error (source "Pelmora.TaskScheduler") with the client's error when the
 // computer cannot be reached or refuses the login, and 0x80070002 when the service publishes no
 // task folder. Blocks for the connection, the login and one request.
-std::shared_ptr<TaskStore> OpenRemoteTaskStore(const std::string& computer);
+PELMORA_API std::shared_ptr<TaskStore> OpenRemoteTaskStore(const std::string& computer);
 
 }  // namespace pelmora::sched
 

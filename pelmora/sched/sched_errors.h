@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <string>
 
+#include "pelmora/platform/export.h"
+
 namespace pelmora::sched {
 
 // Status codes (success results) held in a task file.
@@ -39,17 +41,17 @@ inline constexpr uint32_t kAccessDenied = 0x80070005;  // from Win32 error 5
 inline constexpr uint32_t kFileExists = 0x80070050;    // from Win32 error 80
 
 // The result code of a Win32 error number (0 stays 0).
-uint32_t ResultFromWin32(uint32_t win32);
+PELMORA_API uint32_t ResultFromWin32(uint32_t win32);
 
 // The result code for an errno value from a file operation in the task folder: ENOENT gives
 // kFileNotFound, EEXIST kFileExists, EACCES and EPERM kAccessDenied, anything else kFail.
-uint32_t ResultFromErrno(int error);
+PELMORA_API uint32_t ResultFromErrno(int error);
 
 // The platform's text for `code` ("" when it has none), without a trailing line end.
-std::string SchedResultText(uint32_t code);
+PELMORA_API std::string SchedResultText(uint32_t code);
 
 // Raises Error(code as a signed number, SchedResultText(code), source).
-[[noreturn]] void RaiseSchedError(uint32_t code, const std::string& source);
+[[noreturn]] PELMORA_API void RaiseSchedError(uint32_t code, const std::string& source);
 
 }  // namespace pelmora::sched
 

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "pelmora/common/date.h"
+#include "pelmora/platform/export.h"
 #include "pelmora/sched/job_file.h"
 #include "pelmora/sched/task_store.h"
 
@@ -59,7 +60,7 @@ inline constexpr uint32_t kRunRequestFlag = 0x04000000;
 inline constexpr uint32_t kTerminateRequestFlag = 0x08000000;
 }  // namespace sched
 
-class Task {
+class PELMORA_API Task {
  public:
   // A task named `name` over `store`, with the file contents `job`. `stored` tells whether the
   // file `file_name` exists (an activated or added task) or not yet (a created one).
@@ -150,7 +151,6 @@ class Task {
   // The file contents as held in memory, the store and the file name.
   const sched::JobFile& Job() const { return job_; }
   const std::shared_ptr<sched::TaskStore>& Store() const { return store_; }
-  const std::string& TaskFileName() const { return file_name_; }
 
   // Used by TaskScheduler::Add: writes the task new as `file_name`; returns the result code.
   uint32_t AddAs(const std::string& file_name);

@@ -7,25 +7,26 @@
 #include <vector>
 
 #include "pelmora/common/date.h"
+#include "pelmora/platform/export.h"
 #include "pelmora/sched/job_file.h"
 
 namespace pelmora::sched {
 
 // The file's triggers, without the lone disabled placeholder that a file saved with no triggers
 // carries (recognised by the status NOT_SCHEDULED).
-std::vector<JobTrigger> UserTriggers(const JobFile& job);
+PELMORA_API std::vector<JobTrigger> UserTriggers(const JobFile& job);
 
 // Sets the triggers of `job`; with none, writes the disabled placeholder created at `now`.
-void PutTriggers(JobFile& job, std::vector<JobTrigger> triggers, const Date& now);
+PELMORA_API void PutTriggers(JobFile& job, std::vector<JobTrigger> triggers, const Date& now);
 
 // The status a file is saved with: NOT_SCHEDULED without triggers; HAS_NOT_RUN when it never
 // ran; after runs, READY while a run is ahead of `now` and NO_MORE_RUNS when none is; other
 // statuses (TERMINATED) are kept.
-uint32_t SavedStatus(const JobFile& job, const Date& now);
+PELMORA_API uint32_t SavedStatus(const JobFile& job, const Date& now);
 
 // The date of a time record (the empty date for an all-zero or invalid record) and back.
-Date DateOf(const SystemTime& time);
-SystemTime SystemTimeOf(const Date& date);
+PELMORA_API Date DateOf(const SystemTime& time);
+PELMORA_API SystemTime SystemTimeOf(const Date& date);
 
 }  // namespace pelmora::sched
 

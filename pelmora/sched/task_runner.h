@@ -26,9 +26,11 @@
 #include <string>
 #include <thread>
 
+#include "pelmora/platform/export.h"
+
 namespace pelmora::sched {
 
-struct TaskRunnerOptions {
+struct PELMORA_API TaskRunnerOptions {
   // The task folder; "" is DefaultTasksFolder(). Created when missing.
   std::string folder = {};
   // Milliseconds since 1970-01-01 UTC; empty: the system clock. After moving a fake clock, call
@@ -42,7 +44,7 @@ struct TaskRunnerOptions {
   int lock_wait_ms = 0;
 };
 
-class TaskRunner {
+class PELMORA_API TaskRunner {
  public:
   explicit TaskRunner(TaskRunnerOptions options);
   // Stops the runner when it still runs.

@@ -19,12 +19,13 @@
 #include <vector>
 
 #include "pelmora/common/dictionary.h"
+#include "pelmora/platform/export.h"
 #include "pelmora/sched/task.h"
 #include "pelmora/sched/task_store.h"
 
 namespace pelmora {
 
-class TaskScheduler {
+class PELMORA_API TaskScheduler {
  public:
   // Opens a store for a computer name ("\\host"); raises when it cannot.
   using RemoteStoreOpener = std::function<std::shared_ptr<sched::TaskStore>(const std::string&)>;
@@ -75,7 +76,7 @@ class TaskScheduler {
 };
 
 // `name` with ".job" appended unless its last four characters are ".job" in any case.
-std::string CompleteTaskName(const std::string& name);
+PELMORA_API std::string CompleteTaskName(const std::string& name);
 
 }  // namespace pelmora
 

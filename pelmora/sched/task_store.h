@@ -17,9 +17,11 @@
 #include <string>
 #include <vector>
 
+#include "pelmora/platform/export.h"
+
 namespace pelmora::sched {
 
-class TaskStore {
+class PELMORA_API TaskStore {
  public:
   virtual ~TaskStore() = default;
 
@@ -51,17 +53,17 @@ class TaskStore {
 
 // kInvalidArg unless `file_name` is a plain, non-empty file name: no '/', no '\', no NUL, not
 // starting with '.', at most 255 bytes.
-uint32_t CheckTaskFileName(const std::string& file_name);
+PELMORA_API uint32_t CheckTaskFileName(const std::string& file_name);
 
 // The local task folder: $PELMORA_TASKS_DIR when set and not empty; /var/lib/pelmora/tasks for
 // root; otherwise $XDG_DATA_HOME/pelmora/tasks, or ~/.local/share/pelmora/tasks.
-std::string DefaultTasksFolder();
+PELMORA_API std::string DefaultTasksFolder();
 
 // A store over a local folder (created on the first write). `folder` "" is DefaultTasksFolder().
-std::shared_ptr<TaskStore> OpenLocalTaskStore(const std::string& folder = "");
+PELMORA_API std::shared_ptr<TaskStore> OpenLocalTaskStore(const std::string& folder = "");
 
 // The lock file a runner holds (flock, exclusive) while it watches `folder`.
-std::string RunnerLockPath(const std::string& folder);
+PELMORA_API std::string RunnerLockPath(const std::string& folder);
 
 }  // namespace pelmora::sched
 

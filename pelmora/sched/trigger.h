@@ -17,24 +17,26 @@
 #include <vector>
 
 #include "pelmora/common/date.h"
+#include "pelmora/platform/export.h"
 #include "pelmora/sched/job_file.h"
 
 namespace pelmora::sched {
 
 // A new trigger as the platform creates one: begins today at the current hour and minute of
 // `now`, daily every day, disabled.
-JobTrigger NewTrigger(const Date& now);
+PELMORA_API JobTrigger NewTrigger(const Date& now);
 
 // True for the types that run at a wall-clock time (once, daily, weekly, both monthly types).
-bool IsTimeTrigger(const JobTrigger& trigger);
+PELMORA_API bool IsTimeTrigger(const JobTrigger& trigger);
 
 // The first run time of `trigger` strictly later than `after` (local), or nullopt when it has
 // none: disabled, an event type, past its end date or its single run. Looks at most nine years
 // ahead. Does not block.
-std::optional<Date> NextTriggerTime(const JobTrigger& trigger, const Date& after);
+PELMORA_API std::optional<Date> NextTriggerTime(const JobTrigger& trigger, const Date& after);
 
 // The earliest NextTriggerTime of the enabled time triggers, or nullopt.
-std::optional<Date> NextRunOf(const std::vector<JobTrigger>& triggers, const Date& after);
+PELMORA_API std::optional<Date> NextRunOf(const std::vector<JobTrigger>& triggers,
+                                          const Date& after);
 
 // Reads a trigger's text form; `today` gives the begin date when the text names none. Returns
 // nullopt for text that does not follow the grammar:
@@ -43,10 +45,10 @@ std::optional<Date> NextRunOf(const std::vector<JobTrigger>& triggers, const Dat
 //   | atstart | atlogon | onidle
 // followed by any of: from YYYY-MM-DD, until YYYY-MM-DD, repeat MINUTES for MINUTES, disabled.
 // DAYS: sun,mon,...; DATES: 1,15,31; WEEK: first, second, third, fourth or last; MONTHS: jan,...
-std::optional<JobTrigger> ParseTrigger(std::string_view text, const Date& today);
+PELMORA_API std::optional<JobTrigger> ParseTrigger(std::string_view text, const Date& today);
 
 // The text form of a trigger, which ParseTrigger reads back to the same trigger.
-std::string FormatTrigger(const JobTrigger& trigger);
+PELMORA_API std::string FormatTrigger(const JobTrigger& trigger);
 
 }  // namespace pelmora::sched
 

@@ -7,6 +7,7 @@
 #include "pelmora/admin/internal/built_in_secrets.h"
 #include "pelmora/admin/rcfso.h"
 #include "pelmora/common/codepage.h"
+#include "pelmora/common/error_numbers.h"
 #include "pelmora/common/error_texts.h"
 #include "tools/pelmora/admin_requests.h"
 
@@ -40,11 +41,11 @@ class OutputForwarder : public pelmora::admin::RCFSOEvents {
 // The tool's exit status for a command that did not end, by the session's error.
 int CommandStatus(int32_t code) {
   switch (code) {
-    case 9001:
+    case pelmora::errors::kProcessNotStarted:
       return kExitNotStarted;
-    case 9002:
+    case pelmora::errors::kProcessEndedAbnormally:
       return kExitAbnormal;
-    case 9003:
+    case pelmora::errors::kProcessTimedOut:
     case kSocketTimeOut:
       return kExitTimedOut;
     default:
@@ -92,11 +93,11 @@ int RunExtended(HostSession& session, const ExecArgs& args) {
   ExecExit exit;
   if (!session.Fso().RunCommand(command, io, exit)) {
     int32_t code = session.Fso().ErrCode();
-    bool refused = code != 8004 && (code < 10000 || code >= 12000);
+    bool refused = code != pelmora::errors::kInvalidDataSize && (code < 10000 || code >= 12000);
     return session.FailFromClient(refused ? kExitNotStarted : CommandStatus(code));
   }
   if (exit.outcome == ExecOutcome::kTimedOut) {
-    return session.Fail(kExitTimedOut, {9003, "Request time out"});
+    return session.Fail(kExitTimedOut, {pelmora::errors::kProcessTimedOut, "Request time out"});
   }
   output.RemoteStatus(exit.ShellStatus());
   return exit.ShellStatus();

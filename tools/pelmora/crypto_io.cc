@@ -13,7 +13,7 @@
 #include <iterator>
 #include <string>
 
-#include "pelmora/crypto/internal/hex.h"
+#include "pelmora/crypto/hex.h"
 
 namespace pelmora_tool {
 namespace {
@@ -57,7 +57,7 @@ Bytes ReadSource(const std::string& path) {
 }
 
 void WriteSink(const std::string& path, const Bytes& data, bool hex) {
-  std::string text = hex ? pelmora::crypto_internal::BytesToHex(data) + "\n"
+  std::string text = hex ? pelmora::BytesToHex(data) + "\n"
                          : std::string(data.begin(), data.end());
   if (IsStandardStream(path)) {
     std::cout.write(text.data(), static_cast<std::streamsize>(text.size()));

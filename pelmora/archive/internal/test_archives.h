@@ -18,27 +18,11 @@
 #include <vector>
 
 #include "pelmora/archive/unzip_engine.h"
+#include "pelmora/testing/scratch_folder.h"
 
 namespace pelmora::archive::testing {
 
-// A fresh folder under the temporary folder, removed with everything in it.
-class ScratchFolder {
- public:
-  ScratchFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "pzarchXXXXXX").string();
-    path_ = mkdtemp(pattern.data());
-  }
-  ~ScratchFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  std::string Path(const std::string& relative = "") const {
-    return relative.empty() ? path_ : path_ + "/" + relative;
-  }
-
- private:
-  std::string path_;
-};
+using pelmora::testing::ScratchFolder;
 
 inline void WriteFile(const std::string& path, const std::string& contents) {
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());

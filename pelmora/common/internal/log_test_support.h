@@ -14,52 +14,14 @@
 
 #include "pelmora/common/date.h"
 #include "pelmora/common/internal/platform.h"
+#include "pelmora/testing/scoped_env.h"
+#include "pelmora/testing/scratch_folder.h"
 
 namespace pelmora::internal {
 
-// A fresh folder under the system's temporary folder, removed with its contents on destruction.
-class ScratchFolder {
- public:
-  ScratchFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "pelmora-log-XXXXXX").string();
-    if (mkdtemp(pattern.data()) != nullptr) path_ = pattern;
-  }
-  ~ScratchFolder() {
-    std::error_code ignored;
-    if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
-  }
-  ScratchFolder(const ScratchFolder&) = delete;
-  ScratchFolder& operator=(const ScratchFolder&) = delete;
+using pelmora::testing::ScratchFolder;
 
-  // The folder's path without a trailing '/'; empty when mkdtemp failed.
-  const std::string& Path() const { return path_; }
-
- private:
-  std::string path_;
-};
-
-// Sets (or, with nullopt, unsets) an environment variable and restores it on destruction.
-class ScopedEnv {
- public:
-  ScopedEnv(std::string name, std::optional<std::string> value) : name_(std::move(name)) {
-    if (const char* old = getenv(name_.c_str())) old_ = old;
-    Apply(value);
-  }
-  ~ScopedEnv() { Apply(old_); }
-  ScopedEnv(const ScopedEnv&) = delete;
-  ScopedEnv& operator=(const ScopedEnv&) = delete;
-
- private:
-  void Apply(const std::optional<std::string>& value) {
-    if (value) {
-      setenv(name_.c_str(), value->c_str(), 1);
-    } else {
-      unsetenv(name_.c_str());
-    }
-  }
-  std::string name_;
-  std::optional<std::string> old_;
-};
+using pelmora::testing::ScopedEnv;
 
 // Pins CurrentLocalTime to a settable date until destruction.
 class PinnedClock {

@@ -13,12 +13,14 @@
 #include <string_view>
 
 #include "pelmora/common/date.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora::internal {
 
 // Replaces the clock behind CurrentLocalTime for the whole process; nullptr restores the system
-// clock. Not synchronised: set it only while no other thread reads the time.
-void SetClockForTesting(std::function<Date()> clock);
+// clock. Not synchronised: set it only while no other thread reads the time. Exported although
+// not installed: the fixtures pin the clock of the shared library the end-to-end tests drive.
+PELMORA_API void SetClockForTesting(std::function<Date()> clock);
 
 // The host name (the text before the first NUL of gethostname's buffer), or nullopt when
 // gethostname fails.

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "pelmora/crypto/internal/hex.h"
+#include "pelmora/crypto/hex.h"
 
 namespace pelmora::crypto_testing {
 
@@ -23,7 +23,7 @@ inline constexpr int32_t kNteNoKey = -2146893811;
 inline constexpr int32_t kNteKeysetNotDef = -2146893799;
 
 inline Bytes FromText(std::string_view text) { return Bytes(text.begin(), text.end()); }
-inline Bytes FromHex(std::string_view hex) { return crypto_internal::HexToBytes(hex); }
+inline Bytes FromHex(std::string_view hex) { return HexToBytes(hex); }
 
 }  // namespace pelmora::crypto_testing
 

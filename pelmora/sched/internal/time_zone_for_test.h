@@ -10,24 +10,11 @@
 #include <optional>
 
 #include "pelmora/common/date.h"
-#include "pelmora/common/internal/log_test_support.h"
+#include "pelmora/testing/scoped_env.h"
 
 namespace pelmora::sched::testing {
 
-// Sets TZ for the life of the object and restores the previous value.
-class ScopedTimeZone {
- public:
-  explicit ScopedTimeZone(const char* zone) : tz_(std::in_place, "TZ", zone) { tzset(); }
-  ~ScopedTimeZone() {
-    tz_.reset();
-    tzset();
-  }
-  ScopedTimeZone(const ScopedTimeZone&) = delete;
-  ScopedTimeZone& operator=(const ScopedTimeZone&) = delete;
-
- private:
-  std::optional<pelmora::internal::ScopedEnv> tz_;
-};
+using pelmora::testing::ScopedTimeZone;
 
 // The date of "yyyy-mm-dd hh:nn[:ss]"; the empty date when the text is malformed.
 inline Date At(const char* text) {

@@ -1,6 +1,6 @@
-#include "pelmora/crypto/internal/hex.h"
+#include "pelmora/crypto/hex.h"
 
-namespace pelmora::crypto_internal {
+namespace pelmora {
 namespace {
 
 constexpr char kDigits[] = "0123456789ABCDEF";
@@ -37,4 +37,4 @@ std::vector<uint8_t> HexToBytes(std::string_view hex) {
   return bytes;
 }
 
-}  // namespace pelmora::crypto_internal
+}  // namespace pelmora

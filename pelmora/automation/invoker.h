@@ -1,12 +1,13 @@
-// Typed calls from Variant arguments: the machinery behind ClassBinder (not installed).
+// Typed calls from Variant arguments: the machinery behind ClassBinder, installed with it because
+// its templates expand in the binding's own code. Not for direct use.
 //
 // MakeAccessor<T>(fn, defaults) turns a member function pointer, a data member pointer or a
 // callable taking `T&` first into an Accessor: it converts each argument to the parameter's type,
 // fills missing trailing arguments from `defaults`, calls, converts the result, and writes
 // non-const lvalue reference parameters back into the caller's Variants (also when the call
 // raises, as a by-reference argument is changed in place).
-#ifndef PELMORA_AUTOMATION_INTERNAL_INVOKER_H_
-#define PELMORA_AUTOMATION_INTERNAL_INVOKER_H_
+#ifndef PELMORA_AUTOMATION_INVOKER_H_
+#define PELMORA_AUTOMATION_INVOKER_H_
 
 #include <cstddef>
 #include <functional>
@@ -21,6 +22,7 @@
 
 #include "pelmora/automation/class_info.h"
 #include "pelmora/automation/conversion.h"
+#include "pelmora/platform/export.h"
 
 namespace pelmora::automation::internal {
 
@@ -153,7 +155,7 @@ struct Arguments<std::tuple<P...>> {
 };
 
 // Raises std::invalid_argument when a binding gives more defaults than parameters.
-void CheckDefaultCount(std::string_view member, size_t defaults, size_t parameters);
+PELMORA_API void CheckDefaultCount(std::string_view member, size_t defaults, size_t parameters);
 
 // The Accessor that calls `fn` on a T with converted arguments.
 template <class T, class F>
@@ -174,4 +176,4 @@ Accessor MakeAccessor(std::string_view member, F fn, std::vector<Variant> defaul
 
 }  // namespace pelmora::automation::internal
 
-#endif  // PELMORA_AUTOMATION_INTERNAL_INVOKER_H_
+#endif  // PELMORA_AUTOMATION_INVOKER_H_

@@ -7,14 +7,14 @@
 // Both functions walk the image's headers, section table and resource tree with every offset and
 // count checked against the bytes that exist; a file that is not such an image, or has no
 // version resource, gives "".
-#ifndef PELMORA_COMMON_INTERNAL_PE_VERSION_H_
-#define PELMORA_COMMON_INTERNAL_PE_VERSION_H_
+#ifndef PELMORAD_PE_VERSION_H_
+#define PELMORAD_PE_VERSION_H_
 
 #include <cstdint>
 #include <span>
 #include <string>
 
-namespace pelmora::internal {
+namespace pelmorad {
 
 // The file version of the image held in `image` as "a.b.c.d" (the high and low words of
 // dwFileVersionMS, then of dwFileVersionLS, in decimal), or "" when `image` is no PE image with a
@@ -26,6 +26,6 @@ std::string ParseFileVersion(std::span<const uint8_t> image);
 // a read fails. Blocks for those reads.
 std::string ReadFileVersion(int fd);
 
-}  // namespace pelmora::internal
+}  // namespace pelmorad
 
-#endif  // PELMORA_COMMON_INTERNAL_PE_VERSION_H_
+#endif  // PELMORAD_PE_VERSION_H_

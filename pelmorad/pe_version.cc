@@ -2,7 +2,7 @@
 // resource data directory -> section table (to turn relative virtual addresses into file
 // offsets) -> resource tree (type 16 = version, then a name, then a language) -> data entry ->
 // VS_VERSIONINFO block -> VS_FIXEDFILEINFO. All reads go through one bounds-checked reader.
-#include "pelmora/common/internal/pe_version.h"
+#include "pelmorad/pe_version.h"
 
 #include <unistd.h>
 
@@ -18,7 +18,7 @@
 #include "pelmora/platform/file_io.h"
 #include "pelmora/platform/little_endian.h"
 
-namespace pelmora::internal {
+namespace pelmorad {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
@@ -180,4 +180,4 @@ std::string ReadFileVersion(int fd) {
       .FileVersion();
 }
 
-}  // namespace pelmora::internal
+}  // namespace pelmorad

@@ -1,4 +1,4 @@
-#include "pelmora/common/internal/pe_version.h"
+#include "pelmorad/pe_version.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace pelmora::internal {
+namespace pelmorad {
 namespace {
 
 using Image = std::vector<uint8_t>;
@@ -213,4 +213,4 @@ TEST(ReadFileVersion, GivesEmptyForOtherFilesAndBadDescriptors) {
 }
 
 }  // namespace
-}  // namespace pelmora::internal
+}  // namespace pelmorad

@@ -1,4 +1,4 @@
-#include "pelmora/automation/internal/invoker.h"
+#include "pelmora/automation/invoker.h"
 
 #include <fmt/format.h>
 
