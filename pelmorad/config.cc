@@ -14,7 +14,7 @@
 #include <sstream>
 
 #include "pelmora/common/error.h"
-#include "pelmora/common/internal/closest_name.h"
+#include "pelmora/common/closest_name.h"
 
 namespace pelmorad {
 namespace {
@@ -252,7 +252,7 @@ void CheckKeys(const toml::table& table, const std::string& kind, const std::str
   for (const auto& [key, value] : table) {
     std::string name(key.str());
     if (std::find(known.begin(), known.end(), name) != known.end()) continue;
-    std::string hint = pelmora::internal::ClosestName(name, known);
+    std::string hint = pelmora::ClosestName(name, known);
     Fail(source, fmt::format("line {}: unknown key {}{}{}", key.source().begin.line, prefix, name,
                              hint.empty() ? "" : fmt::format(" (did you mean {}?)", hint)));
   }

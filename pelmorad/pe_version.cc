@@ -33,9 +33,9 @@ constexpr size_t kFixedInfoOffset = 40;  // 6 header bytes + "VS_VERSION_INFO\0"
 constexpr size_t kFixedInfoSize = 52;
 constexpr std::u16string_view kVersionKey = u"VS_VERSION_INFO";
 
-uint16_t Le16(const Bytes& b, size_t at) { return platform::LoadLe<uint16_t>(b, at); }
+uint16_t Le16(const Bytes& b, size_t at) { return pelmora::platform::LoadLe<uint16_t>(b, at); }
 
-uint32_t Le32(const Bytes& b, size_t at) { return platform::LoadLe<uint32_t>(b, at); }
+uint32_t Le32(const Bytes& b, size_t at) { return pelmora::platform::LoadLe<uint32_t>(b, at); }
 
 // Reads exactly out.size() bytes at `offset`, or fails.
 using ReadAt = std::function<bool(uint64_t offset, std::span<uint8_t> out)>;
@@ -159,7 +159,7 @@ std::string ImageWalker::FileVersion() {
 }
 
 bool PreadExactly(int fd, uint64_t offset, std::span<uint8_t> out) {
-  return platform::PreadFully(fd, out, offset) == static_cast<ssize_t>(out.size());
+  return pelmora::platform::PreadFully(fd, out, offset) == static_cast<ssize_t>(out.size());
 }
 
 }  // namespace

@@ -19,6 +19,8 @@
 
 #include "pelmora/admin/wire.h"
 
+#include "pelmora/platform/export.h"
+
 namespace pelmora::admin {
 
 inline constexpr std::uint8_t kModeGetCode = 42;
@@ -38,13 +40,13 @@ struct ModeRequest {
 };
 
 // The arguments of a get mode (no mode) or set mode request for `path`.
-std::vector<std::vector<std::uint8_t>> ModeArguments(std::string_view path,
+PELMORA_API std::vector<std::vector<std::uint8_t>> ModeArguments(std::string_view path,
                                                      std::optional<std::int32_t> mode);
 
 // Reads a block of code 42 (one Unicode argument) or 43 (a Unicode argument and a 4-byte int32);
 // nullopt for another code, another count, an argument of the wrong length, an empty path, or a
 // mode with a bit outside kModePermissionBits.
-std::optional<ModeRequest> ParseModeRequest(const RequestBlock& block);
+PELMORA_API std::optional<ModeRequest> ParseModeRequest(const RequestBlock& block);
 
 }  // namespace pelmora::admin
 

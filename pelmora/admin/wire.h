@@ -104,7 +104,7 @@ PELMORA_API FramedMessage ParseFramedPacket(std::span<const std::uint8_t> packet
 
 // The sequence number a packet carries (0 when it is shorter than a header), for the service,
 // which takes the client's number instead of expecting one.
-std::int32_t PacketSequenceNumber(std::span<const std::uint8_t> packet);
+PELMORA_API std::int32_t PacketSequenceNumber(std::span<const std::uint8_t> packet);
 
 // An argument in ANSI form: `utf8` converted to the ANSI code page (codepage.h) plus one 0 byte.
 // The empty string gives no bytes at all (length 0, no terminator).

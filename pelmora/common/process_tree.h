@@ -13,6 +13,8 @@
 #include <string_view>
 #include <vector>
 
+#include "pelmora/platform/export.h"
+
 namespace pelmora {
 
 // Stops `root` (SIGSTOP), SIGKILLs every live process beneath it (found through
@@ -21,11 +23,11 @@ namespace pelmora {
 // subreaper cannot end, so nothing it holds escapes to init while the tree is killed. Blocks for
 // the reads of /proc and, while killed processes are still ending, at most a quarter of a second
 // in all; what still runs then (a process stuck in the kernel) is left to die of its SIGKILL.
-void KillProcessTree(pid_t root);
+PELMORA_API void KillProcessTree(pid_t root);
 
 // The process numbers in `text`, the contents of a /proc/PID/task/TID/children file ("12 345 "):
 // decimal numbers separated by spaces or newlines. Anything else ends the list.
-std::vector<pid_t> ParseChildList(std::string_view text);
+PELMORA_API std::vector<pid_t> ParseChildList(std::string_view text);
 
 }  // namespace pelmora
 

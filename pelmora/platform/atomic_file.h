@@ -23,16 +23,18 @@
 
 #include "pelmora/platform/file_io.h"
 
+#include "pelmora/platform/export.h"
+
 namespace pelmora::platform {
 
 // True for a name that AtomicFile gives its temporaries.
-bool IsTemporaryName(std::string_view name);
+PELMORA_API bool IsTemporaryName(std::string_view name);
 
 // Removes from the folder the regular files with a temporary's name whose last status change is
 // before `before`: what a process killed between its link and its rename left behind.
-void RemoveTemporariesBefore(int folder_fd, const timespec& before);
+PELMORA_API void RemoveTemporariesBefore(int folder_fd, const timespec& before);
 
-class AtomicFile {
+class PELMORA_API AtomicFile {
  public:
   AtomicFile() = default;
   AtomicFile(const AtomicFile&) = delete;

@@ -21,10 +21,12 @@
 #include <string_view>
 #include <utility>
 
+#include "pelmora/platform/export.h"
+
 namespace pelmora::platform {
 
 // An owned file descriptor, closed when it goes. Empty holds -1.
-class UniqueFd {
+class PELMORA_API UniqueFd {
  public:
   UniqueFd() = default;
   explicit UniqueFd(int fd) : fd_(fd) {}
@@ -61,7 +63,7 @@ enum class FileCall { kOpen, kRead, kWrite, kFsync, kRename };
 // errno to fail it with. It is asked from every thread that makes a call, with the descriptor the
 // call acts on (for an open or a rename: the folder descriptor, AT_FDCWD for a plain path) and
 // the name it opens or renames (nullptr for the others).
-class FileFaults {
+class PELMORA_API FileFaults {
  public:
   virtual ~FileFaults() = default;
   virtual int Check(FileCall call, int fd, const char* path) = 0;
@@ -69,33 +71,34 @@ class FileFaults {
 
 // Installs `faults` for the whole process (nullptr removes it). With none installed each call
 // costs one relaxed atomic load more than the system call.
-void SetFileFaults(FileFaults* faults);
+PELMORA_API void SetFileFaults(FileFaults* faults);
 
 namespace internal {
-extern std::atomic<FileFaults*> file_faults;
+extern PELMORA_API std::atomic<FileFaults*> file_faults;
 // 0, or the errno a test wants `call` to fail with (errno is then set to it).
-int InjectedFault(FileCall call, int fd, const char* path);
+PELMORA_API int InjectedFault(FileCall call, int fd, const char* path);
 }  // namespace internal
 
 // The system calls, each retried on EINTR and open to fault injection: -1 with errno on failure.
-int Open(const char* path, int flags, mode_t mode = 0);
-int OpenAt(int folder_fd, const char* path, int flags, mode_t mode = 0);
-ssize_t Read(int fd, void* data, size_t size);
-ssize_t Pread(int fd, void* data, size_t size, off_t offset);
-ssize_t Write(int fd, const void* data, size_t size);
-ssize_t Pwrite(int fd, const void* data, size_t size, off_t offset);
-int Fsync(int fd);
-int RenameAt(int from_folder, const char* from, int to_folder, const char* to, unsigned flags = 0);
+PELMORA_API int Open(const char* path, int flags, mode_t mode = 0);
+PELMORA_API int OpenAt(int folder_fd, const char* path, int flags, mode_t mode = 0);
+PELMORA_API ssize_t Read(int fd, void* data, size_t size);
+PELMORA_API ssize_t Pread(int fd, void* data, size_t size, off_t offset);
+PELMORA_API ssize_t Write(int fd, const void* data, size_t size);
+PELMORA_API ssize_t Pwrite(int fd, const void* data, size_t size, off_t offset);
+PELMORA_API int Fsync(int fd);
+PELMORA_API int RenameAt(int from_folder, const char* from, int to_folder, const char* to,
+                         unsigned flags = 0);
 
 // Reads until `out` is full or the file ends: the count read, or -1 (errno set) on a failure.
-ssize_t ReadFully(int fd, std::span<uint8_t> out);
+PELMORA_API ssize_t ReadFully(int fd, std::span<uint8_t> out);
 // The same from `offset` on, with pread (the descriptor's position is not moved).
-ssize_t PreadFully(int fd, std::span<uint8_t> out, uint64_t offset);
+PELMORA_API ssize_t PreadFully(int fd, std::span<uint8_t> out, uint64_t offset);
 // Writes every byte: 0, or the errno of the failing write (EIO when one writes nothing).
-int WriteFully(int fd, std::span<const uint8_t> bytes);
-int WriteFully(int fd, std::string_view bytes);
+PELMORA_API int WriteFully(int fd, std::span<const uint8_t> bytes);
+PELMORA_API int WriteFully(int fd, std::string_view bytes);
 // The same from `offset` on, with pwrite.
-int PwriteFully(int fd, std::span<const uint8_t> bytes, uint64_t offset);
+PELMORA_API int PwriteFully(int fd, std::span<const uint8_t> bytes, uint64_t offset);
 
 }  // namespace pelmora::platform
 

@@ -10,6 +10,8 @@
 #include <string>
 #include <string_view>
 
+#include "pelmora/platform/export.h"
+
 namespace pelmora::platform {
 
 // Which day file a line goes to.
@@ -21,14 +23,15 @@ constexpr std::string_view LogExtension(LogKind kind) {
 }
 
 // The month folder of day `day` (yyyymmdd) under `root`: root + "/" + yyyymm.
-std::string LogMonthFolder(std::string_view root, std::string_view day);
+PELMORA_API std::string LogMonthFolder(std::string_view root, std::string_view day);
 
 // The file name of day `day` (yyyymmdd): prefix + day + extension.
-std::string LogFileName(std::string_view day, LogKind kind, std::string_view prefix = "");
+PELMORA_API std::string LogFileName(std::string_view day, LogKind kind,
+                                    std::string_view prefix = "");
 
 // LogMonthFolder(root, day) + "/" + LogFileName(day, kind, prefix).
-std::string LogFilePath(std::string_view root, std::string_view day, LogKind kind,
-                        std::string_view prefix = "");
+PELMORA_API std::string LogFilePath(std::string_view root, std::string_view day, LogKind kind,
+                                    std::string_view prefix = "");
 
 }  // namespace pelmora::platform
 

@@ -11,7 +11,7 @@
 #include <sstream>
 #include <vector>
 
-#include "pelmora/common/internal/closest_name.h"
+#include "pelmora/common/closest_name.h"
 #include "tools/pelmora/crypto_io.h"
 
 namespace pelmora_tool {
@@ -68,7 +68,7 @@ class SettingsReader {
                             bool hosts_allowed) const {
     std::vector<std::string> known = KnownKeys();
     if (hosts_allowed) known.push_back("hosts");
-    std::string near = pelmora::internal::ClosestName(name, known);
+    std::string near = pelmora::ClosestName(name, known);
     Fail(line, "unknown key " + prefix + name + (near.empty() ? "" : " (did you mean " + near + "?)"));
   }
 

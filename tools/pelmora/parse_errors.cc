@@ -5,12 +5,12 @@
 #include <cstdio>
 #include <sstream>
 
-#include "pelmora/common/internal/closest_name.h"
+#include "pelmora/common/closest_name.h"
 
 namespace pelmora_tool {
 namespace {
 
-using pelmora::internal::ClosestName;
+using pelmora::ClosestName;
 
 // The deepest command the parse reached.
 const CLI::App* ActiveCommand(const CLI::App& app) {

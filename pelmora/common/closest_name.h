@@ -3,24 +3,27 @@
 //
 //   ClosestName("comands", {"commands", "tasks"});   // "commands"
 //   ClosestName("xyz", {"commands", "tasks"});       // ""
-#ifndef PELMORA_COMMON_INTERNAL_CLOSEST_NAME_H_
-#define PELMORA_COMMON_INTERNAL_CLOSEST_NAME_H_
+#ifndef PELMORA_COMMON_CLOSEST_NAME_H_
+#define PELMORA_COMMON_CLOSEST_NAME_H_
 
 #include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
 
-namespace pelmora::internal {
+#include "pelmora/platform/export.h"
+
+namespace pelmora {
 
 // The number of single-character insertions, deletions and replacements between `a` and `b`.
-std::size_t EditDistance(std::string_view a, std::string_view b);
+PELMORA_API std::size_t EditDistance(std::string_view a, std::string_view b);
 
 // The candidate closest to `word`: one edit away in names of up to three letters, two in longer
 // ones, or a name `word` begins; leading dashes are not compared ("--hots" is near "--hosts").
 // "" when none is that near.
-std::string ClosestName(std::string_view word, const std::vector<std::string>& candidates);
+PELMORA_API std::string ClosestName(std::string_view word,
+                                    const std::vector<std::string>& candidates);
 
-}  // namespace pelmora::internal
+}  // namespace pelmora
 
-#endif  // PELMORA_COMMON_INTERNAL_CLOSEST_NAME_H_
+#endif  // PELMORA_COMMON_CLOSEST_NAME_H_

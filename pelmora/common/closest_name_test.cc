@@ -1,8 +1,8 @@
-#include "pelmora/common/internal/closest_name.h"
+#include "pelmora/common/closest_name.h"
 
 #include <gtest/gtest.h>
 
-namespace pelmora::internal {
+namespace pelmora {
 namespace {
 
 TEST(ClosestName, SuggestsOnlyRealNearMisses) {
@@ -35,4 +35,4 @@ TEST(EditDistance, CountsInsertionsDeletionsAndReplacements) {
 }
 
 }  // namespace
-}  // namespace pelmora::internal
+}  // namespace pelmora

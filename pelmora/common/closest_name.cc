@@ -1,8 +1,8 @@
-#include "pelmora/common/internal/closest_name.h"
+#include "pelmora/common/closest_name.h"
 
 #include <algorithm>
 
-namespace pelmora::internal {
+namespace pelmora {
 
 std::size_t EditDistance(std::string_view a, std::string_view b) {
   std::vector<std::size_t> row(b.size() + 1);
@@ -42,4 +42,4 @@ std::string ClosestName(std::string_view word, const std::vector<std::string>& c
   return best;
 }
 
-}  // namespace pelmora::internal
+}  // namespace pelmora
