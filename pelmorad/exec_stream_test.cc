@@ -2,7 +2,6 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -72,13 +71,12 @@ TEST(ExecStream, ACommandThatEndsBeforeTheClientsFirstFrameKeepsItsOutput) {
   pelmora::ChildSpec launch = TrackedCommand("/bin/sh", "printf out; printf err >&2");
   launch.separate_streams = true;
   pelmora::ChildProcess child = pelmora::ChildProcess::Start(launch);
-  pid_t pid = child.pid();
+  pollfd exited{child.exit_fd(), POLLIN, 0};  // readable once the command has exited
   auto stream = std::async(std::launch::async, [&] {
     return RunExecStream(pair[0], child, {.finish_ms = 10000, .drain_ms = 300});
   });
 
-  siginfo_t info{};
-  ASSERT_EQ(::waitid(P_PID, pid, &info, WEXITED | WNOWAIT), 0);  // exited, not yet reaped
+  ASSERT_EQ(::poll(&exited, 1, 10000), 1);
   Client client(pair[1]);
   EXPECT_FALSE(client.Readable(800)) << "the service spoke before the client's first frame";
   client.Send(pelmora::admin::BuildExecGrant(ExecFrameKind::kGrant, 65536));

@@ -181,8 +181,8 @@ std::optional<PendingFile> ExtractionFolder::StartFile(std::string_view path, ui
   uint32_t created = (mode & umask_) == 0 ? mode : 0600;
   // A name not taken yet is written in place: created exclusively (so nothing that appears there
   // meanwhile, a link included, is followed or replaced) and removed again unless committed.
-  int direct = openat(parent.folder.get(), parent.leaf.c_str(),
-                      O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, created);
+  int direct = platform::OpenAt(parent.folder.get(), parent.leaf.c_str(),
+                                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, created);
   if (direct >= 0) {
     std::string name = parent.leaf;
     return PendingFile(std::move(parent.folder), std::move(parent.leaf), std::move(name),
@@ -194,8 +194,8 @@ std::optional<PendingFile> ExtractionFolder::StartFile(std::string_view path, ui
   }
   for (int attempt = 0; attempt < 16; ++attempt) {
     std::string temp = TempName(parent.leaf);
-    int fd = openat(parent.folder.get(), temp.c_str(),
-                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, created);
+    int fd = platform::OpenAt(parent.folder.get(), temp.c_str(),
+                              O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, created);
     if (fd >= 0) {
       return PendingFile(std::move(parent.folder), std::move(parent.leaf), std::move(temp),
                          UniqueFd(fd), created);
