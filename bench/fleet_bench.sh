@@ -15,6 +15,7 @@ fi
 ip link set lo up
 tool=$build/tools/pelmora/pelmora
 service=$build/pelmorad/pelmorad
+source "$(dirname "$0")/bench_service.sh"
 work=$(mktemp -d /tmp/pelmora-fleet-bench-XXXXXX)
 service_pid=
 finish() {
@@ -26,20 +27,7 @@ trap finish EXIT
 mkdir -p "$work/c"
 printf 'bench password\n' > "$work/password"
 hash=$("$service" --hash-password < "$work/password")
-cat > "$work/pelmorad.toml" <<CONF
-[drives]
-C = "$work/c"
-[accounts.bench]
-password = "$hash"
-commands = true
-run_as = "root"
-[limits]
-sessions = 4096
-sessions_per_address = 4096
-unauthenticated = 4096
-unauthenticated_start = 4096
-commands = 256
-CONF
+bench_service_config "$work" "$hash" > "$work/pelmorad.toml"
 chmod 600 "$work/pelmorad.toml"
 mkfifo "$work/port"
 exec 3<>"$work/port"

@@ -7,10 +7,9 @@
 #   3. a fleet `exec true` over TLS across 1000 sessions (1000 loopback addresses).
 # Targets: TLS at least 0.6 of the plain rate and 3x scp's; exec at least 15x faster than ssh;
 # the fleet under 3 s. The service listens for TLS itself (listen_tls, its own certificate under
-# state_directory) when it knows how; otherwise a TLS front in Python relays to its plain port and
-# the TLS figures say so (they then measure the front as well).
+# state_directory).
 # Runs inside a private network namespace (only its loopback).
-# Usage: bench/tls_bench.sh BUILD_DIR [MIB]   (as root; needs openssh-server, bc, python3)
+# Usage: bench/tls_bench.sh BUILD_DIR [MIB]   (as root; needs openssh-server, bc, python3 for free ports)
 set -euo pipefail
 build=$(realpath "${1:?usage: bench/tls_bench.sh BUILD_DIR [MIB]}")
 mib=${2:-1024}
@@ -18,7 +17,7 @@ if [[ -z ${PELMORA_BENCH_IN_NETNS:-} ]]; then
   exec unshare -n env PELMORA_BENCH_IN_NETNS=1 "$0" "$build" "$mib"
 fi
 ip link set lo up
-source_dir=$(cd "$(dirname "$0")/.." && pwd)
+source "$(dirname "$0")/bench_service.sh"
 tool=$build/tools/pelmora/pelmora
 service=$build/pelmorad/pelmorad
 work=$(mktemp -d /tmp/pelmora-tls-bench-XXXXXX)
@@ -39,57 +38,25 @@ wait_port() {
 seconds() { local s=$EPOCHREALTIME; "$@" > /dev/null; echo "$EPOCHREALTIME - $s" | bc; }
 ratio() { echo "scale=2; $1 / $2" | bc; }
 
-# The service: plain on one port, TLS on another when it can.
+# The service: plain on one port, TLS on another.
 mkdir -p "$work/c" "$work/state"
 printf 'bench password\n' > "$work/password"
 hash=$("$service" --hash-password < "$work/password")
 plain_port=$(free_port)
 tls_port=$(free_port)
-native_tls=
-"$service" --help 2>&1 | grep -q -- --show-fingerprint && native_tls=1
 {
   echo "listen = [\"0.0.0.0:$plain_port\"]"
-  [[ -n $native_tls ]] && echo "listen_tls = [\"0.0.0.0:$tls_port\"]"
-  [[ -n $native_tls ]] && echo "state_directory = \"$work/state\""
-  cat <<CONF
-[drives]
-C = "$work/c"
-[accounts.bench]
-password = "$hash"
-commands = true
-run_as = "root"
-[limits]
-sessions = 4096
-sessions_per_address = 4096
-unauthenticated = 4096
-unauthenticated_start = 4096
-commands = 256
-CONF
+  echo "listen_tls = [\"0.0.0.0:$tls_port\"]"
+  echo "state_directory = \"$work/state\""
+  bench_service_config "$work" "$hash"
 } > "$work/pelmorad.toml"
 chmod 600 "$work/pelmorad.toml"
 "$service" --config "$work/pelmorad.toml" 2> "$work/pelmorad.log" &
 pids+=($!)
 wait_port "$plain_port"
-if [[ -n $native_tls ]]; then
-  wait_port "$tls_port"
-  fingerprint=$("$service" --show-fingerprint -c "$work/pelmorad.toml" | grep -o 'SHA256:[A-Za-z0-9+/]*' | head -1)
-  how="pelmorad's own TLS listener"
-else
-  PYTHONPATH=$source_dir/python/tests python3 - "$work" "$plain_port" > "$work/front" <<'PY' &
-import sys, time
-from tls_peer import TlsFront, make_certificate
-pem, fingerprint = make_certificate(sys.argv[1])
-front = TlsFront(pem, int(sys.argv[2]), address="0.0.0.0")
-print(front.port, fingerprint, flush=True)
-while True:
-    time.sleep(3600)
-PY
-  pids+=($!)
-  for _ in $(seq 200); do [[ -s $work/front ]] && break; sleep 0.1; done
-  read -r tls_port fingerprint < "$work/front"
-  how="a Python TLS front before the plain port (the service has no TLS listener yet)"
-fi
-echo "TLS through $how; certificate $fingerprint"
+wait_port "$tls_port"
+fingerprint=$("$service" --show-fingerprint -c "$work/pelmorad.toml" | grep -o 'SHA256:[A-Za-z0-9+/]*' | head -1)
+echo "TLS through pelmorad's own TLS listener; certificate $fingerprint"
 pel() { "$tool" admin --account bench --password-file "$work/password" --quiet "$@"; }
 tls() { pel --tls --fingerprint "$fingerprint" "$@"; }
 
