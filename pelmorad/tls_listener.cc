@@ -172,6 +172,10 @@ asio::awaitable<void> ServeConnection(ServiceContext& context, SSL_CTX* ssl_cont
 
   auto relay = std::make_shared<Relay>(std::move(socket));
   relay->tcp.non_blocking(true, error);
+  // A reply is often written as more than one record (the handshake's tickets, a size message
+  // and its block): with Nagle's algorithm the later ones would wait for the client's delayed
+  // acknowledgement of the first, 40 ms per exchange.
+  relay->tcp.set_option(asio::ip::tcp::no_delay(true), error);
   asio::steady_timer deadline(
       context.io,
       accepted + std::chrono::seconds(context.runtime->config.limits.login_grace_seconds));
