@@ -334,7 +334,7 @@ std::optional<int> ServiceSideTcpOption(pid_t service, uint16_t client_port, int
   return value;
 }
 
-TEST_F(ServiceTlsLogin, TheServiceSendsEachRecordAtOnce) {
+TEST_F(ServiceTlsLogin, TheServiceSendsEachRecordAtOnceAndNoTicket) {
   // Records written one after another (the handshake's last flight, a size message and its
   // block) must not wait for the client's delayed acknowledgement of the one before.
   RawClient client;
@@ -347,6 +347,25 @@ TEST_F(ServiceTlsLogin, TheServiceSendsEachRecordAtOnce) {
   socklen_t size = sizeof(local);
   ASSERT_EQ(::getsockname(client.fd(), reinterpret_cast<sockaddr*>(&local), &size), 0);
   EXPECT_EQ(ServiceSideTcpOption(service_.pid(), ntohs(local.sin_port), TCP_NODELAY), 1);
+  // No session ticket comes before the login reply: every connection presents the certificate,
+  // so the client checks it every time.
+  const int32_t sequence =
+      pelmora::admin::NextSequenceNumber(pelmora::admin::kFirstSequenceNumber);
+  const std::vector<uint8_t> login = pelmora::admin::BuildFramedPacket(
+      sequence, pelmora::admin::BuildLoginMessage(
+                    pelmora::admin::EncodeCredential("operator"),
+                    pelmora::admin::EncodeCredential(kOperatorPassword)));
+  ASSERT_EQ(SSL_write(ssl, login.data(), static_cast<int>(login.size())),
+            static_cast<int>(login.size()));
+  std::vector<uint8_t> reply(pelmora::admin::kPacketSize);
+  for (std::size_t filled = 0; filled < reply.size();) {
+    const int got = SSL_read(ssl, reply.data() + filled, static_cast<int>(reply.size() - filled));
+    ASSERT_GT(got, 0);
+    filled += static_cast<std::size_t>(got);
+  }
+  EXPECT_EQ(pelmora::admin::ParseFramedPacket(reply, sequence).fault,
+            pelmora::admin::PacketFault::kNone);
+  EXPECT_EQ(SSL_SESSION_is_resumable(SSL_get0_session(ssl)), 0);
   SSL_free(ssl);
   SSL_CTX_free(context);
 }
