@@ -5,20 +5,19 @@
 // handshake counts against, and tls_only.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <openssl/ssl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <openssl/ssl.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <optional>
-
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -349,12 +348,11 @@ TEST_F(ServiceTlsLogin, TheServiceSendsEachRecordAtOnceAndNoTicket) {
   EXPECT_EQ(ServiceSideTcpOption(service_.pid(), ntohs(local.sin_port), TCP_NODELAY), 1);
   // No session ticket comes before the login reply: every connection presents the certificate,
   // so the client checks it every time.
-  const int32_t sequence =
-      pelmora::admin::NextSequenceNumber(pelmora::admin::kFirstSequenceNumber);
+  const int32_t sequence = pelmora::admin::NextSequenceNumber(pelmora::admin::kFirstSequenceNumber);
   const std::vector<uint8_t> login = pelmora::admin::BuildFramedPacket(
-      sequence, pelmora::admin::BuildLoginMessage(
-                    pelmora::admin::EncodeCredential("operator"),
-                    pelmora::admin::EncodeCredential(kOperatorPassword)));
+      sequence,
+      pelmora::admin::BuildLoginMessage(pelmora::admin::EncodeCredential("operator"),
+                                        pelmora::admin::EncodeCredential(kOperatorPassword)));
   ASSERT_EQ(SSL_write(ssl, login.data(), static_cast<int>(login.size())),
             static_cast<int>(login.size()));
   std::vector<uint8_t> reply(pelmora::admin::kPacketSize);
