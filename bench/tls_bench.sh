@@ -57,6 +57,8 @@ wait_port "$plain_port"
 wait_port "$tls_port"
 fingerprint=$("$service" --show-fingerprint -c "$work/pelmorad.toml" | grep -o 'SHA256:[A-Za-z0-9+/]*' | head -1)
 echo "TLS through pelmorad's own TLS listener; certificate $fingerprint"
+# Figures from a shared machine mean little without its load: printed before and after.
+echo "load average before: $(cut -d' ' -f1-3 /proc/loadavg)"
 pel() { "$tool" admin --account bench --password-file "$work/password" --quiet "$@"; }
 tls() { pel --tls --fingerprint "$fingerprint" "$@"; }
 
@@ -121,3 +123,4 @@ echo "exec true x$runs: TLS ${exec_tls} s, ssh ${exec_ssh} s: $(ratio "$exec_ssh
 for a in 0 1 2 3; do for b in $(seq 1 250); do echo "127.0.$a.$b:$tls_port"; done; done > "$work/hosts"
 fleet=$(seconds tls --hosts-file "$work/hosts" --parallel 64 exec true)
 echo "fleet exec true over TLS, 1000 sessions, --parallel 64: ${fleet} s (target under 3 s)"
+echo "load average after: $(cut -d' ' -f1-3 /proc/loadavg)"

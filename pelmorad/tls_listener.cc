@@ -64,6 +64,21 @@ struct Relay {
   bool timed_out = false;
 };
 
+// Puts a buffer of kRelayBytes between the TLS session's records and the TCP socket, so that the
+// records of one relay step go out in one send (the relay flushes it after each step) instead of
+// one send and one TCP segment each.
+bool BufferWrites(SSL* ssl) {
+  BIO* socket = SSL_get_rbio(ssl);
+  BIO* buffer = BIO_new(BIO_f_buffer());
+  if (buffer == nullptr || BIO_set_write_buffer_size(buffer, kRelayBytes) != 1 ||
+      BIO_up_ref(socket) != 1) {
+    BIO_free(buffer);
+    return false;
+  }
+  SSL_set0_wbio(ssl, BIO_push(buffer, socket));
+  return true;
+}
+
 // What an SSL call that did not complete waits for; nullopt when the connection is done (the
 // reason is then on OpenSSL's error queue).
 std::optional<Wait> WaitFor(SSL* ssl, int result) {
@@ -132,6 +147,14 @@ asio::awaitable<void> ToClient(std::shared_ptr<Relay> relay) {
       if (wait) co_await relay->tcp.async_wait(*wait, redirect_error(use_awaitable, error));
       sound = wait && !error;
     }
+    // The records of this step leave together.
+    BIO* out = SSL_get_wbio(relay->ssl);
+    while (sound && BIO_flush(out) <= 0) {
+      sound = BIO_should_retry(out) != 0;
+      if (sound)
+        co_await relay->tcp.async_wait(Wait::wait_write, redirect_error(use_awaitable, error));
+      sound = sound && !error;
+    }
   }
   ERR_clear_error();
   relay->CloseAll();
@@ -172,6 +195,10 @@ asio::awaitable<void> ServeConnection(ServiceContext& context, SSL_CTX* ssl_cont
 
   auto relay = std::make_shared<Relay>(std::move(socket));
   relay->tcp.non_blocking(true, error);
+  // A reply is often written as more than one record (the handshake's tickets, a size message
+  // and its block): with Nagle's algorithm the later ones would wait for the client's delayed
+  // acknowledgement of the first, 40 ms per exchange.
+  relay->tcp.set_option(asio::ip::tcp::no_delay(true), error);
   asio::steady_timer deadline(
       context.io,
       accepted + std::chrono::seconds(context.runtime->config.limits.login_grace_seconds));
@@ -217,6 +244,10 @@ asio::awaitable<void> ServeConnection(ServiceContext& context, SSL_CTX* ssl_cont
     }
   }
   deadline.cancel();
+  if (!BufferWrites(relay->ssl)) {
+    fail("no TLS session: " + OpenSslReason());
+    co_return;
+  }
   std::string fingerprint;
   if (X509* certificate = SSL_get0_peer_certificate(relay->ssl)) {
     fingerprint = CertificateFingerprintOf(certificate);
@@ -262,9 +293,16 @@ TlsListener::TlsListener(const TlsIdentity& identity) : fingerprint_(identity.fi
                          "pelmorad");
   }
   SSL_CTX_set_options(context_, SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATION);
-  SSL_CTX_set_mode(context_, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+  SSL_CTX_set_mode(context_, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER |
+                                 SSL_MODE_RELEASE_BUFFERS);
+  // Each receive takes up to a relay step of records; the buffer is given back while empty.
   SSL_CTX_set_read_ahead(context_, 1);
+  SSL_CTX_set_default_read_buffer_len(context_, kRelayBytes);
   SSL_CTX_set_verify(context_, SSL_VERIFY_PEER, AcceptAnyCertificate);
+  // No session tickets: a resumed session would skip the certificate the client pins, and the
+  // client never resumes, so they were two records and two encryptions of waste per connection.
+  SSL_CTX_set_num_tickets(context_, 0);
+  SSL_CTX_set_session_cache_mode(context_, SSL_SESS_CACHE_OFF);
 }
 
 TlsListener::~TlsListener() { SSL_CTX_free(context_); }

@@ -127,6 +127,11 @@ bool ChildProcess::WaitForOutput(const std::string& text, std::chrono::milliseco
   return true;
 }
 
+bool ChildProcess::Type(const std::string& text) {
+  return out_fd_ >= 0 && err_fd_ < 0 &&
+         write(out_fd_, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+}
+
 ChildProcess::Result ChildProcess::Finish(std::chrono::milliseconds limit) {
   Clock::time_point deadline = Clock::now() + limit;
   while (ReadSome(deadline)) {

@@ -47,6 +47,10 @@ class ChildProcess {
   // Reads standard output until it contains `text`; false when `limit` passes or it ends first.
   bool WaitForOutput(const std::string& text, std::chrono::milliseconds limit);
 
+  // Types `text` on the pseudo-terminal (kTerminal only), as a user at the keyboard would; false
+  // when it cannot be written.
+  bool Type(const std::string& text);
+
   // Reads both streams to their end and waits for the exit; after `limit` the child is killed
   // (status 128 + 9).
   Result Finish(std::chrono::milliseconds limit);

@@ -162,6 +162,38 @@ TEST_F(CliTlsTest, UnknownHostWithoutTerminalIsRefusedBeforeTheLogin) {
   EXPECT_TRUE(relay_->Received().empty());
 }
 
+TEST_F(CliTlsTest, TheTerminalsAnswerDecidesWhetherAnUnknownHostIsRecorded) {
+  struct Case {
+    const char* answer;
+    int status;
+    bool recorded;
+  };
+  // "no" first: a refusal must leave nothing behind for the "yes" to find.
+  for (const Case& c : {Case{"no", 3, false}, Case{"yes", 0, true}}) {
+    SCOPED_TRACE(c.answer);
+    ChildProcess tool({"admin", "--host", "127.0.0.1", "--port", std::to_string(relay_->port()),
+                       "--tls", "time"},
+                      env_, Attach::kTerminal);
+    ASSERT_TRUE(tool.WaitForOutput("? [y/N] ", kLimit)) << tool.Finish(kLimit).out;
+    ASSERT_TRUE(tool.Type(std::string(c.answer) + "\n"));
+    ChildProcess::Result result = tool.Finish(kLimit);
+    EXPECT_THAT(result.out, HasSubstr("The authenticity of host '" + RelayHost() +
+                                      "' can't be established."));
+    EXPECT_THAT(result.out, HasSubstr("Its certificate's fingerprint is " + fingerprint_ + "."));
+    EXPECT_THAT(result.out, HasSubstr("Trust it and record it in " + KnownHosts() + "?"));
+    EXPECT_EQ(result.status, c.status) << result.out;
+    if (c.recorded) {
+      EXPECT_EQ(ReadFile(KnownHosts()), RelayHost() + " " + fingerprint_ + "\n");
+      EXPECT_FALSE(relay_->Received().empty());  // the login went through, once trusted
+    } else {
+      EXPECT_THAT(result.out, HasSubstr("not trusted: the answer was no"));
+      EXPECT_EQ(ReadFile(KnownHosts()), "");
+      ASSERT_TRUE(relay_->WaitForEndedConnections(1, 10000));
+      EXPECT_TRUE(relay_->Received().empty());  // no credential left before the answer
+    }
+  }
+}
+
 TEST_F(CliTlsTest, TrustNewRecordsTheHostAndLaterRunsNeedNoQuestion) {
   ChildProcess::Result first = Admin({"--tls", "--trust-new", "time"});
   EXPECT_EQ(first.status, 0) << first.err;

@@ -38,6 +38,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// The session's buffer for bytes read ahead from the socket: several full records.
+constexpr size_t kReadBuffer = 256 * 1024;
+
 // The text of the oldest error on OpenSSL's queue of this thread, or `fallback` when it is empty.
 std::string OpenSslReason(std::string_view fallback) {
   const unsigned long code = ERR_peek_error();
@@ -75,8 +78,8 @@ bool AppendLine(const std::string& path, const std::string& line) {
 
 // The number and text of a certificate the CA file check refused.
 int32_t VerifyFailure(long result, std::string& message) {
-  message = std::string("The server's certificate was refused: ") +
-            X509_verify_cert_error_string(result);
+  message =
+      std::string("The server's certificate was refused: ") + X509_verify_cert_error_string(result);
   switch (result) {
     case X509_V_ERR_CERT_HAS_EXPIRED:
     case X509_V_ERR_CERT_NOT_YET_VALID:
@@ -94,6 +97,9 @@ int32_t VerifyFailure(long result, std::string& message) {
 struct ChannelBio {
   SocketApi* below;
   int fd;
+  // Whether the peer has closed its side: OpenSSL asks (BIO_eof) to tell a cut stream from a
+  // failed one.
+  bool ended = false;
 };
 
 int ChannelWrite(BIO* bio, const char* data, size_t size, size_t* written) {
@@ -116,11 +122,21 @@ int ChannelRead(BIO* bio, char* data, size_t size, size_t* read) {
     *read = static_cast<size_t>(got.value);
     return 1;
   }
+  if (got.ok()) channel->ended = true;
   if (!got.ok() && (got.error == EAGAIN || got.error == EWOULDBLOCK)) BIO_set_retry_read(bio);
   return 0;
 }
 
-long ChannelControl(BIO*, int command, long, void*) { return command == BIO_CTRL_FLUSH ? 1 : 0; }
+long ChannelControl(BIO* bio, int command, long, void*) {
+  switch (command) {
+    case BIO_CTRL_FLUSH:
+      return 1;
+    case BIO_CTRL_EOF:
+      return static_cast<ChannelBio*>(BIO_get_data(bio))->ended ? 1 : 0;
+    default:
+      return 0;
+  }
+}
 
 int ChannelDestroy(BIO* bio) {
   delete static_cast<ChannelBio*>(BIO_get_data(bio));
@@ -160,6 +176,8 @@ struct TlsSocketApi::Session {
   int fd = -1;
   // False once a fatal error has ended the session: no close notification is sent then.
   bool sound = true;
+  // The end of the stream (or its failure) met by a receive that returned bytes before it.
+  std::optional<SocketResult> end;
 };
 
 TlsSocketApi::TlsSocketApi(std::shared_ptr<SocketApi> below, TlsClientSettings settings)
@@ -179,15 +197,15 @@ void TlsSocketApi::DropSession(bool notify) {
   ERR_clear_error();
 }
 
-int32_t TlsSocketApi::Handshake(int fd, const std::string& host, int32_t port,
-                                int32_t timeout_ms, std::string& message) {
+int32_t TlsSocketApi::Handshake(int fd, const std::string& host, int32_t port, int32_t timeout_ms,
+                                std::string& message) {
   DropSession(false);
   presented_.clear();
   const std::string host_port = host + ":" + std::to_string(port);
-  if (settings_.fingerprint.empty() && settings_.ca_file.empty() &&
-      settings_.known_hosts.empty()) {
-    message = "No check of the server's identity was given: set a fingerprint, a CA file or a "
-              "known hosts file";
+  if (settings_.fingerprint.empty() && settings_.ca_file.empty() && settings_.known_hosts.empty()) {
+    message =
+        "No check of the server's identity was given: set a fingerprint, a CA file or a "
+        "known hosts file";
     return tlsCertificateNotTrusted;
   }
   ERR_clear_error();
@@ -203,6 +221,10 @@ int32_t TlsSocketApi::Handshake(int fd, const std::string& host, int32_t port,
   SSL_CTX_set_max_proto_version(context, TLS1_3_VERSION);
   SSL_CTX_set_options(context, SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATION);
   SSL_CTX_set_mode(context, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+  // Each receive from the socket takes as many records as have arrived (up to the buffer), not
+  // a record header and then its body.
+  SSL_CTX_set_read_ahead(context, 1);
+  SSL_CTX_set_default_read_buffer_len(context, kReadBuffer);
   if (!settings_.ca_file.empty()) {
     if (SSL_CTX_load_verify_locations(context, settings_.ca_file.c_str(), nullptr) != 1) {
       message = "The CA file " + settings_.ca_file +
@@ -214,8 +236,7 @@ int32_t TlsSocketApi::Handshake(int fd, const std::string& host, int32_t port,
   if (!settings_.client_certificate.empty() || !settings_.client_key.empty()) {
     if (settings_.client_certificate.empty() || settings_.client_key.empty() ||
         SSL_CTX_use_certificate_chain_file(context, settings_.client_certificate.c_str()) != 1 ||
-        SSL_CTX_use_PrivateKey_file(context, settings_.client_key.c_str(), SSL_FILETYPE_PEM) !=
-            1 ||
+        SSL_CTX_use_PrivateKey_file(context, settings_.client_key.c_str(), SSL_FILETYPE_PEM) != 1 ||
         SSL_CTX_check_private_key(context) != 1) {
       message = "The client certificate \"" + settings_.client_certificate + "\" and key \"" +
                 settings_.client_key +
@@ -256,8 +277,11 @@ int32_t TlsSocketApi::Handshake(int fd, const std::string& host, int32_t port,
       if (!settings_.ca_file.empty() && verified != X509_V_OK) {
         return VerifyFailure(verified, message);
       }
-      message = "The TLS handshake with " + host_port + " failed: " +
-                OpenSslReason("the server closed the connection") +
+      // A close in the middle of the handshake is said as such, not as OpenSSL's end of file.
+      const std::string closed = "the server closed the connection";
+      const bool ended = ERR_GET_REASON(ERR_peek_error()) == SSL_R_UNEXPECTED_EOF_WHILE_READING;
+      message = "The TLS handshake with " + host_port +
+                " failed: " + (ended ? closed : OpenSslReason(closed)) +
                 " (is it a plain administration port, or a server without TLS 1.3?)";
       return tlsChannelError;
     }
@@ -330,45 +354,83 @@ int32_t TlsSocketApi::CheckKnownHosts(const std::string& host_port, std::string&
   return 0;
 }
 
+// Writes records until everything is written or the socket is full: one call of the layer above
+// (and one wait for the socket) per block instead of per record.
 SocketResult TlsSocketApi::Send(int fd, const void* data, size_t size, int flags) {
   if (!Carries(fd)) return below_->Send(fd, data, size, flags);
-  ERR_clear_error();
-  size_t written = 0;
-  const int done = SSL_write_ex(session_->ssl, data, size, &written);
-  if (done == 1) return SocketResult{static_cast<int64_t>(written), 0};
-  const int error = SSL_get_error(session_->ssl, done);
-  if (error == SSL_ERROR_WANT_WRITE || error == SSL_ERROR_WANT_READ) {
-    return SocketResult{-1, EAGAIN};
+  const auto* bytes = static_cast<const unsigned char*>(data);
+  size_t total = 0;
+  while (total < size) {
+    ERR_clear_error();
+    size_t written = 0;
+    const int done = SSL_write_ex(session_->ssl, bytes + total, size - total, &written);
+    if (done == 1) {
+      total += written;
+      continue;
+    }
+    const int error = SSL_get_error(session_->ssl, done);
+    if (error != SSL_ERROR_WANT_WRITE && error != SSL_ERROR_WANT_READ) {
+      session_->sound = false;
+      // The records written count; the session's failure shows at the next send.
+      if (total == 0) return SocketResult{-1, ECONNRESET};
+    }
+    break;
   }
-  session_->sound = false;
-  return SocketResult{-1, ECONNRESET};
+  if (total > 0) return SocketResult{static_cast<int64_t>(total), 0};
+  return SocketResult{-1, EAGAIN};
 }
 
+// Takes every record that has arrived, up to `size` bytes: a short count means the socket has
+// nothing more for now, as on a plain socket. An end or a failure met after some bytes is kept
+// for the next call.
 SocketResult TlsSocketApi::Recv(int fd, void* data, size_t size, int flags) {
   if (!Carries(fd)) return below_->Recv(fd, data, size, flags);
-  ERR_clear_error();
-  size_t got = 0;
-  const int done = SSL_read_ex(session_->ssl, data, size, &got);
-  if (done == 1) return SocketResult{static_cast<int64_t>(got), 0};
-  const int error = SSL_get_error(session_->ssl, done);
-  if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) {
-    return SocketResult{-1, EAGAIN};
+  if (session_->end) return *std::exchange(session_->end, std::nullopt);
+  auto* bytes = static_cast<unsigned char*>(data);
+  size_t total = 0;
+  while (total < size) {
+    ERR_clear_error();
+    size_t got = 0;
+    const int done = SSL_read_ex(session_->ssl, bytes + total, size - total, &got);
+    if (done == 1) {
+      total += got;
+      continue;
+    }
+    const int error = SSL_get_error(session_->ssl, done);
+    if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) break;
+    SocketResult end{0, 0};
+    if (error != SSL_ERROR_ZERO_RETURN) {
+      session_->sound = false;
+      // A close without the close notification ends the stream as a plain close does; the
+      // framing above counts its bytes, so a cut stream is still seen as cut.
+      if (ERR_GET_REASON(ERR_peek_error()) != SSL_R_UNEXPECTED_EOF_WHILE_READING) {
+        end = SocketResult{-1, ECONNRESET};
+      }
+    }
+    if (total == 0) return end;
+    session_->end = end;
+    break;
   }
-  if (error == SSL_ERROR_ZERO_RETURN) return SocketResult{0, 0};
-  session_->sound = false;
-  // A close without the close notification ends the stream as a plain close does; the framing
-  // above counts its bytes, so a cut stream is still seen as cut.
-  if (ERR_GET_REASON(ERR_peek_error()) == SSL_R_UNEXPECTED_EOF_WHILE_READING) {
-    return SocketResult{0, 0};
-  }
-  return SocketResult{-1, ECONNRESET};
+  if (total > 0 || size == 0) return SocketResult{static_cast<int64_t>(total), 0};
+  return SocketResult{-1, EAGAIN};
 }
 
 SocketResult TlsSocketApi::Poll(int fd, short events, int timeout_ms) {
   if (!Carries(fd) || (events & POLLIN) == 0) return below_->Poll(fd, events, timeout_ms);
+  if (session_->end) return SocketResult{POLLIN, 0};
   const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  // Whether application data can be read without waiting; false when only part of a record (or
+  // records without any, such as session tickets, which are consumed) is there.
+  auto readable = [this] {
+    ERR_clear_error();
+    unsigned char byte = 0;
+    size_t got = 0;
+    const int done = SSL_peek_ex(session_->ssl, &byte, 1, &got);
+    return done == 1 || SSL_get_error(session_->ssl, done) != SSL_ERROR_WANT_READ;
+  };
   for (;;) {
-    if (SSL_pending(session_->ssl) > 0) return SocketResult{POLLIN, 0};
+    // Bytes read ahead from the socket wait in the session, where poll() cannot see them.
+    if (SSL_has_pending(session_->ssl) == 1 && readable()) return SocketResult{POLLIN, 0};
     int wait_ms = timeout_ms;
     if (timeout_ms > 0) {
       const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
@@ -376,12 +438,7 @@ SocketResult TlsSocketApi::Poll(int fd, short events, int timeout_ms) {
     }
     SocketResult ready = below_->Poll(fd, events, wait_ms);
     if (!ready.ok() || ready.value == 0 || (ready.value & POLLIN) == 0) return ready;
-    // Readable bytes may be a record without application data: take it and wait again.
-    ERR_clear_error();
-    unsigned char byte = 0;
-    size_t got = 0;
-    const int done = SSL_peek_ex(session_->ssl, &byte, 1, &got);
-    if (done == 1 || SSL_get_error(session_->ssl, done) != SSL_ERROR_WANT_READ) return ready;
+    if (readable()) return ready;
     if (timeout_ms == 0) return SocketResult{0, 0};
   }
 }

@@ -3,7 +3,9 @@
 // TlsSocketApi forwards every call to the layer below, except that once Handshake has succeeded
 // on a descriptor, Send, Recv and Poll on it go through the TLS session: WinSock (and everything
 // built on it) reads and writes the same bytes as on a plain socket. The descriptor is switched
-// to non-blocking mode; Recv and Send report EAGAIN where TLS needs more bytes first, Poll for
+// to non-blocking mode; Recv and Send report EAGAIN where TLS needs more bytes first. Recv
+// takes every record that has arrived (the session reads ahead from the socket), Send writes
+// records until the block is sent or the socket is full. Poll for
 // POLLIN waits until application data is there (records without any, such as session tickets,
 // are consumed while waiting). Close ends the session with a close notification when it is still
 // sound. One object serves one connection at a time.
