@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "pelmora/admin/wire_replies.h"
+#include "pelmora/platform/file_io.h"
 #include "pelmorad/atomic_file.h"
 #include "pelmorad/blocking.h"
 #include "pelmorad/file_info.h"
@@ -54,21 +55,13 @@ Source OpenSource(const DriveTable& drives, const DrivePath& path) {
   return source;
 }
 
-// Reads `size` bytes at `offset`; a file that shrank meanwhile is padded with zeros (the client
-// waits for exactly the announced size), and that is reported as 4.
-int32_t ReadChunk(int fd, off_t offset, std::vector<uint8_t>& buffer) {
-  std::size_t done = 0;
-  while (done < buffer.size()) {
-    ssize_t got =
-        ::pread(fd, buffer.data() + done, buffer.size() - done, offset + static_cast<off_t>(done));
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) {
-      std::fill(buffer.begin() + static_cast<std::ptrdiff_t>(done), buffer.end(), 0);
-      return kCannotOpen;
-    }
-    done += static_cast<std::size_t>(got);
-  }
-  return kSuccess;
+// Reads `buffer.size()` bytes at `offset`; a file that shrank meanwhile or a read that fails is
+// padded with zeros (the client waits for exactly the announced size), and that is reported as 4.
+int32_t ReadChunk(int fd, uint64_t offset, std::vector<uint8_t>& buffer) {
+  // Zeroed first: a read that fails leaves the bytes read before it and zeros after them.
+  std::fill(buffer.begin(), buffer.end(), 0);
+  ssize_t got = pelmora::platform::PreadFully(fd, buffer, offset);
+  return got == static_cast<ssize_t>(buffer.size()) ? kSuccess : kCannotOpen;
 }
 
 }  // namespace
@@ -137,8 +130,8 @@ asio::awaitable<bool> HandleDownload(RequestScope& request, const RequestBlock& 
   std::vector<uint8_t> buffer;
   for (std::size_t offset = 0; offset < total;) {
     buffer.resize(std::min(kDownloadChunk, total - offset));
-    int32_t read = co_await request.RunOnPool(
-        [&] { return ReadChunk(source.fd.get(), static_cast<off_t>(offset), buffer); });
+    int32_t read =
+        co_await request.RunOnPool([&] { return ReadChunk(source.fd.get(), offset, buffer); });
     if (result == kSuccess) result = read;
     if (!co_await request.channel.SendRaw(buffer)) co_return false;
     offset += buffer.size();
