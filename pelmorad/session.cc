@@ -143,8 +143,8 @@ asio::awaitable<void> Session::Watchdog() {
     if (!error && idle_timer.expiry() <= asio::steady_timer::clock_type::now() &&
         channel_.is_open()) {
       if (command_group_ > 0 && !channel_.sending()) {
-        channel_
-            .ArmIdleTimer();  // a silent command: the client waits for it, not the other way round
+        // A silent command: the client waits for it, not the other way round.
+        channel_.ArmIdleTimer();
         continue;
       }
       bool grace = account_ == nullptr && login_deadline_ <= asio::steady_timer::clock_type::now();

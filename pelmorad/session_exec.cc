@@ -71,11 +71,8 @@ std::string OutcomeText(const pelmora::admin::ExecExit& exit) {
 // A started command and the session socket's descriptor, shared with the stream thread.
 struct ExecJob {
   std::optional<pelmora::ChildProcess> child;
-  int socket_fd = -1;
+  UniqueFd socket_fd;
   ExecStreamLimits limits;
-  ~ExecJob() {
-    if (socket_fd >= 0) ::close(socket_fd);
-  }
 };
 
 // Answers the run request and runs the stream phase until the command's exit frame is sent or
@@ -87,7 +84,7 @@ asio::awaitable<bool> StreamExec(RequestScope& request, std::shared_ptr<ExecJob>
     co_return false;
   }
   request.channel.HoldIdleTimer();
-  job->socket_fd = ::dup(request.channel.socket().native_handle());
+  job->socket_fd.reset(::dup(request.channel.socket().native_handle()));
   job->limits.timeout_ms = timeout;
   job->limits.finish_ms = request.limits().idle_seconds * 1000;
   request.command_group = job->child->pid();
@@ -96,8 +93,9 @@ asio::awaitable<bool> StreamExec(RequestScope& request, std::shared_ptr<ExecJob>
   ExecJob* running = job.get();
   ExecStreamResult result;
   try {
-    result = co_await RunOnOwnThread(
-        [running] { return RunExecStream(running->socket_fd, *running->child, running->limits); });
+    result = co_await RunOnOwnThread([running] {
+      return RunExecStream(running->socket_fd.get(), *running->child, running->limits);
+    });
   } catch (const std::system_error&) {
     // No thread to serve the command: it is killed and the session ends.
     KillCommandTree(*job->child);
