@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "pelmora/common/error.h"
+#include "pelmora/platform/file_io.h"
 #include "pelmora/platform/utf8.h"
 #include "pelmorad/command_tree.h"
 
@@ -39,8 +40,8 @@ std::optional<std::string> RunForOutput(const pelmora::ChildSpec& launch, std::s
     if (left.count() <= 0) break;
     pollfd entry{child->output_fd(), POLLIN, 0};
     if (::poll(&entry, 1, static_cast<int>(left.count())) <= 0) continue;
-    ssize_t got = ::read(child->output_fd(), buffer, sizeof(buffer));
-    if (got < 0 && (errno == EAGAIN || errno == EINTR)) continue;
+    ssize_t got = pelmora::platform::Read(child->output_fd(), buffer, sizeof(buffer));
+    if (got < 0 && errno == EAGAIN) continue;
     if (got <= 0) break;
     output.append(buffer, static_cast<std::size_t>(got));
   }

@@ -13,6 +13,8 @@
 #include <optional>
 #include <vector>
 
+#include "pelmora/platform/file_io.h"
+
 namespace pelmorad {
 
 using pelmora::admin::ExecExit;
@@ -230,8 +232,7 @@ void ExecStream::WriteInput() {
     uint8_t piece[kReadPiece];
     std::size_t size = std::min(input_.size(), sizeof(piece));
     std::copy_n(input_.begin(), size, piece);
-    ssize_t written = ::write(child_.input_fd(), piece, size);
-    if (written < 0 && errno == EINTR) continue;
+    ssize_t written = pelmora::platform::Write(child_.input_fd(), piece, size);
     if (written < 0 && errno == EAGAIN) break;
     if (written <= 0) {
       DropInput();  // the command closed its input
@@ -262,8 +263,8 @@ void ExecStream::ReadOutput(int& fd, ExecFrameKind kind) {
   uint8_t buffer[kReadPiece];
   std::size_t wanted = static_cast<std::size_t>(
       std::min<int64_t>(output_window_, static_cast<int64_t>(sizeof(buffer))));
-  ssize_t got = ::read(fd, buffer, wanted);
-  if (got < 0 && (errno == EAGAIN || errno == EINTR)) return;
+  ssize_t got = pelmora::platform::Read(fd, buffer, wanted);
+  if (got < 0 && errno == EAGAIN) return;
   if (got <= 0) {
     fd = -1;  // end of file; the descriptor itself belongs to the child object
     return;

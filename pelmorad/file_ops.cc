@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "pelmora/platform/file_io.h"
@@ -42,10 +43,13 @@ int32_t CopyContent(int from, int to) {
         continue;
       }
     } else {
-      moved = ::read(from, buffer.data(), buffer.size());
-      if (moved > 0 && ::write(to, buffer.data(), static_cast<size_t>(moved)) != moved) moved = -1;
+      moved = pelmora::platform::Read(from, buffer.data(), buffer.size());
+      int error = moved > 0 ? pelmora::platform::WriteFully(
+                                  to, std::string_view(buffer.data(), static_cast<size_t>(moved)))
+                            : 0;
+      if (error != 0) return FromErrno(error, Missing::kFile);
     }
-    if (moved < 0 && errno == EINTR) continue;
+    if (moved < 0 && errno == EINTR) continue;  // copy_file_range
     if (moved < 0) return FromErrno(errno, Missing::kFile);
     if (moved == 0) return kSuccess;
   }

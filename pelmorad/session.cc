@@ -5,16 +5,15 @@
 #include <algorithm>
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
-#include <asio/read.hpp>
 #include <asio/redirect_error.hpp>
 #include <asio/use_awaitable.hpp>
-#include <asio/write.hpp>
 #include <chrono>
 #include <random>
 
 #include "pelmora/admin/wire_replies.h"
 #include "pelmorad/audit.h"
 #include "pelmorad/command_tree.h"
+#include "pelmorad/session_requests.h"
 #include "pelmorad/win_error.h"
 
 namespace pelmorad {
@@ -46,8 +45,9 @@ bool LooksLikeAnnouncement(std::span<const uint8_t> data, int limit) {
 Session::Session(ServiceContext& context, Socket socket, Connection connection)
     : context_(context),
       runtime_(context.runtime),
-      socket_(std::move(socket)),
-      idle_timer_(socket_.get_executor()),
+      channel_(std::move(socket),
+               {.idle_deadline = [this] { return IdleDeadline(); },
+                .closing = [this](const std::string& reason) { ClosedBy(reason); }}),
       connection_(std::move(connection)) {
   peer_ = PeerText(connection_.peer, address_);
   context_.sessions.insert(this);
@@ -78,8 +78,8 @@ bool Session::Admit(ServiceContext& context, const asio::ip::tcp::endpoint& endp
   auto per_address = context.sessions_per_address.find(address);
   bool too_many =
       static_cast<int>(context.sessions.size()) + context.served_by_workers >= limits.sessions ||
-                  (per_address != context.sessions_per_address.end() &&
-                   per_address->second >= limits.sessions_per_address);
+      (per_address != context.sessions_per_address.end() &&
+       per_address->second >= limits.sessions_per_address);
   if (too_many || context.stopping) {
     Audit({peer, "", -1, "refused: session limit", kAccessDenied});
     return false;
@@ -104,19 +104,16 @@ void Session::Start(ServiceContext& context, Socket socket, Connection connectio
 
 void Session::Close() {
   KillCommand();  // a command never outlives its session
-  asio::error_code ignored;
-  socket_.shutdown(Socket::shutdown_both, ignored);
-  socket_.close(ignored);
-  idle_timer_.cancel();
+  channel_.Close();
 }
 
 void Session::Reconfigured(const Runtime& runtime) {
-  if (account_ == nullptr || !socket_.is_open()) return;
+  if (account_ == nullptr || !channel_.is_open()) return;
   if (!AccountUnchanged(*runtime_, *account_, runtime)) Revoke();
 }
 
 void Session::Revoke() {
-  if (account_ == nullptr || !socket_.is_open()) return;
+  if (account_ == nullptr || !channel_.is_open()) return;
   Audit({peer_, account_->name, -1, "closed: the account was removed or changed by a reload",
          kAccessDenied});
   Close();
@@ -127,25 +124,30 @@ void Session::KillCommand() {
   if (command_group_ > 0) KillProcessTree(command_group_);
 }
 
-void Session::ArmIdleTimer() {
+asio::steady_timer::time_point Session::IdleDeadline() const {
   auto idle = asio::steady_timer::clock_type::now() + std::chrono::seconds(limits().idle_seconds);
-  idle_timer_.expires_at(account_ != nullptr ? idle : std::min(idle, login_deadline_));
+  return account_ != nullptr ? idle : std::min(idle, login_deadline_);
+}
+
+void Session::ClosedBy(const std::string& reason) const {
+  Audit({peer_, account_ ? account_->name : "", -1, reason, kInvalidParameter});
 }
 
 asio::awaitable<void> Session::Watchdog() {
   auto self = shared_from_this();
-  ArmIdleTimer();
-  while (socket_.is_open()) {
+  asio::steady_timer& idle_timer = channel_.idle_timer();
+  channel_.ArmIdleTimer();
+  while (channel_.is_open()) {
     asio::error_code error;
-    co_await idle_timer_.async_wait(asio::redirect_error(asio::use_awaitable, error));
-    if (!error && idle_timer_.expiry() <= asio::steady_timer::clock_type::now() &&
-        socket_.is_open()) {
-      if (command_group_ > 0 && !sending_) {
-        ArmIdleTimer();  // a silent command: the client waits for it, not the other way round
+    co_await idle_timer.async_wait(asio::redirect_error(asio::use_awaitable, error));
+    if (!error && idle_timer.expiry() <= asio::steady_timer::clock_type::now() &&
+        channel_.is_open()) {
+      if (command_group_ > 0 && !channel_.sending()) {
+        // A silent command: the client waits for it, not the other way round.
+        channel_.ArmIdleTimer();
         continue;
       }
-      bool grace = account_ == nullptr &&
-                   login_deadline_ <= asio::steady_timer::clock_type::now();
+      bool grace = account_ == nullptr && login_deadline_ <= asio::steady_timer::clock_type::now();
       Audit({peer_, account_ ? account_->name : "", -1,
              grace ? "closed: not logged in within the grace time" : "closed: idle", kTimeout});
       Close();
@@ -153,80 +155,16 @@ asio::awaitable<void> Session::Watchdog() {
   }
 }
 
-asio::awaitable<bool> Session::ReadExactly(std::span<uint8_t> buffer) {
-  ArmIdleTimer();
-  if (!pending_.empty()) {
-    std::size_t taken = std::min(pending_.size(), buffer.size());
-    std::copy_n(pending_.begin(), taken, buffer.begin());
-    pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(taken));
-    buffer = buffer.subspan(taken);
-    if (buffer.empty()) co_return true;
-  }
-  asio::error_code error;
-  co_await asio::async_read(socket_, asio::buffer(buffer.data(), buffer.size()),
-                            asio::redirect_error(asio::use_awaitable, error));
-  co_return !error;
-}
-
-asio::awaitable<bool> Session::SendRaw(std::span<const uint8_t> data) {
-  ArmIdleTimer();
-  asio::error_code error;
-  sending_ = true;
-  co_await asio::async_write(socket_, asio::buffer(data.data(), data.size()),
-                             asio::redirect_error(asio::use_awaitable, error));
-  sending_ = false;
-  co_return !error;
-}
-
-asio::awaitable<std::optional<Session::ClientMessage>> Session::ReadMessage() {
-  std::vector<uint8_t> packet(pelmora::admin::kPacketSize);
-  std::span<uint8_t> rest(packet);
-  if (account_ == nullptr && !connection_.tls) {
-    // A framed packet starts with 0xFF; a TLS client's first record with 0x16: that client
-    // would wait for the handshake's answer while the session waits for the whole packet.
-    constexpr std::size_t kFirstBytes = 3;
-    constexpr uint8_t kTlsHandshakeRecord = 0x16;
-    if (!co_await ReadExactly(rest.first(kFirstBytes))) co_return std::nullopt;
-    if (packet[0] == kTlsHandshakeRecord) {
-      Audit({peer_, "", -1, "closed: a TLS client on the plain port", kInvalidParameter});
-      co_return std::nullopt;
-    }
-    rest = rest.subspan(kFirstBytes);
-  }
-  if (!co_await ReadExactly(rest)) co_return std::nullopt;
-  int32_t sequence = pelmora::admin::PacketSequenceNumber(packet);
-  pelmora::admin::FramedMessage framed = pelmora::admin::ParseFramedPacket(packet, sequence);
-  if (framed.fault != pelmora::admin::PacketFault::kNone) {
-    Audit(
-        {peer_, account_ ? account_->name : "", -1, "closed: malformed packet", kInvalidParameter});
-    co_return std::nullopt;
-  }
-  sequence_ = sequence;
-  co_return ClientMessage{sequence, std::vector<uint8_t>(framed.data.begin(), framed.data.end())};
-}
-
-asio::awaitable<bool> Session::SendMessage(std::span<const uint8_t> data) {
-  std::vector<uint8_t> packet = pelmora::admin::BuildFramedPacket(sequence_, data);
-  co_return co_await SendRaw(packet);
-}
-
-asio::awaitable<bool> Session::SendResult(int32_t error) {
-  std::string text = error == kSuccess ? std::string() : ErrorText(error);
-  co_return co_await SendMessage(pelmora::admin::BuildResultReply(error == kSuccess, error, text));
-}
-
-asio::awaitable<bool> Session::SendSized(std::span<const uint8_t> data) {
-  auto size = pelmora::admin::BuildSizeMessage(static_cast<int32_t>(data.size()));
-  if (!co_await SendMessage(size)) co_return false;
-  co_return data.empty() || co_await SendRaw(data);
+asio::awaitable<std::optional<SessionChannel::Message>> Session::ReadMessage() {
+  co_return co_await channel_.ReadMessage(account_ == nullptr && !connection_.tls);
 }
 
 asio::awaitable<void> Session::Run() {
   auto self = shared_from_this();
-  while (socket_.is_open()) {
+  while (channel_.is_open()) {
     idle_ = true;
     if (context_.stopping) break;
-    std::optional<ClientMessage> message = co_await ReadMessage();
+    std::optional<SessionChannel::Message> message = co_await ReadMessage();
     idle_ = false;
     bool logged_in = account_ != nullptr;
     if (!message || !co_await HandleMessage(*message)) break;
@@ -238,7 +176,7 @@ asio::awaitable<void> Session::Run() {
   Close();
 }
 
-asio::awaitable<bool> Session::HandleMessage(const ClientMessage& message) {
+asio::awaitable<bool> Session::HandleMessage(const SessionChannel::Message& message) {
   if (account_ == nullptr && !LooksLikeAnnouncement(message.data, limits().request_bytes)) {
     co_return co_await HandleLogin(message.data);
   }
@@ -259,7 +197,7 @@ asio::awaitable<bool> Session::HandleAnnouncement(int32_t total) {
   }
   std::vector<uint8_t> raw(
       std::max<std::size_t>(pelmora::admin::kPacketSize, static_cast<std::size_t>(total)));
-  if (!co_await ReadExactly(raw)) co_return false;
+  if (!co_await channel_.ReadExactly(raw)) co_return false;
   std::optional<RequestBlock> block =
       pelmora::admin::ParseRequestBlock(std::span<const uint8_t>(raw).first(total));
   if (!block) {
@@ -270,7 +208,7 @@ asio::awaitable<bool> Session::HandleAnnouncement(int32_t total) {
   if (account_ == nullptr) {
     refused_before_login_ += 1;
     AuditRequest(block->code, "refused: not logged in", kAccessDenied);
-    bool sent = co_await Refuse(*block, kAccessDenied);
+    bool sent = co_await Refuse(channel_, *block, kAccessDenied, !connection_.tls);
     co_return sent&& refused_before_login_ < kMaxRequestsBeforeLogin;
   }
   co_return co_await Dispatch(*block);

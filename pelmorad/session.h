@@ -1,6 +1,7 @@
 // One client connection: a coroutine that reads the login message and then one request after the
-// other, answers each in its reply form, and audits it. Created by the listener; lives as long as
-// its coroutine (it holds itself through a shared pointer).
+// other, hands each to its family's handler (session_requests.h) and audits it. The connection's
+// framing is its SessionChannel. Created by the listener; lives as long as its coroutine (it
+// holds itself through a shared pointer).
 //
 //   Session::Start(context, std::move(socket), {.peer = tcp_socket.remote_endpoint()});
 //
@@ -10,12 +11,11 @@
 #ifndef PELMORAD_SESSION_H_
 #define PELMORAD_SESSION_H_
 
+#include <algorithm>
 #include <asio/awaitable.hpp>
 #include <asio/generic/stream_protocol.hpp>
 #include <asio/ip/tcp.hpp>
-#include <asio/posix/stream_descriptor.hpp>
 #include <asio/steady_timer.hpp>
-#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -24,9 +24,8 @@
 #include <vector>
 
 #include "pelmora/admin/wire.h"
-#include "pelmorad/blocking.h"
-#include "pelmorad/drive_path.h"
 #include "pelmorad/runtime.h"
+#include "pelmorad/session_channel.h"
 #include "pelmorad/worker_link.h"
 
 namespace pelmorad {
@@ -36,25 +35,22 @@ inline constexpr int kMaxRequestsBeforeLogin = 3;
 // The largest request block a session accepts before a successful login (it is refused anyway).
 inline constexpr int kRequestBytesBeforeLogin = 8192;
 
-struct RunningCommand;
-struct ExecJob;
-
 // "192.0.2.1:40312" or "[2001:db8::1]:40312", as the audit lines name a client.
 std::string EndpointText(const asio::ip::tcp::endpoint& peer);
 
 // What the listener knows about a connection.
 struct Connection {
-  asio::ip::tcp::endpoint peer;     // the client's address and port
-  bool tls = false;                 // the bytes arrive through TLS
-  std::string client_fingerprint;   // of the client's certificate over TLS, "" for none
+  asio::ip::tcp::endpoint peer;    // the client's address and port
+  bool tls = false;                // the bytes arrive through TLS
+  std::string client_fingerprint;  // of the client's certificate over TLS, "" for none
   // When the connection was accepted (the login grace time runs from it); default: now.
   std::optional<asio::steady_timer::time_point> accepted;
-  bool admitted = false;            // the listener has already applied the connection limits
+  bool admitted = false;  // the listener has already applied the connection limits
 };
 
 class Session : public std::enable_shared_from_this<Session> {
  public:
-  using Socket = asio::generic::stream_protocol::socket;
+  using Socket = SessionChannel::Socket;
 
   Session(ServiceContext& context, Socket socket, Connection connection);
   ~Session();
@@ -93,77 +89,27 @@ class Session : public std::enable_shared_from_this<Session> {
   const std::string& address() const { return address_; }
 
  private:
-  // A framed message from the client.
-  struct ClientMessage {
-    int32_t sequence = 0;
-    std::vector<uint8_t> data;
-  };
-  // A path argument checked against the drives and the account.
-  struct Target {
-    DrivePath path;
-    std::string text;  // as sent, for the audit line
-    int32_t error = 0;
-  };
-
   asio::awaitable<void> Run();
   // Passes the connection of a session that has just logged in to its account's worker.
   void HandOff();
   asio::awaitable<void> Watchdog();
-  void ArmIdleTimer();
-
-  // Socket steps; false when the connection is gone (closed, reset, idle time-out).
-  asio::awaitable<bool> ReadExactly(std::span<uint8_t> buffer);
-  asio::awaitable<std::optional<ClientMessage>> ReadMessage();
-  asio::awaitable<bool> SendMessage(std::span<const uint8_t> data);
-  asio::awaitable<bool> SendRaw(std::span<const uint8_t> data);
-  asio::awaitable<bool> SendResult(int32_t error);
-  asio::awaitable<bool> SendSized(std::span<const uint8_t> data);
+  // When the idle timer runs out if nothing moves from now on: the idle time, and before the
+  // login no later than the login grace time.
+  asio::steady_timer::time_point IdleDeadline() const;
+  // Audits the end of a connection whose client broke the framing.
+  void ClosedBy(const std::string& reason) const;
 
   // Protocol steps; false ends the session.
-  asio::awaitable<bool> HandleMessage(const ClientMessage& message);
+  asio::awaitable<std::optional<SessionChannel::Message>> ReadMessage();
+  asio::awaitable<bool> HandleMessage(const SessionChannel::Message& message);
+  // The login exchange (session_login.cc).
   asio::awaitable<bool> HandleLogin(std::span<const uint8_t> data);
   // Logs the session in as `account` (held by runtime_) and answers success.
   asio::awaitable<bool> LogIn(const Account& account, const std::string& audit_text);
   asio::awaitable<bool> HandleAnnouncement(int32_t total);
+  // Hands a logged-in session's request to its family's handler (session_dispatch.cc).
   asio::awaitable<bool> Dispatch(const pelmora::admin::RequestBlock& block);
-  asio::awaitable<bool> Refuse(const pelmora::admin::RequestBlock& block, int32_t error);
 
-  // Requests (session_files.cc, session_info.cc, session_transfer.cc, session_command.cc).
-  asio::awaitable<bool> HandleFileRequest(const pelmora::admin::RequestBlock& block);
-  asio::awaitable<bool> HandleCopy(const pelmora::admin::RequestBlock& block);
-  asio::awaitable<bool> HandleFileInfo(const pelmora::admin::RequestBlock& block);
-  asio::awaitable<bool> HandleListing(const pelmora::admin::RequestBlock& block);
-  asio::awaitable<bool> HandlePathWithKey(const pelmora::admin::RequestBlock& block);
-  asio::awaitable<bool> HandlePrintQueue(const pelmora::admin::RequestBlock& block);
-  asio::awaitable<bool> HandleSameMachine(const pelmora::admin::RequestBlock& block);
-  asio::awaitable<bool> HandleFileVersion(const pelmora::admin::RequestBlock& block);
-  asio::awaitable<bool> HandleText(const pelmora::admin::RequestBlock& block);
-  asio::awaitable<bool> HandleUpload(const pelmora::admin::RequestBlock& block);
-  asio::awaitable<bool> HandleDownload(const pelmora::admin::RequestBlock& block);
-  asio::awaitable<bool> HandleCommand(const pelmora::admin::RequestBlock& block);
-  // Forwards a running command's output until it ends, is killed or the client goes; false when
-  // the connection is gone.
-  asio::awaitable<bool> StreamCommand(std::shared_ptr<RunningCommand> command, int32_t timeout);
-  asio::awaitable<bool> ForwardOutput(asio::posix::stream_descriptor& output);
-  // The extended command exchange (session_exec.cc): hello and run requests.
-  asio::awaitable<bool> HandleExec(const pelmora::admin::RequestBlock& block);
-  asio::awaitable<bool> StreamExec(std::shared_ptr<ExecJob> job, int32_t timeout,
-                                   std::string audit_text);
-  // The file mode requests (session_mode.cc): get mode and set mode.
-  asio::awaitable<bool> HandleMode(const pelmora::admin::RequestBlock& block);
-
-  // Runs file work on the pool. Requests are served only in an account worker, which already
-  // is the account's user.
-  template <typename Function>
-  auto RunFileWork(Function function) {
-    return RunBlocking(context_.pool, std::move(function));
-  }
-
-  // Checks argument `index` as a path; `write` when the request changes the file system.
-  Target ResolveArgument(const pelmora::admin::RequestBlock& block, std::size_t index,
-                         bool write) const;
-  // The flag argument `index` ("TRUE" is true).
-  static bool FlagArgument(const pelmora::admin::RequestBlock& block, std::size_t index);
   void AuditRequest(int code, const std::string& path, int32_t result) const;
   const Limits& limits() const { return runtime_->config.limits; }
   // The largest request block accepted now.
@@ -176,21 +122,16 @@ class Session : public std::enable_shared_from_this<Session> {
 
   ServiceContext& context_;
   std::shared_ptr<const Runtime> runtime_;
-  Socket socket_;
-  asio::steady_timer idle_timer_;
+  SessionChannel channel_;
   Connection connection_;
   std::string address_;
   std::string peer_;  // address:port
   const Account* account_ = nullptr;
-  const Identity* identity_ = nullptr;  // the account's, held by runtime_
-  int32_t sequence_ = 0;  // of the client's last framed message
-  uint64_t handed_off_as_ = 0;   // in a worker: the id the root process gave the session
-  std::vector<uint8_t> pending_;  // bytes the root process read past the login
+  uint64_t handed_off_as_ = 0;  // in a worker: the id the root process gave the session
   int refused_before_login_ = 0;
   bool counted_unauthenticated_ = true;  // counted in context_.unauthenticated
   asio::steady_timer::time_point login_deadline_;
   bool idle_ = true;
-  bool sending_ = false;   // a write to the client is waiting (the client may not be reading)
   int command_group_ = 0;  // process group of the running command, 0 when none
 };
 

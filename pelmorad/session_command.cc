@@ -1,6 +1,5 @@
-// Requests that run programs: command lines (code 20), the print queue (code 14) and the file
-// version of a Windows executable (code 18).
-#include <fcntl.h>
+// Requests that run programs: command lines (code 20), their output streamed as it comes, and
+// the print queue (code 14).
 #include <unistd.h>
 
 #include <asio/posix/stream_descriptor.hpp>
@@ -18,13 +17,14 @@
 #include "pelmorad/blocking.h"
 #include "pelmorad/command_output.h"
 #include "pelmorad/command_tree.h"
-#include "pelmorad/pe_version.h"
-#include "pelmorad/session.h"
+#include "pelmorad/session_requests.h"
 #include "pelmorad/win_error.h"
 
 namespace pelmorad {
 
 using pelmora::admin::RequestBlock;
+
+namespace {
 
 // One running command, shared with the handlers that may end it.
 struct RunningCommand {
@@ -44,8 +44,6 @@ struct RunningCommand {
     slot = nullptr;
   }
 };
-
-namespace {
 
 constexpr std::size_t kPrintQueueBytes = 64 * 1024;
 constexpr auto kDrainAfterExit = std::chrono::seconds(1);
@@ -79,55 +77,36 @@ int32_t StatusFor(const RunningCommand& command, const pelmora::ChildExit& exit)
                         : pelmora::admin::kProcessEndedNormally;
 }
 
-}  // namespace
-
-asio::awaitable<bool> Session::HandleCommand(const RequestBlock& block) {
-  std::optional<pelmora::admin::CommandRequest> request =
-      pelmora::admin::ParseCommandRequest(block);
-  int32_t refusal = !request                                                 ? kInvalidParameter
-                    : !account_->commands                                    ? kAccessDenied
-                    : !context_.running_commands.TryTake(limits().commands) ? kNotEnoughMemory
-                                                                             : kSuccess;
-  if (refusal != kSuccess) {
-    AuditRequest(block.code, request ? request->command : "", refusal);
-    co_return co_await Refuse(block, refusal);
+// Sends the output as command output replies, cut only between whole UTF-8 characters.
+asio::awaitable<bool> ForwardOutput(SessionChannel& channel,
+                                    asio::posix::stream_descriptor& output) {
+  std::string pending;
+  std::vector<char> buffer(pelmora::admin::kMaxCommandOutput);
+  while (true) {
+    asio::error_code error;
+    std::size_t got =
+        co_await output.async_read_some(asio::buffer(buffer.data(), buffer.size() - pending.size()),
+                                        asio::redirect_error(asio::use_awaitable, error));
+    if (error) break;
+    pending.append(buffer.data(), got);
+    std::size_t whole = WholeUtf8Prefix(pending);
+    if (whole == 0) continue;
+    std::vector<uint8_t> reply =
+        pelmora::admin::BuildCommandOutputReply(std::string_view(pending).substr(0, whole));
+    pending.erase(0, whole);
+    if (!co_await channel.SendMessage(reply)) co_return false;
   }
-  auto command = std::make_shared<RunningCommand>();
-  pelmora::ChildSpec launch = SpecFor(runtime_->config, *account_, request->command);
-  command->start_error = co_await RunBlocking(context_.pool, [&] {
-    try {
-      command->child.emplace(pelmora::ChildProcess::Start(launch));
-      return 0;
-    } catch (const pelmora::Error& error) {
-      return static_cast<int>(error.Number());
-    }
-  });
-  if (command->start_error != 0) {
-    context_.running_commands.Give();
-    AuditRequest(block.code, request->command, command->start_error);
-    co_return co_await Refuse(block, command->start_error);
-  }
-  command->slot = &context_.running_commands;
-  command_group_ = command->child->pid();
-  bool connected = co_await StreamCommand(command, request->timeout);
-  command_group_ = 0;
-  command->ReleaseSlot();
-  pelmora::ChildExit exit =
-      co_await RunBlocking(context_.pool, [&] { return command->child->Wait(); });
-  int32_t status = StatusFor(*command, exit);
-  AuditRequest(block.code,
-               request->command + (exit.signalled ? " (signal " : " (exit ") +
-                   std::to_string(exit.code) + ")",
-               command->client_gone ? kInvalidFunction : status);
-  if (!connected || command->client_gone) co_return false;
-  std::vector<uint8_t> reply = pelmora::admin::BuildCommandStatusReply(status);
-  co_return co_await SendMessage(reply);
+  if (pending.empty()) co_return true;
+  std::vector<uint8_t> reply = pelmora::admin::BuildCommandOutputReply(pending);
+  co_return co_await channel.SendMessage(reply);
 }
 
-asio::awaitable<bool> Session::StreamCommand(std::shared_ptr<RunningCommand> command,
-                                             int32_t timeout) {
-  idle_timer_.expires_at(asio::steady_timer::time_point::max());
-  auto io = std::make_shared<CommandIo>(socket_.get_executor(), *command->child);
+// Forwards a running command's output until it ends, is killed or the client goes; false when
+// the connection is gone.
+asio::awaitable<bool> StreamCommand(RequestScope& request, std::shared_ptr<RunningCommand> command,
+                                    int32_t timeout) {
+  request.channel.HoldIdleTimer();
+  auto io = std::make_shared<CommandIo>(request.channel.socket().get_executor(), *command->child);
   if (timeout > 0) {
     io->deadline.expires_after(std::chrono::milliseconds(timeout));
     io->deadline.async_wait([command](const asio::error_code& error) {
@@ -136,11 +115,12 @@ asio::awaitable<bool> Session::StreamCommand(std::shared_ptr<RunningCommand> com
       command->Kill();
     });
   }
-  socket_.async_wait(asio::socket_base::wait_read, [command](const asio::error_code& error) {
-    if (error || command->finished) return;
-    command->client_gone = true;  // a client never sends while its command runs
-    command->Kill();
-  });
+  request.channel.socket().async_wait(
+      asio::socket_base::wait_read, [command](const asio::error_code& error) {
+        if (error || command->finished) return;
+        command->client_gone = true;  // a client never sends while its command runs
+        command->Kill();
+      });
   io->exit_watch.async_wait(asio::posix::descriptor_base::wait_read,
                             [io, command](const asio::error_code& error) {
                               if (error) return;
@@ -154,7 +134,7 @@ asio::awaitable<bool> Session::StreamCommand(std::shared_ptr<RunningCommand> com
                                 if (!drained) io->output.cancel();
                               });
                             });
-  bool connected = co_await ForwardOutput(io->output);
+  bool connected = co_await ForwardOutput(request.channel, io->output);
   asio::error_code ignored;
   io->output_ended = true;
   io->drain.cancel();
@@ -173,67 +153,71 @@ asio::awaitable<bool> Session::StreamCommand(std::shared_ptr<RunningCommand> com
   command->finished = true;
   io->deadline.cancel();
   io->exit_watch.cancel(ignored);
-  socket_.cancel(ignored);
+  request.channel.socket().cancel(ignored);
   co_return connected;
 }
 
-asio::awaitable<bool> Session::ForwardOutput(asio::posix::stream_descriptor& output) {
-  std::string pending;
-  std::vector<char> buffer(pelmora::admin::kMaxCommandOutput);
-  while (true) {
-    asio::error_code error;
-    std::size_t got =
-        co_await output.async_read_some(asio::buffer(buffer.data(), buffer.size() - pending.size()),
-                                        asio::redirect_error(asio::use_awaitable, error));
-    if (error) break;
-    pending.append(buffer.data(), got);
-    std::size_t whole = WholeUtf8Prefix(pending);
-    if (whole == 0) continue;
-    std::vector<uint8_t> reply =
-        pelmora::admin::BuildCommandOutputReply(std::string_view(pending).substr(0, whole));
-    pending.erase(0, whole);
-    if (!co_await SendMessage(reply)) co_return false;
+}  // namespace
+
+asio::awaitable<bool> HandleCommand(RequestScope& request, const RequestBlock& block) {
+  std::optional<pelmora::admin::CommandRequest> parsed = pelmora::admin::ParseCommandRequest(block);
+  int32_t refusal = !parsed                     ? kInvalidParameter
+                    : !request.account.commands ? kAccessDenied
+                    : !request.running_commands.TryTake(request.limits().commands)
+                        ? kNotEnoughMemory
+                        : kSuccess;
+  if (refusal != kSuccess) {
+    request.Audit(block.code, parsed ? parsed->command : "", refusal);
+    co_return co_await Refuse(request.channel, block, refusal);
   }
-  if (pending.empty()) co_return true;
-  std::vector<uint8_t> reply = pelmora::admin::BuildCommandOutputReply(pending);
-  co_return co_await SendMessage(reply);
+  auto command = std::make_shared<RunningCommand>();
+  pelmora::ChildSpec launch = SpecFor(request.runtime.config, request.account, parsed->command);
+  command->start_error = co_await request.RunOnPool([&] {
+    try {
+      command->child.emplace(pelmora::ChildProcess::Start(launch));
+      return 0;
+    } catch (const pelmora::Error& error) {
+      return static_cast<int>(error.Number());
+    }
+  });
+  if (command->start_error != 0) {
+    request.running_commands.Give();
+    request.Audit(block.code, parsed->command, command->start_error);
+    co_return co_await Refuse(request.channel, block, command->start_error);
+  }
+  command->slot = &request.running_commands;
+  request.command_group = command->child->pid();
+  bool connected = co_await StreamCommand(request, command, parsed->timeout);
+  request.command_group = 0;
+  command->ReleaseSlot();
+  pelmora::ChildExit exit = co_await request.RunOnPool([&] { return command->child->Wait(); });
+  int32_t status = StatusFor(*command, exit);
+  request.Audit(block.code,
+                parsed->command + (exit.signalled ? " (signal " : " (exit ") +
+                    std::to_string(exit.code) + ")",
+                command->client_gone ? kInvalidFunction : status);
+  if (!connected || command->client_gone) co_return false;
+  std::vector<uint8_t> reply = pelmora::admin::BuildCommandStatusReply(status);
+  co_return co_await request.channel.SendMessage(reply);
 }
 
-asio::awaitable<bool> Session::HandlePrintQueue(const RequestBlock& block) {
-  const std::string& command_line = runtime_->config.print_queue_command;
-  if (!account_->commands) {
-    AuditRequest(block.code, "print queue", kAccessDenied);
-    co_return co_await Refuse(block, kAccessDenied);
+asio::awaitable<bool> HandlePrintQueue(RequestScope& request, const RequestBlock& block) {
+  const std::string& command_line = request.runtime.config.print_queue_command;
+  if (!request.account.commands) {
+    request.Audit(block.code, "print queue", kAccessDenied);
+    co_return co_await Refuse(request.channel, block, kAccessDenied);
   }
   std::string text;
   if (!command_line.empty()) {
-    pelmora::ChildSpec launch = SpecFor(runtime_->config, *account_, command_line);
-    auto limit = std::chrono::seconds(limits().print_queue_seconds);
-    std::optional<std::string> output = co_await RunBlocking(
-        context_.pool, [&] { return RunForOutput(launch, kPrintQueueBytes, limit); });
+    pelmora::ChildSpec launch = SpecFor(request.runtime.config, request.account, command_line);
+    auto limit = std::chrono::seconds(request.limits().print_queue_seconds);
+    std::optional<std::string> output =
+        co_await request.RunOnPool([&] { return RunForOutput(launch, kPrintQueueBytes, limit); });
     text = output.value_or("");
   }
-  AuditRequest(block.code, "print queue", kSuccess);
+  request.Audit(block.code, "print queue", kSuccess);
   std::vector<uint8_t> data = pelmora::admin::EncodeWireText(text);
-  co_return co_await SendSized(data);
-}
-
-asio::awaitable<bool> Session::HandleFileVersion(const RequestBlock& block) {
-  Target target = ResolveArgument(block, 0, false);
-  std::string version;
-  int32_t result = target.error;
-  if (result == kSuccess) {
-    auto drives = runtime_->drives;
-    result = co_await RunFileWork([&] {
-      Opened file = drives->OpenRegular(target.path, O_RDONLY);
-      if (!file.fd) return drives->ResolveError(target.path, file.error);
-      version = ReadFileVersion(file.fd.get());
-      return kSuccess;
-    });
-  }
-  AuditRequest(block.code, target.text, result);
-  std::vector<uint8_t> data = pelmora::admin::EncodeWireText(version);
-  co_return co_await SendMessage(data);
+  co_return co_await request.channel.SendSized(data);
 }
 
 }  // namespace pelmorad

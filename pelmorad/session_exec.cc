@@ -19,7 +19,7 @@
 #include "pelmorad/blocking.h"
 #include "pelmorad/command_tree.h"
 #include "pelmorad/exec_stream.h"
-#include "pelmorad/session.h"
+#include "pelmorad/session_requests.h"
 #include "pelmorad/win_error.h"
 
 namespace pelmorad {
@@ -68,45 +68,77 @@ std::string OutcomeText(const pelmora::admin::ExecExit& exit) {
   }
 }
 
-}  // namespace
-
 // A started command and the session socket's descriptor, shared with the stream thread.
 struct ExecJob {
   std::optional<pelmora::ChildProcess> child;
-  int socket_fd = -1;
+  UniqueFd socket_fd;
   ExecStreamLimits limits;
-  ~ExecJob() {
-    if (socket_fd >= 0) ::close(socket_fd);
-  }
 };
 
-asio::awaitable<bool> Session::HandleExec(const RequestBlock& block) {
+// Answers the run request and runs the stream phase until the command's exit frame is sent or
+// the client is out of step; false ends the session.
+asio::awaitable<bool> StreamExec(RequestScope& request, std::shared_ptr<ExecJob> job,
+                                 int32_t timeout, std::string audit_text) {
+  if (!co_await request.channel.SendResult(kSuccess)) {
+    request.running_commands.Give();
+    co_return false;
+  }
+  request.channel.HoldIdleTimer();
+  job->socket_fd.reset(::dup(request.channel.socket().native_handle()));
+  job->limits.timeout_ms = timeout;
+  job->limits.finish_ms = request.limits().idle_seconds * 1000;
+  request.command_group = job->child->pid();
+  // The coroutine keeps the job alive while it waits; the lambda holds a plain pointer because
+  // GCC 12 mis-copies non-trivial captures of lambdas made inside a coroutine.
+  ExecJob* running = job.get();
+  ExecStreamResult result;
+  try {
+    result = co_await RunOnOwnThread([running] {
+      return RunExecStream(running->socket_fd.get(), *running->child, running->limits);
+    });
+  } catch (const std::system_error&) {
+    // No thread to serve the command: it is killed and the session ends.
+    KillCommandTree(*job->child);
+    result.exit = {pelmora::admin::ExecOutcome::kSignalled, SIGKILL};
+  }
+  request.command_group = 0;
+  request.running_commands.Give();
+  request.Audit(pelmora::admin::kExecRunCode, audit_text + OutcomeText(result.exit),
+                result.in_step ? kSuccess : kInvalidFunction);
+  request.channel.ArmIdleTimer();
+  co_return result.in_step;
+}
+
+}  // namespace
+
+asio::awaitable<bool> HandleExec(RequestScope& request, const RequestBlock& block) {
   if (block.code == pelmora::admin::kExecHelloCode) {
     bool valid = pelmora::admin::ParseExecHello(block).has_value();
-    AuditRequest(block.code, "hello", valid ? kSuccess : kInvalidParameter);
-    if (!valid) co_return co_await SendResult(kInvalidParameter);
-    co_return co_await SendMessage(
+    request.Audit(block.code, "hello", valid ? kSuccess : kInvalidParameter);
+    if (!valid) co_return co_await request.channel.SendResult(kInvalidParameter);
+    co_return co_await request.channel.SendMessage(
         pelmora::admin::BuildResultReply(true, pelmora::admin::kExecVersion, ""));
   }
-  std::optional<ExecRequest> request = pelmora::admin::ParseExecRequest(block);
-  int32_t refusal = !request                                                 ? kInvalidParameter
-                    : !account_->commands                                    ? kAccessDenied
-                    : !context_.running_commands.TryTake(limits().commands) ? kNotEnoughMemory
-                                                                             : kSuccess;
-  std::string audit_text = request ? AuditText(*request) : "";
+  std::optional<ExecRequest> parsed = pelmora::admin::ParseExecRequest(block);
+  int32_t refusal = !parsed                     ? kInvalidParameter
+                    : !request.account.commands ? kAccessDenied
+                    : !request.running_commands.TryTake(request.limits().commands)
+                        ? kNotEnoughMemory
+                        : kSuccess;
+  std::string audit_text = parsed ? AuditText(*parsed) : "";
   if (refusal != kSuccess) {
-    AuditRequest(block.code, audit_text, refusal);
-    co_return co_await SendResult(refusal);
+    request.Audit(block.code, audit_text, refusal);
+    co_return co_await request.channel.SendResult(refusal);
   }
   auto job = std::make_shared<ExecJob>();
   // Tracked, as every command: descendants that detach are still killed with it.
-  pelmora::ChildSpec launch = request->arguments.empty()
-                                  ? TrackedCommand(runtime_->config.shell, request->command_line)
-                                  : TrackedArguments(request->arguments);
-  launch.working_folder = account_->working_folder;
-  launch.run_as = account_->run_as;
+  pelmora::ChildSpec launch =
+      parsed->arguments.empty() ? TrackedCommand(request.runtime.config.shell, parsed->command_line)
+                                : TrackedArguments(parsed->arguments);
+  launch.working_folder = request.account.working_folder;
+  launch.run_as = request.account.run_as;
   launch.separate_streams = true;
-  int32_t start_error = co_await RunBlocking(context_.pool, [&] {
+  int32_t start_error = co_await request.RunOnPool([&] {
     try {
       job->child.emplace(pelmora::ChildProcess::Start(launch));
       return 0;
@@ -115,42 +147,11 @@ asio::awaitable<bool> Session::HandleExec(const RequestBlock& block) {
     }
   });
   if (start_error != 0) {
-    context_.running_commands.Give();
-    AuditRequest(block.code, audit_text, start_error);
-    co_return co_await SendResult(start_error);
+    request.running_commands.Give();
+    request.Audit(block.code, audit_text, start_error);
+    co_return co_await request.channel.SendResult(start_error);
   }
-  co_return co_await StreamExec(job, request->timeout, audit_text);
-}
-
-asio::awaitable<bool> Session::StreamExec(std::shared_ptr<ExecJob> job, int32_t timeout,
-                                          std::string audit_text) {
-  if (!co_await SendResult(kSuccess)) {
-    context_.running_commands.Give();
-    co_return false;
-  }
-  idle_timer_.expires_at(asio::steady_timer::time_point::max());
-  job->socket_fd = ::dup(socket_.native_handle());
-  job->limits.timeout_ms = timeout;
-  job->limits.finish_ms = limits().idle_seconds * 1000;
-  command_group_ = job->child->pid();
-  // The coroutine keeps the job alive while it waits; the lambda holds a plain pointer because
-  // GCC 12 mis-copies non-trivial captures of lambdas made inside a coroutine.
-  ExecJob* running = job.get();
-  ExecStreamResult result;
-  try {
-    result = co_await RunOnOwnThread(
-        [running] { return RunExecStream(running->socket_fd, *running->child, running->limits); });
-  } catch (const std::system_error&) {
-    // No thread to serve the command: it is killed and the session ends.
-    KillCommandTree(*job->child);
-    result.exit = {pelmora::admin::ExecOutcome::kSignalled, SIGKILL};
-  }
-  command_group_ = 0;
-  context_.running_commands.Give();
-  AuditRequest(pelmora::admin::kExecRunCode, audit_text + OutcomeText(result.exit),
-               result.in_step ? kSuccess : kInvalidFunction);
-  ArmIdleTimer();
-  co_return result.in_step;
+  co_return co_await StreamExec(request, job, parsed->timeout, audit_text);
 }
 
 }  // namespace pelmorad

@@ -39,11 +39,11 @@ void Session::HandOff() {
   SessionState state;
   state.address = address_;
   state.peer = peer_;
-  state.sequence = sequence_;
-  state.pending = std::move(pending_);
+  state.sequence = channel_.sequence();
+  state.pending = channel_.TakePending();
   asio::error_code error;
-  UniqueFd connection(socket_.release(error));
-  idle_timer_.cancel();
+  UniqueFd connection(channel_.socket().release(error));
+  channel_.idle_timer().cancel();
   if (error || !context_.hand_off(*account_, std::move(state), std::move(connection))) {
     Audit({peer_, account_->name, -1, "closed: no worker could take the session",
            kNotEnoughMemory});
@@ -59,11 +59,9 @@ void Session::StartLoggedIn(ServiceContext& context, const Account& account, Uni
   auto session = std::make_shared<Session>(
       context, AdoptConnection(context.io, std::move(connection)), std::move(logged_in));
   session->peer_ = std::move(state.peer);
-  session->sequence_ = state.sequence;
-  session->pending_ = std::move(state.pending);
+  session->channel_.Resume(state.sequence, std::move(state.pending));
   session->handed_off_as_ = state.id;
   session->account_ = &account;
-  session->identity_ = session->runtime_->IdentityOf(account);
   session->LeaveUnauthenticated();
   asio::co_spawn(
       context.io, [session]() { return session->Run(); }, asio::detached);

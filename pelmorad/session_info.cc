@@ -1,4 +1,6 @@
-// Requests about the service machine: path by key, system folder, clock, same machine.
+// Requests about the service machine and its files: path by key, same machine, the file version
+// of a Windows executable, system folder, clock.
+#include <fcntl.h>
 #include <ifaddrs.h>
 #include <netinet/in.h>
 
@@ -8,7 +10,8 @@
 
 #include "pelmora/admin/wire_replies.h"
 #include "pelmorad/audit.h"
-#include "pelmorad/session.h"
+#include "pelmorad/pe_version.h"
+#include "pelmorad/session_requests.h"
 #include "pelmorad/win_error.h"
 
 namespace pelmorad {
@@ -59,26 +62,44 @@ bool IsOwnAddress(asio::ip::address client) {
 
 }  // namespace
 
-asio::awaitable<bool> Session::HandlePathWithKey(const RequestBlock& block) {
+asio::awaitable<bool> HandlePathWithKey(RequestScope& request, const RequestBlock& block) {
   std::string key =
       block.args.empty() ? std::string() : pelmora::admin::DecodeUnicodeArgument(block.args[0]);
-  std::optional<std::string> path = runtime_->config.PathForKey(key);
-  AuditRequest(block.code, key, path ? kSuccess : kFileNotFound);
-  co_return co_await SendSized(pelmora::admin::EncodeWireText(path.value_or("")));
+  std::optional<std::string> path = request.runtime.config.PathForKey(key);
+  request.Audit(block.code, key, path ? kSuccess : kFileNotFound);
+  co_return co_await request.channel.SendSized(pelmora::admin::EncodeWireText(path.value_or("")));
 }
 
-asio::awaitable<bool> Session::HandleSameMachine(const RequestBlock& block) {
-  bool same = IsOwnAddress(connection_.peer.address());
-  AuditRequest(block.code, same ? "same machine" : "other machine", kSuccess);
-  co_return co_await SendMessage(pelmora::admin::BuildResultReply(same, 0, ""));
+asio::awaitable<bool> HandleSameMachine(RequestScope& request, const RequestBlock& block) {
+  bool same = IsOwnAddress(request.client);
+  request.Audit(block.code, same ? "same machine" : "other machine", kSuccess);
+  co_return co_await request.channel.SendMessage(pelmora::admin::BuildResultReply(same, 0, ""));
 }
 
-asio::awaitable<bool> Session::HandleText(const RequestBlock& block) {
+asio::awaitable<bool> HandleFileVersion(RequestScope& request, const RequestBlock& block) {
+  Target target = request.ResolveArgument(block, 0, false);
+  std::string version;
+  int32_t result = target.error;
+  if (result == kSuccess) {
+    auto drives = request.runtime.drives;
+    result = co_await request.RunOnPool([&] {
+      Opened file = drives->OpenRegular(target.path, O_RDONLY);
+      if (!file.fd) return drives->ResolveError(target.path, file.error);
+      version = ReadFileVersion(file.fd.get());
+      return kSuccess;
+    });
+  }
+  request.Audit(block.code, target.text, result);
+  std::vector<uint8_t> data = pelmora::admin::EncodeWireText(version);
+  co_return co_await request.channel.SendMessage(data);
+}
+
+asio::awaitable<bool> HandleText(RequestScope& request, const RequestBlock& block) {
   bool clock = static_cast<RequestCode>(block.code) == RequestCode::kGetSystemTime;
   std::string text =
-      clock ? FormatNow("%Y-%m-%d %H:%M:%S", false) : runtime_->config.system_directory;
-  AuditRequest(block.code, text, kSuccess);
-  co_return co_await SendMessage(pelmora::admin::EncodeWireText(text));
+      clock ? FormatNow("%Y-%m-%d %H:%M:%S", false) : request.runtime.config.system_directory;
+  request.Audit(block.code, text, kSuccess);
+  co_return co_await request.channel.SendMessage(pelmora::admin::EncodeWireText(text));
 }
 
 }  // namespace pelmorad

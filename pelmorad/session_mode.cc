@@ -3,16 +3,16 @@
 // followed when it is a link (refused with 5), setuid, setgid and sticky bits are refused as
 // malformed (87) before anything is opened, and set mode needs the right to change the drive.
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <fmt/format.h>
 #include <optional>
 #include <utility>
 
 #include "pelmora/admin/mode_wire.h"
 #include "pelmora/admin/wire_replies.h"
-#include "pelmorad/session.h"
+#include "pelmorad/session_requests.h"
 #include "pelmorad/win_error.h"
 
 namespace pelmorad {
@@ -35,7 +35,8 @@ std::pair<int32_t, int32_t> ModeWork(const DriveTable& drives, const DrivePath& 
   if (request.set) {
     // fchmod needs a descriptor opened for reading; a name swapped for a link meanwhile fails.
     Opened file = drives.OpenRegular(path, O_RDONLY | O_NOFOLLOW);
-    if (!file.fd) return {file.error == ELOOP ? kAccessDenied : FromErrno(file.error, Missing::kFile), 0};
+    if (!file.fd)
+      return {file.error == ELOOP ? kAccessDenied : FromErrno(file.error, Missing::kFile), 0};
     if (::fchmod(file.fd.get(), static_cast<mode_t>(request.mode)) != 0 ||
         ::fstat(file.fd.get(), &info) != 0) {
       return {FromErrno(errno, Missing::kFile), 0};
@@ -46,21 +47,22 @@ std::pair<int32_t, int32_t> ModeWork(const DriveTable& drives, const DrivePath& 
 
 }  // namespace
 
-asio::awaitable<bool> Session::HandleMode(const RequestBlock& block) {
-  std::optional<ModeRequest> request = pelmora::admin::ParseModeRequest(block);
+asio::awaitable<bool> HandleMode(RequestScope& request, const RequestBlock& block) {
+  std::optional<ModeRequest> parsed = pelmora::admin::ParseModeRequest(block);
   Target target;
   target.error = kInvalidParameter;
-  if (request) target = ResolveArgument(block, 0, /*write=*/request->set);
+  if (parsed) target = request.ResolveArgument(block, 0, /*write=*/parsed->set);
   std::pair<int32_t, int32_t> result{target.error, 0};
   if (result.first == kSuccess) {
-    auto drives = runtime_->drives;
-    result = co_await RunFileWork([&] { return ModeWork(*drives, target.path, *request); });
+    auto drives = request.runtime.drives;
+    result = co_await request.RunOnPool([&] { return ModeWork(*drives, target.path, *parsed); });
   }
-  std::string what = request && request->set ? fmt::format("{} {:o}", target.text, request->mode)
-                                              : target.text;
-  AuditRequest(block.code, what, result.first);
-  if (result.first != kSuccess) co_return co_await SendResult(result.first);
-  co_return co_await SendMessage(pelmora::admin::BuildResultReply(true, result.second, ""));
+  std::string what =
+      parsed && parsed->set ? fmt::format("{} {:o}", target.text, parsed->mode) : target.text;
+  request.Audit(block.code, what, result.first);
+  if (result.first != kSuccess) co_return co_await request.channel.SendResult(result.first);
+  co_return co_await request.channel.SendMessage(
+      pelmora::admin::BuildResultReply(true, result.second, ""));
 }
 
 }  // namespace pelmorad

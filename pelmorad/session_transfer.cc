@@ -10,10 +10,11 @@
 #include <vector>
 
 #include "pelmora/admin/wire_replies.h"
+#include "pelmora/platform/file_io.h"
 #include "pelmorad/atomic_file.h"
 #include "pelmorad/blocking.h"
 #include "pelmorad/file_info.h"
-#include "pelmorad/session.h"
+#include "pelmorad/session_requests.h"
 #include "pelmorad/win_error.h"
 
 namespace pelmorad {
@@ -54,28 +55,20 @@ Source OpenSource(const DriveTable& drives, const DrivePath& path) {
   return source;
 }
 
-// Reads `size` bytes at `offset`; a file that shrank meanwhile is padded with zeros (the client
-// waits for exactly the announced size), and that is reported as 4.
-int32_t ReadChunk(int fd, off_t offset, std::vector<uint8_t>& buffer) {
-  std::size_t done = 0;
-  while (done < buffer.size()) {
-    ssize_t got =
-        ::pread(fd, buffer.data() + done, buffer.size() - done, offset + static_cast<off_t>(done));
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) {
-      std::fill(buffer.begin() + static_cast<std::ptrdiff_t>(done), buffer.end(), 0);
-      return kCannotOpen;
-    }
-    done += static_cast<std::size_t>(got);
-  }
-  return kSuccess;
+// Reads `buffer.size()` bytes at `offset`; a file that shrank meanwhile or a read that fails is
+// padded with zeros (the client waits for exactly the announced size), and that is reported as 4.
+int32_t ReadChunk(int fd, uint64_t offset, std::vector<uint8_t>& buffer) {
+  // Zeroed first: a read that fails leaves the bytes read before it and zeros after them.
+  std::fill(buffer.begin(), buffer.end(), 0);
+  ssize_t got = pelmora::platform::PreadFully(fd, buffer, offset);
+  return got == static_cast<ssize_t>(buffer.size()) ? kSuccess : kCannotOpen;
 }
 
 }  // namespace
 
-asio::awaitable<bool> Session::HandleUpload(const RequestBlock& block) {
-  Target target = ResolveArgument(block, 0, true);
-  std::optional<ClientMessage> message = co_await ReadMessage();
+asio::awaitable<bool> HandleUpload(RequestScope& request, const RequestBlock& block) {
+  Target target = request.ResolveArgument(block, 0, true);
+  std::optional<SessionChannel::Message> message = co_await request.channel.ReadMessage();
   if (!message) co_return false;
   std::optional<TransferHeader> header = pelmora::admin::ParseTransferHeader(message->data);
   if (!header) co_return false;
@@ -83,52 +76,53 @@ asio::awaitable<bool> Session::HandleUpload(const RequestBlock& block) {
                    : header->size < 0       ? kInvalidParameter
                                             : kSuccess;
   auto file = std::make_unique<AtomicFile>();
-  auto drives = runtime_->drives;
+  auto drives = request.runtime.drives;
   if (result == kSuccess) {
-    result = co_await RunFileWork([&] { return file->Begin(*drives, target.path); });
+    result = co_await request.RunOnPool([&] { return file->Begin(*drives, target.path); });
   }
   if (result != kSuccess) {
-    AuditRequest(block.code, target.text, result);
-    co_return co_await SendMessage(pelmora::admin::BuildGoReply(false));
+    request.Audit(block.code, target.text, result);
+    co_return co_await request.channel.SendMessage(pelmora::admin::BuildGoReply(false));
   }
-  if (!co_await SendMessage(pelmora::admin::BuildGoReply(true))) co_return false;
+  if (!co_await request.channel.SendMessage(pelmora::admin::BuildGoReply(true))) co_return false;
   std::size_t remaining = static_cast<std::size_t>(header->size);
   std::vector<uint8_t> buffer;
   while (remaining > 0) {
     std::size_t pieces = std::min(kPiecesPerRead, (remaining + 1499) / 1500);
     buffer.resize(pieces * pelmora::admin::kPacketSize);
-    if (!co_await ReadExactly(buffer)) {
-      AuditRequest(block.code, target.text + " (connection lost)", kCannotOpen);
+    if (!co_await request.channel.ReadExactly(buffer)) {
+      request.Audit(block.code, target.text + " (connection lost)", kCannotOpen);
       co_return false;  // the AtomicFile goes and leaves the target alone
     }
     std::size_t useful = std::min(remaining, buffer.size());
-    co_await RunFileWork([&] { return file->Write({buffer.data(), useful}); });
+    co_await request.RunOnPool([&] { return file->Write({buffer.data(), useful}); });
     remaining -= useful;
   }
   FileTimes times{FromFileTime(header->last_access_time), FromFileTime(header->last_write_time)};
-  result = co_await RunFileWork([&] { return file->Commit(times, true); });
-  AuditRequest(block.code, target.text, result);
-  co_return co_await SendResult(result);
+  result = co_await request.RunOnPool([&] { return file->Commit(times, true); });
+  request.Audit(block.code, target.text, result);
+  co_return co_await request.channel.SendResult(result);
 }
 
-asio::awaitable<bool> Session::HandleDownload(const RequestBlock& block) {
-  Target target = ResolveArgument(block, 0, false);
+asio::awaitable<bool> HandleDownload(RequestScope& request, const RequestBlock& block) {
+  Target target = request.ResolveArgument(block, 0, false);
   Source source;
   source.error = target.error;
-  auto drives = runtime_->drives;
+  auto drives = request.runtime.drives;
   if (source.error == kSuccess) {
-    source = co_await RunFileWork([&] { return OpenSource(*drives, target.path); });
+    source = co_await request.RunOnPool([&] { return OpenSource(*drives, target.path); });
   }
   if (source.error != kSuccess) source.header = TransferHeader{-1, 0, 0, 0};
-  if (!co_await SendMessage(pelmora::admin::BuildTransferHeader(source.header))) co_return false;
+  if (!co_await request.channel.SendMessage(pelmora::admin::BuildTransferHeader(source.header)))
+    co_return false;
   if (source.error != kSuccess) {
-    AuditRequest(block.code, target.text, source.error);
+    request.Audit(block.code, target.text, source.error);
     co_return true;
   }
-  std::optional<ClientMessage> go = co_await ReadMessage();
+  std::optional<SessionChannel::Message> go = co_await request.channel.ReadMessage();
   if (!go) co_return false;
   if (!pelmora::admin::IsGoReply(go->data)) {
-    AuditRequest(block.code, target.text + " (refused by the client)", kSuccess);
+    request.Audit(block.code, target.text + " (refused by the client)", kSuccess);
     co_return true;
   }
   int32_t result = kSuccess;
@@ -136,14 +130,13 @@ asio::awaitable<bool> Session::HandleDownload(const RequestBlock& block) {
   std::vector<uint8_t> buffer;
   for (std::size_t offset = 0; offset < total;) {
     buffer.resize(std::min(kDownloadChunk, total - offset));
-    int32_t read = co_await RunFileWork([&] {
-      return ReadChunk(source.fd.get(), static_cast<off_t>(offset), buffer);
-    });
+    int32_t read =
+        co_await request.RunOnPool([&] { return ReadChunk(source.fd.get(), offset, buffer); });
     if (result == kSuccess) result = read;
-    if (!co_await SendRaw(buffer)) co_return false;
+    if (!co_await request.channel.SendRaw(buffer)) co_return false;
     offset += buffer.size();
   }
-  AuditRequest(block.code, target.text, result);
+  request.Audit(block.code, target.text, result);
   co_return true;
 }
 

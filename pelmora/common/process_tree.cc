@@ -15,6 +15,8 @@
 #include <string>
 #include <unordered_set>
 
+#include "pelmora/platform/file_io.h"
+
 namespace pelmora {
 
 std::vector<pid_t> ParseChildList(std::string_view text) {
@@ -45,23 +47,17 @@ constexpr std::size_t kMaxProcFileBytes = 1 << 20;
 constexpr std::size_t kMaxTreeSize = 1 << 16;
 constexpr auto kTreeKillTime = std::chrono::milliseconds(250);
 
-struct DirCloser {
-  void operator()(DIR* dir) const { closedir(dir); }
-};
-
 // The contents of a /proc file, at most kMaxProcFileBytes; empty when it cannot be read.
 std::string ReadProcFile(const char* path) {
   std::string text;
-  int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return text;
+  platform::UniqueFd fd(platform::Open(path, O_RDONLY | O_CLOEXEC));
+  if (!fd) return text;
   char buffer[4096];
   while (text.size() < kMaxProcFileBytes) {
-    ssize_t got = read(fd, buffer, sizeof(buffer));
-    if (got < 0 && errno == EINTR) continue;
+    ssize_t got = platform::Read(fd.get(), buffer, sizeof(buffer));
     if (got <= 0) break;
     text.append(buffer, static_cast<std::size_t>(got));
   }
-  close(fd);
   return text;
 }
 
@@ -81,7 +77,7 @@ bool Runs(pid_t pid) {
 void AddChildren(pid_t pid, std::vector<pid_t>& into) {
   char path[64];
   std::snprintf(path, sizeof(path), "/proc/%d/task", static_cast<int>(pid));
-  std::unique_ptr<DIR, DirCloser> tasks(opendir(path));
+  platform::UniqueDir tasks(opendir(path));
   if (!tasks) return;
   while (dirent* entry = readdir(tasks.get())) {
     if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;

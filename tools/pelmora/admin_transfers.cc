@@ -12,6 +12,7 @@
 #include <fstream>
 
 #include "pelmora/admin/rc_file_info.h"
+#include "pelmora/platform/file_io.h"
 #include "tools/pelmora/admin_requests.h"
 #include "tools/pelmora/remote_wildcards.h"
 #include "tools/pelmora/transfer_watch.h"
@@ -64,45 +65,38 @@ mode_t NewFileMode() { return 0666 & ~Umask(); }
 // write): appends the missing count (as zeros) and returns the errno the system gives, or 0 when
 // it takes them (then the remote file changed instead).
 int ShortWriteCause(const std::string& path, uint64_t expected) {
-  int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
-  if (fd < 0) return errno;
-  static const char kZeros[65536] = {};
+  pelmora::platform::UniqueFd fd(
+      pelmora::platform::Open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
+  if (!fd) return errno;
+  static const uint8_t kZeros[65536] = {};
   uint64_t missing = expected - std::min(expected, LocalSize(path));
   int cause = 0;
   while (missing > 0 && cause == 0) {
-    ssize_t n = write(fd, kZeros, std::min<uint64_t>(missing, sizeof kZeros));
-    if (n < 0 && errno != EINTR) cause = errno;
-    if (n > 0) missing -= static_cast<uint64_t>(n);
+    std::size_t piece = std::min<uint64_t>(missing, sizeof kZeros);
+    cause = pelmora::platform::WriteFully(fd.get(), std::span(kZeros, piece));
+    missing -= piece;
   }
-  if (close(fd) != 0 && cause == 0) cause = errno;
+  if (fd.reset() != 0 && cause == 0) cause = errno;
   return cause;
 }
 
 // Copies `from` into the existing non-regular file `to` (a device, a pipe), every write checked.
 int CopyInto(const std::string& from, const std::string& to) {
-  int in = open(from.c_str(), O_RDONLY | O_CLOEXEC);
-  if (in < 0) return errno;
-  int out = open(to.c_str(), O_WRONLY | O_CLOEXEC);
-  if (out < 0) {
-    int error = errno;
-    close(in);
-    return error;
-  }
-  char buffer[65536];
+  pelmora::platform::UniqueFd in(pelmora::platform::Open(from.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!in) return errno;
+  pelmora::platform::UniqueFd out(pelmora::platform::Open(to.c_str(), O_WRONLY | O_CLOEXEC));
+  if (!out) return errno;
+  uint8_t buffer[65536];
   int error = 0;
-  for (ssize_t n; error == 0 && (n = read(in, buffer, sizeof buffer)) != 0;) {
-    if (n < 0) {
-      if (errno != EINTR) error = errno;
-      continue;
+  while (error == 0) {
+    ssize_t n = pelmora::platform::Read(in.get(), buffer, sizeof buffer);
+    if (n <= 0) {
+      error = n < 0 ? errno : 0;
+      break;
     }
-    for (ssize_t done = 0; error == 0 && done < n;) {
-      ssize_t w = write(out, buffer + done, static_cast<size_t>(n - done));
-      if (w < 0 && errno != EINTR) error = errno;
-      if (w > 0) done += w;
-    }
+    error = pelmora::platform::WriteFully(out.get(), std::span(buffer, static_cast<size_t>(n)));
   }
-  if (close(out) != 0 && error == 0) error = errno;
-  close(in);
+  if (out.reset() != 0 && error == 0) error = errno;
   return error;
 }
 

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "pelmora/crypto/hex.h"
+#include "pelmora/platform/file_io.h"
 
 namespace pelmora_tool {
 namespace {
@@ -72,18 +73,14 @@ void WriteSink(const std::string& path, const Bytes& data, bool hex) {
 }
 
 void WriteNewFile(const std::string& path, const Bytes& data, mode_t mode) {
-  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-  if (fd < 0 && errno == EEXIST) {
+  pelmora::platform::UniqueFd fd(
+      pelmora::platform::Open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+  if (!fd && errno == EEXIST) {
     throw CommandError(path + " exists: remove it first (keys are never overwritten)");
   }
-  if (fd < 0) throw CommandError("cannot create " + path + ": " + std::strerror(errno));
-  int error = 0;
-  for (size_t done = 0; error == 0 && done < data.size();) {
-    ssize_t n = write(fd, data.data() + done, data.size() - done);
-    if (n < 0 && errno != EINTR) error = errno;
-    if (n > 0) done += static_cast<size_t>(n);
-  }
-  if (close(fd) != 0 && error == 0) error = errno;
+  if (!fd) throw CommandError("cannot create " + path + ": " + std::strerror(errno));
+  int error = pelmora::platform::WriteFully(fd.get(), std::span(data.data(), data.size()));
+  if (fd.reset() != 0 && error == 0) error = errno;
   if (error != 0) {
     unlink(path.c_str());
     throw CommandError("cannot write " + path + ": " + std::strerror(error));

@@ -34,6 +34,7 @@
 #include "pelmora/common/error_texts.h"
 #include "pelmora/common/variant.h"
 #include "pelmora/net/wininet.h"
+#include "pelmora/platform/file_io.h"
 #include "tools/pelmora/commands.h"
 #include "tools/pelmora/crypto_io.h"
 #include "tools/pelmora/progress.h"
@@ -59,24 +60,12 @@ struct HttpOptions {
   std::string data;
   bool fail = false;
   bool include = false;
-  double max_time = 0;  // seconds, 0: none
-  std::string ca_file;  // HTTPS: trusted certificates instead of the system's
+  double max_time = 0;    // seconds, 0: none
+  std::string ca_file;    // HTTPS: trusted certificates instead of the system's
   bool insecure = false;  // HTTPS: no certificate check at all
 };
 
 constexpr int32_t kTimeout = 12002;
-
-// Writes all of `size` bytes to `fd`; false when the system refuses.
-bool WriteAll(int fd, const uint8_t* data, size_t size) {
-  while (size > 0) {
-    ssize_t written = ::write(fd, data, size);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return false;
-    data += written;
-    size -= static_cast<size_t>(written);
-  }
-  return true;
-}
 
 // Writes the response body to `out` as it arrives, with admin's progress bar (size, rate, time
 // left) on standard error when it is a terminal and the body does not go to that terminal too;
@@ -92,7 +81,7 @@ bool CopyBody(WinINet& inet, std::FILE* out, std::optional<Clock::time_point> de
   uint64_t done = 0;
   bool late = false;
   bool ended = inet.ReadResponseTo([&](const uint8_t* data, size_t size) {
-    if (!WriteAll(fd, data, size)) return false;
+    if (pelmora::platform::WriteFully(fd, std::span(data, size)) != 0) return false;
     done += size;
     progress.Update(done);
     late = deadline && Clock::now() > *deadline;

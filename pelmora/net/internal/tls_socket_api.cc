@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "pelmora/net/internal/known_hosts.h"
+#include "pelmora/platform/file_io.h"
 
 namespace pelmora {
 
@@ -64,16 +65,11 @@ std::optional<std::string> ReadWholeFile(const std::string& path) {
 
 // Appends `line` to `path`, creating it readable by its owner only.
 bool AppendLine(const std::string& path, const std::string& line) {
-  const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
-  if (fd < 0) return false;
-  size_t written = 0;
-  while (written < line.size()) {
-    const ssize_t done = ::write(fd, line.data() + written, line.size() - written);
-    if (done < 0 && errno == EINTR) continue;
-    if (done <= 0) break;
-    written += static_cast<size_t>(done);
-  }
-  return ::close(fd) == 0 && written == line.size();
+  platform::UniqueFd fd(
+      platform::Open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
+  if (!fd) return false;
+  bool written = platform::WriteFully(fd.get(), line) == 0;
+  return fd.reset() == 0 && written;
 }
 
 // The number and text of a certificate the CA file check refused.
