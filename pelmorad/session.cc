@@ -65,7 +65,11 @@ void Session::LeaveUnauthenticated() {
 Session::~Session() {
   if (handed_off_as_ != 0 && context_.session_ended) context_.session_ended(handed_off_as_);
   LeaveUnauthenticated();
-  context_.sessions.erase(this);
+  LeaveCounts();
+}
+
+void Session::LeaveCounts() {
+  if (context_.sessions.erase(this) == 0) return;  // left already
   if (--context_.sessions_per_address[address_] <= 0) {
     context_.sessions_per_address.erase(address_);
   }
@@ -128,8 +132,14 @@ void Session::KillCommand() {
 }
 
 void Session::ArmIdleTimer() {
-  auto idle = asio::steady_timer::clock_type::now() + std::chrono::seconds(limits().idle_seconds);
-  idle_timer_.expires_at(account_ != nullptr ? idle : std::min(idle, login_deadline_));
+  auto now = asio::steady_timer::clock_type::now();
+  auto idle = now + std::chrono::seconds(limits().idle_seconds);
+  idle_deadline_ = account_ != nullptr ? idle : std::min(idle, login_deadline_);
+  // A later deadline is taken up when the timer fires: re-arming it at every read and write woke
+  // the watchdog three times a request.
+  if (idle_deadline_ < idle_timer_.expiry() || idle_timer_.expiry() <= now) {
+    idle_timer_.expires_at(idle_deadline_);
+  }
 }
 
 asio::awaitable<void> Session::Watchdog() {
@@ -140,6 +150,10 @@ asio::awaitable<void> Session::Watchdog() {
     co_await idle_timer_.async_wait(asio::redirect_error(asio::use_awaitable, error));
     if (!error && idle_timer_.expiry() <= asio::steady_timer::clock_type::now() &&
         socket_.is_open()) {
+      if (idle_deadline_ > idle_timer_.expiry()) {
+        idle_timer_.expires_at(idle_deadline_);
+        continue;
+      }
       if (command_group_ > 0 && !sending_) {
         ArmIdleTimer();  // a silent command: the client waits for it, not the other way round
         continue;

@@ -173,6 +173,8 @@ class Session : public std::enable_shared_from_this<Session> {
   }
   // Leaves the count of connections not yet logged in (once).
   void LeaveUnauthenticated();
+  // Leaves the sessions counted for the limits, in all and per address (once).
+  void LeaveCounts();
 
   ServiceContext& context_;
   std::shared_ptr<const Runtime> runtime_;
@@ -189,6 +191,7 @@ class Session : public std::enable_shared_from_this<Session> {
   int refused_before_login_ = 0;
   bool counted_unauthenticated_ = true;  // counted in context_.unauthenticated
   asio::steady_timer::time_point login_deadline_;
+  asio::steady_timer::time_point idle_deadline_{};  // the idle timer's, taken up when it fires
   bool idle_ = true;
   bool sending_ = false;   // a write to the client is waiting (the client may not be reading)
   int command_group_ = 0;  // process group of the running command, 0 when none
