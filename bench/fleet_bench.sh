@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Benchmarks of the pelmora tool against a real pelmorad, each next to its peer in the same run:
 #   1. a fleet `exec true` across 1000 sessions (1000 loopback addresses, one service), and
-#      across 10 000 (the addresses ten times over) with the client's peak resident memory;
+#      across 10 000 (10 000 distinct addresses) with the client's peak resident memory;
 #   2. `pelmora admin get` of a large file next to a plain TCP pump of the same bytes;
 #   3. `pelmora admin exec true` next to `ssh localhost true` when an SSH server answers.
 # Runs inside a private network namespace (only its loopback), so the service may listen on every

@@ -1,8 +1,13 @@
-// The administration service under load: 1000 concurrent sessions, each logging in and then
-// sending FileExists requests back to back for a bounded time, against the real pelmorad and,
-// for comparison, against a plain epoll peer that answers the same 1500-byte packets without any
-// work. Reports requests per second, errors (must be 0) and the peak memory of the service's root
-// process and of its account workers together:
+// The administration service under load: 1000 concurrent sessions log in, and once all of them
+// have, each sends FolderExists requests back to back for a bounded time, against the real
+// pelmorad and, for comparison, against a plain epoll peer that answers the same 1500-byte packets
+// without any work. The logins are timed apart from the requests (the peer answers a login as it
+// answers anything, while the service checks a password and hands the session to its account's
+// worker), so requests per second compare the request path alone. Reports requests and logins per
+// second, requests per second of the peer's own CPU time (the service's root process and workers,
+// or the plain peer's thread: steadier than the rate while other work shares the machine), errors
+// (must be 0) and the peak memory of the service's root process and of its account workers
+// together:
 //   build/h/bench/pelmora_bench --benchmark_filter=Service
 // The service binary is found beside the benchmark's build tree (or PELMORAD_BINARY).
 #include <benchmark/benchmark.h>
@@ -17,12 +22,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -71,7 +80,15 @@ struct LoadResult {
   long requests = 0;
   long errors = 0;
   double seconds = 0;
+  double login_seconds = 0;  // from the first login sent to the last answered
+  double cpu_seconds = 0;    // the CPU time the peer spent on the requests
 };
+
+// The CPU time, in seconds, the peer under load has spent so far.
+using CpuClock = std::function<double()>;
+
+// The longest the logins of all sessions may take before the load starts without the rest.
+constexpr auto kLoginTime = std::chrono::seconds(60);
 
 int ConnectTo(int port) {
   int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -87,7 +104,8 @@ int ConnectTo(int port) {
   return fd;
 }
 
-// Handles readiness of one connection; false when it failed.
+// Handles readiness of one connection; false when it failed. A connection whose login has been
+// answered waits without a request until `counting`.
 bool Step(Connection& c, const Bytes& login, LoadResult& result, bool counting) {
   while (c.sent < c.out.size()) {
     ssize_t n = ::send(c.fd, c.out.data() + c.sent, c.out.size() - c.sent, MSG_NOSIGNAL);
@@ -106,15 +124,41 @@ bool Step(Connection& c, const Bytes& login, LoadResult& result, bool counting) 
   }
   if (c.logged_in && counting) ++result.requests;
   c.logged_in = true;
+  if (!counting) {
+    c.out.clear();
+    c.sent = 0;
+    return true;
+  }
   QueueRequest(c, login);
   return Step(c, login, result, counting);
 }
 
-// Opens kSessions connections to `port` and runs the request loop for kLoadTime.
-LoadResult RunLoad(int port, const Bytes& login) {
+// Waits for readiness on `epoll` until `end` or until `done()`, stepping the ready connections.
+template <typename Done>
+void Drive(int epoll, std::vector<Connection>& connections, const Bytes& login,
+           LoadResult& result, bool counting, std::chrono::steady_clock::time_point end,
+           Done done) {
+  std::vector<epoll_event> events(256);
+  while (std::chrono::steady_clock::now() < end && !done()) {
+    int ready = ::epoll_wait(epoll, events.data(), static_cast<int>(events.size()), 100);
+    for (int i = 0; i < ready; ++i) {
+      Connection& c = connections[events[i].data.u32];
+      if (c.fd >= 0 && !Step(c, login, result, counting)) {
+        ++result.errors;
+        ::close(c.fd);
+        c.fd = -1;
+      }
+    }
+  }
+}
+
+// Opens kSessions connections to `port`, logs every one in, and then runs the request loop for
+// kLoadTime.
+LoadResult RunLoad(int port, const Bytes& login, const CpuClock& peer_cpu) {
   LoadResult result;
   std::vector<Connection> connections(kSessions);
   int epoll = ::epoll_create1(EPOLL_CLOEXEC);
+  auto login_start = std::chrono::steady_clock::now();
   for (int i = 0; i < kSessions; ++i) {
     connections[i].fd = ConnectTo(port);
     if (connections[i].fd < 0) {
@@ -125,21 +169,32 @@ LoadResult RunLoad(int port, const Bytes& login) {
     epoll_event event{EPOLLIN | EPOLLOUT | EPOLLET, {.u32 = static_cast<uint32_t>(i)}};
     ::epoll_ctl(epoll, EPOLL_CTL_ADD, connections[i].fd, &event);
   }
+  auto all_logged_in = [&connections] {
+    return std::all_of(connections.begin(), connections.end(),
+                       [](const Connection& c) { return c.fd < 0 || c.logged_in; });
+  };
+  Drive(epoll, connections, login, result, false, login_start + kLoginTime, all_logged_in);
   auto start = std::chrono::steady_clock::now();
-  auto end = start + kLoadTime;
-  std::vector<epoll_event> events(256);
-  while (std::chrono::steady_clock::now() < end) {
-    int ready = ::epoll_wait(epoll, events.data(), static_cast<int>(events.size()), 100);
-    for (int i = 0; i < ready; ++i) {
-      Connection& c = connections[events[i].data.u32];
-      if (c.fd >= 0 && !Step(c, login, result, true)) {
-        ++result.errors;
-        ::close(c.fd);
-        c.fd = -1;
-      }
+  double cpu_start = peer_cpu();
+  result.login_seconds = std::chrono::duration<double>(start - login_start).count();
+  for (Connection& c : connections) {
+    if (c.fd < 0) continue;
+    if (!c.logged_in) {
+      ++result.errors;
+      ::close(c.fd);
+      c.fd = -1;
+      continue;
+    }
+    QueueRequest(c, login);
+    if (!Step(c, login, result, true)) {
+      ++result.errors;
+      ::close(c.fd);
+      c.fd = -1;
     }
   }
+  Drive(epoll, connections, login, result, true, start + kLoadTime, [] { return false; });
   result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  result.cpu_seconds = peer_cpu() - cpu_start;
   for (Connection& c : connections) {
     if (c.fd >= 0) ::close(c.fd);
   }
@@ -149,7 +204,8 @@ LoadResult RunLoad(int port, const Bytes& login) {
 
 // The plain peer: answers the first packet of a connection and then every 3000 bytes with a
 // 1500-byte "T" reply carrying the last framed sequence number, doing nothing else.
-void PlainPeer(int listener, const std::atomic<bool>* stop) {
+void PlainPeer(int listener, const std::atomic<bool>* stop, std::atomic<pid_t>* thread_id) {
+  *thread_id = ::gettid();
   int epoll = ::epoll_create1(EPOLL_CLOEXEC);
   ::fcntl(listener, F_SETFL, O_NONBLOCK);
   epoll_event accept_event{EPOLLIN, {.fd = listener}};
@@ -246,18 +302,45 @@ long StatusField(pid_t pid, const std::string& field) {
   return 0;
 }
 
-// The peak resident kilobytes of `pid` and of its child processes (the account workers).
-long PeakKilobytes(pid_t pid) {
-  long total = StatusField(pid, "VmHWM");
+// `pid` and its child processes (the account workers).
+std::vector<pid_t> WithChildren(pid_t pid) {
+  std::vector<pid_t> pids = {pid};
   for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
     pid_t child = static_cast<pid_t>(std::atoi(entry.path().filename().c_str()));
-    if (child > 0 && StatusField(child, "PPid") == pid) total += StatusField(child, "VmHWM");
+    if (child > 0 && StatusField(child, "PPid") == pid) pids.push_back(child);
   }
+  return pids;
+}
+
+// The peak resident kilobytes of `pid` and of its child processes.
+long PeakKilobytes(pid_t pid) {
+  long total = 0;
+  for (pid_t one : WithChildren(pid)) total += StatusField(one, "VmHWM");
   return total;
+}
+
+// The user and system CPU seconds of the process or thread whose stat file is `path`.
+double CpuSeconds(const std::string& path) {
+  std::ifstream file(path);
+  std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  std::size_t name_end = text.rfind(')');
+  if (name_end == std::string::npos) return 0;
+  std::istringstream fields(text.substr(name_end + 2));
+  std::string field;
+  double ticks = 0;
+  // After the name: state is field 3, utime and stime are fields 14 and 15.
+  for (int number = 3; number <= 15 && fields >> field; ++number) {
+    if (number >= 14) ticks += std::atof(field.c_str());
+  }
+  return ticks / static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 
 void Report(benchmark::State& state, const LoadResult& result) {
   state.counters["requests_per_second"] = static_cast<double>(result.requests) / result.seconds;
+  state.counters["logins_per_second"] = kSessions / result.login_seconds;
+  // Requests per second of the peer's own CPU time: steadier than the rate on a shared machine.
+  state.counters["requests_per_cpu_second"] =
+      result.cpu_seconds > 0 ? static_cast<double>(result.requests) / result.cpu_seconds : 0;
   state.counters["errors"] = static_cast<double>(result.errors);
   state.counters["sessions"] = kSessions;
 }
@@ -275,7 +358,13 @@ void BM_ServiceThousandSessions(benchmark::State& state) {
       state.SkipWithError("pelmorad did not start");
       break;
     }
-    Report(state, RunLoad(port, login));
+    Report(state, RunLoad(port, login, [pid] {
+             double total = 0;
+             for (pid_t one : WithChildren(pid)) {
+               total += CpuSeconds("/proc/" + std::to_string(one) + "/stat");
+             }
+             return total;
+           }));
   }
   state.counters["service_peak_mib"] = static_cast<double>(PeakKilobytes(pid)) / 1024.0;
   ::kill(pid, SIGTERM);
@@ -291,9 +380,14 @@ void BM_ServicePlainPeerThousandSessions(benchmark::State& state) {
   int listener = pelmora::bench::ListenOnLoopback(address);
   ::listen(listener, 1024);
   std::atomic<bool> stop{false};
-  std::thread peer(PlainPeer, listener, &stop);
+  std::atomic<pid_t> peer_thread{0};
+  std::thread peer(PlainPeer, listener, &stop, &peer_thread);
   Bytes login = wire::BuildLoginMessage("bench", "bench");
-  for (auto _ : state) Report(state, RunLoad(ntohs(address.sin_port), login));
+  for (auto _ : state) {
+    Report(state, RunLoad(ntohs(address.sin_port), login, [&peer_thread] {
+             return CpuSeconds("/proc/self/task/" + std::to_string(peer_thread.load()) + "/stat");
+           }));
+  }
   stop = true;
   peer.join();
   ::close(listener);

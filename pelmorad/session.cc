@@ -65,7 +65,11 @@ void Session::LeaveUnauthenticated() {
 Session::~Session() {
   if (handed_off_as_ != 0 && context_.session_ended) context_.session_ended(handed_off_as_);
   LeaveUnauthenticated();
-  context_.sessions.erase(this);
+  LeaveCounts();
+}
+
+void Session::LeaveCounts() {
+  if (context_.sessions.erase(this) == 0) return;  // left already
   if (--context_.sessions_per_address[address_] <= 0) {
     context_.sessions_per_address.erase(address_);
   }
@@ -142,6 +146,7 @@ asio::awaitable<void> Session::Watchdog() {
     co_await idle_timer.async_wait(asio::redirect_error(asio::use_awaitable, error));
     if (!error && idle_timer.expiry() <= asio::steady_timer::clock_type::now() &&
         channel_.is_open()) {
+      if (channel_.TakeUpLaterDeadline()) continue;
       if (command_group_ > 0 && !channel_.sending()) {
         // A silent command: the client waits for it, not the other way round.
         channel_.ArmIdleTimer();

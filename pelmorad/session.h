@@ -119,6 +119,8 @@ class Session : public std::enable_shared_from_this<Session> {
   }
   // Leaves the count of connections not yet logged in (once).
   void LeaveUnauthenticated();
+  // Leaves the sessions counted for the limits, in all and per address (once).
+  void LeaveCounts();
 
   ServiceContext& context_;
   std::shared_ptr<const Runtime> runtime_;

@@ -20,9 +20,24 @@ void SessionChannel::Resume(int32_t sequence, std::vector<uint8_t> pending) {
   pending_ = std::move(pending);
 }
 
-void SessionChannel::ArmIdleTimer() { idle_timer_.expires_at(hooks_.idle_deadline()); }
+void SessionChannel::ArmIdleTimer() {
+  auto now = asio::steady_timer::clock_type::now();
+  idle_deadline_ = hooks_.idle_deadline();
+  // A later deadline is taken up when the timer fires: re-arming the timer at every read and
+  // write woke the watchdog three times a request.
+  if (idle_deadline_ < idle_timer_.expiry() || idle_timer_.expiry() <= now) {
+    idle_timer_.expires_at(idle_deadline_);
+  }
+}
+
+bool SessionChannel::TakeUpLaterDeadline() {
+  if (idle_deadline_ <= idle_timer_.expiry()) return false;
+  idle_timer_.expires_at(idle_deadline_);
+  return true;
+}
 
 void SessionChannel::HoldIdleTimer() {
+  idle_deadline_ = asio::steady_timer::time_point::max();
   idle_timer_.expires_at(asio::steady_timer::time_point::max());
 }
 

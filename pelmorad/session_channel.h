@@ -65,6 +65,9 @@ class SessionChannel {
   // command streams and the client only waits.
   void ArmIdleTimer();
   void HoldIdleTimer();
+  // When the idle timer fired before the deadline a later arming set: re-arms it for that
+  // deadline and says so (the watchdog then waits again).
+  bool TakeUpLaterDeadline();
   // Shuts the connection down and closes it, and cancels the idle timer. Never blocks.
   void Close();
 
@@ -86,6 +89,7 @@ class SessionChannel {
  private:
   Socket socket_;
   asio::steady_timer idle_timer_;
+  asio::steady_timer::time_point idle_deadline_{};  // taken up when the timer fires
   Hooks hooks_;
   std::vector<uint8_t> pending_;  // bytes taken over with the connection, not yet read
   int32_t sequence_ = 0;

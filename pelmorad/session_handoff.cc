@@ -44,6 +44,10 @@ void Session::HandOff() {
   asio::error_code error;
   UniqueFd connection(channel_.socket().release(error));
   channel_.idle_timer().cancel();
+  // The worker's count holds the session from here on. This object ends only once its watchdog
+  // has woken; under a burst of 1000 logins hundreds were still waiting for that, counted twice,
+  // and a service holding fewer sessions than its limit refused new ones.
+  LeaveCounts();
   if (error || !context_.hand_off(*account_, std::move(state), std::move(connection))) {
     Audit({peer_, account_->name, -1, "closed: no worker could take the session",
            kNotEnoughMemory});

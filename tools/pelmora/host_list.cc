@@ -151,6 +151,19 @@ std::string FoldNumbers(std::vector<std::string> numbers) {
   return out;
 }
 
+// The name and port of every host a list already holds.
+using HostKeys = std::set<std::pair<std::string, int32_t>>;
+
+// Appends the hosts of `more` that `seen` does not hold yet to `hosts`, and adds them to `seen`.
+void AppendNew(std::vector<HostTarget>& hosts, HostKeys& seen,
+               const std::vector<HostTarget>& more) {
+  for (const HostTarget& host : more) {
+    if (!seen.emplace(host.name, host.port).second) continue;
+    if (hosts.size() >= kMaxHosts) throw CommandError(fmt::format("more than {} hosts", kMaxHosts));
+    hosts.push_back(host);
+  }
+}
+
 }  // namespace
 
 std::string HostTarget::Display() const {
@@ -170,12 +183,13 @@ std::vector<HostTarget> ReadHostsFile(const std::string& path) {
   std::ifstream file(path);
   if (!file) throw CommandError("cannot read the hosts file " + path);
   std::vector<HostTarget> hosts;
+  HostKeys seen;  // kept across lines: rebuilding it for every line made a file quadratic
   std::string line;
   for (int number = 1; std::getline(file, line); ++number) {
     std::string_view text = line;
     text = text.substr(0, text.find('#'));
     try {
-      MergeHosts(hosts, ParseHostList(text));
+      AppendNew(hosts, seen, ParseHostList(text));
     } catch (const CommandError& e) {
       throw CommandError(fmt::format("{}:{}: {}", path, number, e.what()));
     }
@@ -184,13 +198,9 @@ std::vector<HostTarget> ReadHostsFile(const std::string& path) {
 }
 
 void MergeHosts(std::vector<HostTarget>& hosts, const std::vector<HostTarget>& more) {
-  std::set<std::pair<std::string, int32_t>> seen;
+  HostKeys seen;
   for (const HostTarget& host : hosts) seen.emplace(host.name, host.port);
-  for (const HostTarget& host : more) {
-    if (!seen.emplace(host.name, host.port).second) continue;
-    if (hosts.size() >= kMaxHosts) throw CommandError(fmt::format("more than {} hosts", kMaxHosts));
-    hosts.push_back(host);
-  }
+  AppendNew(hosts, seen, more);
 }
 
 std::string FoldHostNames(const std::vector<std::string>& names) {

@@ -1,6 +1,7 @@
 // Host lists: ranges, ports, duplicates, hosts files and folding names back into ranges.
 #include "tools/pelmora/host_list.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -94,6 +95,31 @@ TEST(HostList, HostsFileSkipsCommentsAndBlankLinesAndMergesDuplicates) {
     ADD_FAILURE() << "accepted a reversed range";
   } catch (const CommandError& e) {
     EXPECT_EQ(std::string(e.what()), file.string() + ":3: reversed range \"2-1\"");
+  }
+  std::filesystem::remove(file);
+}
+
+// A fleet's file holds a host a line: the whole limit's worth reads back in order, a host repeated
+// on a later line is dropped, and the line past the limit is named. (Each line used to re-index
+// every host before it, which took minutes for a file this long.)
+TEST(HostList, HostsFileOfAHostALineReadsToTheLimit) {
+  std::filesystem::path file = std::filesystem::temp_directory_path() / "pelmora_hosts_limit.txt";
+  {
+    std::ofstream out(file);
+    for (std::size_t i = 0; i < kMaxHosts; ++i) out << "h" << i << ":8002\n";
+    out << "h0:8002\n";
+  }
+  std::vector<HostTarget> hosts = ReadHostsFile(file.string());
+  ASSERT_EQ(hosts.size(), kMaxHosts);
+  EXPECT_EQ(hosts.front().Display(), "h0:8002");
+  EXPECT_EQ(hosts.back().Display(), fmt::format("h{}:8002", kMaxHosts - 1));
+  std::ofstream(file, std::ios::app) << "one.more\n";
+  try {
+    ReadHostsFile(file.string());
+    ADD_FAILURE() << "accepted more than the limit";
+  } catch (const CommandError& e) {
+    EXPECT_EQ(std::string(e.what()),
+              fmt::format("{}:{}: more than {} hosts", file.string(), kMaxHosts + 2, kMaxHosts));
   }
   std::filesystem::remove(file);
 }
