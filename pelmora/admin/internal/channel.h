@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "pelmora/admin/internal/client_state.h"
+#include "pelmora/admin/wire.h"
 #include "pelmora/net/tls_client.h"
 #include "pelmora/net/winsock.h"
 
@@ -135,6 +136,18 @@ class Channel {
   TlsClientSettings tls_;
   std::shared_ptr<net_internal::TlsSocketApi> tls_api_;
   std::string presented_fingerprint_;
+};
+
+// What every request family starts from: the channel it sends over and the error it shares.
+class RequestFamily {
+ public:
+  explicit RequestFamily(Channel& channel) : channel_(channel), error_(channel.error()) {}
+
+ protected:
+  static int16_t Code(RequestCode code) { return static_cast<int16_t>(code); }
+
+  Channel& channel_;
+  ErrorState& error_;
 };
 
 }  // namespace pelmora::admin::internal

@@ -16,9 +16,9 @@
 
 namespace pelmora::admin::internal {
 
-class CommandRequests {
+class CommandRequests : private RequestFamily {
  public:
-  explicit CommandRequests(Channel& channel) : channel_(channel), error_(channel.error()) {}
+  using RequestFamily::RequestFamily;
 
   bool SyncCreateProcess(std::string_view command, int32_t timeout);
   int32_t ExtendedCommandVersion();
@@ -27,9 +27,6 @@ class CommandRequests {
  private:
   // Reads replies until the status reply, raising CommandOutput for each output reply.
   bool AwaitCommandEnd();
-
-  Channel& channel_;
-  ErrorState& error_;
 };
 
 }  // namespace pelmora::admin::internal

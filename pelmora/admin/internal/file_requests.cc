@@ -15,22 +15,26 @@ namespace {
 
 std::string Flag(AutomationBool flag) { return std::string(FlagText(flag.Raw())); }
 
-int16_t Code(RequestCode code) { return static_cast<int16_t>(code); }
-
 }  // namespace
 
-bool FileRequests::ResultRequest(bool sent, std::string_view module, std::string_view routine,
-                                 std::string_view send_fail, std::string_view outcome) {
+bool FileRequests::ResultRequest(bool sent, const ResultLines& lines) {
   if (!sent) {
-    LogFailure(channel_.HandlePrefix() + std::string(send_fail), module, routine);
+    LogFailure(channel_.HandlePrefix() + std::string(lines.send_fail), lines.module, lines.routine);
     return false;
   }
   const bool result = channel_.RecvResult();
-  if (!outcome.empty()) {
-    Trace(channel_.HandlePrefix() + std::string(outcome) + (result ? "True" : "False"), module,
-          routine);
+  if (!lines.outcome.empty()) {
+    Trace(channel_.HandlePrefix() + std::string(lines.outcome) + (result ? "True" : "False"),
+          lines.module, lines.routine);
   }
   return result;
+}
+
+bool FileRequests::NameRequest(std::string_view name, std::string_view empty, RequestCode code,
+                               const ResultLines& lines) {
+  error_.Clear();
+  if (!CheckArgument(error_, name, empty)) return false;
+  return ResultRequest(channel_.SendRequestUnicode(name, Code(code)), lines);
 }
 
 bool FileRequests::CheckNames(std::string_view existing, std::string_view target,
@@ -154,45 +158,35 @@ Date FileRequests::GetSystemTime() {
 bool FileRequests::IsSameMachineWithSvr() {
   error_.Clear();
   return ResultRequest(channel_.SendRequestAnsi("", Code(RequestCode::kIsSameMachineWithSvr)),
-                       "RSFSO", "IsSameMachineWithSvr", "**send request fail", "");
+                       {"RSFSO", "IsSameMachineWithSvr", "**send request fail", ""});
 }
 
 bool FileRequests::FileExists(std::string_view file) {
-  error_.Clear();
-  if (!CheckArgument(error_, file, "Empty remote file name")) return false;
-  return ResultRequest(channel_.SendRequestUnicode(file, Code(RequestCode::kFileExists)), "RSFSO",
-                       "FileExists", "** Send request fail", "** FileExists ");
+  return NameRequest(file, "Empty remote file name", RequestCode::kFileExists,
+                     {"RSFSO", "FileExists", "** Send request fail", "** FileExists "});
 }
 
 bool FileRequests::FolderExists(std::string_view folder) {
-  error_.Clear();
-  if (!CheckArgument(error_, folder, "Empty remote folder name")) return false;
-  return ResultRequest(channel_.SendRequestUnicode(folder, Code(RequestCode::kFolderExists)),
-                       "RSFSO", "FolderExists", "** Send request fail", "** FolderExists ");
+  return NameRequest(folder, "Empty remote folder name", RequestCode::kFolderExists,
+                     {"RSFSO", "FolderExists", "** Send request fail", "** FolderExists "});
 }
 
 bool FileRequests::CreateRemoteFolder(std::string_view folder) {
-  error_.Clear();
-  if (!CheckArgument(error_, folder, "Empty remote folder name")) return false;
-  return ResultRequest(channel_.SendRequestUnicode(folder, Code(RequestCode::kCreateRemoteFolder)),
-                       "RFSO", "createremotefolder", "** send request fail",
-                       "** createremotefolder = ");
+  return NameRequest(
+      folder, "Empty remote folder name", RequestCode::kCreateRemoteFolder,
+      {"RFSO", "createremotefolder", "** send request fail", "** createremotefolder = "});
 }
 
 bool FileRequests::DeleteRemoteFile(std::string_view file) {
-  error_.Clear();
-  if (!CheckArgument(error_, file, "Empty remote file name")) return false;
-  return ResultRequest(channel_.SendRequestUnicode(file, Code(RequestCode::kDeleteRemoteFile)),
-                       "RFSO", "DeleteRemoteFile", "** Send reqeust fail",
-                       "** DeleteRemoteFile = ");
+  return NameRequest(
+      file, "Empty remote file name", RequestCode::kDeleteRemoteFile,
+      {"RFSO", "DeleteRemoteFile", "** Send reqeust fail", "** DeleteRemoteFile = "});
 }
 
 bool FileRequests::DeleteRemoteFolder(std::string_view folder) {
-  error_.Clear();
-  if (!CheckArgument(error_, folder, "Empty remote folder name")) return false;
-  return ResultRequest(channel_.SendRequestUnicode(folder, Code(RequestCode::kDeleteRemoteFolder)),
-                       "RFSO", "DeleteRemoteFolder", "** send request fail",
-                       "** DeleteRemoteFolder = ");
+  return NameRequest(
+      folder, "Empty remote folder name", RequestCode::kDeleteRemoteFolder,
+      {"RFSO", "DeleteRemoteFolder", "** send request fail", "** DeleteRemoteFolder = "});
 }
 
 bool FileRequests::CreateRemoteFile(std::string_view file, AutomationBool overwrite,
@@ -200,34 +194,39 @@ bool FileRequests::CreateRemoteFile(std::string_view file, AutomationBool overwr
   error_.Clear();
   if (!CheckArgument(error_, file, "Empty remote file name")) return false;
   const std::string args[] = {std::string(file), Flag(overwrite), Flag(unicode)};
-  return ResultRequest(channel_.SendRequestList(args, Code(RequestCode::kCreateRemoteFile)), "RFSO",
-                       "CreateRemoteFile", "** Send request fail", "** CreateRemoteFile = ");
+  return ResultRequest(
+      channel_.SendRequestList(args, Code(RequestCode::kCreateRemoteFile)),
+      {"RFSO", "CreateRemoteFile", "** Send request fail", "** CreateRemoteFile = "});
+}
+
+bool FileRequests::CopyRequest(std::string_view existing, std::string_view target,
+                               AutomationBool overwrite, std::string_view what, RequestCode code,
+                               const ResultLines& lines) {
+  error_.Clear();
+  if (!CheckNames(existing, target, what)) return false;
+  const std::string args[] = {std::string(existing), std::string(target), Flag(overwrite)};
+  return ResultRequest(channel_.SendRequestList(args, Code(code)), lines);
 }
 
 bool FileRequests::CopyRemoteFile(std::string_view existing, std::string_view target,
                                   AutomationBool overwrite) {
-  error_.Clear();
-  if (!CheckNames(existing, target, "file")) return false;
-  const std::string args[] = {std::string(existing), std::string(target), Flag(overwrite)};
-  return ResultRequest(channel_.SendRequestList(args, Code(RequestCode::kCopyRemoteFile)), "RFSO",
-                       "CopyRemoteFile", "** send request fail", "** CopyRemoteFile = ");
+  return CopyRequest(existing, target, overwrite, "file", RequestCode::kCopyRemoteFile,
+                     {"RFSO", "CopyRemoteFile", "** send request fail", "** CopyRemoteFile = "});
 }
 
 bool FileRequests::CopyRemoteFolder(std::string_view existing, std::string_view target,
                                     AutomationBool overwrite) {
-  error_.Clear();
-  if (!CheckNames(existing, target, "folder")) return false;
-  const std::string args[] = {std::string(existing), std::string(target), Flag(overwrite)};
-  return ResultRequest(channel_.SendRequestList(args, Code(RequestCode::kCopyRemoteFolder)), "RFSO",
-                       "Copyremotefolder", "** Send request fail", "** Copyremotefolder = ");
+  return CopyRequest(
+      existing, target, overwrite, "folder", RequestCode::kCopyRemoteFolder,
+      {"RFSO", "Copyremotefolder", "** Send request fail", "** Copyremotefolder = "});
 }
 
 bool FileRequests::MoveRemoteFile(std::string_view existing, std::string_view target) {
   error_.Clear();
   if (!CheckNames(existing, target, "file")) return false;
   return ResultRequest(
-      channel_.SendRequestTwo(existing, target, Code(RequestCode::kMoveRemoteFile)), "RFSO",
-      "MoveRemoteFile", "** send request fail", "** MoveRemoteFile = ");
+      channel_.SendRequestTwo(existing, target, Code(RequestCode::kMoveRemoteFile)),
+      {"RFSO", "MoveRemoteFile", "** send request fail", "** MoveRemoteFile = "});
 }
 
 bool FileRequests::GetFileMode(std::string_view file, int32_t& mode) {

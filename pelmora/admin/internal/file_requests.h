@@ -15,13 +15,14 @@
 
 #include "pelmora/admin/internal/channel.h"
 #include "pelmora/admin/rcfso.h"
+#include "pelmora/admin/wire.h"
 #include "pelmora/common/date.h"
 
 namespace pelmora::admin::internal {
 
-class FileRequests {
+class FileRequests : private RequestFamily {
  public:
-  explicit FileRequests(Channel& channel) : channel_(channel), error_(channel.error()) {}
+  using RequestFamily::RequestFamily;
 
   std::string GetFileVersion(std::string_view file);
   std::string GetPathWithKey(std::string_view key);
@@ -43,17 +44,26 @@ class FileRequests {
   bool SetFileMode(std::string_view file, int32_t mode);
 
  private:
-  // The result reply of a request that `sent`, with the log lines of `routine`.
-  bool ResultRequest(bool sent, std::string_view module, std::string_view routine,
-                     std::string_view send_fail, std::string_view outcome);
+  // The log lines of a request answered by a result reply.
+  struct ResultLines {
+    std::string_view module;
+    std::string_view routine;
+    std::string_view send_fail;
+    std::string_view outcome;  // "" for no outcome line
+  };
+  // The result reply of a request that `sent`.
+  bool ResultRequest(bool sent, const ResultLines& lines);
+  // A request with one name in Unicode form, refused with 8116 `empty` when the name is blank.
+  bool NameRequest(std::string_view name, std::string_view empty, RequestCode code,
+                   const ResultLines& lines);
+  // A copy of a `what` ("file" or "folder"): two names and the overwrite flag.
+  bool CopyRequest(std::string_view existing, std::string_view target, AutomationBool overwrite,
+                   std::string_view what, RequestCode code, const ResultLines& lines);
   // Both names of a copy or move must be given.
   bool CheckNames(std::string_view existing, std::string_view target, std::string_view what);
   std::optional<std::string> ReceiveText(std::string_view routine, int32_t entry_type);
   std::optional<std::string> ReceiveRawText(int32_t count, std::string_view routine,
                                             std::string_view content_fail);
-
-  Channel& channel_;
-  ErrorState& error_;
 };
 
 }  // namespace pelmora::admin::internal

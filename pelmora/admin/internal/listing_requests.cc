@@ -16,8 +16,6 @@ namespace {
 // Listing data and records are read from the socket in pieces of at most this many bytes.
 constexpr int32_t kListingPiece = 64 * 1024;
 
-int16_t Code(RequestCode code) { return static_cast<int16_t>(code); }
-
 // The path GetFileInfo sends: one trailing "\" or "/" dropped, except after ":" (a drive root).
 std::string_view WithoutTrailingSeparator(std::string_view path) {
   if (path.size() > 1 && (path.back() == '\\' || path.back() == '/') &&

@@ -18,18 +18,15 @@
 
 namespace pelmora::admin::internal {
 
-class ListingRequests {
+class ListingRequests : private RequestFamily {
  public:
-  explicit ListingRequests(Channel& channel) : channel_(channel), error_(channel.error()) {}
+  using RequestFamily::RequestFamily;
 
   RCFileInfoCollection GetFolderFiles(std::string_view folder);
   bool GetFileInfo(std::string_view file, RCFileInfo& info);
 
  private:
   void RefuseMalformed(std::string_view routine);
-
-  Channel& channel_;
-  ErrorState& error_;
 };
 
 }  // namespace pelmora::admin::internal

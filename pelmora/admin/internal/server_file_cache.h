@@ -20,11 +20,11 @@
 
 namespace pelmora::admin::internal {
 
-class ServerFileCache {
+class ServerFileCache : private RequestFamily {
  public:
   // `folder` ends in '/'.
   ServerFileCache(Channel& channel, const std::string& folder)
-      : channel_(channel), error_(channel.error()), folder_(folder) {}
+      : RequestFamily(channel), folder_(folder) {}
 
   // The cache path of `remote_path`: the folder, the host text, "/", the first character, "$",
   // the path from its third character on, "\" turned into "/".
@@ -36,8 +36,6 @@ class ServerFileCache {
  private:
   bool StaysInside(std::string_view remote_path) const;
 
-  Channel& channel_;
-  ErrorState& error_;
   const std::string& folder_;
 };
 

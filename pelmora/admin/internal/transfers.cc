@@ -30,8 +30,6 @@ constexpr int64_t kReceiveBlock = 699 * kPacketSize;
 // FILETIME ticks per millisecond: the last-write time a download sets is cut to milliseconds.
 constexpr uint64_t kTicksPerMillisecond = 10000;
 
-int16_t Code(RequestCode code) { return static_cast<int16_t>(code); }
-
 // Makes the first `count` bytes of `block` whole pieces and returns how many: a short last piece
 // keeps, past its end, what a reused 1500-byte buffer holds there from the piece before (the
 // piece before in `block`, or `previous`, the last piece of the block sent before).

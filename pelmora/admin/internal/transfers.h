@@ -20,9 +20,9 @@ namespace pelmora::admin::internal {
 
 class LocalFile;
 
-class Transfers {
+class Transfers : private RequestFamily {
  public:
-  explicit Transfers(Channel& channel) : channel_(channel), error_(channel.error()) {}
+  using RequestFamily::RequestFamily;
 
   bool Upload(std::string_view local_file, std::string_view remote_file);
   bool Download(std::string_view local_file, std::string_view remote_file);
@@ -37,9 +37,6 @@ class Transfers {
   bool ReceiveContent(LocalFile& file, int32_t size);
   bool FailContent(LocalFile& file, int32_t error, int64_t remaining);
   bool FailWrite(LocalFile& file, const std::string& local);
-
-  Channel& channel_;
-  ErrorState& error_;
 };
 
 }  // namespace pelmora::admin::internal
