@@ -88,7 +88,9 @@ void Channel::UseTransport() {
     api = tls_api_;
   }
   WinSock fresh(api);
+  // The send time-out follows the receive time-out, as set_timeout keeps them.
   fresh.SetReceiveTimeout(socket_.ReceiveTimeout());
+  fresh.SetSendTimeout(socket_.ReceiveTimeout());
   fresh.SetReadAhead(true);
   socket_ = std::move(fresh);
 }
