@@ -5,8 +5,8 @@
 // The request families (file_requests.h, listing_requests.h, transfers.h, command_requests.h,
 // server_file_cache.h) reach the connection only through this interface; the socket and the
 // sequence number stay here. The channel also holds what every family shares: the last call's
-// error and the event sinks. Failures go to that ErrorState with the socket's number
-// and text (10054, 10060, ...) or the framing's (8001, 8003, 8004, 8117), and a line to the log.
+// error and the event sinks. Failures go to that ErrorState with the socket's number and text
+// (10054, 10060, ...) or the framing's (8003, 8004, 8016, 8117), and a line to the log.
 //
 //   Channel channel(10000);
 //   if (channel.Open("srv", 8002) && channel.LogIn(user, password)) {
