@@ -35,14 +35,10 @@
 #include "pelmora/net/winsock.h"
 #include "pelmora/platform/export.h"
 
-namespace pelmora::net_internal {
-class TlsSocketApi;
-}  // namespace pelmora::net_internal
-
 namespace pelmora::admin {
 
 namespace internal {
-class LocalFile;
+class Channel;
 class RCFSOTestAccess;
 }  // namespace internal
 
@@ -111,8 +107,8 @@ class PELMORA_API RCFSO {
   int32_t timeout() const;
   void set_timeout(int32_t value);
   // Code and text of the last error; 0 and "" when the last member succeeded.
-  int32_t ErrCode() const { return err_code_; }
-  const std::string& ErrDescription() const { return err_description_; }
+  int32_t ErrCode() const;
+  const std::string& ErrDescription() const;
   // The thread's log folder (shared with every RCFSO on the thread).
   std::string LogPath() const;
   void SetLogPath(std::string value);
@@ -123,11 +119,11 @@ class PELMORA_API RCFSO {
   // leaves the object not connected, with a TlsErrorConstants number and a text that says what
   // was presented and what to do. Late-bound callers reach each field by name (Tls,
   // TlsFingerprint, TlsCaFile, TlsKnownHosts, TlsTrustNew, TlsClientCertificate, TlsClientKey).
-  const TlsClientSettings& tls() const { return tls_; }
-  void set_tls(TlsClientSettings value) { tls_ = std::move(value); }
+  const TlsClientSettings& tls() const;
+  void set_tls(TlsClientSettings value);
   // The fingerprint of the certificate the server presented at the last TLS Connect ("" after
   // a plain one, or when no handshake completed).
-  const std::string& PresentedFingerprint() const { return presented_fingerprint_; }
+  const std::string& PresentedFingerprint() const;
 
   // --- Events ---
 
@@ -238,7 +234,7 @@ class PELMORA_API RCFSO {
   // Blocks until the status reply; each receive waits at most `timeout` ms.
   bool SyncCreateProcess(std::string_view command, int32_t lTimeout);
 
-  // --- Extended remote command (rcfso_exec.cc) ---
+  // --- Extended remote command ---
   // The version of the extended command exchange the service speaks (request 40), 0 when it has
   // none: the service's refusal is not kept as an error. Blocks for at most `timeout` ms.
   int32_t ExtendedCommandVersion();
@@ -253,7 +249,7 @@ class PELMORA_API RCFSO {
   // its time-out is 0).
   bool RunCommand(const RemoteCommand& command, RemoteCommandIo& io, ExecExit& exit);
 
-  // --- File modes (rcfso_mode.cc), for a service whose ExtendedCommandVersion is 2 or more ---
+  // --- File modes, for a service whose ExtendedCommandVersion is 2 or more ---
   // The permission bits (0-0777) of the server file `sRemoteFile` in `lMode` (request 42).
   // Fails with the service's refusal (2 or 3 not there, 5 no right or a link, 87 not a file);
   // a service without the request refuses with 1. Blocks for at most `timeout` ms.
@@ -265,83 +261,12 @@ class PELMORA_API RCFSO {
 
  private:
   friend class internal::RCFSOTestAccess;
-  using Bytes = std::vector<uint8_t>;
 
-  // Error state and logging.
-  void ClearError();
-  void SetError(int32_t code, std::string description);
-  void SetSocketError(int32_t code);
-  std::string HandlePrefix() const;
-  void Trace(std::string_view text, std::string_view module, std::string_view routine,
-             int32_t entry_type = 4) const;
-  void LogFailure(std::string_view text, std::string_view module, std::string_view routine,
-                  int32_t entry_type = 4) const;
-  void RaiseEvent(void (RCFSOEvents::*event)(std::string&), std::string text);
-
-  // Transport (rcfso.cc).
-  void UseTransport();
-  bool StartTls(std::string_view host, int32_t port);
-
-  // Framing (rcfso_framing.cc).
-  bool SendPacket(std::span<const uint8_t> Buffer);
-  bool SendMessage(int32_t lMsgSize, std::span<const uint8_t> aMsg);
-  bool FrameMessage(int32_t lMsgSize, std::span<const uint8_t> aMsg, Bytes& packet);
-  bool RecvMessage(int32_t lPacketSize, Bytes& aMsg, int32_t& lSeqNo);
-  bool ReceivePacket(int32_t size, Bytes& packet);
-  bool SendRequestAnsi(std::string_view sArg, int16_t iCommand);
-  bool SendRequestUnicode(std::string_view sArg, int16_t iCommand);
-  bool SendRequestList(std::span<const std::string> aArgs, int16_t iCommand);
-  bool SendRequestTwo(std::string_view sArg1, std::string_view sArg2, int16_t iCommand);
-  bool SendRequestBlock(int16_t iCommand, std::span<const Bytes> args);
-  bool SendAnnouncedBlock(int32_t total, std::span<const uint8_t> block);
-  bool RecvResult();
-  int32_t ReadRawBytes(int32_t count, Bytes& out);
-  int32_t ReceiveRaw(int32_t wanted, Bytes& out);
-
-  // Request helpers (rcfso_requests.cc).
-  bool CheckArgument(std::string_view value, std::string_view description);
-  bool ResultRequest(bool sent, std::string_view module, std::string_view routine,
-                     std::string_view send_fail, std::string_view outcome);
-  std::optional<std::string> ReceiveText(std::string_view routine, int32_t entry_type);
-  std::optional<int32_t> ReceiveSize();
-  std::optional<std::string> ReceiveRawText(int32_t count, std::string_view routine,
-                                            std::string_view content_fail);
-
-  // Raw data helpers (rcfso_listing.cc).
-  using RawConsumer = std::function<void(std::span<const uint8_t>)>;
-  int32_t StreamRawBytes(int64_t count, int32_t piece, const RawConsumer& consumer);
-  void RefuseMalformed(std::string_view routine);
-
-  // Transfer helpers (rcfso_transfer.cc).
-  void TransferLog(std::string_view routine, std::string_view text, bool failure = false) const;
-  bool OpenUploadSource(const std::string& local, internal::LocalFile& file);
-  bool UploadAnnounced(internal::LocalFile& file);
-  bool UploadContent(internal::LocalFile& file, int32_t size);
-  std::optional<TransferHeader> ReceiveTransferHeader();
-  bool SendGoReply(bool ready);
-  bool DownloadContent(const std::string& local, const TransferHeader& header);
-  bool ReceiveContent(internal::LocalFile& file, int32_t size);
-  bool FailContent(internal::LocalFile& file, int32_t error, int64_t remaining);
-  bool FailWrite(internal::LocalFile& file, const std::string& local);
-
-  // Cache helpers (rcfso_cache.cc): the cache path of a remote file, and whether it stays inside
-  // the cache folder.
-  std::string CachePathOf(std::string_view remote_path) const;
-  bool CachePathStaysInside(std::string_view remote_path) const;
-
-  // Remote command helper (rcfso_command.cc).
-  bool AwaitCommandEnd();
-
-  bool connected_ = false;
-  WinSock socket_;
-  std::string err_description_;
-  int32_t err_code_ = 0;
-  int32_t sequence_ = 0;
+  // The connection, its framing and the state every request family shares (internal/channel.h);
+  // each member below hands its request to the family that carries it (internal/*_requests.h,
+  // transfers.h, server_file_cache.h).
+  std::unique_ptr<internal::Channel> channel_;
   std::string cache_folder_;
-  std::vector<RCFSOEvents*> sinks_;
-  TlsClientSettings tls_;
-  std::shared_ptr<net_internal::TlsSocketApi> tls_api_;
-  std::string presented_fingerprint_;
 };
 
 }  // namespace pelmora::admin

@@ -1,17 +1,15 @@
-// RCFSO's server-file cache and the session's addresses.
-//
-// A remote file D:\Data\shop.ini of the server reached as "srv01" is cached at
-// <cache folder>srv01/D$/Data/shop.ini. The host text and the remote path come from callers and
-// servers: a host text or path that would name anything outside the cache folder is refused
-// before anything is written (its path is still handed back, as for every other outcome).
+// The server-file cache's paths and refresh.
+#include "pelmora/admin/internal/server_file_cache.h"
+
 #include <string>
 
+#include "pelmora/admin/internal/listing_requests.h"
 #include "pelmora/admin/internal/local_file.h"
-#include "pelmora/admin/rcfso.h"
+#include "pelmora/admin/internal/transfers.h"
 #include "pelmora/common/error_texts.h"
 #include "pelmora/common/internal/platform.h"
 
-namespace pelmora::admin {
+namespace pelmora::admin::internal {
 namespace {
 
 constexpr std::string_view kCacheRoutine = "getUpdatedServerFileToTempFolder";
@@ -45,55 +43,51 @@ size_t FirstCharacterLength(std::string_view text) {
 
 }  // namespace
 
-std::string RCFSO::getLocalIP() const { return socket_.LocalIP(); }
-
-std::string RCFSO::getRemoteIP() const { return socket_.RemoteHost(); }
-
-std::string RCFSO::CachePathOf(std::string_view remote_path) const {
+std::string ServerFileCache::PathOf(std::string_view remote_path) const {
   const size_t first = remote_path.empty() ? 0 : FirstCharacterLength(remote_path);
   std::string_view rest = remote_path.substr(first);
   rest.remove_prefix(rest.empty() ? 0 : FirstCharacterLength(rest));
-  std::string path = cache_folder_ + socket_.RemoteHost() + "/" +
+  std::string path = folder_ + channel_.RemoteHost() + "/" +
                      std::string(remote_path.substr(0, first)) + "$" + std::string(rest);
-  for (size_t i = cache_folder_.size(); i < path.size(); ++i) {
+  for (size_t i = folder_.size(); i < path.size(); ++i) {
     if (path[i] == '\\') path[i] = '/';
   }
   return path;
 }
 
-bool RCFSO::CachePathStaysInside(std::string_view remote_path) const {
-  const std::string path = CachePathOf(remote_path);
-  const std::string_view inside = std::string_view(path).substr(cache_folder_.size());
-  return SafeHostText(socket_.RemoteHost()) && !ClimbsUp(inside) &&
+bool ServerFileCache::StaysInside(std::string_view remote_path) const {
+  const std::string path = PathOf(remote_path);
+  const std::string_view inside = std::string_view(path).substr(folder_.size());
+  return SafeHostText(channel_.RemoteHost()) && !ClimbsUp(inside) &&
          inside.find('\0') == std::string_view::npos;
 }
 
-bool RCFSO::getUpdatedServerFileToTempFolder(std::string_view sRemoteFile,
-                                             std::string& sLocalFile) {
-  ClearError();
-  sLocalFile = CachePathOf(sRemoteFile);
-  if (!CachePathStaysInside(sRemoteFile)) {
-    SetError(kPathAccessError, std::string(RuntimeErrorText(kPathAccessError).value_or("")) + ": " +
-                                   socket_.RemoteHost() + " " + std::string(sRemoteFile));
-    LogFailure(err_description_, "RCFSO", kCacheRoutine, 1);
+bool ServerFileCache::Refresh(std::string_view remote_path, std::string& local_path) {
+  error_.Clear();
+  local_path = PathOf(remote_path);
+  if (!StaysInside(remote_path)) {
+    error_.Set(kPathAccessError, std::string(RuntimeErrorText(kPathAccessError).value_or("")) +
+                                     ": " + channel_.RemoteHost() + " " + std::string(remote_path));
+    LogFailure(error_.description(), "RCFSO", kCacheRoutine, 1);
     return false;
   }
-  const std::string remote(sRemoteFile);
-  pelmora::internal::CreateFolderPath(sLocalFile);
-  if (!internal::IsRegularFile(sLocalFile) && !Download(sLocalFile, remote)) {
+  const std::string remote(remote_path);
+  pelmora::internal::CreateFolderPath(local_path);
+  Transfers transfers(channel_);
+  if (!IsRegularFile(local_path) && !transfers.Download(local_path, remote)) {
     LogFailure("Cannot get " + remote + " from server", "OrvSettingReader", kCacheRoutine, 1);
     return false;
   }
   RCFileInfo info;
-  if (!GetFileInfo(remote, info)) {
+  if (!ListingRequests(channel_).GetFileInfo(remote, info)) {
     LogFailure("cannot access remote " + remote, "RCFSO", kCacheRoutine, 1);
     return false;
   }
-  const std::optional<int64_t> cached = internal::LastWriteSeconds(sLocalFile);
+  const std::optional<int64_t> cached = LastWriteSeconds(local_path);
   if (cached && Date::FromUnixTime(*cached) == info.LastWriteTime()) return true;
-  if (Download(sLocalFile, remote)) return true;
+  if (transfers.Download(local_path, remote)) return true;
   LogFailure("Cannot get " + remote + " from server", "RCFSO", kCacheRoutine, 1);
   return false;
 }
 
-}  // namespace pelmora::admin
+}  // namespace pelmora::admin::internal

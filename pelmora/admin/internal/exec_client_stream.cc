@@ -1,71 +1,31 @@
-// RCFSO's extended command exchange: the hello request that learns whether the service speaks
-// it, and RunCommand, which drives the stream phase over the session's socket with poll: the
-// caller's standard input goes out within the service's window, standard output and standard
-// error come back within the window this side grants, until the exit frame.
+// The extended command's stream phase on the client side.
+#include "pelmora/admin/internal/exec_client_stream.h"
+
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <optional>
 
-#include "pelmora/admin/exec_wire.h"
-#include "pelmora/admin/rcfso.h"
-#include "pelmora/net/internal/tls_socket_api.h"
 #include "pelmora/common/error_numbers.h"
+#include "pelmora/net/internal/socket_api.h"
 
-namespace pelmora::admin {
+namespace pelmora::admin::internal {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 constexpr std::size_t kPiece = 65536;
 constexpr std::size_t kSendQueueLimit = 256 * 1024;
 
-// The client's side of the stream phase. Fails with a socket number (10054 when the service
-// closes, 10060 when the wait runs out) or 8004 for a malformed frame. Over TLS the bytes go
-// through `tls`, and each read drains what the TLS session holds, so that a poll of the
-// descriptor never waits for bytes that were already taken from it.
-class ExecClientStream {
- public:
-  ExecClientStream(int socket_fd, net_internal::SocketApi* tls, RemoteCommandIo& io,
-                   std::optional<Clock::time_point> deadline)
-      : socket_fd_(socket_fd), tls_(tls), io_(io), deadline_(deadline), input_(io.input) {}
+}  // namespace
 
-  // 0 with the exit in `exit`, otherwise the failure's number.
-  int32_t Run(ExecExit& exit);
+void ExecClientStream::Queue(const std::vector<uint8_t>& bytes) {
+  send_.insert(send_.end(), bytes.begin(), bytes.end());
+}
 
- private:
-  int32_t Step();
-  int32_t ReadSocket();
-  int32_t HandleFrame(const ExecFrame& frame);
-  void SendInput();
-  void Queue(const std::vector<uint8_t>& bytes) {
-    send_.insert(send_.end(), bytes.begin(), bytes.end());
-  }
-  int32_t Flush();
-  bool WantsInput() const {
-    return !input_ended_ && !exit_ && credit_ > 0 && send_.size() - sent_ < kSendQueueLimit;
-  }
-
-  // recv and send on the socket, or through the TLS session: the count, or -1 with errno set.
-  ssize_t Receive(uint8_t* buffer, std::size_t size);
-  ssize_t Transmit(const uint8_t* data, std::size_t size);
-
-  int socket_fd_;
-  net_internal::SocketApi* tls_;  // nullptr on the plain transport
-  RemoteCommandIo& io_;
-  std::optional<Clock::time_point> deadline_;
-  std::string_view input_;
-  ExecFrameReader reader_{ExecPeer::kService};
-  std::vector<uint8_t> send_;
-  std::size_t sent_ = 0;
-  int64_t credit_ = 0;
-  int64_t consumed_ = 0;
-  bool input_ended_ = false;
-  std::optional<ExecExit> exit_;
-};
+bool ExecClientStream::WantsInput() const {
+  return !input_ended_ && !exit_ && credit_ > 0 && send_.size() - sent_ < kSendQueueLimit;
+}
 
 int32_t ExecClientStream::Run(ExecExit& exit) {
   Queue(BuildExecGrant(ExecFrameKind::kGrant, io_.window));
@@ -78,9 +38,10 @@ int32_t ExecClientStream::Run(ExecExit& exit) {
 
 int32_t ExecClientStream::Step() {
   if (io_.input_fd < 0 && WantsInput()) SendInput();
-  pollfd fds[2] = {{socket_fd_, static_cast<short>((exit_ ? 0 : POLLIN) |
-                                                   (sent_ < send_.size() ? POLLOUT : 0)), 0},
-                   {io_.input_fd >= 0 && WantsInput() ? io_.input_fd : -1, POLLIN, 0}};
+  pollfd fds[2] = {
+      {socket_fd_, static_cast<short>((exit_ ? 0 : POLLIN) | (sent_ < send_.size() ? POLLOUT : 0)),
+       0},
+      {io_.input_fd >= 0 && WantsInput() ? io_.input_fd : -1, POLLIN, 0}};
   int wait = -1;
   if (deadline_) {
     auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline_ - Clock::now()).count();
@@ -189,38 +150,4 @@ int32_t ExecClientStream::Flush() {
   return 0;
 }
 
-}  // namespace
-
-int32_t RCFSO::ExtendedCommandVersion() {
-  ClearError();
-  if (!SendRequestBlock(kExecHelloCode, ExecHelloArguments(kExecVersion))) return 0;
-  if (!RecvResult()) {
-    ClearError();  // a service without the extension refuses the unknown request
-    return 0;
-  }
-  int32_t version = std::max(ErrCode(), 0);
-  ClearError();
-  return std::min(version, kExecVersion);
-}
-
-bool RCFSO::RunCommand(const RemoteCommand& command, RemoteCommandIo& io, ExecExit& exit) {
-  ClearError();
-  if (command.arguments.empty() &&
-      command.command_line.find_first_not_of(' ') == std::string::npos) {
-    SetError(errors::kEmptyArgument, "Empty command");
-    return false;
-  }
-  if (!SendRequestBlock(kExecRunCode, ExecRequestArguments(command))) return false;
-  if (!RecvResult()) return false;
-  std::optional<Clock::time_point> deadline;
-  if (command.timeout > 0 && timeout() > 0) {
-    deadline = Clock::now() + std::chrono::milliseconds(int64_t{command.timeout} + timeout());
-  }
-  ExecClientStream stream(socket_.SocketHandle(), tls_api_.get(), io, deadline);
-  int32_t failure = stream.Run(exit);
-  if (failure == errors::kInvalidDataSize) SetError(errors::kInvalidDataSize, "Invalid Data Size");
-  if (failure != 0 && failure != errors::kInvalidDataSize) SetSocketError(failure);
-  return failure == 0;
-}
-
-}  // namespace pelmora::admin
+}  // namespace pelmora::admin::internal
