@@ -8,7 +8,10 @@
 #   2. ad-hoc `copy` of a file whose content changes every run (so it is really sent),
 #   3. a playbook of 10 tasks (no fact gathering) over the 20 hosts,
 # and prints each pair with the ratio ssh time / pelmora time. The ssh control masters of one run
-# are still alive for the next, as they are for a user who runs Ansible again within a minute.
+# are still alive for the next, as they are for a user who runs Ansible again within a minute, as
+# are pelmora's session keeper's sessions. A third group runs the same work with Ansible's local
+# connection (no connection at all: the modules run on the controller): ssh time / local time is
+# the most that any connection could gain over ssh on this machine.
 # Usage: bench/ansible_bench.sh BUILD_DIR [REPEATS]   (as root; REPEATS default 3)
 set -euo pipefail
 build=$(realpath "${1:?usage: bench/ansible_bench.sh BUILD_DIR [REPEATS]}")
@@ -23,12 +26,14 @@ source "$(dirname "$0")/bench_service.sh"
 work=$(mktemp -d /tmp/pelmora-ansible-bench-XXXXXX)
 service_pid= sshd_pid=
 finish() {
+  local status=$?
   for socket in "$work"/cp/*; do
     [[ -S $socket ]] && ssh -o ControlPath="$socket" -O exit dummy 2>/dev/null
   done
   [[ -n $service_pid ]] && kill "$service_pid" 2>/dev/null && wait "$service_pid" 2>/dev/null
   [[ -n $sshd_pid ]] && kill "$sshd_pid" 2>/dev/null && wait "$sshd_pid" 2>/dev/null
   rm -rf "$work"
+  exit "$status"
 }
 trap finish EXIT
 
@@ -86,6 +91,8 @@ done
   echo "ansible_port=$port"
   echo "ansible_user=bench"
   echo "ansible_password='bench password'"
+  echo "[local]"
+  for n in $(seq 1 20); do echo "loc$n ansible_host=127.0.0.$n ansible_connection=local"; done
 } > "$work/inventory"
 
 mkdir -p "$work/dest" "$work/fetched"
@@ -124,21 +131,24 @@ run() {  # run GROUP PROGRAM ARGS...: one Ansible run, its time in seconds on st
 }
 median() { printf '%s\n' "$@" | sort -n | sed -n "$(( ($# + 1) / 2 ))p"; }
 measure() {  # measure NAME ARGS...: both groups REPEATS times, alternating; GROUP in ARGS
-  local name=$1 ssh_times=() pel_times=() i  # becomes the group, RUN the run's number
-  shift
+  local name=$1 ssh_times=() pel_times=() local_times=() i  # becomes the group, RUN the
+  shift                                                       # run's number
   for i in $(seq 1 "$repeats"); do
     echo "$name run $i $RANDOM" > "$work/payload"
     local args=("${@//RUN/$i}")
     ssh_times+=("$(run ssh "${args[@]//GROUP/ssh}")")
     pel_times+=("$(run pelmora "${args[@]//GROUP/pelmora}")")
+    local_times+=("$(run local "${args[@]//GROUP/local}")")
   done
-  local s p
-  s=$(median "${ssh_times[@]}") p=$(median "${pel_times[@]}")
-  printf '%-28s ssh %6.2f s  pelmora %6.2f s  ratio %5.2fx  (ssh runs: %s; pelmora runs: %s)\n' \
-    "$name" "$s" "$p" "$(echo "scale=3; $s / $p" | bc)" "${ssh_times[*]}" "${pel_times[*]}"
+  local s p l
+  s=$(median "${ssh_times[@]}") p=$(median "${pel_times[@]}") l=$(median "${local_times[@]}")
+  printf '%-26s ssh %6.2f s  pelmora %6.2f s  ratio %5.2fx   local %6.2f s (ssh/local %5.2fx)\n' \
+    "$name" "$s" "$p" "$(echo "scale=3; $s / $p" | bc)" "$l" "$(echo "scale=3; $s / $l" | bc)"
+  printf '%-26s runs: ssh %s; pelmora %s; local %s\n' "" "${ssh_times[*]}" "${pel_times[*]}" \
+    "${local_times[*]}"
 }
 
-echo "load average before: $(cut -d' ' -f1-3 /proc/loadavg); $(nproc) cores; $(ansible --version | head -1)"
+echo "load average before: $(cut -d' ' -f1-3 /proc/loadavg); $(nproc) cores; $(ansible --version 2>/dev/null | sed -n 1p)"
 measure "ad-hoc command, 20 hosts" ansible GROUP -m command -a true
 measure "ad-hoc copy, 20 hosts" ansible GROUP -m copy \
   -a "src=$work/payload dest=$work/dest/{{ inventory_hostname }}.txt"

@@ -360,7 +360,7 @@ class Connection(ConnectionBase):
                 if reply.get("ok"):
                     self._keeper, self._extended, self._connected = path, True, True
                     return self
-                if not reply.get("plain"):  # the service has no extended exchange
+                if not reply.get("plain"):  # "plain": no extended exchange, talk to it here
                     raise self._unreachable(reply["error"], reply["description"])
         pelmora = import_pelmora()
         fso = pelmora.CreateObject("Pelmora.RCFSO")
