@@ -3,6 +3,7 @@
 import importlib.util
 import os
 import pathlib
+import socket
 import subprocess
 
 import pytest
@@ -56,3 +57,41 @@ def test_home_command_prints_a_home_beneath_the_drive_or_the_drive(home, root, p
     done = subprocess.run(["/bin/sh", "-c", plugin.home_command(root)], env={"HOME": home},
                           capture_output=True, text=True, timeout=10)
     assert done.stdout == printed + "\n"
+
+
+keeper = plugin.keeper  # the session keeper's exchange, loaded by the plugin
+
+
+def header(data):
+    return keeper.LENGTH.pack(len(data)) + data
+
+
+@pytest.mark.parametrize("stream, error", [
+    (b"", ConnectionError),                                   # ended before the length
+    (b"\x00\x00", ConnectionError),                           # ended inside the length
+    (header(b'{"sizes": []')[:-3], ConnectionError),          # ended inside the header
+    (keeper.LENGTH.pack(keeper.MAX_HEADER + 1), ValueError),  # a header beyond the bound
+    (header(b"[1, 2]"), ValueError),                          # not an object
+    (header(b'{"op": "exec"}'), ValueError),                  # no sizes
+    (header(b'{"sizes": [-1]}'), ValueError),
+    (header(b'{"sizes": [1073741825]}'), ValueError),          # a byte string beyond the bound
+    (header(b'{"sizes": [0, 0, 0, 0]}'), ValueError),         # too many byte strings
+    (header(b'{"sizes": [true]}'), ValueError),
+    (header(b'{"sizes": [5]}') + b"abc", ConnectionError),    # ended inside a byte string
+    (header(b"\xff"), ValueError),                            # not UTF-8 JSON
+])
+def test_keeper_messages_out_of_bounds_are_refused(stream, error):
+    sender, receiver = socket.socketpair()
+    with sender, receiver:
+        sender.sendall(stream)
+        sender.shutdown(socket.SHUT_WR)
+        with pytest.raises(error):
+            keeper.receive_message(receiver)
+
+
+def test_keeper_messages_carry_their_byte_strings():
+    sender, receiver = socket.socketpair()
+    with sender, receiver:
+        keeper.send_message(sender, {"op": "exec", "command": ["a", "b"]}, [b"in\0put", b""])
+        assert keeper.receive_message(receiver) == (
+            {"op": "exec", "command": ["a", "b"], "sizes": [6, 0]}, [b"in\0put", b""])

@@ -1,16 +1,63 @@
 """Ansible over the connection plugin against several real pelmorad instances on loopback."""
 
+import hashlib
 import re
 import os
 import pathlib
+import shutil
+import socket
 import subprocess
 import sys
+import tempfile
 
 import pytest
 
 SOURCE = pathlib.Path(os.environ["PELMORA_SOURCE_DIR"])
 sys.path.insert(0, str(SOURCE / "python" / "tests"))
 from service import ACCOUNT, PASSWORD, Service  # noqa: E402
+
+KEEPER = SOURCE / "ansible/ansible_collections/pelmora/admin/plugins/plugin_utils/keeper.py"
+sys.path.insert(0, str(KEEPER.parent))
+import keeper  # noqa: E402
+
+KEEPERS = pathlib.Path(tempfile.mkdtemp(prefix="pelmora-keepers-"))
+
+
+@pytest.fixture(scope="module", autouse=True)
+def keepers_folder_removed():
+    yield
+    shutil.rmtree(KEEPERS, ignore_errors=True)
+
+
+def ask_keeper(path, header, blobs=()):
+    """The reply of the session keeper at path to one request."""
+    with socket.socket(socket.AF_UNIX) as client:
+        client.connect(str(path))
+        assert keeper.receive_message(client)[0]["keeper"] == 2
+        keeper.send_message(client, header, blobs)
+        return keeper.receive_message(client)
+
+
+def stop_keeper(path):
+    """Ends the session keeper at path and every session it holds."""
+    assert ask_keeper(path, {"op": "end"})[0] == {"ok": True, "sizes": []}
+
+
+def keepers_of(folder):
+    """The folder of the keepers' sockets of the runs in folder: short, as a socket's path
+    must be."""
+    return KEEPERS / hashlib.sha256(str(folder).encode()).hexdigest()[:8]
+
+
+def stop_keepers(folder):
+    """Ends the session keepers whose sockets are in keepers_of(folder)."""
+    for path in keepers_of(folder).glob("*"):
+        if path.is_socket():
+            stop_keeper(path)
+
+
+def logins(service):
+    return (service.folder / "pelmorad.log").read_text().count('path="login" result=0')
 
 
 @pytest.fixture(scope="module")
@@ -27,13 +74,16 @@ def fleet(tmp_path_factory):
     inventory = folder / "inventory.ini"
     inventory.write_text("\n".join(lines) + "\n")
     yield folder, inventory
+    stop_keepers(folder)
     for service in services:
         service.stop()
 
 
 def ansible(program, folder, *args, remote_tmp="remote-tmp"):
-    """Runs an Ansible program; remote_tmp None leaves Ansible's own remote folder setting."""
+    """Runs an Ansible program; remote_tmp None leaves Ansible's own remote folder setting.
+    The session keepers' sockets go to keepers_of(folder)."""
     env = dict(os.environ,
+               PELMORA_CONTROL_PATH_DIR=str(keepers_of(folder)),
                ANSIBLE_COLLECTIONS_PATH=str(SOURCE / "ansible"),
                ANSIBLE_LOCAL_TEMP=str(folder / "local-tmp"),
                ANSIBLE_HOME=str(folder / "home"),
@@ -148,6 +198,7 @@ def test_home_of_the_commands_identity_holds_the_temporary_files(tmp_path):
             assert (drive / f"copied-{host}.txt").read_text() == "payload\n"
         assert not (drive / f"~{ACCOUNT}").exists()
     finally:
+        stop_keepers(tmp_path)
         for service in services.values():
             service.stop()
 
@@ -176,8 +227,105 @@ def test_tls_sessions_check_the_service_and_record_new_hosts(tmp_path):
         assert known.read_text() == f"127.0.0.1:{front.port} {fingerprint}\n"
         assert front.handshakes >= 2
     finally:
+        stop_keepers(tmp_path)
         front.stop()
         service.stop()
+
+
+@pytest.mark.parametrize("setting, module_file_sent", [
+    ([], False),                                   # the connection's default
+    (["-e", "ansible_pipelining=false"], True),
+])
+def test_modules_are_piped_unless_pipelining_is_off(fleet, setting, module_file_sent):
+    folder, inventory = fleet
+    done = ansible("ansible", folder, "host0", "-i", str(inventory), "-vvv", "-m", "command",
+                   "-a", "echo piped", *setting)
+    assert "host0 | CHANGED | rc=0 >>\npiped" in done.stdout, done.stdout[-3000:]
+    assert ("AnsiballZ_command.py" in "".join(re.findall(r"PELMORA PUT .*", done.stdout))) \
+        == module_file_sent, done.stdout[-3000:]
+
+
+def test_one_login_serves_every_task_and_run_until_the_connection_is_reset(tmp_path):
+    """The session keeper logs in once for the tasks of a play and for the next run;
+    reset_connection ends it; pelmora_persist=0 logs in for each task."""
+    service = Service(drive_root="/")
+    try:
+        inventory = write_inventory(tmp_path, "one", [
+            f"kept ansible_host=127.0.0.1 ansible_port={service.port}",
+            f"each ansible_host=127.0.0.1 ansible_port={service.port} pelmora_persist=0"])
+        playbook = tmp_path / "play.yml"
+        tasks = """
+    - command: echo one
+    - copy: {content: "two\\n", dest: "%s/two-{{ inventory_hostname }}.txt"}
+    - command: cat %s/two-{{ inventory_hostname }}.txt
+      register: shown
+    - assert: {that: ["shown.stdout == 'two'"]}""" % (tmp_path, tmp_path)
+        playbook.write_text(f"- hosts: kept\n  gather_facts: false\n  tasks:{tasks}\n")
+        for run in range(2):
+            done = ansible("ansible-playbook", tmp_path, "-i", str(inventory), str(playbook))
+            assert done.returncode == 0, done.stdout[-3000:] + done.stderr[-3000:]
+            assert logins(service) == 1, (run, done.stdout[-3000:])
+        playbook.write_text("- hosts: kept\n  gather_facts: false\n  tasks:\n"
+                            "    - meta: reset_connection\n    - command: echo again\n")
+        done = ansible("ansible-playbook", tmp_path, "-i", str(inventory), str(playbook))
+        assert done.returncode == 0, done.stdout[-3000:] + done.stderr[-3000:]
+        assert logins(service) == 2
+        playbook.write_text(f"- hosts: each\n  gather_facts: false\n  tasks:{tasks}\n")
+        done = ansible("ansible-playbook", tmp_path, "-i", str(inventory), str(playbook))
+        assert done.returncode == 0, done.stdout[-3000:] + done.stderr[-3000:]
+        assert logins(service) == 2 + 3  # one per task that reaches the host (not assert)
+    finally:
+        stop_keepers(tmp_path)
+        service.stop()
+
+
+def test_a_keeper_folder_other_users_can_enter_is_not_used(fleet):
+    folder, inventory = fleet
+    keepers = keepers_of(folder)
+    stop_keepers(folder)
+    keepers.mkdir(exist_ok=True)
+    keepers.chmod(0o755)
+    try:
+        done = ansible("ansible", folder, "host0", "-i", str(inventory), "-m", "command",
+                       "-a", "echo direct")
+        assert "host0 | CHANGED | rc=0 >>\ndirect" in done.stdout, done.stdout
+        assert "is not private to this user" in done.stderr, done.stderr
+        assert not [p for p in keepers.iterdir() if p.is_socket()]
+    finally:
+        keepers.chmod(0o700)
+
+
+def test_a_keeper_serves_its_own_user_only(tmp_path):
+    """A keeper started by hand: it answers its user's requests, and a process of another
+    user (nobody) meets the end of the stream before any greeting."""
+    service = Service(drive_root="/")
+    open_folder = pathlib.Path(tempfile.mkdtemp(prefix="pelmora-open-"))
+    open_folder.chmod(0o755)
+    path = open_folder / "keeper.sock"
+    settings = {"host": "127.0.0.1", "port": service.port, "user": ACCOUNT,
+                "password": PASSWORD, "timeout": 10, "tls": None, "persist": 60}
+    started = subprocess.Popen([sys.executable, str(KEEPER), str(path)],
+                               stdout=subprocess.PIPE, text=True)
+    try:
+        assert started.stdout.readline() == "ready\n"
+        path.chmod(0o777)
+        reply, (out, err) = ask_keeper(path, {"op": "exec", "command": "cat; echo err >&2",
+                                              "settings": settings}, [b"input"])
+        assert (reply["status"], out, err) == (0, b"input", b"err\n")
+        wrong = dict(settings, password="not the password")
+        reply, _ = ask_keeper(path, {"op": "exec", "command": "true", "settings": wrong})
+        assert (reply["error"], reply["login"]) == (1326, True)
+        stranger = subprocess.run(
+            [sys.executable, "-c", "import socket, sys; s = socket.socket(socket.AF_UNIX); "
+             "s.connect(sys.argv[1]); print(repr(s.recv(100)))", str(path)],
+            user=65534, capture_output=True, text=True, timeout=60)
+        assert stranger.stdout == "b''\n", stranger.stdout + stranger.stderr
+    finally:
+        if path.is_socket():
+            stop_keeper(path)
+        started.wait(60)
+        service.stop()
+        shutil.rmtree(open_folder)
 
 
 PLAYS = int(os.environ.get("PELMORA_ANSIBLE_PLAYS", "0"))
@@ -205,5 +353,6 @@ def test_repeated_copies_to_twenty_hosts_all_succeed(tmp_path):
                                                 done.stdout, re.M), done.stdout[-2000:]))
         assert not failed, failed
     finally:
+        stop_keepers(tmp_path)
         for service in services:
             service.stop()

@@ -71,6 +71,49 @@ options:
         outside it; C(ansible_user) is a service account, not a user of the host.
     vars:
       - name: pelmora_remote_tmp
+  pipelining:
+    description:
+      - Run modules from the command's standard input, without copying them to a remote
+        temporary file first (Ansible's C(pipelining)). On by default for this connection, as the
+        service gives commands no terminal, so C(requiretty) never applies. A service without
+        the extended command exchange cannot pipe input; pipelining is then off whatever the
+        setting.
+    type: boolean
+    default: true
+    env:
+      - name: ANSIBLE_PIPELINING
+    ini:
+      - section: defaults
+        key: pipelining
+      - section: connection
+        key: pipelining
+    vars:
+      - name: ansible_pipelining
+  persist:
+    description:
+      - Seconds a session keeper process stays after its last request. The keeper, started by
+        the first task on a host, keeps logged-in sessions to that host's service open between
+        tasks and between runs, as ssh's C(ControlPersist) keeps its master connection; a task
+        then costs no login. V(0) logs in for each task instead. It is used only with a service
+        that speaks the extended command exchange.
+    type: int
+    default: 60
+    env:
+      - name: PELMORA_PERSIST
+    vars:
+      - name: pelmora_persist
+  control_path_dir:
+    description:
+      - Folder of the keepers' sockets, made with mode 700 if missing. A folder that other
+        users can enter or that another user owns is refused (the plugin then logs in for each
+        task). Each socket's name is a digest of the host, port, account, password and TLS
+        settings, so sessions are shared only by tasks that would log in alike, and a keeper
+        serves only processes of its own user.
+    default: ~/.ansible/pelmora
+    env:
+      - name: PELMORA_CONTROL_PATH_DIR
+    vars:
+      - name: pelmora_control_path_dir
   tls:
     description:
       - Encrypt the session with TLS 1.3 and check the service's identity before the password
@@ -118,10 +161,18 @@ options:
       - name: pelmora_client_key
 """
 
+import contextlib
+import fcntl
+import importlib.util
 import os
 import posixpath
 import secrets
+import selectors
 import shlex
+import socket
+import subprocess
+import sys
+import time
 
 from ansible.errors import AnsibleConnectionFailure, AnsibleError, AnsibleFileNotFound
 from ansible.plugins.connection import ConnectionBase
@@ -129,11 +180,22 @@ from ansible.utils.display import Display
 
 display = Display()
 
-try:
-    import pelmora
-except ImportError as error:  # reported when the plugin is used, not when Ansible lists plugins
-    pelmora = None
-    _import_error = error
+KEEPER = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))),
+                      "plugin_utils", "keeper.py")
+_found = importlib.util.spec_from_file_location("pelmora_session_keeper", KEEPER)
+keeper = importlib.util.module_from_spec(_found)
+_found.loader.exec_module(keeper)
+TLS_PORT = 8443  # the service's default port over TLS
+
+
+def import_pelmora():
+    """The pelmora module, loaded only by a task that talks to the service itself (with a
+    keeper, the task never loads the library)."""
+    try:
+        import pelmora
+    except ImportError as error:
+        raise AnsibleError(f"the pelmora Python module is not installed: {error}") from error
+    return pelmora
 
 
 def wrap_command(cmd, marker):
@@ -176,6 +238,16 @@ def drive_path(path, drive, root):
     return f"{drive}:\\" + relative.replace("/", "\\")
 
 
+@contextlib.contextmanager
+def timed(what, host):
+    """Shows at -vvvv how long `what` took, to see where a run's time goes."""
+    start = time.monotonic()
+    try:
+        yield
+    finally:
+        display.vvvv(f"PELMORA {what} took {(time.monotonic() - start) * 1000:.1f} ms", host=host)
+
+
 class Connection(ConnectionBase):
     transport = "pelmora.admin.pelmora"
     has_pipelining = True
@@ -184,6 +256,9 @@ class Connection(ConnectionBase):
         super().__init__(*args, **kwargs)
         self._fso = None
         self._extended = False
+        self._keeper = None
+        self._refused = None
+        self._reporting = False
         self._adapt_shell()
 
     def _adapt_shell(self):
@@ -210,31 +285,95 @@ class Connection(ConnectionBase):
         shell.set_options = set_shell_options
         shell.expand_user = expand_account_home
 
-    def _failure(self, what):
-        return f"{what} on {self.get_option('remote_addr')}: {self._fso.ErrCode} {self._fso.ErrDescription}"
+    def get_option(self, option, hostvars=None):
+        value = super().get_option(option, hostvars)
+        if option == "pipelining" and value and not self._reporting:
+            # Only a service with the extended exchange takes input. A failed login is reported
+            # where Ansible expects it (the host unreachable), by the next call that connects.
+            with contextlib.suppress(AnsibleConnectionFailure):
+                return self._connect()._extended
+        return value
+
+    def update_vars(self, variables):
+        # Ansible reads every option here to report it back, whether the task uses the host
+        # or not: that must not log in.
+        self._reporting = True
+        try:
+            super().update_vars(variables)
+        finally:
+            self._reporting = False
+
+    def _host(self):
+        return self.get_option("remote_addr")
+
+    def _failure(self, what, number=None, description=None):
+        if number is None:
+            number, description = self._fso.ErrCode, self._fso.ErrDescription
+        return f"{what} on {self._host()}: {number} {description}"
+
+    def _unreachable(self, number, description):
+        hint = ""
+        if number == 12045 and not self.get_option("trust_new"):
+            hint = (" (set pelmora_trust_new=true to record a new host, or pin it with "
+                    "pelmora_fingerprint)")
+        return AnsibleConnectionFailure(f"pelmora: {self._host()}: {number} {description}{hint}")
+
+    def _settings(self):
+        """What a session needs to log in: host, port (0 for the default), account, password,
+        reply time-out in seconds and the TLS settings (None without TLS)."""
+        tls = None
+        if self.get_option("tls"):
+            cert, key = self.get_option("client_cert"), self.get_option("client_key")
+            tls = dict(fingerprint=self.get_option("fingerprint") or "",
+                       ca_file=self.get_option("ca_file") or "",
+                       known_hosts=self.get_option("known_hosts") or None,
+                       trust_new=bool(self.get_option("trust_new")),
+                       client_certificate=cert or (None if not key else ""),
+                       client_key=key or (None if not cert else ""))
+        return {"host": self._host(), "port": int(self.get_option("port") or 0),
+                "user": self.get_option("remote_user") or "",
+                "password": self.get_option("password") or "",
+                "timeout": int(self.get_option("timeout")), "tls": tls}
 
     def _connect(self):
-        if pelmora is None:
-            raise AnsibleError(f"the pelmora Python module is not installed: {_import_error}")
         if self._connected:
             return self
-        host = self.get_option("remote_addr")
-        fso = pelmora.CreateObject("Pelmora.RCFSO")
-        fso.timeout = int(self.get_option("timeout")) * 1000
-        user = self.get_option("remote_user") or ""
-        password = self.get_option("password") or ""
-        tls = bool(self.get_option("tls"))
-        port = int(self.get_option("port") or (pelmora.TLS_PORT if tls else 8002))
-        if tls:
-            self._use_tls(fso)
+        if self._refused is not None:  # one login attempt per task, whoever asks again
+            raise self._refused
+        try:
+            return self._log_in()
+        except AnsibleConnectionFailure as error:
+            self._refused = error
+            raise
+
+    def _log_in(self):
+        settings = self._settings()
+        user, host, tls = settings["user"], settings["host"], settings["tls"]
+        port = settings["port"] or (TLS_PORT if tls else 8002)
         display.vvv(f"PELMORA CONNECT {user}@{host}:{port}{' TLS' if tls else ''}", host=host)
-        if not fso.Connect(host, port, user, password, False):
-            hint = ""
-            if fso.ErrCode == 12045 and not self.get_option("trust_new"):
-                hint = (" (set pelmora_trust_new=true to record a new host, or pin it with "
-                        "pelmora_fingerprint)")
-            raise AnsibleConnectionFailure(
-                f"pelmora: {host}: {fso.ErrCode} {fso.ErrDescription}{hint}")
+        self._keeper = None
+        if int(self.get_option("persist")) > 0:
+            path = self._keeper_path()
+            if path:
+                with timed("KEEPER", host):
+                    reply, _ = self._ask({"op": "open"}, path=path)
+                if reply.get("ok"):
+                    self._keeper, self._extended, self._connected = path, True, True
+                    return self
+                if not reply.get("plain"):  # "plain": no extended exchange, talk to it here
+                    raise self._unreachable(reply["error"], reply["description"])
+        pelmora = import_pelmora()
+        fso = pelmora.CreateObject("Pelmora.RCFSO")
+        fso.timeout = settings["timeout"] * 1000
+        if tls:
+            try:
+                pelmora.use_tls(fso, **tls)
+            except (ValueError, OSError) as error:
+                raise AnsibleConnectionFailure(f"pelmora: {error}") from error
+        with timed("CONNECT", host):
+            connected = fso.Connect(host, port, user, settings["password"], False)
+        if not connected:
+            raise self._unreachable(fso.ErrCode, fso.ErrDescription)
         if tls:
             display.vvv(f"PELMORA TLS {fso.TlsPresentedFingerprint}", host=host)
         self._fso = fso
@@ -242,17 +381,100 @@ class Connection(ConnectionBase):
         self._connected = True
         return self
 
-    def _use_tls(self, fso):
-        cert, key = self.get_option("client_cert"), self.get_option("client_key")
+    # The session keeper (plugin_utils/keeper.py): one process of the user that keeps sessions
+    # open between tasks; each request is one connection to its socket.
+
+    def _keeper_path(self):
+        """The keeper's socket, or None when its folder is not private to the user."""
+        folder = os.path.expanduser(self.get_option("control_path_dir"))
         try:
-            pelmora.use_tls(fso, fingerprint=self.get_option("fingerprint") or "",
-                            ca_file=self.get_option("ca_file") or "",
-                            known_hosts=self.get_option("known_hosts") or None,
-                            trust_new=bool(self.get_option("trust_new")),
-                            client_certificate=cert or (None if not key else ""),
-                            client_key=key or (None if not cert else ""))
-        except (ValueError, OSError) as error:
-            raise AnsibleConnectionFailure(f"pelmora: {error}") from error
+            os.makedirs(folder, mode=0o700, exist_ok=True)
+            status = os.stat(folder)
+        except OSError as error:
+            display.warning(f"pelmora: no session keeper, {folder}: {error.strerror}")
+            return None
+        if status.st_uid != os.getuid() or status.st_mode & 0o077:
+            display.warning(f"pelmora: no session keeper, {folder} is not private to this user "
+                            "(mode 700)")
+            return None
+        path = os.path.join(folder, "keeper")
+        if len(path.encode()) >= 100:  # a socket's path has room for 107 bytes
+            display.warning(f"pelmora: no session keeper, {folder} is too long a path for a "
+                            "socket (set pelmora_control_path_dir to a shorter folder)")
+            return None
+        return path
+
+    def _greeted(self, path, timeout):
+        """A connection to the keeper at path that it has taken, or None when no keeper is
+        there (or it was ending: the request would not have run)."""
+        client = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        client.settimeout(timeout)
+        try:
+            client.connect(path)
+            keeper.receive_message(client)
+        except (FileNotFoundError, ConnectionError):
+            client.close()
+            return None
+        except (OSError, ValueError) as error:
+            client.close()
+            raise AnsibleConnectionFailure(
+                f"pelmora: {self._host()}: the session keeper at {path} did not answer: "
+                f"{error}") from error
+        client.settimeout(None)
+        return client
+
+    def _keeper_connection(self, path):
+        """A greeted connection to the keeper, started first if none is there."""
+        timeout = int(self.get_option("timeout"))
+        client = self._greeted(path, timeout)
+        if client is not None:
+            return client
+        with open(path + ".lock", "a") as lock:  # one keeper, however many tasks start
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            client = self._greeted(path, timeout)
+            if client is None:
+                self._start_keeper(path)
+                client = self._greeted(path, timeout)
+        if client is None:
+            raise AnsibleConnectionFailure(
+                f"pelmora: {self._host()}: the session keeper at {path} went away")
+        return client
+
+    def _start_keeper(self, path):
+        started = subprocess.Popen(
+            [sys.executable, KEEPER, path], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+            stderr=subprocess.DEVNULL, cwd="/", close_fds=True, start_new_session=True)
+        with selectors.DefaultSelector() as selector:
+            selector.register(started.stdout, selectors.EVENT_READ)
+            answered = selector.select(int(self.get_option("timeout")) + 30)
+        answer = started.stdout.readline().decode(errors="replace").strip() if answered else ""
+        started.stdout.close()
+        if answer == "ready":
+            display.vvv(f"PELMORA KEEPER started at {path}", host=self._host())
+            return
+        if not answered:
+            started.kill()
+        started.wait()
+        raise AnsibleConnectionFailure(f"pelmora: {self._host()}: the session keeper did not "
+                                       f"start ({answer or 'no answer'})")
+
+    def _ask(self, header, blobs=(), path=None):
+        """The keeper's reply (header, byte strings) to one request for this task's login."""
+        settings = dict(self._settings(), persist=int(self.get_option("persist")))
+        client = self._keeper_connection(path or self._keeper)
+        with client:
+            try:
+                keeper.send_message(client, dict(header, settings=settings), blobs)
+                reply, blobs = keeper.receive_message(client)
+            except (OSError, ValueError) as error:
+                raise AnsibleConnectionFailure(
+                    f"pelmora: {self._host()}: the session keeper failed: {error}") from error
+        if reply.get("login") and header["op"] != "open":  # a new session could not log in
+            raise self._unreachable(reply["error"], reply["description"])
+        if reply.get("plain") and header["op"] != "open":
+            raise AnsibleConnectionFailure(f"pelmora: {self._host()}: the service no longer "
+                                           "has the extended command exchange")
+        return reply, blobs
 
     def exec_command(self, cmd, in_data=None, sudoable=True):
         super().exec_command(cmd, in_data=in_data, sudoable=sudoable)
@@ -265,7 +487,7 @@ class Connection(ConnectionBase):
         pieces = []
         cookie = self._fso.on("CommandOutput", pieces.append)
         try:
-            display.vvv(f"PELMORA EXEC {cmd}", host=self.get_option("remote_addr"))
+            display.vvv(f"PELMORA EXEC {cmd}", host=self._host())
             ended = self._fso.SyncCreateProcess(wrap_command(cmd, marker),
                                                 int(self.get_option("command_timeout")))
         finally:
@@ -279,34 +501,72 @@ class Connection(ConnectionBase):
 
     def _exec_extended(self, cmd, in_data):
         """The command through the extended exchange: no marker, streams apart, input piped."""
-        display.vvv(f"PELMORA EXEC {cmd}", host=self.get_option("remote_addr"))
-        try:
-            result = pelmora.run_command(self._fso, cmd, input=in_data or b"",
-                                         timeout=int(self.get_option("command_timeout")))
-        except pelmora.Error as error:
-            if error.number >= 10000:  # the connection itself failed
-                raise AnsibleConnectionFailure(self._failure("command failed")) from error
-            return 127, b"", str(error).encode() + b"\n"
-        if result.timed_out:
-            return 255, result.stdout, result.stderr + b"pelmora: the command timed out\n"
-        return result.status, result.stdout, result.stderr
+        display.vvv(f"PELMORA EXEC {cmd}", host=self._host())
+        timeout = int(self.get_option("command_timeout"))
+        with timed("EXEC", self._host()):
+            if self._keeper:
+                reply, blobs = self._ask({"op": "exec", "command": cmd, "timeout": timeout},
+                                         [in_data or b""])
+                error = (reply["error"], reply["description"]) if "error" in reply else None
+                status, timed_out = reply.get("status"), reply.get("timed_out")
+                out, err = (blobs + [b"", b""])[:2]
+            else:
+                pelmora = import_pelmora()
+                try:
+                    result = pelmora.run_command(self._fso, cmd, input=in_data or b"",
+                                                 timeout=timeout)
+                    error = None
+                    status, out, err, timed_out = result
+                except pelmora.Error as raised:
+                    error = (raised.number, raised.description)
+        if error:
+            if error[0] >= 10000:  # the connection itself failed
+                raise AnsibleConnectionFailure(self._failure("command failed", *error))
+            return 127, b"", f"{error[0]} {error[1]}\n".encode()
+        if timed_out:
+            return 255, out, err + b"pelmora: the command timed out\n"
+        return status, out, err
 
     def _drive_path(self, path):
         return drive_path(path, self.get_option("drive"), self.get_option("drive_root"))
+
+    def _transfer(self, operation, local, remote, what):
+        """Upload (put) or download (fetch) between a local path and a remote drive path."""
+        with timed(operation.upper(), self._host()):
+            if self._keeper:
+                reply, _ = self._ask({"op": operation, "local": local, "remote": remote})
+                error = (reply["error"], reply["description"]) if "error" in reply else None
+            else:
+                move = self._fso.Upload if operation == "put" else self._fso.Download
+                done = move(local, remote)
+                error = None if done else (self._fso.ErrCode, self._fso.ErrDescription)
+        if error:
+            raise AnsibleError(self._failure(f"{what} failed", *error))
 
     def put_file(self, in_path, out_path):
         super().put_file(in_path, out_path)
         if not os.path.exists(in_path):
             raise AnsibleFileNotFound(f"file or module does not exist: {in_path}")
-        display.vvv(f"PELMORA PUT {in_path} TO {out_path}", host=self.get_option("remote_addr"))
-        if not self._fso.Upload(in_path, self._drive_path(out_path)):
-            raise AnsibleError(self._failure(f"upload of {in_path} to {out_path} failed"))
+        display.vvv(f"PELMORA PUT {in_path} TO {out_path}", host=self._host())
+        self._transfer("put", in_path, self._drive_path(out_path),
+                       f"upload of {in_path} to {out_path}")
 
     def fetch_file(self, in_path, out_path):
         super().fetch_file(in_path, out_path)
-        display.vvv(f"PELMORA FETCH {in_path} TO {out_path}", host=self.get_option("remote_addr"))
-        if not self._fso.Download(out_path, self._drive_path(in_path)):
-            raise AnsibleError(self._failure(f"download of {in_path} to {out_path} failed"))
+        display.vvv(f"PELMORA FETCH {in_path} TO {out_path}", host=self._host())
+        self._transfer("fetch", out_path, self._drive_path(in_path),
+                       f"download of {in_path} to {out_path}")
+
+    def reset(self):
+        """Ends the host's keeper (meta: reset_connection): the next task logs in afresh."""
+        self.close()
+        if int(self.get_option("persist")) <= 0:
+            return
+        path = self._keeper_path()
+        if path and os.path.exists(path):
+            with contextlib.suppress(AnsibleConnectionFailure):
+                self._ask({"op": "stop"}, path=path)
+            display.vvv(f"PELMORA KEEPER ended the sessions of {self._host()}", host=self._host())
 
     def close(self):
         if self._fso is not None:
