@@ -140,6 +140,10 @@ class Session : public std::enable_shared_from_this<Session> {
   asio::awaitable<bool> HandleText(const pelmora::admin::RequestBlock& block);
   asio::awaitable<bool> HandleUpload(const pelmora::admin::RequestBlock& block);
   asio::awaitable<bool> HandleDownload(const pelmora::admin::RequestBlock& block);
+  // The download exchange for `target` from byte `offset_asked` (request `code`, for the audit).
+  asio::awaitable<bool> SendDownload(int code, Target target, int32_t offset_asked);
+  // The download from an offset (session_resume.cc).
+  asio::awaitable<bool> HandleResume(const pelmora::admin::RequestBlock& block);
   asio::awaitable<bool> HandleCommand(const pelmora::admin::RequestBlock& block);
   // Forwards a running command's output until it ends, is killed or the client goes; false when
   // the connection is gone.

@@ -8,6 +8,7 @@
 #include "pelmora/admin/credentials.h"
 #include "pelmora/admin/exec_wire.h"
 #include "pelmora/admin/mode_wire.h"
+#include "pelmora/admin/resume_wire.h"
 #include "pelmora/admin/wire_replies.h"
 #include "pelmora/common/codepage.h"
 #include "pelmorad/audit.h"
@@ -118,6 +119,7 @@ asio::awaitable<bool> Session::Dispatch(const RequestBlock& block) {
   if (block.code == pelmora::admin::kModeGetCode || block.code == pelmora::admin::kModeSetCode) {
     co_return co_await HandleMode(block);
   }
+  if (block.code == pelmora::admin::kResumeCode) co_return co_await HandleResume(block);
   switch (static_cast<RequestCode>(block.code)) {
     case RequestCode::kUpload:
       co_return co_await HandleUpload(block);

@@ -112,7 +112,10 @@ asio::awaitable<bool> Session::HandleUpload(const RequestBlock& block) {
 }
 
 asio::awaitable<bool> Session::HandleDownload(const RequestBlock& block) {
-  Target target = ResolveArgument(block, 0, false);
+  co_return co_await SendDownload(block.code, ResolveArgument(block, 0, false), 0);
+}
+
+asio::awaitable<bool> Session::SendDownload(int code, Target target, int32_t offset_asked) {
   Source source;
   source.error = target.error;
   auto drives = runtime_->drives;
@@ -122,19 +125,20 @@ asio::awaitable<bool> Session::HandleDownload(const RequestBlock& block) {
   if (source.error != kSuccess) source.header = TransferHeader{-1, 0, 0, 0};
   if (!co_await SendMessage(pelmora::admin::BuildTransferHeader(source.header))) co_return false;
   if (source.error != kSuccess) {
-    AuditRequest(block.code, target.text, source.error);
+    AuditRequest(code, target.text, source.error);
     co_return true;
   }
   std::optional<ClientMessage> go = co_await ReadMessage();
   if (!go) co_return false;
   if (!pelmora::admin::IsGoReply(go->data)) {
-    AuditRequest(block.code, target.text + " (refused by the client)", kSuccess);
+    AuditRequest(code, target.text + " (refused by the client)", kSuccess);
     co_return true;
   }
   int32_t result = kSuccess;
   std::size_t total = static_cast<std::size_t>(source.header.size);
   std::vector<uint8_t> buffer;
-  for (std::size_t offset = 0; offset < total;) {
+  // From the offset asked for (none past the end: then nothing follows the go reply).
+  for (std::size_t offset = std::min(static_cast<std::size_t>(offset_asked), total); offset < total;) {
     buffer.resize(std::min(kDownloadChunk, total - offset));
     int32_t read = co_await RunFileWork([&] {
       return ReadChunk(source.fd.get(), static_cast<off_t>(offset), buffer);
@@ -143,7 +147,9 @@ asio::awaitable<bool> Session::HandleDownload(const RequestBlock& block) {
     if (!co_await SendRaw(buffer)) co_return false;
     offset += buffer.size();
   }
-  AuditRequest(block.code, target.text, result);
+  AuditRequest(code, offset_asked > 0 ? target.text + " from " + std::to_string(offset_asked)
+                                      : target.text,
+               result);
   co_return true;
 }
 

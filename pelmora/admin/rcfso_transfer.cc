@@ -206,6 +206,11 @@ bool RCFSO::DownloadContent(const std::string& local, const TransferHeader& head
   }
   SendGoReply(true);
   if (!ReceiveContent(file, header.size)) return false;
+  return FinishDownload(file, local, header);
+}
+
+bool RCFSO::FinishDownload(internal::LocalFile& file, const std::string& local,
+                           const TransferHeader& header) {
   if (file.WriteError() != 0) return FailWrite(file, local);
   // The last-write time goes through calendar fields with milliseconds and back: whole ms.
   const uint64_t last_write =

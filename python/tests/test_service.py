@@ -58,7 +58,7 @@ def test_run_command_gives_status_both_streams_and_takes_input(service):
     fso, connected = connect(service)
     with fso:
         assert connected, fso.ErrDescription
-        assert fso.ExtendedCommandVersion() == 2
+        assert fso.ExtendedCommandVersion() == 3
         result = pelmora.run_command(fso, "cat; echo oops >&2; exit 3", input=b"\x00\xffabc")
         assert result == pelmora.CommandResult(3, b"\x00\xffabc", b"oops\n", False)
         argv = pelmora.run_command(fso, ["printf", "%s|", "a b", "Привет"])

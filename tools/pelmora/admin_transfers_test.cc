@@ -207,3 +207,31 @@ TEST(AdminTransfers, OpenFileOffsetReadsTheDescriptorPosition) {
 
 }  // namespace
 }  // namespace pelmora_tool
+
+namespace pelmora_tool {
+namespace {
+
+TEST(AdminTransfers, APartIsCompletedOnlyFromAnUnchangedLongerFile) {
+  constexpr int64_t kRemoteSecond = 1700000000;
+  pelmora::admin::RCFileInfo info;
+  info.SetFileSize(1000);
+  info.SetLastWriteTime(pelmora::Date::FromUnixTime(kRemoteSecond));
+  struct Case {
+    const char* what;
+    int64_t part_bytes, part_second;
+    bool resumes;
+  } cases[] = {
+      {"stamped with the remote time", 400, kRemoteSecond, true},
+      {"written after the remote file", 400, kRemoteSecond + 3600, true},
+      {"the remote file written after the part", 400, kRemoteSecond - 1, false},
+      {"an empty part", 0, kRemoteSecond, false},
+      {"as long as the remote file", 1000, kRemoteSecond, false},
+      {"longer than the remote file", 1001, kRemoteSecond, false},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(ResumesFrom(c.part_bytes, c.part_second, info), c.resumes) << c.what;
+  }
+}
+
+}  // namespace
+}  // namespace pelmora_tool
