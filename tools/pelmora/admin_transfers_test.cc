@@ -136,6 +136,30 @@ TEST_F(AdminTransferTest, GetWritesTheServerBytesUnderTheRemoteName) {
   EXPECT_EQ(fs::status(dir_ / "app.ini").permissions() & fs::perms::owner_exec, fs::perms::none);
 }
 
+TEST_F(AdminTransferTest, AServiceWithoutTheReadFromRequestSendsTheWholeFileAgain) {
+  const std::string content = "hello, file";
+  // A part an earlier get -C kept, written after the remote file.
+  std::ofstream(dir_ / ".app.ini.pelmora-part") << "hel";
+  pelmora::admin::TransferHeader header{.size = static_cast<int32_t>(content.size()),
+                                        .last_write_time = kWriteTime};
+  Bytes record = pelmora::admin::BuildFileInfoRecord(
+      Entry("app.ini", 0x20, static_cast<int32_t>(content.size())));
+  ExpectRequest(peer_).ReplyWith(Answer(SizeData(static_cast<int32_t>(record.size()))));
+  record.resize(pelmora::admin::kPacketSize);
+  peer_.Send(record);
+  ExpectRequest(peer_).ReplyWith(Answer(ResultData(true, 2)));  // the hello: version 2
+  ExpectRequest(peer_).ReplyWith(Answer(pelmora::admin::BuildTransferHeader(header)));
+  peer_.Receive(pelmora::admin::kPacketSize).Send(Bytes(content.begin(), content.end()));
+  ExpectRequest(peer_).ReplyWith(Answer(ResultData(true, 0644)));  // get mode
+  EXPECT_EQ(Run([&](HostSession& s) { return Get(s, "C:\\data\\app.ini", dir_.string() + "/", true); }),
+            kExitOk);
+  EXPECT_EQ(peer_.Received(6).at(0), 1) << "the plain download, from the first byte";
+  std::ifstream file(dir_ / "app.ini");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), content);
+  EXPECT_FALSE(fs::exists(dir_ / ".app.ini.pelmora-part"));
+  EXPECT_TRUE(output_.errors.empty());
+}
+
 TEST_F(AdminTransferTest, PutIntoAFolderKeepsTheLocalName) {
   fs::path local = dir_ / "report.txt";
   std::ofstream(local) << "twelve bytes";
