@@ -59,6 +59,15 @@ class AdminTransferTest : public ::testing::Test {
     return block ? pelmora::admin::DecodeUnicodeArgument(block->args.at(0)) : "";
   }
 
+  // The replies to the file information and the download of C:\data\app.ini holding `content`.
+  void ServeFileInfo(const std::string& content);
+  void ServeDownload(const std::string& content) {
+    pelmora::admin::TransferHeader header{.size = static_cast<int32_t>(content.size()),
+                                          .last_write_time = kWriteTime};
+    ExpectRequest(peer_).ReplyWith(Answer(pelmora::admin::BuildTransferHeader(header)));
+    peer_.Receive(pelmora::admin::kPacketSize).Send(Bytes(content.begin(), content.end()));
+  }
+
   fs::path dir_;
   ScriptedPeer peer_;
   AdminOptions options_;
@@ -73,6 +82,14 @@ FileInfoRecord Entry(std::string name, int32_t attributes, int32_t size) {
           .name = name,
           .full_path = "C:\\data\\" + name,
           .parent_path = "C:\\data"};
+}
+
+void AdminTransferTest::ServeFileInfo(const std::string& content) {
+  Bytes record = pelmora::admin::BuildFileInfoRecord(
+      Entry("app.ini", 0x20, static_cast<int32_t>(content.size())));
+  ExpectRequest(peer_).ReplyWith(Answer(SizeData(static_cast<int32_t>(record.size()))));
+  record.resize(pelmora::admin::kPacketSize);
+  peer_.Send(record);
 }
 
 TEST_F(AdminTransferTest, LongListingShowsAttributesSizeTimeAndName) {
@@ -110,16 +127,9 @@ TEST_F(AdminTransferTest, NoCauseIsGuessedWhenTheServiceStopsAnswering) {
 
 TEST_F(AdminTransferTest, GetWritesTheServerBytesUnderTheRemoteName) {
   const std::string content = "hello, file";
-  pelmora::admin::TransferHeader header{.size = static_cast<int32_t>(content.size()),
-                                        .last_write_time = kWriteTime};
   // The file's information first (its size checks the local writes), then the download.
-  Bytes record = pelmora::admin::BuildFileInfoRecord(
-      Entry("app.ini", 0x20, static_cast<int32_t>(content.size())));
-  ExpectRequest(peer_).ReplyWith(Answer(SizeData(static_cast<int32_t>(record.size()))));
-  record.resize(pelmora::admin::kPacketSize);
-  peer_.Send(record);
-  ExpectRequest(peer_).ReplyWith(Answer(pelmora::admin::BuildTransferHeader(header)));
-  peer_.Receive(pelmora::admin::kPacketSize).Send(Bytes(content.begin(), content.end()));
+  ServeFileInfo(content);
+  ServeDownload(content);
   // A service without the file mode requests refuses the hello: the file keeps a new file's mode
   // and nothing is said.
   ExpectRequest(peer_).ReplyWith(Answer(ResultData(false, 1, "Incorrect function.")));
@@ -140,16 +150,9 @@ TEST_F(AdminTransferTest, AServiceWithoutTheReadFromRequestSendsTheWholeFileAgai
   const std::string content = "hello, file";
   // A part an earlier get -C kept, written after the remote file.
   std::ofstream(dir_ / ".app.ini.pelmora-part") << "hel";
-  pelmora::admin::TransferHeader header{.size = static_cast<int32_t>(content.size()),
-                                        .last_write_time = kWriteTime};
-  Bytes record = pelmora::admin::BuildFileInfoRecord(
-      Entry("app.ini", 0x20, static_cast<int32_t>(content.size())));
-  ExpectRequest(peer_).ReplyWith(Answer(SizeData(static_cast<int32_t>(record.size()))));
-  record.resize(pelmora::admin::kPacketSize);
-  peer_.Send(record);
+  ServeFileInfo(content);
   ExpectRequest(peer_).ReplyWith(Answer(ResultData(true, 2)));  // the hello: version 2
-  ExpectRequest(peer_).ReplyWith(Answer(pelmora::admin::BuildTransferHeader(header)));
-  peer_.Receive(pelmora::admin::kPacketSize).Send(Bytes(content.begin(), content.end()));
+  ServeDownload(content);
   ExpectRequest(peer_).ReplyWith(Answer(ResultData(true, 0644)));  // get mode
   EXPECT_EQ(Run([&](HostSession& s) { return Get(s, "C:\\data\\app.ini", dir_.string() + "/", true); }),
             kExitOk);
