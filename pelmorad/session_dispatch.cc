@@ -5,6 +5,7 @@
 
 #include "pelmora/admin/exec_wire.h"
 #include "pelmora/admin/mode_wire.h"
+#include "pelmora/admin/resume_wire.h"
 #include "pelmora/admin/wire_replies.h"
 #include "pelmorad/audit.h"
 #include "pelmorad/session.h"
@@ -63,6 +64,7 @@ const Route kRoutes[] = {
     {pelmora::admin::kExecRunCode, HandleExec, Refusal::kResult},
     {pelmora::admin::kModeGetCode, HandleMode, Refusal::kResult},
     {pelmora::admin::kModeSetCode, HandleMode, Refusal::kResult},
+    {pelmora::admin::kResumeCode, HandleResume, Refusal::kTransferHeader},
 };
 
 // The route of `code`; nullptr for a code the service does not serve.

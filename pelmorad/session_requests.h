@@ -78,11 +78,16 @@ asio::awaitable<bool> HandleFileInfo(RequestScope& request,
 asio::awaitable<bool> HandleListing(RequestScope& request,
                                     const pelmora::admin::RequestBlock& block);
 
-// Transfers (session_transfer.cc): upload (0) into an atomic file, download (1).
+// Transfers (session_transfer.cc): upload (0) into an atomic file, download (1); and the
+// download from an offset (44, session_resume.cc).
 asio::awaitable<bool> HandleUpload(RequestScope& request,
                                    const pelmora::admin::RequestBlock& block);
 asio::awaitable<bool> HandleDownload(RequestScope& request,
                                      const pelmora::admin::RequestBlock& block);
+asio::awaitable<bool> HandleResume(RequestScope& request, const pelmora::admin::RequestBlock& block);
+// The download exchange for `target` from byte `offset_asked` (request `code`, for the audit).
+asio::awaitable<bool> SendDownload(RequestScope& request, int code, Target target,
+                                   int32_t offset_asked);
 
 // Commands (session_command.cc): a command line with its output streamed (20), the print
 // queue (14); and the extended command exchange (session_exec.cc): hello (40) and run (41).

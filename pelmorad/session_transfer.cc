@@ -105,7 +105,11 @@ asio::awaitable<bool> HandleUpload(RequestScope& request, const RequestBlock& bl
 }
 
 asio::awaitable<bool> HandleDownload(RequestScope& request, const RequestBlock& block) {
-  Target target = request.ResolveArgument(block, 0, false);
+  co_return co_await SendDownload(request, block.code, request.ResolveArgument(block, 0, false), 0);
+}
+
+asio::awaitable<bool> SendDownload(RequestScope& request, int code, Target target,
+                                   int32_t offset_asked) {
   Source source;
   source.error = target.error;
   auto drives = request.runtime.drives;
@@ -116,19 +120,21 @@ asio::awaitable<bool> HandleDownload(RequestScope& request, const RequestBlock& 
   if (!co_await request.channel.SendMessage(pelmora::admin::BuildTransferHeader(source.header)))
     co_return false;
   if (source.error != kSuccess) {
-    request.Audit(block.code, target.text, source.error);
+    request.Audit(code, target.text, source.error);
     co_return true;
   }
   std::optional<SessionChannel::Message> go = co_await request.channel.ReadMessage();
   if (!go) co_return false;
   if (!pelmora::admin::IsGoReply(go->data)) {
-    request.Audit(block.code, target.text + " (refused by the client)", kSuccess);
+    request.Audit(code, target.text + " (refused by the client)", kSuccess);
     co_return true;
   }
   int32_t result = kSuccess;
   std::size_t total = static_cast<std::size_t>(source.header.size);
   std::vector<uint8_t> buffer;
-  for (std::size_t offset = 0; offset < total;) {
+  // From the offset asked for (none past the end: then nothing follows the go reply).
+  for (std::size_t offset = std::min(static_cast<std::size_t>(offset_asked), total);
+       offset < total;) {
     buffer.resize(std::min(kDownloadChunk, total - offset));
     int32_t read =
         co_await request.RunOnPool([&] { return ReadChunk(source.fd.get(), offset, buffer); });
@@ -136,7 +142,9 @@ asio::awaitable<bool> HandleDownload(RequestScope& request, const RequestBlock& 
     if (!co_await request.channel.SendRaw(buffer)) co_return false;
     offset += buffer.size();
   }
-  request.Audit(block.code, target.text, result);
+  request.Audit(code, offset_asked > 0 ? target.text + " from " + std::to_string(offset_asked)
+                                      : target.text,
+                result);
   co_return true;
 }
 

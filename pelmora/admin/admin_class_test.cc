@@ -84,5 +84,36 @@ TEST(AdminClasses, RCFSOEventsReachAConnectedSink) {
   EXPECT_EQ(GetProperty(fso, "ErrCode").ToLong(), 0);
 }
 
+
+TEST(AdminClasses, RCFSOFileModesByName) {
+  ScriptedPeer peer;
+  ExpectLogin(peer, true);
+  ExpectRequest(peer).ReplyWith(Answer(pelmora::testing::ResultData(true, 0750)));
+  ExpectRequest(peer).ReplyWith(Answer(pelmora::testing::ResultData(true)));
+  ExpectRequest(peer).ReplyWith(Answer(pelmora::testing::ResultData(false, 2, "missing")));
+  peer.Start();
+  ObjectRef fso = CreateObject("Pelmora.RCFSO");
+  std::vector<Variant> login = {Variant("127.0.0.1"), Variant(int32_t{peer.Port()}), Variant("u"),
+                                Variant("p"), Variant(true)};
+  ASSERT_TRUE(CallByName(fso, "Connect", CallKind::kMethod, login).ToBool());
+  std::vector<Variant> get = {Variant("C:\\a.sh"), Variant(int32_t{-1})};
+  EXPECT_TRUE(CallByName(fso, "getfilemode", CallKind::kMethod, get).ToBool());
+  EXPECT_EQ(get[1].ToLong(), 0750) << "the bits come back through the by-reference argument";
+  std::vector<Variant> set = {Variant("C:\\a.sh"), Variant(int32_t{0755})};
+  EXPECT_TRUE(CallByName(fso, "SetFileMode", CallKind::kMethod, set).ToBool());
+  std::vector<Variant> missing = {Variant("C:\\none"), Variant(int32_t{0644})};
+  EXPECT_FALSE(CallByName(fso, "SetFileMode", CallKind::kMethod, missing).ToBool());
+  EXPECT_EQ(GetProperty(fso, "ErrCode").ToLong(), 2);
+  // Setuid is refused before anything is sent.
+  std::vector<Variant> setuid = {Variant("C:\\a.sh"), Variant(int32_t{04755})};
+  EXPECT_FALSE(CallByName(fso, "SetFileMode", CallKind::kMethod, setuid).ToBool());
+  EXPECT_EQ(GetProperty(fso, "ErrCode").ToLong(), 87);
+  ASSERT_TRUE(peer.Finish()) << peer.Failure();
+  const Bytes block = peer.Received(4);  // login 0, get mode 1 and 2, set mode 3 and 4
+  ASSERT_GE(block.size(), 30u);
+  EXPECT_EQ(block[0], 43);
+  EXPECT_EQ(Bytes(block.begin() + 26, block.begin() + 30), (Bytes{0xED, 0x01, 0, 0})) << "0755";
+}
+
 }  // namespace
 }  // namespace pelmora::admin

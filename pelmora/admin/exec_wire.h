@@ -28,8 +28,9 @@ namespace pelmora::admin {
 // Request codes of the extension (no plain request uses them).
 inline constexpr std::uint8_t kExecHelloCode = 40;
 inline constexpr std::uint8_t kExecRunCode = 41;
-// The version this code speaks: 1 the run request, 2 also the file mode requests (mode_wire.h).
-inline constexpr std::int32_t kExecVersion = 2;
+// The version this code speaks: 1 the run request, 2 also the file mode requests (mode_wire.h),
+// 3 also the download from an offset (resume_wire.h).
+inline constexpr std::int32_t kExecVersion = 3;
 
 // Run request flags (argument 1); any other bit set makes the service refuse the request.
 inline constexpr std::int32_t kExecArgumentVector = 1;  // run argv directly, no shell

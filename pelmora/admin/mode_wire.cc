@@ -18,6 +18,16 @@ std::vector<std::vector<std::uint8_t>> ModeArguments(std::string_view path,
   return args;
 }
 
+std::optional<std::string> ParsePathArgument(const std::vector<std::uint8_t>& argument) {
+  if (argument.size() < 4 || argument.size() % 2 != 0 || argument[argument.size() - 1] != 0 ||
+      argument[argument.size() - 2] != 0) {
+    return std::nullopt;
+  }
+  std::string path = DecodeUnicodeArgument(argument);
+  if (path.empty()) return std::nullopt;  // a 0 unit first
+  return path;
+}
+
 std::optional<ModeRequest> ParseModeRequest(const RequestBlock& block) {
   ModeRequest request;
   request.set = block.code == kModeSetCode;
@@ -25,14 +35,9 @@ std::optional<ModeRequest> ParseModeRequest(const RequestBlock& block) {
   if ((block.code != kModeGetCode && !request.set) || block.args.size() != count) {
     return std::nullopt;
   }
-  // A Unicode argument: UTF-16LE code units ending in one 0 unit.
-  const std::vector<std::uint8_t>& path = block.args[0];
-  if (path.size() < 4 || path.size() % 2 != 0 || path[path.size() - 1] != 0 ||
-      path[path.size() - 2] != 0) {
-    return std::nullopt;
-  }
-  request.path = DecodeUnicodeArgument(path);
-  if (request.path.empty()) return std::nullopt;  // a 0 unit first
+  std::optional<std::string> path = ParsePathArgument(block.args[0]);
+  if (!path) return std::nullopt;
+  request.path = std::move(*path);
   if (request.set) {
     if (block.args[1].size() != 4) return std::nullopt;
     request.mode = GetInt32(block.args[1], 0);

@@ -43,6 +43,10 @@ struct ModeRequest {
 PELMORA_API std::vector<std::vector<std::uint8_t>> ModeArguments(std::string_view path,
                                                      std::optional<std::int32_t> mode);
 
+// The path of a Unicode argument that the extended requests carry: UTF-16LE code units ending in
+// one 0 unit, at least one character before it; nullopt for anything else.
+PELMORA_API std::optional<std::string> ParsePathArgument(const std::vector<std::uint8_t>& argument);
+
 // Reads a block of code 42 (one Unicode argument) or 43 (a Unicode argument and a 4-byte int32);
 // nullopt for another code, another count, an argument of the wrong length, an empty path, or a
 // mode with a bit outside kModePermissionBits.

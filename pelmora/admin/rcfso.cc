@@ -148,6 +148,12 @@ bool RCFSO::Upload(std::string_view sLocalFile, std::string_view sRemoteFile) {
 bool RCFSO::Download(std::string_view sLocalFile, std::string_view sRemoteFile) {
   return internal::Transfers(*channel_).Download(sLocalFile, sRemoteFile);
 }
+
+bool RCFSO::ResumeDownload(std::string_view sLocalFile, std::string_view sRemoteFile,
+                           int32_t lExpectedSize, Date dExpectedLastWrite) {
+  return internal::Transfers(*channel_).Resume(sLocalFile, sRemoteFile, lExpectedSize,
+                                               dExpectedLastWrite);
+}
 bool RCFSO::getUpdatedServerFileToTempFolder(std::string_view sRemoteFile,
                                              std::string& sLocalFile) {
   return internal::ServerFileCache(*channel_, cache_folder_).Refresh(sRemoteFile, sLocalFile);

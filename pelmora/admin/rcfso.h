@@ -259,6 +259,20 @@ class PELMORA_API RCFSO {
   // GetFileMode (5 also for a read-only account). Blocks for at most `timeout` ms.
   bool SetFileMode(std::string_view sRemoteFile, int32_t lMode);
 
+  // --- Resumed download, for a service whose ExtendedCommandVersion is 3 ---
+  // Completes the local file `sLocalFile`, which holds the first part of `sRemoteFile`: asks the
+  // server for the bytes from the local file's size on (request 44) and appends them, as
+  // Download writes, then sets the same times. The server's size message must describe the file
+  // the caller expects (`lExpectedSize` bytes, more than the local file holds, last written at
+  // `dExpectedLastWrite` as GetFileInfo gives it); otherwise the server is told "F" and the call
+  // fails with 8004 kRemoteFileChanged, the local file untouched. Fails also as Download does
+  // (8116, 8117, 8004 "Cannot open remote file", the socket's number while the rest comes, the
+  // write's error with the file removed), with 8118 "Cannot open file <name>" when the local file
+  // is missing or too large; a service without the request refuses with 1. Constant memory;
+  // each piece waits at most `timeout` ms.
+  bool ResumeDownload(std::string_view sLocalFile, std::string_view sRemoteFile,
+                      int32_t lExpectedSize, Date dExpectedLastWrite);
+
  private:
   friend class internal::RCFSOTestAccess;
 

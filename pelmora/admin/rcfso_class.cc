@@ -2,7 +2,8 @@
 // FSODisconnect and CommandOutput (each one String by reference) delivered to connected sinks.
 // The transport settings (Tls...) follow the interface members.
 // GetFolderFiles returns a collection with Count and Item(i); GetFileInfo sets its second
-// argument to a new RCFileInfo on success and leaves it as it was otherwise.
+// argument to a new RCFileInfo on success and leaves it as it was otherwise. GetFileMode sets its
+// second argument (by reference) to the permission bits on success.
 //
 // Flags that travel as "TRUE"/"FALSE" take the caller's value as a 16-bit integer: a Boolean
 // True is -1 and is sent as "TRUE"; any other value, also 1, is sent as "FALSE".
@@ -132,6 +133,14 @@ const ClassRegistrar kRCFSOClass(
                   return o.fso.SyncCreateProcess(command, lTimeout);
                 })
         .Method("ExtendedCommandVersion", [](O& o) { return o.fso.ExtendedCommandVersion(); })
+        .Method("GetFileMode",
+                [](O& o, S sRemoteFile, int32_t& lMode) {
+                  return o.fso.GetFileMode(sRemoteFile, lMode);
+                })
+        .Method("SetFileMode",
+                [](O& o, S sRemoteFile, int32_t lMode) {
+                  return o.fso.SetFileMode(sRemoteFile, lMode);
+                })
         .Method("RunCommand",
                 [](O& o, const Variant& command, int32_t lTimeout, const Variant& input,
                    Variant& output, Variant& error_output) {

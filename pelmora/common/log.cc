@@ -1,9 +1,12 @@
 #include "pelmora/common/log.h"
 
+#include <unistd.h>
+
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <optional>
 
 #include "pelmora/common/codepage.h"
@@ -151,13 +154,20 @@ bool WriteLibraryLine(int32_t error_number, std::string_view message, std::strin
   std::string library_folder = LibraryFolder();
   if (library_folder.empty()) return false;
   EntryKind kind = KindOf(entry_type);
-  std::string file = platform::LogFilePath(library_folder + "/../Log", now.Format("yyyymmdd"),
-                                          kind.file, file_prefix);
-  if (!internal::CreateFolderPath(file)) return false;
   std::string line =
       fmt::format("{}`{}`{}`[{}:{}]`{}`{}`{}\r\n", stamp, kind.letter, LocalComputerName(),
                   module_name, procedure_name, detail_number, error_number, CleanMessage(message));
-  return internal::AppendToFile(file, ToAnsi(line));
+  line = ToAnsi(std::move(line));
+  auto write_under = [&](const std::string& root) {
+    std::string file = platform::LogFilePath(root, now.Format("yyyymmdd"), kind.file, file_prefix);
+    return internal::CreateFolderPath(file) && internal::AppendToFile(file, line);
+  };
+  if (write_under(library_folder + "/../Log")) return true;
+  // A user other than root, who may not write beside an installed library, writes to a folder
+  // of their own.
+  if (::geteuid() == 0) return false;
+  std::string own = UserLogRoot();
+  return !own.empty() && write_under(own);
 }
 
 }  // namespace
@@ -181,6 +191,14 @@ bool WriteLogFile(int32_t error_number, std::string_view message, std::string_vi
   } catch (...) {
     return false;
   }
+}
+
+std::string UserLogRoot() {
+  const char* state = std::getenv("XDG_STATE_HOME");
+  if (state != nullptr && *state != '\0') return std::string(state) + "/pelmora/log";
+  const char* home = std::getenv("HOME");
+  if (home != nullptr && *home != '\0') return std::string(home) + "/.local/state/pelmora/log";
+  return "";
 }
 
 std::string& LogRoot() {

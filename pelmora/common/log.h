@@ -53,14 +53,20 @@ PELMORA_API bool WriteLog(int16_t level, std::string_view message, std::string_v
                           std::string_view procedure_name, int32_t entry_type);
 
 // Writes one back-quote-separated line to <LibraryFolder()>/../Log/yyyymm/<file_prefix>yyyymmdd
-// with ".log" or ".err", creating every missing folder of that path first. Returns false when the
-// library folder is unknown, a folder cannot be created or the line cannot be written. Callers
+// with ".log" or ".err", creating every missing folder of that path first. A user other than
+// root who cannot write there (the folder of an installed library) writes the line to the same
+// path under UserLogRoot() instead. Returns false when the library folder is unknown,
+// a folder cannot be created or the line cannot be written. Callers
 // pass -1 as `error_number` when the line carries no error code. Blocks for the folder creation
 // and one open/write/close. Never throws.
 PELMORA_API bool WriteLogFile(int32_t error_number, std::string_view message,
                               std::string_view module_name, std::string_view procedure_name,
                               int32_t entry_type, int32_t detail_number = 0,
                               std::string_view file_prefix = {});
+
+// This user's own log folder: $XDG_STATE_HOME/pelmora/log, else ~/.local/state/pelmora/log; ""
+// when neither variable is set. Does not create it.
+PELMORA_API std::string UserLogRoot();
 
 // The root folder of WriteLog's logs on the calling thread, without a trailing '/'. Empty until
 // set; each thread has its own.

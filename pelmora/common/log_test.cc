@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -234,6 +235,53 @@ TEST_F(LogTest, WriteLogFileFailsWhenAFolderCannotBeCreated) {
   ScopedEnv no_home("PELMORA_HOME", scratch_.Path() + "/lib");
   std::ofstream(scratch_.Path() + "/Log") << "x";
   EXPECT_FALSE(WriteLogFile(-1, "m", "M", "P", 4));
+}
+
+TEST_F(LogTest, AUserWhoMayNotWriteBesideTheLibraryWritesToTheirOwnFolder) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
+  constexpr uid_t kNobody = 65534;
+  // The library's folder is root's; the user's state folder is their own.
+  ScopedEnv home("PELMORA_HOME", scratch_.Path() + "/system/lib");
+  fs::create_directories(scratch_.Path() + "/system/lib");
+  fs::permissions(scratch_.Path(), fs::perms(0755));
+  fs::create_directories(scratch_.Path() + "/state");
+  ASSERT_EQ(chown((scratch_.Path() + "/state").c_str(), kNobody, kNobody), 0);
+  ScopedEnv state("XDG_STATE_HOME", scratch_.Path() + "/state");
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    bool written = setresgid(kNobody, kNobody, kNobody) == 0 &&
+                   setresuid(kNobody, kNobody, kNobody) == 0 &&
+                   WriteLogFile(10054, "reset", "SocketClient", "RecvMessage", 1);
+    _exit(written ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_FALSE(fs::exists(scratch_.Path() + "/system/Log"));
+  std::string own = scratch_.Path() + "/state/pelmora/log/200903/20090314.err";
+  EXPECT_EQ(ReadWholeFile(own), "2009-03-14 08:05:09`E`" + host_ +
+                                    "`[SocketClient:RecvMessage]`0`10054`reset\r\n");
+  // Root still writes beside the library.
+  EXPECT_TRUE(WriteLogFile(-1, "m", "M", "P", 4));
+  EXPECT_TRUE(fs::exists(scratch_.Path() + "/system/Log/200903/20090314.log"));
+}
+
+TEST(UserLogRoot, IsTheStateFolderElseTheHomeFolders) {
+  struct Case {
+    std::optional<std::string> state, home;
+    std::string root;
+  } cases[] = {
+      {"/s", "/h", "/s/pelmora/log"},
+      {"", "/h", "/h/.local/state/pelmora/log"},
+      {std::nullopt, "/h", "/h/.local/state/pelmora/log"},
+      {std::nullopt, std::nullopt, ""},
+  };
+  for (const Case& c : cases) {
+    ScopedEnv state("XDG_STATE_HOME", c.state);
+    ScopedEnv home("HOME", c.home);
+    EXPECT_EQ(UserLogRoot(), c.root);
+  }
 }
 
 TEST_F(LogTest, AFileThatCannotBeOpenedFailsOnlyThatCall) {

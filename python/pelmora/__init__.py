@@ -31,7 +31,7 @@ from . import _pelmora
 from ._pelmora import ListClasses, Object
 
 __all__ = ["CommandResult", "CreateObject", "Error", "ListClasses", "Null", "Object", "TLS_PORT",
-           "config_folder", "run_command", "use_tls"]
+           "config_folder", "get_file_mode", "run_command", "set_file_mode", "use_tls"]
 
 
 class Error(Exception):
@@ -128,6 +128,26 @@ def run_command(fso, command, input=b"", timeout=0):
     if status == -2:
         return CommandResult(None, bytes(out or b""), bytes(err or b""), True)
     return CommandResult(status, bytes(out or b""), bytes(err or b""), False)
+
+
+def get_file_mode(fso, path):
+    """The permission bits (0 to 0o777) of the server file path, through the connected
+    Pelmora.RCFSO fso (its GetFileMode). Raises pelmora.Error with the client's error: 2 or 3
+    when the file or its folder is missing, 5 without the right or for a link, 87 for anything
+    but a regular file, 1 from a service without the file mode requests
+    (fso.ExtendedCommandVersion() below 2)."""
+    done, mode = fso.GetFileMode(path, 0)
+    if not done:
+        raise Error(fso.ErrCode, fso.ErrDescription, "GetFileMode")
+    return mode
+
+
+def set_file_mode(fso, path, mode):
+    """Sets the permission bits of the server file path to mode (0 to 0o777; setuid, setgid and
+    sticky bits are refused with 87 before anything is sent), through fso's SetFileMode. Raises
+    pelmora.Error as get_file_mode does, and with 5 for a read-only account."""
+    if not fso.SetFileMode(path, mode):
+        raise Error(fso.ErrCode, fso.ErrDescription, "SetFileMode")
 
 
 TLS_PORT = 8443

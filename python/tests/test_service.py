@@ -58,7 +58,7 @@ def test_run_command_gives_status_both_streams_and_takes_input(service):
     fso, connected = connect(service)
     with fso:
         assert connected, fso.ErrDescription
-        assert fso.ExtendedCommandVersion() == 2
+        assert fso.ExtendedCommandVersion() == 3
         result = pelmora.run_command(fso, "cat; echo oops >&2; exit 3", input=b"\x00\xffabc")
         assert result == pelmora.CommandResult(3, b"\x00\xffabc", b"oops\n", False)
         argv = pelmora.run_command(fso, ["printf", "%s|", "a b", "Привет"])
@@ -69,6 +69,28 @@ def test_run_command_gives_status_both_streams_and_takes_input(service):
         with pytest.raises(pelmora.Error) as refused:
             pelmora.run_command(fso, ["no-such-program-here"])
         assert refused.value.number == 2
+
+
+def test_file_modes_are_read_and_set_by_name_and_through_the_helpers(service):
+    script = service.drive / "mode.sh"
+    script.write_text("#!/bin/sh\n")
+    script.chmod(0o640)
+    fso, connected = connect(service)
+    with fso:
+        assert connected, fso.ErrDescription
+        assert fso.GetFileMode("C:\\mode.sh", 0) == (True, 0o640)
+        assert fso.SetFileMode("C:\\mode.sh", 0o755) is True
+        assert script.stat().st_mode & 0o7777 == 0o755
+        assert pelmora.get_file_mode(fso, "C:\\mode.sh") == 0o755
+        pelmora.set_file_mode(fso, "C:\\mode.sh", 0o700)
+        assert script.stat().st_mode & 0o7777 == 0o700
+        with pytest.raises(pelmora.Error) as missing:
+            pelmora.get_file_mode(fso, "C:\\none.sh")
+        assert (missing.value.number, missing.value.source) == (2, "GetFileMode")
+        with pytest.raises(pelmora.Error) as setuid:
+            pelmora.set_file_mode(fso, "C:\\mode.sh", 0o4755)
+        assert setuid.value.number == 87
+        assert script.stat().st_mode & 0o7777 == 0o700
 
 
 def test_files_go_up_and_come_back_with_equal_bytes(service, tmp_path):

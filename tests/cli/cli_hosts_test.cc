@@ -175,5 +175,35 @@ TEST_F(CliServiceTest, TheDefaultsFileGivesAliasesAndTheirSettings) {
   EXPECT_THAT(writable.err, HasSubstr(file + ": refused, others may write to it"));
 }
 
+
+TEST_F(CliServiceTest, FleetHostsLogInWithTheirSectionsAccounts) {
+  const std::string folder = service_.folder() + "/config/pelmora";
+  fs::create_directories(folder);
+  std::ofstream(Local("operator.pw")) << pelmorad::testing::kOperatorPassword << "\n";
+  // Two names for the same service, each with an account of its own: "donly" may use drive D
+  // only, so a listing of drive C fails for the second host and only there.
+  std::ofstream(folder + "/config.toml") << "[hosts.first]\n"
+                                            "host = \"operator@127.0.0.1\"\n"
+                                            "password_file = \"" << Local("operator.pw") << "\"\n"
+                                            "[hosts.second]\n"
+                                            "host = \"127.0.0.1\"\n"
+                                            "account = \"donly\"\n"
+                                            "password_file = \"" << Local("operator.pw") << "\"\n";
+  fs::permissions(folder + "/config.toml", fs::perms::owner_read | fs::perms::owner_write);
+  Env no_password = env_;
+  std::erase_if(no_password, [](const auto& pair) { return pair.first == "PELMORA_PASSWORD"; });
+  ChildProcess::Result fleet =
+      ChildProcess({"admin", "--hosts", "first,second", "--port", std::to_string(service_.port()),
+                    "ls", "C:\\"},
+                   no_password)
+          .Finish(kLimit);
+  EXPECT_EQ(fleet.status, 1) << fleet.err;
+  EXPECT_THAT(fleet.err, HasSubstr("first   ok"));
+  EXPECT_THAT(fleet.err, HasSubstr("second  failed"));
+  std::string audit = service_.ErrorOutput();
+  EXPECT_THAT(audit, HasSubstr("account=\"operator\" code=-1 path=\"login\" result=0"));
+  EXPECT_THAT(audit, HasSubstr("account=\"donly\" code=-1 path=\"login\" result=0"));
+}
+
 }  // namespace
 }  // namespace pelmora_cli_test

@@ -65,7 +65,7 @@ class ExecExtension : public ::testing::Test {
 };
 
 TEST_F(ExecExtension, ServiceAnnouncesItsVersionAndStaysInStep) {
-  EXPECT_EQ(fso_.ExtendedCommandVersion(), 2);
+  EXPECT_EQ(fso_.ExtendedCommandVersion(), 3);
   EXPECT_EQ(fso_.ErrCode(), 0);
   EXPECT_EQ(RunLine("echo one").output, "one\n");
   EXPECT_EQ(RunLine("echo two").output, "two\n");

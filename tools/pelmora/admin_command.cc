@@ -14,6 +14,7 @@
 // "pelmora: <host>: <number> <description>".
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -94,7 +95,36 @@ struct SharedRun {
   DefaultsFile file;
   Credentials credentials;
   HostRequest request;
+  FleetGiven given;  // what the command line and the environment fixed for every fleet host
+  // The credentials of the fleet hosts whose sections give another account or secret files.
+  std::map<std::string, Credentials> host_credentials;
 };
+
+// A fleet host's options: its section of the defaults file over the run's.
+AdminOptions HostOptions(const SharedRun& run, HostTarget& target) {
+  AdminOptions options = FleetHostOptions(run.file, target, run.options, run.given, std::getenv);
+  // The host's own section may ask for TLS or another trust than the run's.
+  options.tls = ResolveTlsSettings(WithFileTransport(run.tls, options.tls), std::getenv);
+  return options;
+}
+
+// Reads, before the fleet starts (a prompt must not come from a host's thread), the secrets of
+// every host whose section changes the account or the secret files; once per distinct set.
+void ResolveHostCredentials(SharedRun& run, const std::vector<HostTarget>& hosts,
+                            bool needs_access_code) {
+  auto key = [](const AdminOptions& o) {
+    return o.account + '\n' + o.password_file + '\n' + o.access_code_file;
+  };
+  std::map<std::string, Credentials> read = {{key(run.options), run.credentials}};
+  for (const HostTarget& host : hosts) {
+    if (run.file.Section(host.name) == nullptr) continue;
+    HostTarget target = host;
+    AdminOptions options = HostOptions(run, target);
+    auto [it, added] = read.try_emplace(key(options));
+    if (added) it->second = ResolveCredentials(options, needs_access_code);
+    run.host_credentials[host.name] = it->second;
+  }
+}
 
 int RunFleetCommand(const AdminCli& cli, std::vector<HostTarget> hosts,
                     std::shared_ptr<const SharedRun> run, Console& console) {
@@ -106,10 +136,11 @@ int RunFleetCommand(const AdminCli& cli, std::vector<HostTarget> hosts,
       fleet,
       [run](const HostTarget& given, HostOutput& output) {
         HostTarget target = given;
-        AdminOptions options = FleetHostOptions(run->file, target, run->options);
-        // The host's own section may ask for TLS or another trust than the run's.
-        options.tls = ResolveTlsSettings(WithFileTransport(run->tls, options.tls), std::getenv);
-        return RunOnHost(target, options, run->credentials, output, run->request);
+        AdminOptions options = HostOptions(*run, target);
+        auto own = run->host_credentials.find(given.name);
+        return RunOnHost(target, options,
+                         own != run->host_credentials.end() ? own->second : run->credentials,
+                         output, run->request);
       },
       console);
   if (outcome.abandoned > 0) {
@@ -231,6 +262,10 @@ int RunAdmin(const AdminCli& given, HostRequest request, bool needs_access_code)
     run->options.tls = ResolveTlsSettings(cli.tls, std::getenv);
     run->credentials = ResolveCredentials(run->options, needs_access_code);
     run->request = std::move(request);
+    const char* account_variable = std::getenv("PELMORA_ACCOUNT");
+    run->given = {given.account_given || (account_variable != nullptr && *account_variable),
+                  given.options_given};
+    if (cli.IsFleet()) ResolveHostCredentials(*run, hosts, needs_access_code);
     if (cli.IsFleet()) return RunFleetCommand(cli, std::move(hosts), run, console);
     ConsoleOutput output(console, cli.options.host);
     int status =

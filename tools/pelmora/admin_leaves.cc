@@ -208,7 +208,9 @@ void AddGet(CLI::App& admin, CommandAction& action, const std::shared_ptr<AdminC
       },
       args);
   leaf->add_flag("-C,--resume", args->resume,
-                 "Keep a local file that already has the remote file's size and write time");
+                 "Keep a local file that already has the remote file's size and write time; "
+                 "else complete the .NAME.pelmora-part an interrupted get -C left, when the "
+                 "remote file has not changed since");
   leaf->add_flag("-r,--recursive", args->recursive, "Download folders with everything in them");
   leaf->add_option("PATHS", args->words,
                    "Files on the server (a * or ? in the last name takes every match), then a "

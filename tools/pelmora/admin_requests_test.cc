@@ -75,9 +75,9 @@ TEST_F(AdminRequestTest, ExecOnAPlainPeerPassesOutputOnAndReportsTheStatusUnknow
                           "exit statuses: the status is unknown"));
   ASSERT_EQ(output_.remote_statuses.size(), 1u);
   EXPECT_FALSE(output_.remote_statuses[0].has_value());
-  // The hello asks for version 2; the command travels with the time-out as given.
+  // The hello asks for version 3; the command travels with the time-out as given.
   Bytes hello = peer_.Received(2);
-  EXPECT_EQ(Bytes(hello.begin(), hello.begin() + 10), (Bytes{40, 1, 4, 0, 0, 0, 2, 0, 0, 0}));
+  EXPECT_EQ(Bytes(hello.begin(), hello.begin() + 10), (Bytes{40, 1, 4, 0, 0, 0, 3, 0, 0, 0}));
   Bytes block = peer_.Received(4);
   EXPECT_EQ(block[0], 20);
   EXPECT_EQ(Bytes(block.begin() + 16, block.begin() + 20), (Bytes{0x88, 0x13, 0, 0}));

@@ -14,6 +14,7 @@
 #include <optional>
 
 #include "pelmora/admin/mode_wire.h"
+#include "pelmora/admin/resume_wire.h"
 #include "pelmora/common/error.h"
 #include "pelmora/common/error_texts.h"
 #include "tools/pelmora/crypto_io.h"
@@ -241,12 +242,14 @@ bool HostSession::LogIn(const std::string& name) {
                              false);
 }
 
-bool HostSession::KeepsModes() {
-  if (!keeps_modes_) {
-    keeps_modes_ = Fso().ExtendedCommandVersion() >= pelmora::admin::kModeVersion;
-  }
-  return *keeps_modes_;
+int32_t HostSession::ExtendedVersion() {
+  if (!extended_version_) extended_version_ = Fso().ExtendedCommandVersion();
+  return *extended_version_;
 }
+
+bool HostSession::KeepsModes() { return ExtendedVersion() >= pelmora::admin::kModeVersion; }
+
+bool HostSession::Resumes() { return ExtendedVersion() >= pelmora::admin::kResumeVersion; }
 
 int HostSession::FailFromClient(int status) {
   if (Fso().ErrCode() == 0 && Fso().ErrDescription().empty()) {

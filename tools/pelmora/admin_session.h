@@ -143,6 +143,8 @@ class HostSession {
   // Whether the service keeps file modes for the transfers (the file mode requests), asked once
   // per session with the hello; a service without them is left alone. Blocks for the hello.
   bool KeepsModes();
+  // Whether the service has the download from an offset (asked with the same hello).
+  bool Resumes();
 
   // Reports the RCFSO's last error and returns `status`.
   int FailFromClient(int status);
@@ -162,11 +164,14 @@ class HostSession {
 
   HostTarget target_;
   std::string display_;
+  // The version of the extended exchange the service speaks, asked once (0: none).
+  int32_t ExtendedVersion();
+
   const AdminOptions& options_;
   const Credentials& credentials_;
   HostOutput& output_;
   std::unique_ptr<pelmora::admin::AdminClient> client_;
-  std::optional<bool> keeps_modes_;
+  std::optional<int32_t> extended_version_;  // the hello's answer, once asked
 };
 
 // The work of one admin command on a connected session; returns the host's exit status.

@@ -12,6 +12,7 @@
 #include <fstream>
 
 #include "pelmora/admin/rc_file_info.h"
+#include "pelmora/admin/resume_wire.h"
 #include "pelmora/platform/file_io.h"
 #include "tools/pelmora/admin_requests.h"
 #include "tools/pelmora/remote_wildcards.h"
@@ -128,8 +129,40 @@ class PartFile {
     close(fd);
     return kExitOk;
   }
+  // The part file for `target` under get -C: a fixed name beside it (.NAME.pelmora-part), made
+  // when missing, so that what a failed or killed download received is found by the next get -C.
+  int KeepFor(HostSession& session, const std::string& target, const std::string& name) {
+    target_ = target;
+    fs::path folder = fs::path(target).parent_path();
+    if (folder.empty()) folder = ".";
+    std::string path = (folder / ("." + name + ".pelmora-part")).string();
+    struct stat existing{};
+    replaces_ = stat(target.c_str(), &existing) == 0 && S_ISREG(existing.st_mode);
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC,
+                  replaces_ ? existing.st_mode & 07777 : NewFileMode());
+    if (fd < 0) return FailLocal(session, "cannot create", path, errno);
+    bool regular = fstat(fd, &kept_) == 0 && S_ISREG(kept_.st_mode);
+    close(fd);
+    if (!regular) return FailLocal(session, "cannot use", path, EINVAL);
+    path_ = path;
+    resumable_ = true;
+    return kExitOk;
+  }
   ~PartFile() {
     if (!path_.empty()) unlink(path_.c_str());
+  }
+  // The size and last-write second of the part file as KeepFor found it (0, 0 for a new one).
+  int64_t KeptBytes() const { return resumable_ ? kept_.st_size : 0; }
+  int64_t KeptSecond() const { return resumable_ ? kept_.st_mtim.tv_sec : 0; }
+
+  // After a download that failed on the way, under get -C: leaves what came for the next get -C,
+  // its last-write time set to the remote file's, so that a change of the remote file after
+  // this shows whatever the two clocks say. An empty part is removed.
+  void KeepForResume(const RCFileInfo& info) {
+    if (!resumable_ || LocalSize(path_) == 0) return;
+    const timespec times[2] = {{0, UTIME_OMIT}, {info.LastWriteTime().ToUnixTime(), 0}};
+    utimensat(AT_FDCWD, path_.c_str(), times, 0);
+    path_.clear();
   }
   const std::string& Path() const { return path_; }
 
@@ -163,7 +196,44 @@ class PartFile {
   std::string target_;
   bool in_place_ = false;
   bool replaces_ = false;
+  bool resumable_ = false;  // made by KeepFor
+  struct stat kept_ {};
 };
+
+// Whether `target` is a device or a pipe, which a download writes in place at its end.
+bool IsSpecial(const std::string& target) {
+  struct stat existing{};
+  return stat(target.c_str(), &existing) == 0 && !S_ISREG(existing.st_mode) &&
+         !S_ISDIR(existing.st_mode);
+}
+
+// Downloads `remote` into `part`: only the rest when the part kept by an earlier get -C holds
+// the first part of the same file and the service has the download from an offset, else the
+// whole file (also when the service finds the file changed since it was looked at).
+bool Receive(HostSession& session, const PartFile& part, const std::string& remote,
+             const RCFileInfo& info) {
+  if (ResumesFrom(part.KeptBytes(), part.KeptSecond(), info) && session.Resumes()) {
+    const bool verbose = session.Options().verbose;
+    if (verbose) {
+      session.Output().Step("resuming " + remote + " from byte " + std::to_string(part.KeptBytes()));
+    }
+    if (session.Fso().ResumeDownload(part.Path(), remote, info.FileSize(), info.LastWriteTime())) {
+      return true;
+    }
+    if (session.Fso().ErrDescription() != pelmora::admin::kRemoteFileChanged) return false;
+    if (verbose) session.Output().Step(remote + " changed meanwhile: downloading it whole");
+  }
+  return session.Fso().Download(part.Path(), remote);
+}
+
+}  // namespace
+
+bool ResumesFrom(int64_t part_bytes, int64_t part_second, const RCFileInfo& info) {
+  return part_bytes > 0 && part_bytes < info.FileSize() &&
+         pelmora::Date::FromUnixTime(part_second + 1) > info.LastWriteTime();
+}
+
+namespace {
 
 // Whether `target` already holds the remote file: same size and last-write second.
 bool SameAsRemote(const std::string& target, const RCFileInfo& info) {
@@ -202,16 +272,21 @@ int Get(HostSession& session, const std::string& remote, const std::string& loca
   bool known = session.Fso().GetFileInfo(remote, info) && info.FileSize() >= 0;
   if (resume && !to_output && known && SameAsRemote(target, info)) return kExitOk;
   PartFile part;
-  if (int status = part.CreateFor(session, target, RemoteName(remote), to_output);
+  const bool keep = resume && !to_output && known && !IsSpecial(target);
+  if (int status = keep ? part.KeepFor(session, target, RemoteName(remote))
+                        : part.CreateFor(session, target, RemoteName(remote), to_output);
       status != kExitOk) {
     return status;
   }
   TransferWatch watch(session.Output(), part.Path(),
                       session.Output().ShowsProgress() && known ? info.FileSize() : 0);
-  bool done = session.Fso().Download(part.Path(), remote);
+  bool done = Receive(session, part, remote, info);
   watch.Stop(done ? std::optional<uint64_t>(LocalSize(part.Path())) : std::nullopt);
   bool unwritable = !done && known && !fs::exists(part.Path());
-  if (!done && !unwritable) return session.FailOnPath(kExitFailed, remote, "get copies files");
+  if (!done && !unwritable) {
+    part.KeepForResume(info);
+    return session.FailOnPath(kExitFailed, remote, "get copies files");
+  }
   if (known && LocalSize(part.Path()) < static_cast<uint64_t>(info.FileSize())) {
     int cause = ShortWriteCause(part.Path(), info.FileSize());
     if (cause != 0) return FailLocal(session, "cannot write", target, cause);

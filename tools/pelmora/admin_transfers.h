@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "pelmora/admin/rc_file_info.h"
 #include "tools/pelmora/admin_session.h"
 
 namespace pelmora_tool {
@@ -34,11 +35,22 @@ int Stat(HostSession& session, const std::string& path, bool json = false);
 // run each host's file goes to <local or .>/<host>/<name>. The file is written beside the target
 // and renamed when complete (a device or pipe target is written once the whole file is here), so
 // a failed download never leaves part of a file under the target's name. With `resume` a target
-// that already has the remote file's size and last-write second is left as it is (the download
-// request has no offset, so a partial file is downloaded again in full). Local files that cannot
-// be made or written give 2, named with the system's text.
+// that already has the remote file's size and last-write second is left as it is; otherwise the
+// file is received into .NAME.pelmora-part beside the target, which a download that fails on the
+// way (or is killed) leaves behind, and the next get with `resume` asks the service for the rest
+// only when ResumesFrom allows it and the service has the download from an offset (else, and
+// when the service finds the file changed, it downloads the whole file again). Local files that
+// cannot be made or written give 2, named with the system's text.
 int Get(HostSession& session, const std::string& remote, const std::string& local,
         bool resume = false);
+
+// Whether a part file of `part_bytes` bytes last written at `part_second` (seconds since 1970,
+// UTC) may be completed from the remote file `info` describes: it holds some bytes but fewer
+// than the remote file, and the remote file was last written no later than the part (to the
+// second): the remote file has not changed since the part was received. A failed download under
+// get -C sets the part's last-write time to the remote file's, so this holds whatever the two
+// clocks say; after a killed download it relies on the clocks agreeing.
+bool ResumesFrom(int64_t part_bytes, int64_t part_second, const pelmora::admin::RCFileInfo& info);
 
 // Uploads `local` to `remote`; a remote name ending in "\" or "/", or naming an existing folder,
 // receives the local file under its own name.

@@ -59,6 +59,15 @@ class AdminTransferTest : public ::testing::Test {
     return block ? pelmora::admin::DecodeUnicodeArgument(block->args.at(0)) : "";
   }
 
+  // The replies to the file information and the download of C:\data\app.ini holding `content`.
+  void ServeFileInfo(const std::string& content);
+  void ServeDownload(const std::string& content) {
+    pelmora::admin::TransferHeader header{.size = static_cast<int32_t>(content.size()),
+                                          .last_write_time = kWriteTime};
+    ExpectRequest(peer_).ReplyWith(Answer(pelmora::admin::BuildTransferHeader(header)));
+    peer_.Receive(pelmora::admin::kPacketSize).Send(Bytes(content.begin(), content.end()));
+  }
+
   fs::path dir_;
   ScriptedPeer peer_;
   AdminOptions options_;
@@ -73,6 +82,14 @@ FileInfoRecord Entry(std::string name, int32_t attributes, int32_t size) {
           .name = name,
           .full_path = "C:\\data\\" + name,
           .parent_path = "C:\\data"};
+}
+
+void AdminTransferTest::ServeFileInfo(const std::string& content) {
+  Bytes record = pelmora::admin::BuildFileInfoRecord(
+      Entry("app.ini", 0x20, static_cast<int32_t>(content.size())));
+  ExpectRequest(peer_).ReplyWith(Answer(SizeData(static_cast<int32_t>(record.size()))));
+  record.resize(pelmora::admin::kPacketSize);
+  peer_.Send(record);
 }
 
 TEST_F(AdminTransferTest, LongListingShowsAttributesSizeTimeAndName) {
@@ -110,16 +127,9 @@ TEST_F(AdminTransferTest, NoCauseIsGuessedWhenTheServiceStopsAnswering) {
 
 TEST_F(AdminTransferTest, GetWritesTheServerBytesUnderTheRemoteName) {
   const std::string content = "hello, file";
-  pelmora::admin::TransferHeader header{.size = static_cast<int32_t>(content.size()),
-                                        .last_write_time = kWriteTime};
   // The file's information first (its size checks the local writes), then the download.
-  Bytes record = pelmora::admin::BuildFileInfoRecord(
-      Entry("app.ini", 0x20, static_cast<int32_t>(content.size())));
-  ExpectRequest(peer_).ReplyWith(Answer(SizeData(static_cast<int32_t>(record.size()))));
-  record.resize(pelmora::admin::kPacketSize);
-  peer_.Send(record);
-  ExpectRequest(peer_).ReplyWith(Answer(pelmora::admin::BuildTransferHeader(header)));
-  peer_.Receive(pelmora::admin::kPacketSize).Send(Bytes(content.begin(), content.end()));
+  ServeFileInfo(content);
+  ServeDownload(content);
   // A service without the file mode requests refuses the hello: the file keeps a new file's mode
   // and nothing is said.
   ExpectRequest(peer_).ReplyWith(Answer(ResultData(false, 1, "Incorrect function.")));
@@ -134,6 +144,23 @@ TEST_F(AdminTransferTest, GetWritesTheServerBytesUnderTheRemoteName) {
             std::vector<fs::path>{dir_ / "app.ini"}) << "the part file took the target's name";
   EXPECT_TRUE(output_.errors.empty());
   EXPECT_EQ(fs::status(dir_ / "app.ini").permissions() & fs::perms::owner_exec, fs::perms::none);
+}
+
+TEST_F(AdminTransferTest, AServiceWithoutTheReadFromRequestSendsTheWholeFileAgain) {
+  const std::string content = "hello, file";
+  // A part an earlier get -C kept, written after the remote file.
+  std::ofstream(dir_ / ".app.ini.pelmora-part") << "hel";
+  ServeFileInfo(content);
+  ExpectRequest(peer_).ReplyWith(Answer(ResultData(true, 2)));  // the hello: version 2
+  ServeDownload(content);
+  ExpectRequest(peer_).ReplyWith(Answer(ResultData(true, 0644)));  // get mode
+  EXPECT_EQ(Run([&](HostSession& s) { return Get(s, "C:\\data\\app.ini", dir_.string() + "/", true); }),
+            kExitOk);
+  EXPECT_EQ(peer_.Received(6).at(0), 1) << "the plain download, from the first byte";
+  std::ifstream file(dir_ / "app.ini");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), content);
+  EXPECT_FALSE(fs::exists(dir_ / ".app.ini.pelmora-part"));
+  EXPECT_TRUE(output_.errors.empty());
 }
 
 TEST_F(AdminTransferTest, PutIntoAFolderKeepsTheLocalName) {
@@ -203,6 +230,34 @@ TEST(AdminTransfers, OpenFileOffsetReadsTheDescriptorPosition) {
   close(fd);
   EXPECT_EQ(OpenFileOffset(path.string()), std::nullopt);
   fs::remove(path);
+}
+
+}  // namespace
+}  // namespace pelmora_tool
+
+namespace pelmora_tool {
+namespace {
+
+TEST(AdminTransfers, APartIsCompletedOnlyFromAnUnchangedLongerFile) {
+  constexpr int64_t kRemoteSecond = 1700000000;
+  pelmora::admin::RCFileInfo info;
+  info.SetFileSize(1000);
+  info.SetLastWriteTime(pelmora::Date::FromUnixTime(kRemoteSecond));
+  struct Case {
+    const char* what;
+    int64_t part_bytes, part_second;
+    bool resumes;
+  } cases[] = {
+      {"stamped with the remote time", 400, kRemoteSecond, true},
+      {"written after the remote file", 400, kRemoteSecond + 3600, true},
+      {"the remote file written after the part", 400, kRemoteSecond - 1, false},
+      {"an empty part", 0, kRemoteSecond, false},
+      {"as long as the remote file", 1000, kRemoteSecond, false},
+      {"longer than the remote file", 1001, kRemoteSecond, false},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(ResumesFrom(c.part_bytes, c.part_second, info), c.resumes) << c.what;
+  }
 }
 
 }  // namespace

@@ -152,7 +152,8 @@ void ApplyDefaultsFile(const DefaultsFile& file, const std::string& alias,
 }
 
 AdminOptions FleetHostOptions(const DefaultsFile& file, HostTarget& target,
-                              const AdminOptions& run) {
+                              const AdminOptions& run, const FleetGiven& given,
+                              const GetEnvironment& getenv) {
   AdminOptions options = run;
   const FileSettings* section = file.Section(target.name);
   ApplyFileTransport(section, file.defaults, options.tls);
@@ -160,6 +161,12 @@ AdminOptions FleetHostOptions(const DefaultsFile& file, HostTarget& target,
   HostSpec real = FileHost(file, section->host, fmt::format("hosts.{}.host", target.name));
   if (!real.name.empty() && real.name != target.name) options.address = real.name;
   if (target.port == 0) target.port = NonZero(real.port).value_or(section->port.value_or(0));
+  if (!given.account) {
+    options.account = First<std::string>({NonEmpty(real.account), section->account})
+                          .value_or(run.account);
+  }
+  const GetEnvironment no_variables = [](const char*) -> const char* { return nullptr; };
+  ApplyDefaultsFile(file, target.name, given.options, getenv ? getenv : no_variables, options);
   return options;
 }
 

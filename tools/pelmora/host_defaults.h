@@ -71,11 +71,20 @@ void ApplyDefaultsFile(const DefaultsFile& file, const std::string& alias,
                        const OptionFlags& given, const GetEnvironment& getenv,
                        AdminOptions& options);
 
-// One host of a fleet through its section of the defaults file: the name to connect to and, when
-// the host list gave none, the port; and its transport settings. The run's account, password and
-// time-outs stay those of the whole run.
+// What the command line and the environment fixed for every host of a fleet.
+struct FleetGiven {
+  bool account = false;  // --account, or PELMORA_ACCOUNT
+  OptionFlags options;
+};
+
+// One host of a fleet through its section of the defaults file, as a single host takes it: the
+// name to connect to and, when the host list gave none, the port; the account (the section's
+// `host` ACCOUNT@, then its `account`) unless `given` fixed it; the password and access code
+// files and the time-outs as ApplyDefaultsFile gives them for the section; and the transport
+// settings. A host without a section keeps the run's.
 AdminOptions FleetHostOptions(const DefaultsFile& file, HostTarget& target,
-                              const AdminOptions& run);
+                              const AdminOptions& run, const FleetGiven& given = {},
+                              const GetEnvironment& getenv = nullptr);
 
 }  // namespace pelmora_tool
 

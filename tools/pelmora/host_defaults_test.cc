@@ -94,5 +94,48 @@ TEST(HostDefaultsTest, ContradictionsAndMalformedValuesAreRefused) {
   }
 }
 
+
+TEST(HostDefaultsTest, FleetHostsTakeTheirSectionsAccountsAndSecrets) {
+  const char* text =
+      "account = \"everyone\"\n"
+      "password_file = \"/run/all.pw\"\n"
+      "[hosts.web1]\n"
+      "host = \"deploy@10.0.0.1:9000\"\n"
+      "password_file = \"/run/deploy.pw\"\n"
+      "[hosts.db1]\n"
+      "account = \"dba\"\n"
+      "access_code_file = \"/run/db.code\"\n"
+      "tls = true\n";
+  DefaultsFile file = ParseDefaultsFile(text, "/home/u/.config/pelmora/config.toml",
+                                        [](const char*) -> const char* { return nullptr; });
+  AdminOptions run;
+  run.account = "everyone";
+  run.password_file = "/run/all.pw";
+  struct Case {
+    const char* host;
+    FleetGiven given;
+    std::string account, password_file, access_code_file, address;
+    int32_t port;
+    bool tls;
+  } cases[] = {
+      {"web1", {}, "deploy", "/run/deploy.pw", "", "10.0.0.1", 9000, false},
+      {"db1", {}, "dba", "/run/all.pw", "/run/db.code", "", 0, true},
+      {"other", {}, "everyone", "/run/all.pw", "", "", 0, false},
+      // --account (or PELMORA_ACCOUNT) and --password-file hold for every host.
+      {"web1", {true, {.password_file = true}}, "everyone", "/run/all.pw", "", "10.0.0.1", 9000,
+       false},
+  };
+  for (const Case& c : cases) {
+    HostTarget target{c.host, 0};
+    AdminOptions options = FleetHostOptions(file, target, run, c.given);
+    EXPECT_EQ(options.account, c.account) << c.host;
+    EXPECT_EQ(options.password_file, c.password_file) << c.host;
+    EXPECT_EQ(options.access_code_file, c.access_code_file) << c.host;
+    EXPECT_EQ(options.address, c.address) << c.host;
+    EXPECT_EQ(target.port, c.port) << c.host;
+    EXPECT_EQ(options.tls.enabled, c.tls) << c.host;
+  }
+}
+
 }  // namespace
 }  // namespace pelmora_tool

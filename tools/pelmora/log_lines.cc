@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "pelmora/common/log.h"
 #include "pelmora/common/system.h"
 #include "pelmora/platform/log_layout.h"
 
@@ -77,9 +78,8 @@ std::string ToolLogRoot() {
       access((library + "/../Log").c_str(), W_OK | X_OK) == 0) {
     return library + "/../Log";
   }
-  if (const char* state = Environment("XDG_STATE_HOME")) return std::string(state) + "/pelmora/log";
-  if (const char* home = Environment("HOME")) return std::string(home) + "/.local/state/pelmora/log";
-  return pelmora::GetTempFolder() + "pelmora-log";
+  std::string own = pelmora::UserLogRoot();
+  return own.empty() ? pelmora::GetTempFolder() + "pelmora-log" : own;
 }
 
 std::string MakeToolCacheRoot() {

@@ -12,6 +12,8 @@
 // Every command takes --computer \\host and --folder FOLDER (a task folder other than the
 // default one). Triggers are written in their text form, e.g. "daily 02:30", "weekly mon,fri
 // 08:00 every 2", "monthlydow last sun 03:00 in mar,oct", "once 2030-01-02 03:04".
+// create warns on standard error, with the same exit status, when no runner watches the folder
+// (none holds its runner lock), since the task would then never run.
 // Exit status: 0 on success, 1 when the task objects raise (the error number and text are printed
 // on standard error), 2 for usage errors.
 #include <cstdint>
@@ -25,6 +27,7 @@
 #include "pelmora/common/system.h"
 #include "pelmora/sched/task.h"
 #include "pelmora/sched/task_scheduler.h"
+#include "pelmora/sched/task_store.h"
 #include "pelmora/sched/trigger.h"
 #include "tools/pelmora/commands.h"
 
@@ -166,6 +169,15 @@ int Create(const TasksOptions& o) {
   ApplySettings(*task, o);
   scheduler.Add(task);
   std::printf("%s\n", task->FileName().c_str());
+  // A runner holds the folder's lock while it watches it; a remote computer's is the service's.
+  std::shared_ptr<pelmora::sched::TaskStore> store = pelmora::sched::OpenLocalTaskStore(o.folder);
+  if (o.computer.empty() && !store->RunnerWatching()) {
+    std::fflush(stdout);
+    std::fprintf(stderr,
+                 "pelmora: tasks create: warning: no task runner watches %s, so the task runs "
+                 "only once one does (pelmorad with [scheduler] enabled over this folder)\n",
+                 store->Folder().c_str());
+  }
   return 0;
 }
 

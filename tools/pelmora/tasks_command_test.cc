@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "pelmora/common/internal/log_test_support.h"
+#include "pelmora/sched/task_runner.h"
 #include "tools/pelmora/commands.h"
 
 namespace pelmora_tool {
@@ -61,6 +63,30 @@ TEST(TasksCommand, UsageErrorsExitWith2) {
   EXPECT_EQ(Tasks({"create", "x", "--app", "/bin/true", "--trigger", "hourly"}, folder.Path()), 2);
   EXPECT_EQ(Tasks({"show"}, folder.Path()), 2);  // no name
   EXPECT_EQ(Tasks({"stop", "missing"}, folder.Path()), 1);
+}
+
+
+TEST(TasksCommand, CreateWarnsWhenNoRunnerWatchesTheFolder) {
+  pelmora::internal::ScratchFolder folder;
+  struct Case {
+    bool runner;
+    bool warned;
+  } cases[] = {{false, true}, {true, false}};
+  for (const Case& c : cases) {
+    std::optional<pelmora::sched::TaskRunner> runner;
+    if (c.runner) {
+      runner.emplace(pelmora::sched::TaskRunnerOptions{.folder = folder.Path(), .run_at_start = false});
+      runner->Start();
+    }
+    ::testing::internal::CaptureStderr();
+    std::string name = c.runner ? "watched" : "unwatched";
+    EXPECT_EQ(Tasks({"create", name, "--app", "/bin/true"}, folder.Path()), 0) << name;
+    std::string warning = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(warning.find("warning: no task runner watches " + folder.Path()) != std::string::npos,
+              c.warned)
+        << warning;
+    if (runner) runner->Stop();
+  }
 }
 
 }  // namespace

@@ -32,6 +32,17 @@ LocalFile LocalFile::CreateAlways(const std::string& path) {
   return LocalFile(platform::Open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
 }
 
+LocalFile LocalFile::OpenAt(const std::string& path, int64_t offset) {
+  LocalFile file(platform::Open(path.c_str(), O_WRONLY | O_CLOEXEC, 0));
+  struct stat st {};
+  if (!file.IsOpen() || ::fstat(file.Handle(), &st) != 0 || !S_ISREG(st.st_mode) ||
+      st.st_size < offset || ::ftruncate(file.Handle(), offset) != 0 ||
+      ::lseek(file.Handle(), offset, SEEK_SET) != offset) {
+    return LocalFile();
+  }
+  return file;
+}
+
 int64_t LocalFile::ReadFull(std::span<uint8_t> out) {
   return platform::ReadFully(fd_.get(), out);
 }

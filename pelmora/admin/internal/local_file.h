@@ -36,6 +36,10 @@ class LocalFile {
   // Creates the file for writing, replacing (truncating) any existing one; mode 0644.
   static LocalFile CreateAlways(const std::string& path);
 
+  // Opens an existing file for writing from byte `offset` on: the file is cut to `offset`
+  // bytes (it must hold at least that many) and written from there. Not open on failure.
+  static LocalFile OpenAt(const std::string& path, int64_t offset);
+
   LocalFile() = default;
 
   bool IsOpen() const { return static_cast<bool>(fd_); }

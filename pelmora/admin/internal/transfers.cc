@@ -9,9 +9,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <string>
 
 #include "pelmora/admin/internal/local_file.h"
+#include "pelmora/admin/rc_file_info.h"
+#include "pelmora/admin/resume_wire.h"
 #include "pelmora/admin/wire.h"
 #include "pelmora/admin/wire_replies.h"
 #include "pelmora/common/error_numbers.h"
@@ -202,6 +205,11 @@ bool Transfers::DownloadContent(const std::string& local, const TransferHeader& 
   }
   SendGoReply(true);
   if (!ReceiveContent(file, header.size)) return false;
+  return FinishDownload(file, local, header);
+}
+
+bool Transfers::FinishDownload(LocalFile& file, const std::string& local,
+                               const TransferHeader& header) {
   if (file.WriteError() != 0) return FailWrite(file, local);
   // The last-write time goes through calendar fields with milliseconds and back: whole ms.
   const uint64_t last_write =
@@ -209,6 +217,53 @@ bool Transfers::DownloadContent(const std::string& local, const TransferHeader& 
   file.SetTimes(header.last_access_time, last_write);
   file.Close();
   return true;
+}
+
+// The size message of the reply describes the whole file as the server opened it, so the check
+// that it is still the file whose first part is kept is made on the very file the rest comes
+// from.
+bool Transfers::Resume(std::string_view local_file, std::string_view remote_file,
+                       int32_t expected_size, Date expected_last_write) {
+  error_.Clear();
+  const std::string local(local_file);
+  TransferLog("ResumeDownload", "** Resume " + local + " =>" + std::string(remote_file) + " **");
+  if (!CheckArgument(error_, local_file, "Empty local file name") ||
+      !CheckArgument(error_, remote_file, "Empty remote file name")) {
+    return false;
+  }
+  LocalFile probe = LocalFile::OpenForReading(local);
+  const int64_t kept = probe.IsOpen() ? probe.Size().value_or(-1) : -1;
+  probe.Close();
+  if (kept < 0 || kept > INT32_MAX) {
+    error_.Set(errors::kCannotOpenFile, "Cannot open file " + local);
+    return false;
+  }
+  const auto offset = static_cast<int32_t>(kept);
+  if (!channel_.SendRequest(kResumeCode, ResumeArguments(remote_file, offset))) return false;
+  const std::optional<TransferHeader> header = ReceiveTransferHeader();
+  if (!header) return false;
+  TransferLog("ResumeDownload", channel_.HandlePrefix() + "file size = " +
+                                    std::to_string(header->size) + ", from " +
+                                    std::to_string(offset));
+  if (header->size < 0) {
+    error_.Set(errors::kInvalidDataSize, "Cannot open remote file");
+    return false;
+  }
+  if (header->size != expected_size || offset >= header->size ||
+      !(FileTimeToDate(header->last_write_time) == expected_last_write)) {
+    SendGoReply(false);
+    error_.Set(errors::kInvalidDataSize, kRemoteFileChanged);
+    return false;
+  }
+  LocalFile file = LocalFile::OpenAt(local, offset);
+  if (!file.IsOpen()) {
+    SendGoReply(false);
+    error_.Set(errors::kCannotOpenFile, "Cannot open file " + local);
+    return false;
+  }
+  SendGoReply(true);
+  if (!ReceiveContent(file, ResumeContentSize(header->size, offset))) return false;
+  return FinishDownload(file, local, *header);
 }
 
 // The content is asked of the socket in blocks of whole pieces and each block goes straight to

@@ -15,6 +15,7 @@
 
 #include "pelmora/admin/internal/channel.h"
 #include "pelmora/admin/wire_replies.h"
+#include "pelmora/common/date.h"
 
 namespace pelmora::admin::internal {
 
@@ -26,6 +27,9 @@ class Transfers : private RequestFamily {
 
   bool Upload(std::string_view local_file, std::string_view remote_file);
   bool Download(std::string_view local_file, std::string_view remote_file);
+  // RCFSO::ResumeDownload: the rest of `remote_file` from the local file's size on (request 44).
+  bool Resume(std::string_view local_file, std::string_view remote_file, int32_t expected_size,
+              Date expected_last_write);
 
  private:
   bool OpenUploadSource(const std::string& local, LocalFile& file);
@@ -37,6 +41,8 @@ class Transfers : private RequestFamily {
   bool ReceiveContent(LocalFile& file, int32_t size);
   bool FailContent(LocalFile& file, int32_t error, int64_t remaining);
   bool FailWrite(LocalFile& file, const std::string& local);
+  // The content is in: the write's error, or the server's times set on the file.
+  bool FinishDownload(LocalFile& file, const std::string& local, const TransferHeader& header);
 };
 
 }  // namespace pelmora::admin::internal
