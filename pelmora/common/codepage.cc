@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <mutex>
 #include <shared_mutex>
+#include <string>
+#include <vector>
 
 #include "pelmora/platform/utf8.h"
 
@@ -52,29 +54,60 @@ CodePageSetting& Setting() {
   return setting;
 }
 
-// An iconv descriptor owned for one conversion.
-class Converter {
+// The iconv descriptors of this thread, one per pair of encodings, kept open: opening one loads
+// the code page's conversion module, which costs far more than converting a short text (the
+// service converts every path argument). Each is reset to its initial state before it is lent.
+class Converters {
  public:
-  Converter(const std::string& to, const std::string& from) : cd_(iconv_open(to.c_str(), from.c_str())) {}
-  ~Converter() {
-    if (ok()) iconv_close(cd_);
+  Converters() = default;
+  Converters(const Converters&) = delete;
+  Converters& operator=(const Converters&) = delete;
+  ~Converters() {
+    for (Open& open : open_) iconv_close(open.cd);
   }
-  Converter(const Converter&) = delete;
-  Converter& operator=(const Converter&) = delete;
-  bool ok() const { return cd_ != reinterpret_cast<iconv_t>(-1); }
-  iconv_t get() const { return cd_; }
+
+  // The descriptor from `from` to `to`, or (iconv_t)-1 when iconv has no such conversion.
+  iconv_t Get(const std::string& to, const std::string& from) {
+    for (Open& open : open_) {
+      if (open.to == to && open.from == from) {
+        iconv(open.cd, nullptr, nullptr, nullptr, nullptr);
+        return open.cd;
+      }
+    }
+    iconv_t cd = iconv_open(to.c_str(), from.c_str());
+    if (cd == kNone) return cd;
+    if (open_.size() == kMostOpen) {  // a program that changes code pages often
+      iconv_close(open_.front().cd);
+      open_.erase(open_.begin());
+    }
+    open_.push_back({to, from, cd});
+    return cd;
+  }
+
+  static inline const iconv_t kNone = reinterpret_cast<iconv_t>(-1);
 
  private:
-  iconv_t cd_;
+  static constexpr std::size_t kMostOpen = 8;
+  struct Open {
+    std::string to;
+    std::string from;
+    iconv_t cd;
+  };
+  std::vector<Open> open_;
 };
+
+iconv_t ConverterFor(const std::string& to, const std::string& from) {
+  thread_local Converters converters;
+  return converters.Get(to, from);
+}
 
 // Converts with iconv, replacing each input unit it cannot convert by `replacement` and skipping
 // `skip(input)` bytes of input for it.
 template <typename Skip>
 std::string Convert(const std::string& to, const std::string& from, std::string_view input,
                     std::string_view replacement, Skip skip) {
-  Converter conv(to, from);
-  if (!conv.ok()) return std::string(input);
+  iconv_t conv = ConverterFor(to, from);
+  if (conv == Converters::kNone) return std::string(input);
   std::string out;
   out.reserve(input.size() * 2 + 8);
   char* in_ptr = const_cast<char*>(input.data());
@@ -83,7 +116,7 @@ std::string Convert(const std::string& to, const std::string& from, std::string_
   while (in_left > 0) {
     char* out_ptr = buffer;
     size_t out_left = sizeof(buffer);
-    size_t rc = iconv(conv.get(), &in_ptr, &in_left, &out_ptr, &out_left);
+    size_t rc = iconv(conv, &in_ptr, &in_left, &out_ptr, &out_left);
     int err = errno;
     out.append(buffer, out_ptr - buffer);
     if (rc != static_cast<size_t>(-1)) break;
