@@ -2,6 +2,8 @@
 #include "pelmora/archive/internal/write_behind.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <optional>
 #include <system_error>
 
 namespace pelmora::archive::internal {
@@ -27,14 +29,20 @@ WriteBehind::~WriteBehind() {
 }
 
 void WriteBehind::Finish(WriteJob& job) {
-  job.ok = job.file.Write(job.data) && job.file.Commit(job.mode, job.mtime);
+  std::optional<PendingFile> file = PendingFile::Create(std::move(job.target));
+  if (file) {
+    job.created = true;
+    job.ok = file->Write(job.data) && file->Commit(job.mode, job.mtime);
+  } else {
+    job.create_error = errno;
+  }
   job.data = {};
-  PendingFile closed = std::move(job.file);  // closes the descriptors, removing a failed file
+  file.reset();  // closes the descriptor, removing a failed file
 }
 
-std::shared_ptr<WriteJob> WriteBehind::Submit(PendingFile file, std::vector<uint8_t> data,
+std::shared_ptr<WriteJob> WriteBehind::Submit(FileTarget target, std::vector<uint8_t> data,
                                               uint32_t mode, int64_t mtime) {
-  auto job = std::make_shared<WriteJob>(std::move(file), std::move(data), mode, mtime);
+  auto job = std::make_shared<WriteJob>(std::move(target), std::move(data), mode, mtime);
   if (workers_.empty()) {
     Finish(*job);
     job->done = true;
