@@ -166,15 +166,10 @@ void UnzipRun::ExtractFile(const EntryInfo& entry, const std::string& password,
 void UnzipRun::ExtractHeld(const EntryInfo& entry, const std::string& password,
                            FileTarget target, const std::string& prefix, const std::string& path,
                            bool text) {
-  TextConverter converter(text);
   ExpansionBudget before = budget_;
-  std::vector<uint8_t> data;
-  data.reserve(static_cast<size_t>(entry.size));
-  DecodeResult result = DecodeEntry(archive_, entry, password, budget_, [&](auto piece) {
-    std::span<const uint8_t> converted = converter.Convert(piece);
-    data.insert(data.end(), converted.begin(), converted.end());
-    return true;
-  });
+  DecodedBytes data;
+  DecodeResult result = text ? DecodeText(entry, password, data)
+                             : DecodeToMemory(archive_, entry, password, budget_, data);
   if (result.status != DecodeStatus::kOk) {
     // Reported as if the file had been created before its data was read, as a streamed one is:
     // one that cannot be created says so, and its data counts for nothing.
@@ -189,7 +184,7 @@ void UnzipRun::ExtractHeld(const EntryInfo& entry, const std::string& password,
     return;
   }
   if (!writer_) writer_.emplace(0);
-  uint64_t bytes = data.size();
+  uint64_t bytes = data.size;
   auto job = writer_->Submit(std::move(target), std::move(data), FileMode(entry, folder_->Umask()),
                              entry.mtime);
   held_.push_back({.job = std::move(job), .name = entry.name, .prefix = prefix, .path = path,
@@ -198,6 +193,22 @@ void UnzipRun::ExtractHeld(const EntryInfo& entry, const std::string& password,
   held_bytes_ += bytes;
   ++held_files_;
   DrainUntil(kHeldBytes, kHeldFiles);
+}
+
+DecodeResult UnzipRun::DecodeText(const EntryInfo& entry, const std::string& password,
+                                  DecodedBytes& out) {
+  TextConverter converter(true);
+  std::vector<uint8_t> data;
+  data.reserve(static_cast<size_t>(entry.size));
+  DecodeResult result = DecodeEntry(archive_, entry, password, budget_, [&](auto piece) {
+    std::span<const uint8_t> converted = converter.Convert(piece);
+    data.insert(data.end(), converted.begin(), converted.end());
+    return true;
+  });
+  out.size = data.size();
+  out.data = std::make_unique_for_overwrite<uint8_t[]>(out.size);
+  std::copy(data.begin(), data.end(), out.data.get());
+  return result;
 }
 
 void UnzipRun::ExtractStreamed(const EntryInfo& entry, const std::string& password,

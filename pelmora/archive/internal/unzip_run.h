@@ -78,6 +78,8 @@ class UnzipRun {
   // waits for the outcome.
   void ExtractHeld(const EntryInfo& entry, const std::string& password, FileTarget target,
                    const std::string& prefix, const std::string& path, bool text);
+  // Decodes a text entry converting its line ends, into memory.
+  DecodeResult DecodeText(const EntryInfo& entry, const std::string& password, DecodedBytes& out);
   void ExtractStreamed(const EntryInfo& entry, const std::string& password, FileTarget target,
                        const std::string& prefix, const std::string& path, bool text);
   void DrainUntil(uint64_t max_bytes, size_t max_files);

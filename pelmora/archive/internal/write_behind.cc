@@ -7,6 +7,11 @@
 #include <system_error>
 
 namespace pelmora::archive::internal {
+namespace {
+
+constexpr size_t kWakeBatch = 4;
+
+}  // namespace
 
 WriteBehind::WriteBehind(unsigned threads) {
   if (threads == 0) threads = std::clamp(std::thread::hardware_concurrency(), 2u, 8u);
@@ -32,7 +37,7 @@ void WriteBehind::Finish(WriteJob& job) {
   std::optional<PendingFile> file = PendingFile::Create(std::move(job.target));
   if (file) {
     job.created = true;
-    job.ok = file->Write(job.data) && file->Commit(job.mode, job.mtime);
+    job.ok = file->Write(job.data.View()) && file->Commit(job.mode, job.mtime);
   } else {
     job.create_error = errno;
   }
@@ -40,7 +45,7 @@ void WriteBehind::Finish(WriteJob& job) {
   file.reset();  // closes the descriptor, removing a failed file
 }
 
-std::shared_ptr<WriteJob> WriteBehind::Submit(FileTarget target, std::vector<uint8_t> data,
+std::shared_ptr<WriteJob> WriteBehind::Submit(FileTarget target, DecodedBytes data,
                                               uint32_t mode, int64_t mtime) {
   auto job = std::make_shared<WriteJob>(std::move(target), std::move(data), mode, mtime);
   if (workers_.empty()) {
@@ -52,7 +57,9 @@ std::shared_ptr<WriteJob> WriteBehind::Submit(FileTarget target, std::vector<uin
   {
     std::lock_guard lock(mutex_);
     jobs_.push_back(job);
-    wake = idle_ > 0;
+    // An idle worker is woken for a few files at once (Wait wakes one for fewer): a wake-up
+    // per small file costs about as much as writing it to memory.
+    wake = idle_ > 0 && jobs_.size() >= kWakeBatch;
   }
   if (wake) queued_.notify_one();
   return job;
@@ -60,6 +67,7 @@ std::shared_ptr<WriteJob> WriteBehind::Submit(FileTarget target, std::vector<uin
 
 bool WriteBehind::Wait(WriteJob& job) {
   std::unique_lock lock(mutex_);
+  if (!job.done && idle_ > 0 && !jobs_.empty()) queued_.notify_all();
   waiting_ = true;
   finished_.wait(lock, [&] { return job.done; });
   waiting_ = false;

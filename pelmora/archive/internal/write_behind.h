@@ -18,16 +18,17 @@
 #include <thread>
 #include <vector>
 
+#include "pelmora/archive/internal/entry_decoder.h"
 #include "pelmora/archive/internal/extraction_folder.h"
 
 namespace pelmora::archive::internal {
 
 // One file to finish.
 struct WriteJob {
-  WriteJob(FileTarget f, std::vector<uint8_t> d, uint32_t m, int64_t t)
+  WriteJob(FileTarget f, DecodedBytes d, uint32_t m, int64_t t)
       : target(std::move(f)), data(std::move(d)), mode(m), mtime(t) {}
   FileTarget target;
-  std::vector<uint8_t> data;
+  DecodedBytes data;
   uint32_t mode;
   int64_t mtime;
   bool done = false;
@@ -46,7 +47,7 @@ class WriteBehind {
   WriteBehind(const WriteBehind&) = delete;
   WriteBehind& operator=(const WriteBehind&) = delete;
 
-  std::shared_ptr<WriteJob> Submit(FileTarget target, std::vector<uint8_t> data, uint32_t mode,
+  std::shared_ptr<WriteJob> Submit(FileTarget target, DecodedBytes data, uint32_t mode,
                                    int64_t mtime);
   // Waits until `job` is finished; true when its file was created, written and committed. The
   // file's descriptor is closed (and a failed file removed) before this returns.
