@@ -45,12 +45,7 @@ TEST_P(UnzipDiskFull, GivesTheDiskCodeAndLeavesNoPartialFile) {
   if (GetParam().existing) WriteFile(dir.Path("out/a.txt"), "old");
   std::filesystem::create_directories(dcl.extract_dir);
   std::string printed;
-  UnzipCallbacks callbacks;
-  callbacks.print = [&printed](std::string_view text) {
-    printed += text;
-    return 0;
-  };
-  callbacks.replace = [](std::string&) { return kReplaceYes; };
+  UnzipCallbacks callbacks = testing::Recording(printed);
   int code = 0;
   {
     FaultFileApi faults;
@@ -94,12 +89,7 @@ int ExtractWithFullFolder(ScratchFolder& dir, std::string& printed,
   dcl.extract_dir = dir.Path("out");
   dcl.honor_directories = 1;
   dcl.overwrite = 1;
-  UnzipCallbacks callbacks;
-  callbacks.print = [&printed](std::string_view text) {
-    printed += text;
-    return 0;
-  };
-  callbacks.replace = [](std::string&) { return kReplaceYes; };
+  UnzipCallbacks callbacks = testing::Recording(printed);
   FaultFileApi faults;
   faults.Restrict(dir.Path("out/full"));
   faults.FailFromNext(FileCall::kOpen, ENOSPC);

@@ -468,12 +468,7 @@ TEST(UnzipFolders, WalksAnyOrderAndDepthAndRefusesAFileAsAFolder) {
   dcl.honor_directories = 1;
   dcl.overwrite = 1;
   std::string printed;
-  UnzipCallbacks callbacks;
-  callbacks.print = [&printed](std::string_view text) {
-    printed += text;
-    return 0;
-  };
-  callbacks.replace = [](std::string&) { return kReplaceYes; };
+  UnzipCallbacks callbacks = testing::Recording(printed);
   EXPECT_EQ(RunUnzip(dcl, callbacks), kUnzipErr);
   std::string out = dir.Path("out");
   std::string x = out + "/x";
