@@ -210,15 +210,6 @@ std::optional<FileTarget> ExtractionFolder::PrepareFile(std::string_view path, u
                     .created_mode = (mode & umask_) == 0 ? mode : 0600};
 }
 
-std::optional<PendingFile> ExtractionFolder::StartFile(std::string_view path, uint32_t mode,
-                                                       PathStatus& status) const {
-  auto target = PrepareFile(path, mode, status);
-  if (!target) return std::nullopt;
-  auto file = PendingFile::Create(std::move(*target));
-  if (!file) status = PathStatus::kSystemError;
-  return file;
-}
-
 bool ExtractionFolder::MakeLink(std::string_view path, const std::string& target,
                                 PathStatus& status) const {
   walked_.clear();

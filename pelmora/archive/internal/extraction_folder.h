@@ -86,9 +86,6 @@ class ExtractionFolder {
   // and Commit sets them). nullopt when the folder cannot be reached (`status` says why).
   std::optional<FileTarget> PrepareFile(std::string_view path, uint32_t mode,
                                         PathStatus& status) const;
-  // PrepareFile, then PendingFile::Create; nullopt (errno set for kSystemError) on failure.
-  std::optional<PendingFile> StartFile(std::string_view path, uint32_t mode,
-                                       PathStatus& status) const;
   // The process's file creation mask when the folder was opened.
   uint32_t Umask() const { return umask_; }
   // Creates symbolic link `path` -> `target`, replacing an existing non-folder.
