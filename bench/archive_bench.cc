@@ -173,8 +173,9 @@ void BM_ArchiveExtractCliVsUnzip(benchmark::State& state) {
     state.SkipWithError("zip");
     return;
   }
-  std::string base = state.range(0) == 0 ? c.Path("") : "/dev/shm/pelmora-bench-unzip-" +
-                                                            std::to_string(::getpid()) + "/";
+  std::string base = state.range(0) == 0
+                         ? c.Path("")
+                         : "/dev/shm/pelmora-bench-unzip-" + std::to_string(::getpid()) + "/";
   std::filesystem::create_directories(base);
   std::string zip = c.Path("theirs.zip");
   double seconds[2] = {0, 0};  // unzip, the tool
@@ -201,7 +202,11 @@ void BM_ArchiveExtractCliVsUnzip(benchmark::State& state) {
   state.counters["ratio"] = seconds[0] > 0 ? seconds[1] / seconds[0] : 0;
   state.counters["load1"] = load[0];
 }
-BENCHMARK(BM_ArchiveExtractCliVsUnzip)->Arg(0)->Arg(1)->Iterations(3)
-    ->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_ArchiveExtractCliVsUnzip)
+    ->Arg(0)
+    ->Arg(1)
+    ->Iterations(3)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 }  // namespace

@@ -22,9 +22,9 @@ using pelmora::testing::FileCall;
 using pelmora::testing::NamesIn;
 using testing::BuildArchive;
 using testing::Exists;
-using testing::TestEntry;
 using testing::ReadFile;
 using testing::ScratchFolder;
+using testing::TestEntry;
 using testing::WriteFile;
 
 struct Case {
@@ -129,7 +129,7 @@ TEST(UnzipFullFolder, AnUncreatableFileIsReportedBeforeItsBadData) {
   ScratchFolder dir;
   std::string printed;
   ASSERT_TRUE(BuildArchive(dir.Path("f.zip"), {{"full/a.txt", std::string(5000, 'a')},
-                                                {"b.txt", std::string(5000, 'b')}}));
+                                               {"b.txt", std::string(5000, 'b')}}));
   std::string bytes = ReadFile(dir.Path("f.zip"));
   size_t central = bytes.find("PK\x01\x02");
   ASSERT_NE(central, std::string::npos);

@@ -457,10 +457,14 @@ TEST(UnzipFolders, WalksAnyOrderAndDepthAndRefusesAFileAsAFolder) {
   ScratchFolder dir;
   std::string deep;
   for (int i = 0; i < 70; ++i) deep += "d" + std::to_string(i) + "/";
-  std::vector<TestEntry> entries = {
-      {"p/q/r/1.txt", "1"},   {"p/2.txt", "2"}, {deep + "3.txt", "3"},
-      {"p/q/4.txt", "4"},     {deep.substr(0, 40) + "5.txt", "5"},
-      {"x", "a file"},        {"x/6.txt", "6"}, {"7.txt", "7"}};
+  std::vector<TestEntry> entries = {{"p/q/r/1.txt", "1"},
+                                    {"p/2.txt", "2"},
+                                    {deep + "3.txt", "3"},
+                                    {"p/q/4.txt", "4"},
+                                    {deep.substr(0, 40) + "5.txt", "5"},
+                                    {"x", "a file"},
+                                    {"x/6.txt", "6"},
+                                    {"7.txt", "7"}};
   ASSERT_TRUE(testing::BuildArchive(dir.Path("f.zip"), entries));
   DecompressionControl dcl;
   dcl.zip_file_name = dir.Path("f.zip");
@@ -475,7 +479,8 @@ TEST(UnzipFolders, WalksAnyOrderAndDepthAndRefusesAFileAsAFolder) {
   x.resize(std::max<size_t>(x.size(), 22), ' ');
   EXPECT_NE(printed.find("  inflating: " + x + "  \ncheckdir error:  a component of " + out +
                          "/x/6.txt exists but is not directory\n                 unable to "
-                         "process x/6.txt.\n  inflating: " + out + "/7.txt"),
+                         "process x/6.txt.\n  inflating: " +
+                         out + "/7.txt"),
             std::string::npos)
       << printed;
   for (const TestEntry& entry : entries) {

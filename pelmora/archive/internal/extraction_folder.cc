@@ -152,8 +152,8 @@ PathStatus ExtractionFolder::WalkToParent(std::string_view parent, bool create,
   for (; at < parent.size();) {
     size_t slash = std::min(parent.find('/', at), parent.size());
     UniqueFd next;
-    PathStatus status = OpenChild(current->get(), std::string(parent.substr(at, slash - at)),
-                                  create, next);
+    PathStatus status =
+        OpenChild(current->get(), std::string(parent.substr(at, slash - at)), create, next);
     if (status != PathStatus::kOk) return status;
     current = Share(std::move(next));
     keep = keep && walked_.size() < kMaxWalked;

@@ -153,9 +153,9 @@ void UnzipRun::ExtractFile(const EntryInfo& entry, const std::string& password,
   }
   bool text = dcl_.convert_text != 0 && entry.text;
   std::string tag = dcl_.convert_text == 0 ? "" : text ? "[text]" : "[binary]";
-  std::string prefix = fmt::format("{}: {}  {}", entry.method == ZIP_CM_STORE ? " extracting"
-                                                                              : "  inflating",
-                                   PadName(Shown(*path)), tag);
+  std::string prefix =
+      fmt::format("{}: {}  {}", entry.method == ZIP_CM_STORE ? " extracting" : "  inflating",
+                  PadName(Shown(*path)), tag);
   if (entry.size <= kWriteBehindLimit) {
     ExtractHeld(entry, password, std::move(*target), prefix, *path, text);
   } else {
@@ -163,9 +163,8 @@ void UnzipRun::ExtractFile(const EntryInfo& entry, const std::string& password,
   }
 }
 
-void UnzipRun::ExtractHeld(const EntryInfo& entry, const std::string& password,
-                           FileTarget target, const std::string& prefix, const std::string& path,
-                           bool text) {
+void UnzipRun::ExtractHeld(const EntryInfo& entry, const std::string& password, FileTarget target,
+                           const std::string& prefix, const std::string& path, bool text) {
   ExpansionBudget before = budget_;
   DecodedBytes data;
   DecodeResult result = text ? DecodeText(entry, password, data)

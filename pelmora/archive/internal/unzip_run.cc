@@ -109,7 +109,8 @@ void UnzipRun::DrainUntil(uint64_t max_bytes, size_t max_files) {
 void UnzipRun::DrainIfPending(const std::string& path) {
   if (pending_paths_.empty()) return;
   // The file itself, or one being created where a folder of its path must be.
-  for (size_t slash = path.find('/'); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+  for (size_t slash = path.find('/'); slash != std::string::npos;
+       slash = path.find('/', slash + 1)) {
     if (pending_paths_.contains(path.substr(0, slash))) return Drain();
   }
   if (pending_paths_.contains(path)) Drain();

@@ -45,8 +45,8 @@ void WriteBehind::Finish(WriteJob& job) {
   file.reset();  // closes the descriptor, removing a failed file
 }
 
-std::shared_ptr<WriteJob> WriteBehind::Submit(FileTarget target, DecodedBytes data,
-                                              uint32_t mode, int64_t mtime) {
+std::shared_ptr<WriteJob> WriteBehind::Submit(FileTarget target, DecodedBytes data, uint32_t mode,
+                                              int64_t mtime) {
   auto job = std::make_shared<WriteJob>(std::move(target), std::move(data), mode, mtime);
   if (workers_.empty()) {
     Finish(*job);

@@ -1,7 +1,8 @@
 // Finishes extracted files on worker threads: a file whose folder the calling thread has reached
 // is created, its decoded bytes written, its mode and time set and its name committed while the
-// caller goes on with the next entries (creating a file is what costs most on a disk). The caller waits for each file in the order it likes and reports the
-// outcome itself, so every message and callback stays on its thread and in its place.
+// caller goes on with the next entries (creating a file is what costs most on a disk). The caller
+// waits for each file in the order it likes and reports the outcome itself, so every message and
+// callback stays on its thread and in its place.
 //
 //   WriteBehind writer(0);
 //   auto job = writer.Submit(std::move(target), std::move(bytes), 0644, mtime);
