@@ -113,12 +113,13 @@ std::optional<EntryInfo> ReadEntry(zip_t* archive, uint64_t index,
   entry.method = st.comp_method;
   entry.encrypted = st.encryption_method != ZIP_EM_NONE;
   entry.mtime = st.mtime;
-  entry.dos_time = internal::ToDosTime(st.mtime);
   if (index < flags.size()) {
     entry.flags_known = true;
     entry.flags = flags[index].flags;
     entry.dos_time = flags[index].dos_time;
     entry.text = (flags[index].internal_attributes & 1) != 0;
+  } else {
+    entry.dos_time = internal::ToDosTime(st.mtime);  // a local-time conversion: only when needed
   }
   ReadUnixFields(archive, entry);
   return entry;

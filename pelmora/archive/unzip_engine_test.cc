@@ -450,5 +450,44 @@ TEST_F(UnzipWriteBehind, AFailedWriteIsReportedInItsPlace) {
             std::to_string(kUnzipDisk) + "|" + Expected({}, "fails.bin") + "|gone");
 }
 
+// Folders reached, left and reached again in any order, deeper than the folders kept open between
+// entries, and a file that a later entry needs as a folder while it may still be being written:
+// the same files and messages as one entry at a time.
+TEST(UnzipFolders, WalksAnyOrderAndDepthAndRefusesAFileAsAFolder) {
+  ScratchFolder dir;
+  std::string deep;
+  for (int i = 0; i < 70; ++i) deep += "d" + std::to_string(i) + "/";
+  std::vector<TestEntry> entries = {{"p/q/r/1.txt", "1"},
+                                    {"p/2.txt", "2"},
+                                    {deep + "3.txt", "3"},
+                                    {"p/q/4.txt", "4"},
+                                    {deep.substr(0, 40) + "5.txt", "5"},
+                                    {"x", "a file"},
+                                    {"x/6.txt", "6"},
+                                    {"7.txt", "7"}};
+  ASSERT_TRUE(testing::BuildArchive(dir.Path("f.zip"), entries));
+  DecompressionControl dcl;
+  dcl.zip_file_name = dir.Path("f.zip");
+  dcl.extract_dir = dir.Path("out");
+  dcl.honor_directories = 1;
+  dcl.overwrite = 1;
+  std::string printed;
+  UnzipCallbacks callbacks = testing::Recording(printed);
+  EXPECT_EQ(RunUnzip(dcl, callbacks), kUnzipErr);
+  std::string out = dir.Path("out");
+  std::string x = out + "/x";
+  x.resize(std::max<size_t>(x.size(), 22), ' ');
+  EXPECT_NE(printed.find("  inflating: " + x + "  \ncheckdir error:  a component of " + out +
+                         "/x/6.txt exists but is not directory\n                 unable to "
+                         "process x/6.txt.\n  inflating: " +
+                         out + "/7.txt"),
+            std::string::npos)
+      << printed;
+  for (const TestEntry& entry : entries) {
+    if (entry.name == "x/6.txt") continue;
+    EXPECT_EQ(ReadFile(dir.Path("out/" + entry.name)), entry.data) << entry.name;
+  }
+}
+
 }  // namespace
 }  // namespace pelmora::archive

@@ -152,51 +152,81 @@ libdeflate_decompressor* ThreadDecompressor() {
   return kept.decompressor;
 }
 
-// Decodes an unencrypted entry held whole in memory. Only an entry that decodes to exactly its
-// declared size and CRC within the budget is taken here; anything else returns nullopt untouched
-// (budget and sink alike) and goes through the streaming decoder, which reports where it fails.
-std::optional<DecodeResult> DecodeWhole(zip_t* archive, const EntryInfo& entry,
-                                        ExpansionBudget& budget, const DataSink& sink) {
+// The raw data of whole entries, kept by each thread so that its pages are not faulted in again
+// for every entry.
+std::vector<uint8_t>& ThreadRawBuffer() {
+  thread_local std::vector<uint8_t> raw;
+  return raw;
+}
+
+// Decodes an unencrypted entry held whole in memory into `out` (entry.size bytes). Only an entry
+// that decodes to exactly its declared size and CRC within the budget is taken here; for anything
+// else this returns false with the budget untouched, and the streaming decoder, which reports
+// where it fails, takes the entry.
+bool DecodeWholeInto(zip_t* archive, const EntryInfo& entry, const ExpansionBudget& budget,
+                     uint8_t* out) {
   if (entry.encrypted || entry.size > kWholeEntryLimit || entry.compressed > kWholeEntryLimit) {
-    return std::nullopt;
+    return false;
   }
   ExpansionBudget trial = budget;
-  if (!trial.Charge(entry.size)) return std::nullopt;
-  if (entry.method == ZIP_CM_STORE && entry.compressed != entry.size) return std::nullopt;
-  // Left uninitialised: every byte is read or decoded before it is used.
-  auto raw = std::make_unique_for_overwrite<uint8_t[]>(static_cast<size_t>(entry.compressed));
-  ZipFilePtr file = OpenRaw(archive, entry);
-  std::span<uint8_t> raw_span(raw.get(), static_cast<size_t>(entry.compressed));
-  if (!file || (!raw_span.empty() &&
-                ReadSome(file.get(), raw_span) != static_cast<int64_t>(raw_span.size()))) {
-    return std::nullopt;
+  if (!trial.Charge(entry.size)) return false;
+  if (entry.method == ZIP_CM_STORE && entry.compressed != entry.size) return false;
+  // Stored data is read where it goes; deflated data into this thread's raw buffer.
+  std::vector<uint8_t>& buffer = ThreadRawBuffer();
+  if (entry.method == ZIP_CM_DEFLATE && buffer.size() < entry.compressed) {
+    buffer.resize(static_cast<size_t>(entry.compressed));
   }
-  std::unique_ptr<uint8_t[]> inflated;
-  std::span<const uint8_t> data = raw_span;
+  std::span<uint8_t> raw(entry.method == ZIP_CM_STORE ? out : buffer.data(),
+                         static_cast<size_t>(entry.compressed));
+  ZipFilePtr file = OpenRaw(archive, entry);
+  if (!file || (!raw.empty() && ReadSome(file.get(), raw) != static_cast<int64_t>(raw.size()))) {
+    return false;
+  }
   if (entry.method == ZIP_CM_DEFLATE) {
     libdeflate_decompressor* decompressor = ThreadDecompressor();
-    if (decompressor == nullptr) return std::nullopt;
-    inflated = std::make_unique_for_overwrite<uint8_t[]>(static_cast<size_t>(entry.size));
     size_t produced = 0;
-    if (libdeflate_deflate_decompress(decompressor, raw_span.data(), raw_span.size(),
-                                      inflated.get(), static_cast<size_t>(entry.size),
+    if (decompressor == nullptr ||
+        libdeflate_deflate_decompress(decompressor, raw.data(), raw.size(), out,
+                                      static_cast<size_t>(entry.size),
                                       &produced) != LIBDEFLATE_SUCCESS ||
         produced != entry.size) {
-      return std::nullopt;
+      return false;
     }
-    data = {inflated.get(), produced};
   }
-  DecodeResult result;
-  result.crc = libdeflate_crc32(0, data.data(), data.size());
-  if (result.crc != entry.crc) return std::nullopt;
-  // Handed on in the streaming decoder's chunks, charging the budget as it goes.
-  for (size_t at = 0; at < data.size(); at += kChunk) {
-    std::span<const uint8_t> chunk = data.subspan(at, std::min(kChunk, data.size() - at));
+  return libdeflate_crc32(0, out, static_cast<size_t>(entry.size)) == entry.crc;
+}
+
+// DecodeWholeInto through a sink, which receives the data in the streaming decoder's chunks.
+std::optional<DecodeResult> DecodeWhole(zip_t* archive, const EntryInfo& entry,
+                                        ExpansionBudget& budget, const DataSink& sink) {
+  if (entry.size > kWholeEntryLimit) return std::nullopt;
+  // Left uninitialised: every byte is read or decoded before it is used.
+  auto data = std::make_unique_for_overwrite<uint8_t[]>(static_cast<size_t>(entry.size));
+  if (!DecodeWholeInto(archive, entry, budget, data.get())) return std::nullopt;
+  DecodeResult result{DecodeStatus::kOk, entry.crc, 0};
+  for (size_t at = 0; at < entry.size; at += kChunk) {
+    std::span<const uint8_t> chunk(data.get() + at, std::min<size_t>(kChunk, entry.size - at));
     budget.Charge(chunk.size());
     if (!sink(chunk)) return DecodeResult{DecodeStatus::kSinkFailed, result.crc, at + chunk.size()};
   }
-  result.size = data.size();
+  result.size = entry.size;
   return result;
+}
+
+// Decodes through zlib (or a plain copy) in fixed chunks, decrypting when needed.
+DecodeResult DecodeStreamed(zip_t* archive, const EntryInfo& entry, const std::string& password,
+                            ExpansionBudget& budget, const DataSink& sink) {
+  Output out(entry, budget, sink);
+  std::optional<PkwareDecryptor> key;
+  ZipFilePtr file = OpenChecked(archive, entry, key, password);
+  if (!file) {
+    out.Fail(DecodeStatus::kBadData);
+  } else if (entry.method == ZIP_CM_DEFLATE) {
+    Inflate(file.get(), entry, key, out);
+  } else {
+    PumpRaw(file.get(), entry, key, out, [&](std::span<uint8_t> chunk) { return out.Emit(chunk); });
+  }
+  return out.Finish();
 }
 
 }  // namespace
@@ -213,20 +243,26 @@ bool PasswordFits(zip_t* archive, const EntryInfo& entry, const std::string& pas
   return OpenChecked(archive, entry, key, password) != nullptr;
 }
 
+DecodeResult DecodeToMemory(zip_t* archive, const EntryInfo& entry, const std::string& password,
+                            ExpansionBudget& budget, DecodedBytes& out) {
+  out.size = static_cast<size_t>(entry.size);
+  out.data = std::make_unique_for_overwrite<uint8_t[]>(out.size);
+  if (DecodeWholeInto(archive, entry, budget, out.data.get())) {
+    budget.Charge(entry.size);  // within the limits: the whole decode checked it
+    return {DecodeStatus::kOk, entry.crc, entry.size};
+  }
+  size_t filled = 0;  // the decoder never hands on more than the declared size
+  return DecodeStreamed(archive, entry, password, budget, [&](std::span<const uint8_t> data) {
+    std::copy(data.begin(), data.end(), out.data.get() + filled);
+    filled += data.size();
+    return true;
+  });
+}
+
 DecodeResult DecodeEntry(zip_t* archive, const EntryInfo& entry, const std::string& password,
                          ExpansionBudget& budget, const DataSink& sink) {
   if (auto whole = DecodeWhole(archive, entry, budget, sink)) return *whole;
-  Output out(entry, budget, sink);
-  std::optional<PkwareDecryptor> key;
-  ZipFilePtr file = OpenChecked(archive, entry, key, password);
-  if (!file) {
-    out.Fail(DecodeStatus::kBadData);
-  } else if (entry.method == ZIP_CM_DEFLATE) {
-    Inflate(file.get(), entry, key, out);
-  } else {
-    PumpRaw(file.get(), entry, key, out, [&](std::span<uint8_t> chunk) { return out.Emit(chunk); });
-  }
-  return out.Finish();
+  return DecodeStreamed(archive, entry, password, budget, sink);
 }
 
 }  // namespace pelmora::archive::internal

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <span>
 #include <string>
 
@@ -63,6 +64,13 @@ struct DecodeResult {
 // Receives decoded data; false stops the decode with kSinkFailed.
 using DataSink = std::function<bool(std::span<const uint8_t>)>;
 
+// Decoded bytes held in memory.
+struct DecodedBytes {
+  std::unique_ptr<uint8_t[]> data;
+  size_t size = 0;
+  std::span<const uint8_t> View() const { return {data.get(), size}; }
+};
+
 // Whether `password` opens the encrypted entry (its 12-byte header check). Blocks on file reads.
 bool PasswordFits(zip_t* archive, const EntryInfo& entry, const std::string& password);
 
@@ -70,6 +78,12 @@ bool PasswordFits(zip_t* archive, const EntryInfo& entry, const std::string& pas
 // reads and on the sink.
 DecodeResult DecodeEntry(zip_t* archive, const EntryInfo& entry, const std::string& password,
                          ExpansionBudget& budget, const DataSink& sink);
+
+// DecodeEntry into memory: `out` gets the entry's declared size, filled with its data when the
+// result is kOk (an unencrypted entry of up to 8 MiB is decoded straight into it). For entries
+// whose declared size the caller has accepted to hold.
+DecodeResult DecodeToMemory(zip_t* archive, const EntryInfo& entry, const std::string& password,
+                            ExpansionBudget& budget, DecodedBytes& out);
 
 }  // namespace pelmora::archive::internal
 

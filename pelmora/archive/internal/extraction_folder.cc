@@ -62,18 +62,41 @@ std::string TempName(const std::string& leaf) {
   return "." + leaf.substr(0, 200) + ".pz" + std::to_string(random() % 1000000000);
 }
 
+constexpr int kCreateFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+
+// Whether relative folder `outer` is `path` or one of its parents ("" is the root's).
+bool LeadsTo(std::string_view outer, std::string_view path) {
+  if (outer.empty()) return true;
+  return path.starts_with(outer) && (path.size() == outer.size() || path[outer.size()] == '/');
+}
+
+SharedFolder Share(UniqueFd fd) { return std::make_shared<const UniqueFd>(std::move(fd)); }
+
 }  // namespace
 
-PendingFile::PendingFile(UniqueFd folder, std::string leaf, std::string temp_name, UniqueFd file,
-                         uint32_t created_mode)
-    : folder_(std::move(folder)),
-      leaf_(std::move(leaf)),
-      temp_name_(std::move(temp_name)),
-      file_(std::move(file)),
-      created_mode_(created_mode) {}
+PendingFile::PendingFile(FileTarget target, std::string temp_name, UniqueFd file)
+    : target_(std::move(target)), temp_name_(std::move(temp_name)), file_(std::move(file)) {}
+
+std::optional<PendingFile> PendingFile::Create(FileTarget target) {
+  int folder = target.folder->get();
+  // A name not taken yet is written in place and removed again unless committed.
+  int direct = platform::OpenAt(folder, target.leaf.c_str(), kCreateFlags, target.created_mode);
+  if (direct >= 0) {
+    std::string name = target.leaf;
+    return PendingFile(std::move(target), std::move(name), UniqueFd(direct));
+  }
+  if (errno != EEXIST) return std::nullopt;
+  for (int attempt = 0; attempt < 16; ++attempt) {
+    std::string temp = TempName(target.leaf);
+    int fd = platform::OpenAt(folder, temp.c_str(), kCreateFlags, target.created_mode);
+    if (fd >= 0) return PendingFile(std::move(target), std::move(temp), UniqueFd(fd));
+    if (errno != EEXIST) return std::nullopt;
+  }
+  return std::nullopt;  // errno is EEXIST
+}
 
 PendingFile::~PendingFile() {
-  if (!committed_ && folder_) unlinkat(folder_.get(), temp_name_.c_str(), 0);
+  if (!committed_ && target_.folder) unlinkat(target_.folder->get(), temp_name_.c_str(), 0);
 }
 
 bool PendingFile::Write(std::span<const uint8_t> data) {
@@ -83,17 +106,23 @@ bool PendingFile::Write(std::span<const uint8_t> data) {
 }
 
 bool PendingFile::Commit(uint32_t mode, int64_t mtime) {
-  if ((mode & 07777) != created_mode_ && fchmod(file_.get(), mode & 07777) != 0) return false;
+  if ((mode & 07777) != target_.created_mode && fchmod(file_.get(), mode & 07777) != 0) {
+    return false;
+  }
   struct timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(mtime), 0}};
   if (futimens(file_.get(), times) != 0) return false;
   if (close(file_.release()) != 0) return false;
-  if (temp_name_ != leaf_ &&
-      platform::RenameAt(folder_.get(), temp_name_.c_str(), folder_.get(), leaf_.c_str()) != 0) {
+  int folder = target_.folder->get();
+  if (temp_name_ != target_.leaf &&
+      platform::RenameAt(folder, temp_name_.c_str(), folder, target_.leaf.c_str()) != 0) {
     return false;
   }
   committed_ = true;
   return true;
 }
+
+ExtractionFolder::ExtractionFolder(UniqueFd root, uint32_t umask)
+    : root_(Share(std::move(root))), umask_(umask) {}
 
 std::optional<ExtractionFolder> ExtractionFolder::Open(const std::string& path) {
   std::string base = path.empty() ? "." : path;
@@ -109,45 +138,38 @@ std::optional<ExtractionFolder> ExtractionFolder::Open(const std::string& path) 
   return ExtractionFolder(std::move(root), CurrentUmask());
 }
 
+bool ExtractionFolder::WalkedTo(std::string_view parent) const {
+  return walked_.empty() ? parent.empty() : walked_.back().first == parent;
+}
+
 PathStatus ExtractionFolder::WalkToParent(std::string_view parent, bool create,
-                                          UniqueFd& out) const {
-  UniqueFd current(dup(root_.get()));
-  if (!current) return PathStatus::kSystemError;
-  for (size_t at = 0; at < parent.size();) {
+                                          SharedFolder& out) const {
+  while (!walked_.empty() && !LeadsTo(walked_.back().first, parent)) walked_.pop_back();
+  SharedFolder current = walked_.empty() ? root_ : walked_.back().second;
+  size_t at = walked_.empty() ? 0 : walked_.back().first.size() + 1;
+  // Folders beyond the cache's depth are walked on each call without being kept.
+  bool keep = true;
+  for (; at < parent.size();) {
     size_t slash = std::min(parent.find('/', at), parent.size());
     UniqueFd next;
-    PathStatus status = OpenChild(current.get(), std::string(parent.substr(at, slash - at)),
-                                  create, next);
+    PathStatus status =
+        OpenChild(current->get(), std::string(parent.substr(at, slash - at)), create, next);
     if (status != PathStatus::kOk) return status;
-    current = std::move(next);
+    current = Share(std::move(next));
+    keep = keep && walked_.size() < kMaxWalked;
+    if (keep) walked_.emplace_back(std::string(parent.substr(0, slash)), current);
     at = slash + 1;
   }
   out = std::move(current);
   return PathStatus::kOk;
 }
 
-int ExtractionFolder::CachedParent(std::string_view path, bool create, std::string& leaf,
-                                   PathStatus& status) const {
-  size_t slash = path.rfind('/');
-  std::string_view parent = slash == std::string_view::npos ? "" : path.substr(0, slash);
-  leaf = std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
-  status = PathStatus::kOk;
-  if (cache_valid_ && parent == cached_parent_) return cached_folder_.get();
-  cache_valid_ = false;
-  status = WalkToParent(parent, create, cached_folder_);
-  if (status != PathStatus::kOk) return -1;
-  cached_parent_ = std::string(parent);
-  cache_valid_ = true;
-  return cached_folder_.get();
-}
-
 PathStatus ExtractionFolder::OpenParent(std::string_view path, bool create,
                                         OpenedParent& out) const {
-  PathStatus status = PathStatus::kOk;
-  int folder = CachedParent(path, create, out.leaf, status);
-  if (folder < 0) return status;
-  out.folder = UniqueFd(dup(folder));
-  return out.folder ? PathStatus::kOk : PathStatus::kSystemError;
+  size_t slash = path.rfind('/');
+  std::string_view parent = slash == std::string_view::npos ? "" : path.substr(0, slash);
+  out.leaf = std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
+  return WalkToParent(parent, create, out.folder);
 }
 
 PathStatus ExtractionFolder::MakeFolder(std::string_view path) const {
@@ -155,77 +177,60 @@ PathStatus ExtractionFolder::MakeFolder(std::string_view path) const {
   PathStatus status = OpenParent(path, true, parent);
   if (status != PathStatus::kOk) return status;
   UniqueFd folder;
-  return OpenChild(parent.folder.get(), parent.leaf, true, folder);
+  status = OpenChild(parent.folder->get(), parent.leaf, true, folder);
+  // The files that follow a folder's entry are usually its own.
+  std::string_view parent_path = path.substr(0, path.size() - parent.leaf.size());
+  if (!parent_path.empty()) parent_path.remove_suffix(1);
+  if (status == PathStatus::kOk && walked_.size() < kMaxWalked && WalkedTo(parent_path)) {
+    walked_.emplace_back(std::string(path), Share(std::move(folder)));
+  }
+  return status;
 }
 
 std::optional<struct stat> ExtractionFolder::Stat(std::string_view path) const {
-  std::string leaf;
-  PathStatus status = PathStatus::kOk;
-  int folder = CachedParent(path, false, leaf, status);
-  if (folder < 0) return std::nullopt;
+  OpenedParent parent;
+  if (OpenParent(path, false, parent) != PathStatus::kOk) return std::nullopt;
   struct stat st {};
-  if (fstatat(folder, leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+  if (fstatat(parent.folder->get(), parent.leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
     return std::nullopt;
   }
   return st;
 }
 
-std::optional<PendingFile> ExtractionFolder::StartFile(std::string_view path, uint32_t mode,
-                                                       PathStatus& status) const {
+std::optional<FileTarget> ExtractionFolder::PrepareFile(std::string_view path, uint32_t mode,
+                                                        PathStatus& status) const {
   OpenedParent parent;
   status = OpenParent(path, true, parent);
   if (status != PathStatus::kOk) return std::nullopt;
   // Created with its final permissions where the mask keeps them all, which spares a change
   // of mode at the end; otherwise private until Commit sets them.
   mode &= 0777;
-  uint32_t created = (mode & umask_) == 0 ? mode : 0600;
-  // A name not taken yet is written in place: created exclusively (so nothing that appears there
-  // meanwhile, a link included, is followed or replaced) and removed again unless committed.
-  int direct = platform::OpenAt(parent.folder.get(), parent.leaf.c_str(),
-                                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, created);
-  if (direct >= 0) {
-    std::string name = parent.leaf;
-    return PendingFile(std::move(parent.folder), std::move(parent.leaf), std::move(name),
-                       UniqueFd(direct), created);
-  }
-  if (errno != EEXIST) {
-    status = PathStatus::kSystemError;
-    return std::nullopt;
-  }
-  for (int attempt = 0; attempt < 16; ++attempt) {
-    std::string temp = TempName(parent.leaf);
-    int fd = platform::OpenAt(parent.folder.get(), temp.c_str(),
-                              O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, created);
-    if (fd >= 0) {
-      return PendingFile(std::move(parent.folder), std::move(parent.leaf), std::move(temp),
-                         UniqueFd(fd), created);
-    }
-    if (errno != EEXIST) break;
-  }
-  status = PathStatus::kSystemError;
-  return std::nullopt;
+  return FileTarget{.folder = std::move(parent.folder),
+                    .leaf = std::move(parent.leaf),
+                    .created_mode = (mode & umask_) == 0 ? mode : 0600};
 }
 
 bool ExtractionFolder::MakeLink(std::string_view path, const std::string& target,
                                 PathStatus& status) const {
-  cache_valid_ = false;
+  walked_.clear();
   OpenedParent parent;
   status = OpenParent(path, true, parent);
-  cache_valid_ = false;
+  walked_.clear();
   if (status != PathStatus::kOk) return false;
+  int folder = parent.folder->get();
   struct stat st {};
-  if (fstatat(parent.folder.get(), parent.leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+  if (fstatat(folder, parent.leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
     if (S_ISDIR(st.st_mode)) return false;
-    unlinkat(parent.folder.get(), parent.leaf.c_str(), 0);
+    unlinkat(folder, parent.leaf.c_str(), 0);
   }
-  return symlinkat(target.c_str(), parent.folder.get(), parent.leaf.c_str()) == 0;
+  return symlinkat(target.c_str(), folder, parent.leaf.c_str()) == 0;
 }
 
 void ExtractionFolder::SetTime(std::string_view path, int64_t mtime) const {
   OpenedParent parent;
   if (OpenParent(path, false, parent) != PathStatus::kOk) return;
   struct timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(mtime), 0}};
-  utimensat(parent.folder.get(), parent.leaf.c_str(), times, AT_SYMLINK_NOFOLLOW);
+  utimensat(parent.folder->get(), parent.leaf.c_str(), times, AT_SYMLINK_NOFOLLOW);
 }
 
 }  // namespace pelmora::archive::internal

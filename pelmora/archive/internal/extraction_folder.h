@@ -10,10 +10,13 @@
 #include <sys/stat.h>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "pelmora/platform/file_io.h"
 
@@ -24,18 +27,30 @@ using platform::UniqueFd;
 // Why a path inside the folder could not be reached.
 enum class PathStatus { kOk, kThroughLink, kNotFolder, kSystemError };
 
+// An open folder shared by the files being written in it and the walk cache.
+using SharedFolder = std::shared_ptr<const UniqueFd>;
+
 // A relative path's parent folder, opened, and its last component.
 struct OpenedParent {
-  UniqueFd folder;
+  SharedFolder folder;
   std::string leaf;
+};
+
+// A file not created yet: its folder, reached already, its name there and the permission bits to
+// create it with.
+struct FileTarget {
+  SharedFolder folder;
+  std::string leaf;
+  uint32_t created_mode = 0;
 };
 
 // A file being written in its final folder, under its own name or a temporary one.
 class PendingFile {
  public:
-  // `created_mode`: the permission bits the file was created with (0 when unknown).
-  PendingFile(UniqueFd folder, std::string leaf, std::string temp_name, UniqueFd file,
-              uint32_t created_mode = 0);
+  // Creates the file of `target`: under its own name when that is free, exclusively (so nothing
+  // that appears there meanwhile, a link included, is followed or replaced), else under a
+  // temporary name beside it. nullopt (errno set) on failure. Any thread may call it.
+  static std::optional<PendingFile> Create(FileTarget target);
   PendingFile(PendingFile&&) noexcept = default;
   ~PendingFile();  // removes the file written unless committed
 
@@ -46,11 +61,11 @@ class PendingFile {
   bool Commit(uint32_t mode, int64_t mtime);
 
  private:
-  UniqueFd folder_;
-  std::string leaf_;
+  PendingFile(FileTarget target, std::string temp_name, UniqueFd file);
+
+  FileTarget target_;
   std::string temp_name_;
   UniqueFd file_;
-  uint32_t created_mode_ = 0;
   bool committed_ = false;
 };
 
@@ -66,31 +81,33 @@ class ExtractionFolder {
   PathStatus MakeFolder(std::string_view path) const;
   // lstat of `path`; nullopt when it does not exist or cannot be reached.
   std::optional<struct stat> Stat(std::string_view path) const;
-  // Starts writing file `path`, created with permission bits `mode` where the file creation mask
-  // lets them through whole (else 0600, and Commit sets them); nullopt (errno set) on failure.
-  std::optional<PendingFile> StartFile(std::string_view path, uint32_t mode,
-                                       PathStatus& status) const;
+  // Reaches the folder of file `path`, creating missing folders, for a file with permission bits
+  // `mode`: created with them where the file creation mask lets them through whole (else 0600,
+  // and Commit sets them). nullopt when the folder cannot be reached (`status` says why).
+  std::optional<FileTarget> PrepareFile(std::string_view path, uint32_t mode,
+                                        PathStatus& status) const;
+  // The process's file creation mask when the folder was opened.
+  uint32_t Umask() const { return umask_; }
   // Creates symbolic link `path` -> `target`, replacing an existing non-folder.
   bool MakeLink(std::string_view path, const std::string& target, PathStatus& status) const;
   // Sets the modification time of `path` without following links.
   void SetTime(std::string_view path, int64_t mtime) const;
 
  private:
-  explicit ExtractionFolder(UniqueFd root, uint32_t umask)
-      : root_(std::move(root)), umask_(umask) {}
-  PathStatus WalkToParent(std::string_view parent, bool create, UniqueFd& out) const;
-  // The parent folder of `path`, borrowed from the cache (valid until the next call), and the
-  // last component into `leaf`; -1 when it cannot be reached.
-  int CachedParent(std::string_view path, bool create, std::string& leaf,
-                   PathStatus& status) const;
+  ExtractionFolder(UniqueFd root, uint32_t umask);
+  // Opens folder `parent` (relative), starting from the deepest folder of the last walk that
+  // leads there.
+  PathStatus WalkToParent(std::string_view parent, bool create, SharedFolder& out) const;
+  // Whether the last walk ended exactly at folder `parent`.
+  bool WalkedTo(std::string_view parent) const;
 
-  UniqueFd root_;
-  uint32_t umask_;  // the process's file creation mask when the folder was opened
-  // The last parent folder reached, so that the files of one folder need one walk. Links are
-  // only created by MakeLink, which forgets it.
-  mutable bool cache_valid_ = false;
-  mutable std::string cached_parent_;
-  mutable UniqueFd cached_folder_;
+  SharedFolder root_;
+  uint32_t umask_;
+  // The folders of the last walk, outermost first, each with its relative path, so that an
+  // archive's entries (stored folder by folder) reopen only the folders they have not been in.
+  // At most kMaxWalked deep; links are only created by MakeLink, which forgets them.
+  static constexpr size_t kMaxWalked = 64;
+  mutable std::vector<std::pair<std::string, SharedFolder>> walked_;
 };
 
 }  // namespace pelmora::archive::internal

@@ -88,6 +88,17 @@ struct TestEntry {
   bool store = false;
 };
 
+// Callbacks that append every message to `printed` and replace every existing file.
+inline UnzipCallbacks Recording(std::string& printed) {
+  UnzipCallbacks callbacks;
+  callbacks.print = [&printed](std::string_view text) {
+    printed += text;
+    return 0;
+  };
+  callbacks.replace = [](std::string&) { return kReplaceYes; };
+  return callbacks;
+}
+
 // Writes an archive of `entries` with libzip; false on failure.
 inline bool BuildArchive(const std::string& path, const std::vector<TestEntry>& entries) {
   int error = 0;

@@ -38,11 +38,8 @@ class TextConverter {
   std::vector<uint8_t> converted_;
 };
 
-uint32_t FileMode(const EntryInfo& entry) {
-  if (entry.unix_mode_known) return entry.unix_mode & 0777;
-  mode_t mask = umask(0);
-  umask(mask);
-  return 0666 & ~mask;
+uint32_t FileMode(const EntryInfo& entry, uint32_t umask) {
+  return entry.unix_mode_known ? entry.unix_mode & 0777 : 0666 & ~umask;
 }
 
 }  // namespace
@@ -79,6 +76,8 @@ std::optional<std::string> UnzipRun::DecideOverwrite(const EntryInfo& entry, std
   bool update = dcl_.extract_only_newer != 0 || dcl_.freshen != 0;
   for (int rename = 0; rename <= kMaxRenames; ++rename) {
     DrainIfPending(path);  // an earlier entry of the same name is finished first
+    // Replacing without a question or a date to compare needs nothing of what is there.
+    if (mode_ == OverwriteMode::kAlways && !update) return path;
     auto existing = folder_->Stat(path);
     if (!existing) return dcl_.freshen != 0 ? std::nullopt : std::optional(path);
     if (update && existing->st_mtime >= entry.mtime) {
@@ -147,53 +146,89 @@ void UnzipRun::ExtractFile(const EntryInfo& entry, const std::string& password,
   auto path = DecideOverwrite(entry, wanted);
   if (!path) return;
   PathStatus status = PathStatus::kOk;
-  auto file = folder_->StartFile(*path, FileMode(entry), status);
-  if (!file) {
+  auto target = folder_->PrepareFile(*path, FileMode(entry, folder_->Umask()), status);
+  if (!target) {
     ReportPath(status, *path);
     return;
   }
   bool text = dcl_.convert_text != 0 && entry.text;
   std::string tag = dcl_.convert_text == 0 ? "" : text ? "[text]" : "[binary]";
-  std::string prefix = fmt::format("{}: {}  {}", entry.method == ZIP_CM_STORE ? " extracting"
-                                                                              : "  inflating",
-                                   PadName(Shown(*path)), tag);
-  Print(prefix);
-  TextConverter converter(text);
+  std::string prefix =
+      fmt::format("{}: {}  {}", entry.method == ZIP_CM_STORE ? " extracting" : "  inflating",
+                  PadName(Shown(*path)), tag);
   if (entry.size <= kWriteBehindLimit) {
-    std::vector<uint8_t> data;
-    data.reserve(static_cast<size_t>(entry.size));
-    DecodeResult result = DecodeEntry(archive_, entry, password, budget_, [&](auto piece) {
-      std::span<const uint8_t> converted = converter.Convert(piece);
-      data.insert(data.end(), converted.begin(), converted.end());
-      return true;
-    });
-    if (!ReportDecode(entry, result, prefix)) return;
-    WriteBehindFile(std::move(*file), std::move(data), entry, prefix, *path);
-    return;
+    ExtractHeld(entry, password, std::move(*target), prefix, *path, text);
+  } else {
+    ExtractStreamed(entry, password, std::move(*target), prefix, *path, text);
   }
-  DecodeResult result = DecodeEntry(archive_, entry, password, budget_, [&](auto data) {
-    return file->Write(converter.Convert(data));
-  });
-  if (!ReportDecode(entry, result, prefix)) return;
-  if (!file->Commit(FileMode(entry), entry.mtime)) {
-    ReportDecode(entry, DecodeResult{DecodeStatus::kSinkFailed, 0, 0}, prefix);
-    return;
-  }
-  Print("\n");
 }
 
-void UnzipRun::WriteBehindFile(PendingFile file, std::vector<uint8_t> data,
-                               const EntryInfo& entry, const std::string& prefix,
-                               const std::string& path) {
+void UnzipRun::ExtractHeld(const EntryInfo& entry, const std::string& password, FileTarget target,
+                           const std::string& prefix, const std::string& path, bool text) {
+  ExpansionBudget before = budget_;
+  DecodedBytes data;
+  DecodeResult result = text ? DecodeText(entry, password, data)
+                             : DecodeToMemory(archive_, entry, password, budget_, data);
+  if (result.status != DecodeStatus::kOk) {
+    // Reported as if the file had been created before its data was read, as a streamed one is:
+    // one that cannot be created says so, and its data counts for nothing.
+    auto file = PendingFile::Create(std::move(target));  // removed again at once
+    if (!file) {
+      budget_ = before;
+      ReportPath(PathStatus::kSystemError, path);
+      return;
+    }
+    Print(prefix);
+    ReportDecode(entry, result, prefix);
+    return;
+  }
   if (!writer_) writer_.emplace(0);
-  uint64_t bytes = data.size();
-  auto job = writer_->Submit(std::move(file), std::move(data), FileMode(entry), entry.mtime);
+  uint64_t bytes = data.size;
+  auto job = writer_->Submit(std::move(target), std::move(data), FileMode(entry, folder_->Umask()),
+                             entry.mtime);
   held_.push_back({.job = std::move(job), .name = entry.name, .prefix = prefix, .path = path,
                    .bytes = bytes});
   pending_paths_.insert(path);
   held_bytes_ += bytes;
   ++held_files_;
   DrainUntil(kHeldBytes, kHeldFiles);
+}
+
+DecodeResult UnzipRun::DecodeText(const EntryInfo& entry, const std::string& password,
+                                  DecodedBytes& out) {
+  TextConverter converter(true);
+  std::vector<uint8_t> data;
+  data.reserve(static_cast<size_t>(entry.size));
+  DecodeResult result = DecodeEntry(archive_, entry, password, budget_, [&](auto piece) {
+    std::span<const uint8_t> converted = converter.Convert(piece);
+    data.insert(data.end(), converted.begin(), converted.end());
+    return true;
+  });
+  out.size = data.size();
+  out.data = std::make_unique_for_overwrite<uint8_t[]>(out.size);
+  std::copy(data.begin(), data.end(), out.data.get());
+  return result;
+}
+
+void UnzipRun::ExtractStreamed(const EntryInfo& entry, const std::string& password,
+                               FileTarget target, const std::string& prefix,
+                               const std::string& path, bool text) {
+  auto file = PendingFile::Create(std::move(target));
+  if (!file) {
+    ReportPath(PathStatus::kSystemError, path);
+    return;
+  }
+  Print(prefix);
+  TextConverter converter(text);
+  DecodeResult result = DecodeEntry(archive_, entry, password, budget_, [&](auto data) {
+    return file->Write(converter.Convert(data));
+  });
+  if (!ReportDecode(entry, result, prefix)) return;
+  if (!file->Commit(FileMode(entry, folder_->Umask()), entry.mtime)) {
+    ReportDecode(entry, DecodeResult{DecodeStatus::kSinkFailed, 0, 0}, prefix);
+    return;
+  }
+  Print("\n");
 }
 
 void UnzipRun::ExtractLink(const EntryInfo& entry, const std::string& password,

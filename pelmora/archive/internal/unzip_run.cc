@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <ctime>
 
 namespace pelmora::archive::internal {
@@ -83,6 +84,12 @@ void UnzipRun::DrainUntil(uint64_t max_bytes, size_t max_files) {
     --held_files_;
     bool ok = writer_->Wait(*held.job);
     pending_paths_.erase(held.path);
+    if (!held.job->created) {
+      errno = held.job->create_error;
+      ReportPath(PathStatus::kSystemError, held.path);
+      continue;
+    }
+    Print(held.prefix);
     if (ok) {
       Print("\n");
     } else {
@@ -100,6 +107,12 @@ void UnzipRun::DrainUntil(uint64_t max_bytes, size_t max_files) {
 }
 
 void UnzipRun::DrainIfPending(const std::string& path) {
+  if (pending_paths_.empty()) return;
+  // The file itself, or one being created where a folder of its path must be.
+  for (size_t slash = path.find('/'); slash != std::string::npos;
+       slash = path.find('/', slash + 1)) {
+    if (pending_paths_.contains(path.substr(0, slash))) return Drain();
+  }
   if (pending_paths_.contains(path)) Drain();
 }
 

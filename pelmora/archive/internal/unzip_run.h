@@ -58,7 +58,7 @@ class UnzipRun {
     std::string text;
     std::shared_ptr<WriteJob> job;
     std::string name;    // the entry's name, for a failure's message
-    std::string prefix;  // its extracting line
+    std::string prefix;  // its extracting line, shown once the file could be created
     std::string path;
     uint64_t bytes = 0;  // held in memory until written
   };
@@ -74,8 +74,14 @@ class UnzipRun {
   bool ReportPath(PathStatus status, const std::string& path);
   std::optional<std::string> DecideOverwrite(const EntryInfo& entry, std::string path);
   std::string Shown(const std::string& path) const;
-  void WriteBehindFile(PendingFile file, std::vector<uint8_t> data, const EntryInfo& entry,
-                       const std::string& prefix, const std::string& path);
+  // A file decoded into memory and finished on the write-behind workers; its extracting line
+  // waits for the outcome.
+  void ExtractHeld(const EntryInfo& entry, const std::string& password, FileTarget target,
+                   const std::string& prefix, const std::string& path, bool text);
+  // Decodes a text entry converting its line ends, into memory.
+  DecodeResult DecodeText(const EntryInfo& entry, const std::string& password, DecodedBytes& out);
+  void ExtractStreamed(const EntryInfo& entry, const std::string& password, FileTarget target,
+                       const std::string& prefix, const std::string& path, bool text);
   void DrainUntil(uint64_t max_bytes, size_t max_files);
   void DrainIfPending(const std::string& path);
 

@@ -2,9 +2,16 @@
 #include "pelmora/archive/internal/write_behind.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <optional>
 #include <system_error>
 
 namespace pelmora::archive::internal {
+namespace {
+
+constexpr size_t kWakeBatch = 4;
+
+}  // namespace
 
 WriteBehind::WriteBehind(unsigned threads) {
   if (threads == 0) threads = std::clamp(std::thread::hardware_concurrency(), 2u, 8u);
@@ -27,14 +34,20 @@ WriteBehind::~WriteBehind() {
 }
 
 void WriteBehind::Finish(WriteJob& job) {
-  job.ok = job.file.Write(job.data) && job.file.Commit(job.mode, job.mtime);
+  std::optional<PendingFile> file = PendingFile::Create(std::move(job.target));
+  if (file) {
+    job.created = true;
+    job.ok = file->Write(job.data.View()) && file->Commit(job.mode, job.mtime);
+  } else {
+    job.create_error = errno;
+  }
   job.data = {};
-  PendingFile closed = std::move(job.file);  // closes the descriptors, removing a failed file
+  file.reset();  // closes the descriptor, removing a failed file
 }
 
-std::shared_ptr<WriteJob> WriteBehind::Submit(PendingFile file, std::vector<uint8_t> data,
-                                              uint32_t mode, int64_t mtime) {
-  auto job = std::make_shared<WriteJob>(std::move(file), std::move(data), mode, mtime);
+std::shared_ptr<WriteJob> WriteBehind::Submit(FileTarget target, DecodedBytes data, uint32_t mode,
+                                              int64_t mtime) {
+  auto job = std::make_shared<WriteJob>(std::move(target), std::move(data), mode, mtime);
   if (workers_.empty()) {
     Finish(*job);
     job->done = true;
@@ -44,7 +57,9 @@ std::shared_ptr<WriteJob> WriteBehind::Submit(PendingFile file, std::vector<uint
   {
     std::lock_guard lock(mutex_);
     jobs_.push_back(job);
-    wake = idle_ > 0;
+    // An idle worker is woken for a few files at once (Wait wakes one for fewer): a wake-up
+    // per small file costs about as much as writing it to memory.
+    wake = idle_ > 0 && jobs_.size() >= kWakeBatch;
   }
   if (wake) queued_.notify_one();
   return job;
@@ -52,6 +67,7 @@ std::shared_ptr<WriteJob> WriteBehind::Submit(PendingFile file, std::vector<uint
 
 bool WriteBehind::Wait(WriteJob& job) {
   std::unique_lock lock(mutex_);
+  if (!job.done && idle_ > 0 && !jobs_.empty()) queued_.notify_all();
   waiting_ = true;
   finished_.wait(lock, [&] { return job.done; });
   waiting_ = false;

@@ -1,12 +1,13 @@
-// Finishes extracted files on worker threads: the decoded bytes of a file already created by the
-// calling thread are written, its mode and time set and its name committed while the caller goes
-// on with the next entries. The caller waits for each file in the order it likes and reports the
-// outcome itself, so every message and callback stays on its thread and in its place.
+// Finishes extracted files on worker threads: a file whose folder the calling thread has reached
+// is created, its decoded bytes written, its mode and time set and its name committed while the
+// caller goes on with the next entries (creating a file is what costs most on a disk). The caller
+// waits for each file in the order it likes and reports the outcome itself, so every message and
+// callback stays on its thread and in its place.
 //
 //   WriteBehind writer(0);
-//   auto job = writer.Submit(std::move(file), std::move(bytes), 0644, mtime);
+//   auto job = writer.Submit(std::move(target), std::move(bytes), 0644, mtime);
 //   ...
-//   bool ok = writer.Wait(*job);   // written and committed
+//   bool ok = writer.Wait(*job);   // created, written and committed
 #ifndef PELMORA_ARCHIVE_INTERNAL_WRITE_BEHIND_H_
 #define PELMORA_ARCHIVE_INTERNAL_WRITE_BEHIND_H_
 
@@ -18,20 +19,23 @@
 #include <thread>
 #include <vector>
 
+#include "pelmora/archive/internal/entry_decoder.h"
 #include "pelmora/archive/internal/extraction_folder.h"
 
 namespace pelmora::archive::internal {
 
 // One file to finish.
 struct WriteJob {
-  WriteJob(PendingFile f, std::vector<uint8_t> d, uint32_t m, int64_t t)
-      : file(std::move(f)), data(std::move(d)), mode(m), mtime(t) {}
-  PendingFile file;
-  std::vector<uint8_t> data;
+  WriteJob(FileTarget f, DecodedBytes d, uint32_t m, int64_t t)
+      : target(std::move(f)), data(std::move(d)), mode(m), mtime(t) {}
+  FileTarget target;
+  DecodedBytes data;
   uint32_t mode;
   int64_t mtime;
   bool done = false;
-  bool ok = false;
+  bool created = false;  // the file could be created
+  int create_error = 0;  // the errno of its creation when it could not
+  bool ok = false;       // created, written and committed
 };
 
 class WriteBehind {
@@ -44,10 +48,10 @@ class WriteBehind {
   WriteBehind(const WriteBehind&) = delete;
   WriteBehind& operator=(const WriteBehind&) = delete;
 
-  std::shared_ptr<WriteJob> Submit(PendingFile file, std::vector<uint8_t> data, uint32_t mode,
+  std::shared_ptr<WriteJob> Submit(FileTarget target, DecodedBytes data, uint32_t mode,
                                    int64_t mtime);
-  // Waits until `job` is finished; true when its file was written and committed. The file's
-  // descriptors are closed (and a failed file removed) before this returns.
+  // Waits until `job` is finished; true when its file was created, written and committed. The
+  // file's descriptor is closed (and a failed file removed) before this returns.
   bool Wait(WriteJob& job);
 
  private:
