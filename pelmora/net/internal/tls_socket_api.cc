@@ -1,3 +1,6 @@
+// The TLS socket layer's session: the handshake, and the sends, receives, waits and close that
+// go through it (the server's identity checks are in tls_identity.cc, the BIO over the layer
+// below in tls_channel_bio.cc).
 #include "pelmora/net/internal/tls_socket_api.h"
 
 #include <arpa/inet.h>
@@ -11,29 +14,13 @@
 
 #include <cerrno>
 #include <chrono>
-#include <fstream>
 #include <optional>
-#include <sstream>
 #include <utility>
 #include <vector>
 
-#include "pelmora/net/internal/known_hosts.h"
-#include "pelmora/platform/file_io.h"
+#include "pelmora/net/internal/tls_channel_bio.h"
 
 namespace pelmora {
-
-std::string CertificateFingerprint(std::span<const uint8_t> der) {
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int digest_size = 0;
-  EVP_Digest(der.data(), der.size(), digest, &digest_size, EVP_sha256(), nullptr);
-  std::string encoded(4 * ((digest_size + 2) / 3) + 1, '\0');
-  const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(encoded.data()), digest,
-                                     static_cast<int>(digest_size));
-  encoded.resize(static_cast<size_t>(length));
-  while (!encoded.empty() && encoded.back() == '=') encoded.pop_back();
-  return "SHA256:" + encoded;
-}
-
 namespace net_internal {
 namespace {
 
@@ -55,23 +42,6 @@ bool IsAddress(const std::string& host) {
   return ::inet_pton(AF_INET, host.c_str(), &address) == 1;
 }
 
-std::optional<std::string> ReadWholeFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::nullopt;
-  std::ostringstream content;
-  content << in.rdbuf();
-  return content.str();
-}
-
-// Appends `line` to `path`, creating it readable by its owner only.
-bool AppendLine(const std::string& path, const std::string& line) {
-  platform::UniqueFd fd(
-      platform::Open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
-  if (!fd) return false;
-  bool written = platform::WriteFully(fd.get(), line) == 0;
-  return fd.reset() == 0 && written;
-}
-
 // The number and text of a certificate the CA file check refused.
 int32_t VerifyFailure(long result, std::string& message) {
   message =
@@ -86,78 +56,6 @@ int32_t VerifyFailure(long result, std::string& message) {
     default:
       return tlsCertificateNotTrusted;
   }
-}
-
-// The session's bytes go through the socket layer below (send with MSG_NOSIGNAL), never through
-// write(), so a peer that has gone gives an error instead of SIGPIPE.
-struct ChannelBio {
-  SocketApi* below;
-  int fd;
-  // Whether the peer has closed its side: OpenSSL asks (BIO_eof) to tell a cut stream from a
-  // failed one.
-  bool ended = false;
-};
-
-int ChannelWrite(BIO* bio, const char* data, size_t size, size_t* written) {
-  auto* channel = static_cast<ChannelBio*>(BIO_get_data(bio));
-  BIO_clear_retry_flags(bio);
-  const SocketResult sent = channel->below->Send(channel->fd, data, size, 0);
-  if (sent.ok()) {
-    *written = static_cast<size_t>(sent.value);
-    return 1;
-  }
-  if (sent.error == EAGAIN || sent.error == EWOULDBLOCK) BIO_set_retry_write(bio);
-  return 0;
-}
-
-int ChannelRead(BIO* bio, char* data, size_t size, size_t* read) {
-  auto* channel = static_cast<ChannelBio*>(BIO_get_data(bio));
-  BIO_clear_retry_flags(bio);
-  const SocketResult got = channel->below->Recv(channel->fd, data, size, 0);
-  if (got.ok() && got.value > 0) {
-    *read = static_cast<size_t>(got.value);
-    return 1;
-  }
-  if (got.ok()) channel->ended = true;
-  if (!got.ok() && (got.error == EAGAIN || got.error == EWOULDBLOCK)) BIO_set_retry_read(bio);
-  return 0;
-}
-
-long ChannelControl(BIO* bio, int command, long, void*) {
-  switch (command) {
-    case BIO_CTRL_FLUSH:
-      return 1;
-    case BIO_CTRL_EOF:
-      return static_cast<ChannelBio*>(BIO_get_data(bio))->ended ? 1 : 0;
-    default:
-      return 0;
-  }
-}
-
-int ChannelDestroy(BIO* bio) {
-  delete static_cast<ChannelBio*>(BIO_get_data(bio));
-  BIO_set_data(bio, nullptr);
-  return 1;
-}
-
-const BIO_METHOD* ChannelMethod() {
-  static const BIO_METHOD* const method = [] {
-    BIO_METHOD* made = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "channel");
-    BIO_meth_set_write_ex(made, ChannelWrite);
-    BIO_meth_set_read_ex(made, ChannelRead);
-    BIO_meth_set_ctrl(made, ChannelControl);
-    BIO_meth_set_destroy(made, ChannelDestroy);
-    return made;
-  }();
-  return method;
-}
-
-BIO* NewChannelBio(SocketApi* below, int fd) {
-  BIO* bio = BIO_new(ChannelMethod());
-  if (bio == nullptr) return nullptr;
-  BIO_set_data(bio, new ChannelBio{below, fd});
-  BIO_set_init(bio, 1);
-  return bio;
 }
 
 }  // namespace
@@ -308,47 +206,6 @@ int32_t TlsSocketApi::Handshake(int fd, const std::string& host, int32_t port, i
   return refused;
 }
 
-int32_t TlsSocketApi::CheckIdentity(const std::string& host_port, std::string& message) {
-  if (presented_.empty()) {
-    message = "The server " + host_port + " presented no certificate";
-    return tlsCertificateNotTrusted;
-  }
-  if (!settings_.fingerprint.empty() && settings_.fingerprint != presented_) {
-    message = "The server " + host_port + " presented the certificate " + presented_ +
-              ", not the pinned " + settings_.fingerprint +
-              ": the connection may be intercepted. If the server's certificate was replaced on "
-              "purpose, check its fingerprint on the server and pin the new one.";
-    return tlsCertificateChanged;
-  }
-  if (!settings_.known_hosts.empty()) return CheckKnownHosts(host_port, message);
-  return 0;
-}
-
-int32_t TlsSocketApi::CheckKnownHosts(const std::string& host_port, std::string& message) {
-  const std::string& file = settings_.known_hosts;
-  const std::optional<KnownHost> known = FindKnownHost(ReadWholeFile(file).value_or(""), host_port);
-  if (known) {
-    if (known->fingerprint == presented_) return 0;
-    const std::string line = std::to_string(known->line);
-    message = "The server " + host_port + " presented the certificate " + presented_ +
-              ", but line " + line + " of " + file + " expects " + known->fingerprint +
-              ": the connection may be intercepted, or the server's key was changed. If it was "
-              "changed on purpose, check the new fingerprint on the server, remove line " +
-              line + " of " + file + " and connect again.";
-    return tlsCertificateChanged;
-  }
-  if (!settings_.trust_new) {
-    message = "The server " + host_port + " is not in " + file + " (it presented " + presented_ +
-              "). Check this fingerprint on the server, then add the line \"" + host_port + " " +
-              presented_ + "\" to the file, or connect allowing trust on first use.";
-    return tlsCertificateNotTrusted;
-  }
-  if (!AppendLine(file, KnownHostLine(host_port, presented_))) {
-    message = "The server " + host_port + " (" + presented_ + ") cannot be recorded in " + file;
-    return tlsCertificateNotTrusted;
-  }
-  return 0;
-}
 
 // Writes records until everything is written or the socket is full: one call of the layer above
 // (and one wait for the socket) per block instead of per record.
