@@ -1,3 +1,5 @@
+// The log writers: which levels and entry types are written, the fields and cleaning of each
+// line, the folders and day files the lines go to, and the settings each thread keeps.
 #include "pelmora/common/log.h"
 
 #include <gmock/gmock.h>
@@ -7,13 +9,13 @@
 
 #include <filesystem>
 #include <optional>
-#include <set>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "pelmora/common/codepage.h"
+#include "pelmora/common/internal/log_test_fixture.h"
 #include "pelmora/common/internal/log_test_support.h"
 #include "pelmora/common/system.h"
 
@@ -24,40 +26,8 @@ namespace fs = std::filesystem;
 using internal::PinnedClock;
 using internal::ReadWholeFile;
 using internal::ScopedEnv;
-
-constexpr CivilTime kMorning{2009, 3, 14, 8, 5, 9};
-
-// A thread's log settings pointed at a scratch root, the library folder at <scratch>/home/lib and
-// the clock pinned to 2009-03-14 08:05:09.
-class LogTest : public ::testing::Test {
- protected:
-  LogTest()
-      : root_(scratch_.Path() + "/root"),
-        home_env_("PELMORA_HOME", scratch_.Path() + "/home/lib"),
-        clock_(kMorning),
-        host_(LocalComputerName()) {
-    fs::create_directory(root_);
-    LogRoot() = root_;
-    LogLevel() = 3;
-  }
-  ~LogTest() override {
-    LogRoot().clear();
-    LogLevel() = 0;
-  }
-
-  std::string DayFile(std::string_view extension) const {
-    return root_ + "/200903/20090314" + std::string(extension);
-  }
-  std::string LibraryDayFile(std::string_view name) const {
-    return scratch_.Path() + "/home/Log/200903/" + std::string(name);
-  }
-
-  internal::ScratchFolder scratch_;
-  std::string root_;
-  ScopedEnv home_env_;
-  PinnedClock clock_;
-  std::string host_;
-};
+using internal::kMorning;
+using internal::LogTest;
 
 TEST_F(LogTest, WriteLogWritesOnlyLevelsUpToTheThreadsLogLevel) {
   struct Case {
@@ -338,88 +308,6 @@ TEST_F(LogTest, LogRootAndLogLevelBelongToEachThread) {
   EXPECT_FALSE(written);
   EXPECT_EQ(LogRoot(), root_);
   EXPECT_EQ(LogLevel(), 3);
-}
-
-constexpr int kLinesPerWriter = 2000;
-
-std::string ConcurrentMessage(int writer, int line) {
-  return "writer " + std::to_string(writer) + " line " + std::to_string(line) + " " +
-         std::string(120, '.');
-}
-
-// Writes kLinesPerWriter lines with each writer; true when every call succeeded.
-bool WriteConcurrentLines(int writer) {
-  bool all_written = true;
-  for (int line = 0; line < kLinesPerWriter; ++line) {
-    all_written &= WriteLog(1, ConcurrentMessage(writer, line), "M", "P", 4);
-    all_written &= WriteLogFile(-1, ConcurrentMessage(writer, line), "M", "P", 4);
-  }
-  return all_written;
-}
-
-// Checks that `content` holds exactly the lines of `writers` writers, each whole and once.
-void ExpectEveryLineIntact(const std::optional<std::string>& content, const std::string& head,
-                           int writers) {
-  ASSERT_TRUE(content.has_value());
-  std::set<std::pair<int, int>> seen;
-  size_t start = 0;
-  while (start < content->size()) {
-    size_t end = content->find("\r\n", start);
-    ASSERT_NE(end, std::string::npos) << "unterminated line at byte " << start;
-    std::string line = content->substr(start, end - start);
-    int writer = -1;
-    int number = -1;
-    ASSERT_EQ(sscanf(line.c_str() + std::min(line.size(), head.size()), "writer %d line %d",
-                     &writer, &number),
-              2)
-        << line;
-    EXPECT_EQ(line, head + ConcurrentMessage(writer, number));
-    EXPECT_TRUE(seen.emplace(writer, number).second) << "repeated: " << line;
-    start = end + 2;
-  }
-  EXPECT_EQ(seen.size(), static_cast<size_t>(writers * kLinesPerWriter));
-}
-
-TEST_F(LogTest, LinesFromConcurrentThreadsStayWholeAndAllArrive) {
-  constexpr int kThreads = 4;
-  std::vector<std::thread> threads;
-  bool results[kThreads] = {};
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      LogRoot() = root_;  // each thread has its own settings
-      LogLevel() = 1;
-      results[t] = WriteConcurrentLines(t);
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  for (bool result : results) EXPECT_TRUE(result);
-  ExpectEveryLineIntact(ReadWholeFile(DayFile(".log")),
-                        "2009-03-14 08:05:09,I," + host_ + ",[M:P],", kThreads);
-  ExpectEveryLineIntact(ReadWholeFile(LibraryDayFile("20090314.log")),
-                        "2009-03-14 08:05:09`I`" + host_ + "`[M:P]`0`-1`", kThreads);
-}
-
-TEST_F(LogTest, LinesFromConcurrentProcessesStayWholeAndAllArrive) {
-  constexpr int kProcesses = 3;
-  std::vector<pid_t> children;
-  for (int p = 0; p < kProcesses; ++p) {
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-      alarm(60);  // a stuck child ends itself
-      _exit(WriteConcurrentLines(p) ? 0 : 1);
-    }
-    children.push_back(pid);
-  }
-  for (pid_t pid : children) {
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-  }
-  ExpectEveryLineIntact(ReadWholeFile(DayFile(".log")),
-                        "2009-03-14 08:05:09,I," + host_ + ",[M:P],", kProcesses);
-  ExpectEveryLineIntact(ReadWholeFile(LibraryDayFile("20090314.log")),
-                        "2009-03-14 08:05:09`I`" + host_ + "`[M:P]`0`-1`", kProcesses);
 }
 
 }  // namespace
