@@ -14,6 +14,8 @@ PLUGIN = (pathlib.Path(os.environ["PELMORA_SOURCE_DIR"]) /
 found = importlib.util.spec_from_file_location("pelmora_connection", PLUGIN)
 plugin = importlib.util.module_from_spec(found)
 found.loader.exec_module(plugin)
+status_marker = plugin.status_marker  # the helpers, loaded by the plugin from plugin_utils
+remote_paths = plugin.remote_paths
 
 
 @pytest.mark.parametrize("output, status, rest", [
@@ -24,11 +26,38 @@ found.loader.exec_module(plugin)
     ("killed before the marker\n\n__m=", None, "killed before the marker\n\n__m="),
 ])
 def test_status_comes_from_the_last_marker_line(output, status, rest):
-    assert plugin.split_status(output, "__m=") == (status, rest)
+    assert status_marker.split_status(output, "__m=") == (status, rest)
 
 
 def test_wrapped_command_prints_the_status_after_the_marker():
-    assert plugin.wrap_command("false", "__m=") == "false; printf '\\n__m=%d\\n' \"$?\""
+    assert status_marker.wrap_command("false", "__m=") == "false; printf '\\n__m=%d\\n' \"$?\""
+
+
+class ShellSession:
+    """A stand-in for the library's session that runs a command with /bin/sh and hands its
+    merged output to the CommandOutput handler, as a service without the extended exchange."""
+
+    def __init__(self):
+        self.handlers = {}
+
+    def on(self, event, handler):
+        self.handlers[event] = handler
+        return event
+
+    def off(self, cookie):
+        del self.handlers[cookie]
+
+    def SyncCreateProcess(self, command, timeout_ms):  # noqa: N802 (the library's name)
+        done = subprocess.run(["/bin/sh", "-c", command], capture_output=True, text=True,
+                              timeout=timeout_ms / 1000)
+        self.handlers["CommandOutput"](done.stdout + done.stderr)
+        return True
+
+
+def test_marked_command_gives_its_status_and_output_without_the_marker():
+    session = ShellSession()
+    assert status_marker.run_marked(session, "echo out; false", 10000) == (1, "out\n", True)
+    assert session.handlers == {}  # the output handler is removed after the command
 
 
 @pytest.mark.parametrize("path, root, expected", [
@@ -37,13 +66,13 @@ def test_wrapped_command_prints_the_status_after_the_marker():
     ("/srv/c", "/srv/c/", "C:\\"),
 ])
 def test_host_paths_become_drive_paths(path, root, expected):
-    assert plugin.drive_path(path, "C", root) == expected
+    assert remote_paths.drive_path(path, "C", root) == expected
 
 
 @pytest.mark.parametrize("path", ["/etc/passwd", "/srv/cc/x", "/srv/c/../d"])
 def test_paths_outside_the_drive_folder_are_refused(path):
     with pytest.raises(AnsibleError):
-        plugin.drive_path(path, "C", "/srv/c")
+        remote_paths.drive_path(path, "C", "/srv/c")
 
 
 @pytest.mark.parametrize("home, root, printed", [
@@ -54,12 +83,12 @@ def test_paths_outside_the_drive_folder_are_refused(path):
     ("/nonexistent", "/srv/my drive", "/srv/my drive"),
 ])
 def test_home_command_prints_a_home_beneath_the_drive_or_the_drive(home, root, printed):
-    done = subprocess.run(["/bin/sh", "-c", plugin.home_command(root)], env={"HOME": home},
+    done = subprocess.run(["/bin/sh", "-c", remote_paths.home_command(root)], env={"HOME": home},
                           capture_output=True, text=True, timeout=10)
     assert done.stdout == printed + "\n"
 
 
-keeper = plugin.keeper  # the session keeper's exchange, loaded by the plugin
+keeper = plugin.keeper_client.keeper  # the session keeper's exchange, loaded by the plugin
 
 
 def header(data):

@@ -162,17 +162,8 @@ options:
 """
 
 import contextlib
-import fcntl
 import importlib.util
 import os
-import posixpath
-import secrets
-import selectors
-import shlex
-import socket
-import subprocess
-import sys
-import time
 
 from ansible.errors import AnsibleConnectionFailure, AnsibleError, AnsibleFileNotFound
 from ansible.plugins.connection import ConnectionBase
@@ -180,11 +171,24 @@ from ansible.utils.display import Display
 
 display = Display()
 
-KEEPER = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))),
-                      "plugin_utils", "keeper.py")
-_found = importlib.util.spec_from_file_location("pelmora_session_keeper", KEEPER)
-keeper = importlib.util.module_from_spec(_found)
-_found.loader.exec_module(keeper)
+UTILS = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "plugin_utils")
+
+
+def load_util(name):
+    """plugin_utils/NAME.py, loaded from its file: the collection's folder need not be
+    importable as a package (the helpers' tests load this plugin as a file, too)."""
+    found = importlib.util.spec_from_file_location(f"pelmora_connection_{name}",
+                                                   os.path.join(UTILS, name + ".py"))
+    module = importlib.util.module_from_spec(found)
+    found.loader.exec_module(module)
+    return module
+
+
+keeper_client = load_util("keeper_client")
+pipelining = load_util("pipelining")
+remote_paths = load_util("remote_paths")
+status_marker = load_util("status_marker")
+timed = load_util("verbose").timed
 TLS_PORT = 8443  # the service's default port over TLS
 
 
@@ -198,57 +202,7 @@ def import_pelmora():
     return pelmora
 
 
-def wrap_command(cmd, marker):
-    """The command with a last line that carries its exit status after `marker`."""
-    return f"{cmd}; printf '\\n{marker}%d\\n' \"$?\""
-
-
-def split_status(output, marker):
-    """(status, output without the marker line), or (None, output) when the marker is missing."""
-    at = output.rfind("\n" + marker)
-    if at < 0:
-        return None, output
-    tail = output[at + 1 + len(marker):].strip()
-    try:
-        return int(tail.splitlines()[0]), output[:at]
-    except (ValueError, IndexError):
-        return None, output
-
-
-def home_command(root):
-    """The shell command that prints the home folder of the identity commands run as, or `root`
-    when that folder is not beneath `root` (the drive's folder, the only place files can go)."""
-    base = posixpath.normpath(root)
-    if base == "/":
-        return "echo ~"
-    quoted = shlex.quote(base)
-    return f'h=~; case "$h/" in {quoted}/*) echo "$h" ;; *) echo {quoted} ;; esac'
-
-
-def drive_path(path, drive, root):
-    """The service's drive path of an absolute host path beneath `root`."""
-    normal = posixpath.normpath(path)
-    base = posixpath.normpath(root)
-    if base == "/":
-        relative = normal.lstrip("/")
-    elif normal == base or normal.startswith(base + "/"):
-        relative = normal[len(base):].lstrip("/")
-    else:
-        raise AnsibleError(f"{path} is not beneath {root}, the folder of drive {drive}:")
-    return f"{drive}:\\" + relative.replace("/", "\\")
-
-
-@contextlib.contextmanager
-def timed(what, host):
-    """Shows at -vvvv how long `what` took, to see where a run's time goes."""
-    start = time.monotonic()
-    try:
-        yield
-    finally:
-        display.vvvv(f"PELMORA {what} took {(time.monotonic() - start) * 1000:.1f} ms", host=host)
-
-
-class Connection(ConnectionBase):
+class Connection(pipelining.ServicePipelining, ConnectionBase):
     transport = "pelmora.admin.pelmora"
     has_pipelining = True
 
@@ -259,49 +213,9 @@ class Connection(ConnectionBase):
         self._keeper = None
         self._refused = None
         self._reporting = False
-        self._adapt_shell()
-
-    def _adapt_shell(self):
-        """Makes the shell plugin's home and temporary folders those of the account's identity.
-
-        Ansible expands "~" as "~<ansible_user>", a service account no host knows: the shell
-        would print it back and the temporary folder would become a literal "~operator" folder.
-        """
-        shell = self._shell
-        set_options, expand_user = shell.set_options, shell.expand_user
-
-        def set_shell_options(*args, **kwargs):
-            set_options(*args, **kwargs)
-            remote_tmp = self.get_option("remote_tmp")
-            if remote_tmp:
-                shell.set_option("remote_tmp", remote_tmp)
-
-        def expand_account_home(user_home_path, username=""):
-            account = self.get_option("remote_user") or ""
-            if user_home_path in ("~", "~" + account) and not username:
-                return home_command(self.get_option("drive_root"))
-            return expand_user(user_home_path, username)
-
-        shell.set_options = set_shell_options
-        shell.expand_user = expand_account_home
-
-    def get_option(self, option, hostvars=None):
-        value = super().get_option(option, hostvars)
-        if option == "pipelining" and value and not self._reporting:
-            # Only a service with the extended exchange takes input. A failed login is reported
-            # where Ansible expects it (the host unreachable), by the next call that connects.
-            with contextlib.suppress(AnsibleConnectionFailure):
-                return self._connect()._extended
-        return value
-
-    def update_vars(self, variables):
-        # Ansible reads every option here to report it back, whether the task uses the host
-        # or not: that must not log in.
-        self._reporting = True
-        try:
-            super().update_vars(variables)
-        finally:
-            self._reporting = False
+        # "~" must be the home of the account's identity: Ansible would make it "~<ansible_user>",
+        # a service account no host knows, and the shell would print that back.
+        remote_paths.adapt_shell(self._shell, self.get_option)
 
     def _host(self):
         return self.get_option("remote_addr")
@@ -353,7 +267,7 @@ class Connection(ConnectionBase):
         display.vvv(f"PELMORA CONNECT {user}@{host}:{port}{' TLS' if tls else ''}", host=host)
         self._keeper = None
         if int(self.get_option("persist")) > 0:
-            path = self._keeper_path()
+            path = keeper_client.keeper_path(self.get_option("control_path_dir"))
             if path:
                 with timed("KEEPER", host):
                     reply, _ = self._ask({"op": "open"}, path=path)
@@ -381,94 +295,11 @@ class Connection(ConnectionBase):
         self._connected = True
         return self
 
-    # The session keeper (plugin_utils/keeper.py): one process of the user that keeps sessions
-    # open between tasks; each request is one connection to its socket.
-
-    def _keeper_path(self):
-        """The keeper's socket, or None when its folder is not private to the user."""
-        folder = os.path.expanduser(self.get_option("control_path_dir"))
-        try:
-            os.makedirs(folder, mode=0o700, exist_ok=True)
-            status = os.stat(folder)
-        except OSError as error:
-            display.warning(f"pelmora: no session keeper, {folder}: {error.strerror}")
-            return None
-        if status.st_uid != os.getuid() or status.st_mode & 0o077:
-            display.warning(f"pelmora: no session keeper, {folder} is not private to this user "
-                            "(mode 700)")
-            return None
-        path = os.path.join(folder, "keeper")
-        if len(path.encode()) >= 100:  # a socket's path has room for 107 bytes
-            display.warning(f"pelmora: no session keeper, {folder} is too long a path for a "
-                            "socket (set pelmora_control_path_dir to a shorter folder)")
-            return None
-        return path
-
-    def _greeted(self, path, timeout):
-        """A connection to the keeper at path that it has taken, or None when no keeper is
-        there (or it was ending: the request would not have run)."""
-        client = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        client.settimeout(timeout)
-        try:
-            client.connect(path)
-            keeper.receive_message(client)
-        except (FileNotFoundError, ConnectionError):
-            client.close()
-            return None
-        except (OSError, ValueError) as error:
-            client.close()
-            raise AnsibleConnectionFailure(
-                f"pelmora: {self._host()}: the session keeper at {path} did not answer: "
-                f"{error}") from error
-        client.settimeout(None)
-        return client
-
-    def _keeper_connection(self, path):
-        """A greeted connection to the keeper, started first if none is there."""
-        timeout = int(self.get_option("timeout"))
-        client = self._greeted(path, timeout)
-        if client is not None:
-            return client
-        with open(path + ".lock", "a") as lock:  # one keeper, however many tasks start
-            fcntl.flock(lock, fcntl.LOCK_EX)
-            client = self._greeted(path, timeout)
-            if client is None:
-                self._start_keeper(path)
-                client = self._greeted(path, timeout)
-        if client is None:
-            raise AnsibleConnectionFailure(
-                f"pelmora: {self._host()}: the session keeper at {path} went away")
-        return client
-
-    def _start_keeper(self, path):
-        started = subprocess.Popen(
-            [sys.executable, KEEPER, path], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-            stderr=subprocess.DEVNULL, cwd="/", close_fds=True, start_new_session=True)
-        with selectors.DefaultSelector() as selector:
-            selector.register(started.stdout, selectors.EVENT_READ)
-            answered = selector.select(int(self.get_option("timeout")) + 30)
-        answer = started.stdout.readline().decode(errors="replace").strip() if answered else ""
-        started.stdout.close()
-        if answer == "ready":
-            display.vvv(f"PELMORA KEEPER started at {path}", host=self._host())
-            return
-        if not answered:
-            started.kill()
-        started.wait()
-        raise AnsibleConnectionFailure(f"pelmora: {self._host()}: the session keeper did not "
-                                       f"start ({answer or 'no answer'})")
-
     def _ask(self, header, blobs=(), path=None):
         """The keeper's reply (header, byte strings) to one request for this task's login."""
         settings = dict(self._settings(), persist=int(self.get_option("persist")))
-        client = self._keeper_connection(path or self._keeper)
-        with client:
-            try:
-                keeper.send_message(client, dict(header, settings=settings), blobs)
-                reply, blobs = keeper.receive_message(client)
-            except (OSError, ValueError) as error:
-                raise AnsibleConnectionFailure(
-                    f"pelmora: {self._host()}: the session keeper failed: {error}") from error
+        reply, blobs = keeper_client.exchange(path or self._keeper, dict(header, settings=settings),
+                                              blobs, int(self.get_option("timeout")), self._host())
         if reply.get("login") and header["op"] != "open":  # a new session could not log in
             raise self._unreachable(reply["error"], reply["description"])
         if reply.get("plain") and header["op"] != "open":
@@ -483,16 +314,9 @@ class Connection(ConnectionBase):
         if in_data is not None:
             raise AnsibleError("this pelmora service cannot pipe input to commands: turn "
                                "pipelining off for it")
-        marker = "__pelmora_status_" + secrets.token_hex(8) + "="
-        pieces = []
-        cookie = self._fso.on("CommandOutput", pieces.append)
-        try:
-            display.vvv(f"PELMORA EXEC {cmd}", host=self._host())
-            ended = self._fso.SyncCreateProcess(wrap_command(cmd, marker),
-                                                int(self.get_option("command_timeout")))
-        finally:
-            self._fso.off(cookie)
-        status, output = split_status("".join(pieces), marker)
+        display.vvv(f"PELMORA EXEC {cmd}", host=self._host())
+        status, output, ended = status_marker.run_marked(self._fso, cmd,
+                                                         int(self.get_option("command_timeout")))
         if status is None:
             if not ended and self._fso.ErrCode not in (9001, 9002, 9003):
                 raise AnsibleConnectionFailure(self._failure("command failed"))
@@ -528,7 +352,8 @@ class Connection(ConnectionBase):
         return status, out, err
 
     def _drive_path(self, path):
-        return drive_path(path, self.get_option("drive"), self.get_option("drive_root"))
+        return remote_paths.drive_path(path, self.get_option("drive"),
+                                       self.get_option("drive_root"))
 
     def _transfer(self, operation, local, remote, what):
         """Upload (put) or download (fetch) between a local path and a remote drive path."""
@@ -562,7 +387,7 @@ class Connection(ConnectionBase):
         self.close()
         if int(self.get_option("persist")) <= 0:
             return
-        path = self._keeper_path()
+        path = keeper_client.keeper_path(self.get_option("control_path_dir"))
         if path and os.path.exists(path):
             with contextlib.suppress(AnsibleConnectionFailure):
                 self._ask({"op": "stop"}, path=path)
