@@ -23,9 +23,7 @@ using pelmora::testing::ScriptedPeer;
 using pelmora::testing::TextData;
 using ::testing::HasSubstr;
 using ::testing::Not;
-using scripted::Admin;
 using scripted::BaseEnv;
-using scripted::Env;
 using scripted::kLimit;
 using scripted::Scratch;
 

@@ -25,7 +25,6 @@ using pelmora::testing::ScriptedPeer;
 using pelmora::testing::StatusData;
 using pelmora::testing::TextData;
 using ::testing::HasSubstr;
-using ::testing::Not;
 using scripted::Admin;
 using scripted::BaseEnv;
 using scripted::Env;
