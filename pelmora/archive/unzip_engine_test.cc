@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "pelmora/archive/internal/unzip_engine_fixture.h"
+#include "pelmora/testing/unzip_engine_fixture.h"
 
 namespace pelmora::archive {
 namespace {

@@ -5,8 +5,8 @@
 
 #include <string>
 
-#include "pelmora/archive/internal/unzip_engine_fixture.h"
 #include "pelmora/archive/unzip_engine.h"
+#include "pelmora/testing/unzip_engine_fixture.h"
 
 namespace pelmora::archive {
 namespace {

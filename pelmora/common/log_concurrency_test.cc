@@ -13,8 +13,8 @@
 #include <utility>
 #include <vector>
 
-#include "pelmora/common/internal/log_test_fixture.h"
 #include "pelmora/common/log.h"
+#include "pelmora/testing/log_test_fixture.h"
 
 namespace pelmora {
 namespace {

@@ -15,9 +15,9 @@
 #include <vector>
 
 #include "pelmora/common/codepage.h"
-#include "pelmora/common/internal/log_test_fixture.h"
 #include "pelmora/common/internal/log_test_support.h"
 #include "pelmora/common/system.h"
+#include "pelmora/testing/log_test_fixture.h"
 
 namespace pelmora {
 namespace {

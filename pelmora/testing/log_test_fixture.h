@@ -1,7 +1,7 @@
 // The log writers' test fixture: a thread's log settings pointed at a scratch root, the library
 // folder at <scratch>/home/lib and the clock pinned to 2009-03-14 08:05:09. Used only by tests.
-#ifndef PELMORA_COMMON_INTERNAL_LOG_TEST_FIXTURE_H_
-#define PELMORA_COMMON_INTERNAL_LOG_TEST_FIXTURE_H_
+#ifndef PELMORA_TESTING_LOG_TEST_FIXTURE_H_
+#define PELMORA_TESTING_LOG_TEST_FIXTURE_H_
 
 #include <gtest/gtest.h>
 
@@ -49,4 +49,4 @@ class LogTest : public ::testing::Test {
 
 }  // namespace pelmora::internal
 
-#endif  // PELMORA_COMMON_INTERNAL_LOG_TEST_FIXTURE_H_
+#endif  // PELMORA_TESTING_LOG_TEST_FIXTURE_H_

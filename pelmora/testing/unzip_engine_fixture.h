@@ -1,8 +1,8 @@
 // The unzip engine's test fixture: an archive of two files (one in a folder, with its mode and
 // time set) made by the real zip program, the engine's controls set to extract it into out/, and
 // callbacks that record the printed text and the replace questions.
-#ifndef PELMORA_ARCHIVE_INTERNAL_UNZIP_ENGINE_FIXTURE_H_
-#define PELMORA_ARCHIVE_INTERNAL_UNZIP_ENGINE_FIXTURE_H_
+#ifndef PELMORA_TESTING_UNZIP_ENGINE_FIXTURE_H_
+#define PELMORA_TESTING_UNZIP_ENGINE_FIXTURE_H_
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -57,4 +57,4 @@ class UnzipEngine : public ::testing::Test {
 
 }  // namespace pelmora::archive::testing
 
-#endif  // PELMORA_ARCHIVE_INTERNAL_UNZIP_ENGINE_FIXTURE_H_
+#endif  // PELMORA_TESTING_UNZIP_ENGINE_FIXTURE_H_
