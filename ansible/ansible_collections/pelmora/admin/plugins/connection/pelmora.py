@@ -213,9 +213,7 @@ class Connection(pipelining.ServicePipelining, ConnectionBase):
         self._keeper = None
         self._refused = None
         self._reporting = False
-        # "~" must be the home of the account's identity: Ansible would make it "~<ansible_user>",
-        # a service account no host knows, and the shell would print that back.
-        remote_paths.adapt_shell(self._shell, self.get_option)
+        remote_paths.adapt_shell(self._shell, self.get_option)  # "~": the identity's home
 
     def _host(self):
         return self.get_option("remote_addr")
