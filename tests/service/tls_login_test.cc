@@ -3,14 +3,10 @@
 // sides, the refused older TLS version, and how the service sends its records.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/ssl.h>
-#include <sys/socket.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,6 +20,7 @@
 #include "pelmorad/tls_listener.h"
 #include "tests/service/raw_client.h"
 #include "tests/service/service_process.h"
+#include "tests/service/service_socket.h"
 #include "tests/service/tls_login.h"
 
 namespace pelmorad::testing {
@@ -183,35 +180,6 @@ TEST_F(ServiceTlsLogin, AnOlderTlsVersionIsRefusedAtTheHandshakeAndAudited) {
                                                 "unsupported protocol\" result=87"));
 }
 
-// The value of the TCP socket option `name` on the service's end of the connection whose peer
-// is the local port `client_port`, taken through a copy of the service's descriptor; nullopt
-// when no such connection is found.
-std::optional<int> ServiceSideTcpOption(pid_t service, uint16_t client_port, int name) {
-  const int process = static_cast<int>(::syscall(SYS_pidfd_open, service, 0));
-  if (process < 0) return std::nullopt;
-  std::optional<int> value;
-  std::error_code error;
-  for (const auto& entry :
-       std::filesystem::directory_iterator("/proc/" + std::to_string(service) + "/fd", error)) {
-    const int number = std::atoi(entry.path().filename().c_str());
-    const int fd = static_cast<int>(::syscall(SYS_pidfd_getfd, process, number, 0));
-    if (fd < 0) continue;
-    sockaddr_in peer{};
-    socklen_t size = sizeof(peer);
-    int option = 0;
-    socklen_t option_size = sizeof(option);
-    if (::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) == 0 &&
-        peer.sin_family == AF_INET && ntohs(peer.sin_port) == client_port &&
-        ::getsockopt(fd, IPPROTO_TCP, name, &option, &option_size) == 0) {
-      value = option;
-    }
-    ::close(fd);
-    if (value) break;
-  }
-  ::close(process);
-  return value;
-}
-
 TEST_F(ServiceTlsLogin, TheServiceSendsEachRecordAtOnceAndNoTicket) {
   // Records written one after another (the handshake's last flight, a size message and its
   // block) must not wait for the client's delayed acknowledgement of the one before.
@@ -221,10 +189,7 @@ TEST_F(ServiceTlsLogin, TheServiceSendsEachRecordAtOnceAndNoTicket) {
   SSL* ssl = SSL_new(context);
   SSL_set_fd(ssl, client.fd());
   ASSERT_EQ(SSL_connect(ssl), 1);  // the service has set its socket up once it answered
-  sockaddr_in local{};
-  socklen_t size = sizeof(local);
-  ASSERT_EQ(::getsockname(client.fd(), reinterpret_cast<sockaddr*>(&local), &size), 0);
-  EXPECT_EQ(ServiceSideTcpOption(service_.pid(), ntohs(local.sin_port), TCP_NODELAY), 1);
+  EXPECT_EQ(ServiceSideTcpOption(service_.pid(), LocalPort(client.fd()), TCP_NODELAY), 1);
   // No session ticket comes before the login reply: every connection presents the certificate,
   // so the client checks it every time.
   const int32_t sequence = pelmora::admin::NextSequenceNumber(pelmora::admin::kFirstSequenceNumber);
